@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef BEDROCK_CORE_DIAG_TERMINATE_H
+#define BEDROCK_CORE_DIAG_TERMINATE_H
+
+#include <bedrock/Export.h>
+
+#include <string>
+
+/// Whether a broken invariant ends the process. True unless bedrock_diag_set_terminate() said
+/// otherwise. Any thread may call it; it takes no lock.
+[[nodiscard]] BEDROCK_EXPORT bool bedrock_diag_terminate() noexcept;
+
+/// Decides what bedrock_diag_terminate() answers from now on, in the whole process.
+/// @return what it answered before. Any thread may call it; it takes no lock.
+BEDROCK_EXPORT bool bedrock_diag_set_terminate(bool terminate) noexcept;
+
+namespace bedrock::core::diag {
+
+/// The fatal diagnostic: writes one line with the message, the source position and the function to
+/// standard error, then calls std::abort. Any thread may call it.
+[[noreturn]] BEDROCK_EXPORT void terminate(std::string const& message, char const* file, int line,
+                                           char const* function) noexcept;
+
+} // namespace bedrock::core::diag
+
+#endif

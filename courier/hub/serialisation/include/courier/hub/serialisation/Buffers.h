@@ -1,0 +1,449 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_HUB_SERIALISATION_BUFFERS_H
+#define COURIER_HUB_SERIALISATION_BUFFERS_H
+
+#include <courier/hub/serialisation/Export.h>
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace courier::hub::serialisation {
+
+static_assert(sizeof(std::size_t) == 8, "courier::hub::serialisation needs a 64-bit std::size_t");
+
+namespace detail {
+// The throwing ends of inline checks, kept out of line so that the checks inline well.
+[[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwOutOfRange(char const* message);
+[[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwIncompatibleIterators();
+[[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwBlockWithoutDeleter();
+} // namespace detail
+
+/// The iterator of ByteBuffer and ByteBufferView: contiguous, with T = std::byte for mutable and
+/// T = std::byte const for read-only access.
+///
+/// A position is either a raw pointer (external blocks and views) or a position in the buffer's own
+/// vector. Positions of different forms are never equal; taking their difference, or comparing
+/// their order, throws std::runtime_error "Attempting to take difference between incompatible
+/// MessageIterators".
+///
+/// A plain value that owns nothing. Every operation takes constant time, allocates nothing and,
+/// but for the difference, throws nothing. Dereferencing or advancing past the end is not checked.
+/// Several threads may walk one buffer while nobody changes it.
+template <class T> class ByteBufferIterator {
+    static_assert(std::is_same_v<std::remove_const_t<T>, std::byte>);
+    using VectorPosition =
+        std::conditional_t<std::is_const_v<T>, std::vector<std::byte>::const_iterator,
+                           std::vector<std::byte>::iterator>;
+
+public:
+    using iterator_concept = std::contiguous_iterator_tag;
+    using iterator_category = std::random_access_iterator_tag;
+    using value_type = std::byte;
+    using difference_type = std::ptrdiff_t;
+    using pointer = T*;
+    using reference = T&;
+
+    /// Equal to an iterator made from a null pointer.
+    ByteBufferIterator() noexcept = default;
+
+    /// A position in memory.
+    explicit ByteBufferIterator(T* p) noexcept : pointer_(p) {}
+
+    /// A position in a vector.
+    explicit ByteBufferIterator(VectorPosition p) noexcept : position_(p) {}
+
+    /// The read-only iterator at the position of a mutable one.
+    template <class Mutable>
+    requires(std::is_same_v<Mutable, std::byte>&& std::is_const_v<T>)
+        ByteBufferIterator(ByteBufferIterator<Mutable> const& other)
+    noexcept : pointer_(other.pointer_), position_(other.position_) {}
+
+    reference operator*() const noexcept { return pointer_ != nullptr ? *pointer_ : *position_; }
+    pointer operator->() const noexcept {
+        return pointer_ != nullptr ? pointer_ : std::to_address(position_);
+    }
+    reference operator[](difference_type n) const noexcept { return *(*this + n); }
+
+    ByteBufferIterator& operator+=(difference_type n) noexcept {
+        if (pointer_ != nullptr) {
+            pointer_ += n;
+        } else {
+            position_ += n;
+        }
+        return *this;
+    }
+    ByteBufferIterator& operator-=(difference_type n) noexcept { return *this += -n; }
+    ByteBufferIterator& operator++() noexcept { return *this += 1; }
+    ByteBufferIterator& operator--() noexcept { return *this += -1; }
+    ByteBufferIterator operator++(int) noexcept { return std::exchange(*this, *this + 1); }
+    ByteBufferIterator operator--(int) noexcept { return std::exchange(*this, *this - 1); }
+
+    friend ByteBufferIterator operator+(ByteBufferIterator it, difference_type n) noexcept {
+        return it += n;
+    }
+    friend ByteBufferIterator operator+(difference_type n, ByteBufferIterator it) noexcept {
+        return it += n;
+    }
+    friend ByteBufferIterator operator-(ByteBufferIterator it, difference_type n) noexcept {
+        return it -= n;
+    }
+
+    /// The number of bytes from b to a. Throws std::runtime_error for positions of different forms.
+    friend difference_type operator-(ByteBufferIterator const& a, ByteBufferIterator const& b) {
+        if ((a.pointer_ != nullptr) != (b.pointer_ != nullptr)) {
+            detail::throwIncompatibleIterators();
+        }
+        return a.pointer_ != nullptr ? a.pointer_ - b.pointer_ : a.position_ - b.position_;
+    }
+
+    friend bool operator==(ByteBufferIterator const& a, ByteBufferIterator const& b) noexcept {
+        return a.pointer_ == b.pointer_ && a.position_ == b.position_;
+    }
+
+    /// Throws std::runtime_error for positions of different forms.
+    friend std::strong_ordering operator<=>(ByteBufferIterator const& a,
+                                            ByteBufferIterator const& b) {
+        return (a - b) <=> 0;
+    }
+
+private:
+    friend class ByteBufferIterator<std::byte const>;
+
+    T* pointer_ = nullptr;      // null in vector form
+    VectorPosition position_{}; // value-initialised in pointer form
+};
+
+static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>>);
+static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>>);
+static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte>>);
+static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte const>>);
+
+class ByteBuffer;
+
+/// A pointer and a length: contiguous bytes that somebody else owns.
+///
+/// Pass it by value. It keeps nothing alive: use it only while the bytes stay where they are, and
+/// adopt or copy them into a ByteBuffer to keep them longer. It gives mutable access also when it
+/// was made from a pointer to const bytes; do not write through such a view.
+///
+/// A view with a null start and a length other than 0 can be made, but the operations that copy its
+/// bytes refuse it.
+///
+/// Unless a comment says otherwise, every operation takes constant time, allocates nothing and
+/// throws nothing; one that throws leaves the view as it was. A view may be read and copied on
+/// several threads at once; whether its bytes may is up to their owner.
+class COURIER_HUB_SERIALISATION_EXPORT ByteBufferView {
+public:
+    /// A view of no bytes: null start, length 0.
+    ByteBufferView() noexcept = default;
+
+    /// The `size` bytes from `data` on. Nothing is checked.
+    ByteBufferView(std::byte* data, std::size_t size) noexcept : start_(data), length_(size) {}
+    ByteBufferView(std::byte const* data, std::size_t size) noexcept
+        : start_(const_cast<std::byte*>(data)), length_(size) {}
+
+    /// The first byte; null for an empty view that refers to nothing.
+    [[nodiscard]] std::byte* data() noexcept { return start_; }
+    [[nodiscard]] std::byte const* data() const noexcept { return start_; }
+
+    /// The number of bytes.
+    [[nodiscard]] std::size_t size() const noexcept { return length_; }
+    [[nodiscard]] bool empty() const noexcept { return length_ == 0; }
+
+    /// Byte i, unchecked: i must be below size().
+    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return start_[i]; }
+    [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept { return start_[i]; }
+
+    /// Byte i. Throws std::out_of_range "Attempt to access position beyond the end of the
+    /// ByteBufferView" when i is not below size().
+    [[nodiscard]] std::byte& at(std::size_t i) { return start_[checked(i)]; }
+    [[nodiscard]] std::byte const& at(std::size_t i) const { return start_[checked(i)]; }
+
+    /// The first byte. Throws std::out_of_range "ByteBufferView is empty".
+    [[nodiscard]] std::byte& front() { return *nonEmpty(); }
+    [[nodiscard]] std::byte const& front() const { return *nonEmpty(); }
+
+    [[nodiscard]] ByteBufferIterator<std::byte> begin() noexcept {
+        return ByteBufferIterator<std::byte>(start_);
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> begin() const noexcept {
+        return ByteBufferIterator<std::byte const>(start_);
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
+    [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
+        return ByteBufferIterator<std::byte>(endAddress());
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> end() const noexcept {
+        return ByteBufferIterator<std::byte const>(endAddress());
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
+
+    /// Makes this the view of no bytes. Like every change of a view, it touches no byte.
+    void clear() noexcept { *this = ByteBufferView(); }
+
+    /// Drops the first n bytes from the view; one that ends up empty has a null start. Throws
+    /// std::out_of_range "Requested to remove more bytes than exist" when n is above size().
+    void trimFront(std::size_t n);
+
+    /// The `count` bytes from `offset` on; a count of 0 reaches to the end, and at the end gives
+    /// the view of no bytes. Throws std::out_of_range "Invalid range requested" when the range
+    /// leaves the view.
+    [[nodiscard]] ByteBufferView makeView(std::size_t offset, std::size_t count) const;
+
+    /// A new buffer with the viewed bytes followed by those of the argument; of a vector of
+    /// buffers, element after element. Neither the view nor the argument changes. Linear in the
+    /// bytes. Throws std::runtime_error "Attempting to take difference between incompatible
+    /// MessageIterators" for a null view with a length, std::length_error "vector too long",
+    /// std::bad_alloc.
+    [[nodiscard]] ByteBuffer append(ByteBuffer&& other);
+    [[nodiscard]] ByteBuffer append(ByteBuffer const& other);
+    [[nodiscard]] ByteBuffer append(std::vector<ByteBuffer>&& others);
+    [[nodiscard]] ByteBuffer append(std::vector<ByteBuffer> const& others);
+    [[nodiscard]] ByteBuffer append(std::vector<std::byte>&& bytes);
+    [[nodiscard]] ByteBuffer append(ByteBufferView view);
+
+    /// A new buffer with a copy of the bytes; throws as the buffer's constructor does.
+    [[nodiscard]] explicit operator ByteBuffer() const;
+
+private:
+    [[nodiscard]] std::size_t checked(std::size_t i) const {
+        if (i >= length_) {
+            detail::throwOutOfRange(
+                "Attempt to access position beyond the end of the ByteBufferView");
+        }
+        return i;
+    }
+    [[nodiscard]] std::byte* nonEmpty() const {
+        if (length_ == 0) {
+            detail::throwOutOfRange("ByteBufferView is empty");
+        }
+        return start_;
+    }
+    // Pointer arithmetic on null is undefined, but a null view with a length needs an end as well.
+    [[nodiscard]] std::byte* endAddress() const noexcept {
+        return start_ != nullptr ? start_ + length_
+                                 : reinterpret_cast<std::byte*>(std::uintptr_t{length_});
+    }
+
+    std::byte* start_ = nullptr;
+    std::size_t length_ = 0;
+};
+
+static_assert(std::is_trivially_copyable_v<ByteBufferView>);
+
+/// A sequence of bytes with exactly one owner, kept in one of two forms:
+///
+///     vector form                          external form
+///     start: null                          block ──▶ ┌─────────┬────────────────────┬───┐
+///     owned ──▶ ┌──────────────┬───────┐             │ trimmed │ live bytes         │ … │
+///               │ bytes        │ spare │             └─────────┴────────────────────┴───┘
+///               └──────────────┴───────┘   start ──────────────▶◀── external size ──▶
+///
+/// In external form the bytes are a block that was allocated elsewhere and adopted together with
+/// the routine that frees it: received data is not copied. The deleter is called exactly once, with
+/// the address that was handed over, when the block is no longer needed: by clear(), the first
+/// append(), push_back() or resize(), a move assignment into the buffer, or the destructor. It runs
+/// on the thread that does so, must not be empty and must not throw:
+///
+///     ByteBuffer good({std::malloc(n), [](void* p) { std::free(p); }}, n);
+///     ByteBuffer bad({borrowed, [](void*) {}}, n);  // nobody keeps `borrowed` alive: use a view
+///
+/// Move-only; clone() copies. A moved-from buffer is empty and may be used again. Use a
+/// ByteBufferView to pass bytes on for the length of a call.
+///
+/// Moving, clear(), the destructor and the queries take constant time (but for freeing), allocate
+/// nothing and throw nothing, unless a comment says otherwise. An operation that throws leaves the
+/// content as it was. No operation locks: a buffer belongs to one thread at a time, and const
+/// operations may run on several threads while nobody changes it.
+class COURIER_HUB_SERIALISATION_EXPORT ByteBuffer {
+public:
+    /// The routine that frees a block.
+    using Deleter = std::function<void(void*)>;
+    /// A block together with the routine that frees it.
+    using Block = std::unique_ptr<void, Deleter>;
+
+    /// An empty buffer; nothing is allocated.
+    ByteBuffer() noexcept = default;
+
+    /// n bytes of value 0. Throws std::length_error "vector too long" above 2^63 - 1,
+    /// std::bad_alloc.
+    explicit ByteBuffer(std::size_t n);
+
+    /// Takes the vector over without copying its bytes.
+    explicit ByteBuffer(std::vector<std::byte> bytes) noexcept : owned_(std::move(bytes)) {}
+
+    /// Adopts the first n bytes of a block without copying them. n is trusted. A null block gives
+    /// an empty buffer, whatever n is. Throws std::invalid_argument for a block with an empty
+    /// deleter; the block is then left to the caller, who still has its address.
+    ByteBuffer(Block block, std::size_t n)
+        : block_(std::move(block)), start_(static_cast<std::byte*>(block_.get())),
+          externalSize_(n) {
+        if (start_ != nullptr && !block_.get_deleter()) {
+            // Letting go comes first: destroying a block that cannot be freed ends the process.
+            static_cast<void>(block_.release());
+            detail::throwBlockWithoutDeleter();
+        }
+    }
+
+    /// A copy of the viewed bytes, allocated to the exact size. Throws std::runtime_error
+    /// "Attempting to take difference between incompatible MessageIterators" for a null view with
+    /// a length, std::length_error "vector too long" above 2^63 - 1 bytes, std::bad_alloc.
+    explicit ByteBuffer(ByteBufferView const& view);
+
+    ByteBuffer(ByteBuffer&& other) noexcept
+        : block_(std::move(other.block_)), start_(std::exchange(other.start_, nullptr)),
+          externalSize_(std::exchange(other.externalSize_, 0)), owned_(std::move(other.owned_)) {
+        other.block_.get_deleter() = nullptr; // some standard libraries leave a copy behind
+    }
+
+    /// Frees what this buffer held, the block by its own deleter, before it returns.
+    ByteBuffer& operator=(ByteBuffer&& other) noexcept {
+        if (this != &other) {
+            block_ = std::move(other.block_);
+            other.block_.get_deleter() = nullptr;
+            start_ = std::exchange(other.start_, nullptr);
+            externalSize_ = std::exchange(other.externalSize_, 0);
+            owned_ = std::move(other.owned_);
+        }
+        return *this;
+    }
+
+    ~ByteBuffer() = default;
+
+    /// The number of bytes.
+    [[nodiscard]] std::size_t size() const noexcept {
+        return start_ != nullptr ? externalSize_ : owned_.size();
+    }
+    [[nodiscard]] bool empty() const noexcept { return size() == 0; }
+
+    /// The first byte; null when empty.
+    [[nodiscard]] std::byte* data() noexcept { return empty() ? nullptr : base(); }
+    [[nodiscard]] std::byte const* data() const noexcept { return empty() ? nullptr : base(); }
+
+    /// Byte i, unchecked: i must be below size().
+    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return base()[i]; }
+    [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept { return base()[i]; }
+
+    /// Byte i. Throws std::out_of_range "Attempt to access position beyond the end of the
+    /// ByteBuffer" when i is not below size().
+    [[nodiscard]] std::byte& at(std::size_t i) { return base()[checked(i)]; }
+    [[nodiscard]] std::byte const& at(std::size_t i) const { return base()[checked(i)]; }
+
+    /// The first byte. Throws std::out_of_range "ByteBuffer is empty".
+    [[nodiscard]] std::byte& front() { return *nonEmpty(); }
+    [[nodiscard]] std::byte const& front() const { return *nonEmpty(); }
+
+    /// Iterators are invalid after anything that moves or frees the bytes: append(), push_back(),
+    /// resize(), clear(), trimFront() in vector form, a move assignment into this buffer, the end
+    /// of the buffer. A move out of it hands them to the other buffer.
+    [[nodiscard]] ByteBufferIterator<std::byte> begin() noexcept {
+        return start_ != nullptr ? ByteBufferIterator<std::byte>(start_)
+                                 : ByteBufferIterator<std::byte>(owned_.begin());
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> begin() const noexcept {
+        return start_ != nullptr ? ByteBufferIterator<std::byte const>(start_)
+                                 : ByteBufferIterator<std::byte const>(owned_.begin());
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
+    [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
+        return start_ != nullptr ? ByteBufferIterator<std::byte>(start_ + externalSize_)
+                                 : ByteBufferIterator<std::byte>(owned_.end());
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> end() const noexcept {
+        return start_ != nullptr ? ByteBufferIterator<std::byte const>(start_ + externalSize_)
+                                 : ByteBufferIterator<std::byte const>(owned_.end());
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
+
+    /// Empties the buffer and frees its block, if it has one; a vector keeps its capacity.
+    void clear() noexcept;
+
+    /// Adds a copy of the argument's bytes at the end, of a vector of buffers element after
+    /// element; the argument does not change, also where it is an rvalue. An empty argument changes
+    /// nothing; any other leaves the buffer in vector form. The argument may be, hold or view this
+    /// buffer's own bytes: they count as they were before the call.
+    ///
+    /// Linear in the bytes added, amortised: when it must enlarge, it makes room for half as much
+    /// again in one allocation, and the first append to an external block moves that block's bytes.
+    /// Throws std::length_error "vector too long" where that room would exceed 2^63 - 1 bytes,
+    /// std::bad_alloc, and for a null view with a length std::runtime_error "Attempting to take
+    /// difference between incompatible MessageIterators" (an external block has then been
+    /// exchanged for a vector with the same bytes).
+    ByteBuffer& append(ByteBuffer&& other) { return append(std::as_const(other)); }
+    ByteBuffer& append(ByteBuffer const& other);
+    ByteBuffer& append(std::vector<ByteBuffer>&& others) { return append(std::as_const(others)); }
+    ByteBuffer& append(std::vector<ByteBuffer> const& others);
+    ByteBuffer& append(std::vector<std::byte>&& bytes);
+    ByteBuffer& append(ByteBufferView view);
+
+    /// Adds one byte at the end; afterwards the buffer is in vector form. Amortised constant, but
+    /// the first one moves an external block's bytes. Throws std::length_error "vector too long",
+    /// std::bad_alloc.
+    void push_back(std::byte&& b) { push_back(std::as_const(b)); }
+    void push_back(std::byte const& b);
+
+    /// Drops bytes at the end or adds bytes of value 0; afterwards the buffer is in vector form.
+    /// Enlarging makes room for half as much again in one allocation. Throws std::length_error
+    /// "vector too long" where that room would exceed 2^63 - 1 bytes, std::bad_alloc.
+    void resize(std::size_t n);
+
+    /// Removes the first n bytes. Constant in external form, where no byte moves; in vector form
+    /// the remaining bytes move once. Throws std::out_of_range "Requested to remove more bytes than
+    /// exist" when n is above size().
+    void trimFront(std::size_t n);
+
+    /// A new buffer in vector form with a copy of the bytes, allocated to the exact size. Throws
+    /// std::length_error "vector too long", std::bad_alloc.
+    [[nodiscard]] ByteBuffer clone() const;
+
+    /// A view of the `count` bytes from `offset` on; a count of 0 reaches to the end, and at the
+    /// end gives the view of no bytes. It is valid as long as an iterator would be. Throws
+    /// std::out_of_range "Invalid range requested" when the range leaves the buffer.
+    [[nodiscard]] ByteBufferView makeView(std::size_t offset, std::size_t count) const;
+
+private:
+    [[nodiscard]] std::byte* base() noexcept { return start_ != nullptr ? start_ : owned_.data(); }
+    [[nodiscard]] std::byte const* base() const noexcept {
+        return start_ != nullptr ? start_ : owned_.data();
+    }
+    [[nodiscard]] std::size_t checked(std::size_t i) const {
+        if (i >= size()) {
+            detail::throwOutOfRange("Attempt to access position beyond the end of the ByteBuffer");
+        }
+        return i;
+    }
+    [[nodiscard]] std::byte* nonEmpty() {
+        return const_cast<std::byte*>(std::as_const(*this).nonEmpty());
+    }
+    [[nodiscard]] std::byte const* nonEmpty() const {
+        if (empty()) {
+            detail::throwOutOfRange("ByteBuffer is empty");
+        }
+        return base();
+    }
+
+    void releaseBlock() noexcept;
+    [[nodiscard]] std::vector<std::byte> copyWithRoomFor(std::size_t n) const;
+    void becomeVector(std::vector<std::byte>&& bytes) noexcept;
+    template <class ForEachPiece> void appendPieces(std::size_t added, ForEachPiece forEachPiece);
+
+    Block block_;                  // null in vector form
+    std::byte* start_ = nullptr;   // first live byte of the block; null in vector form
+    std::size_t externalSize_ = 0; // live bytes from start_ on; read in external form only
+    std::vector<std::byte> owned_; // the bytes in vector form; empty in external form
+};
+
+static_assert(std::is_nothrow_move_constructible_v<ByteBuffer>);
+static_assert(std::is_nothrow_move_assignable_v<ByteBuffer>);
+static_assert(!std::is_copy_constructible_v<ByteBuffer> && !std::is_copy_assignable_v<ByteBuffer>);
+
+} // namespace courier::hub::serialisation
+
+#endif

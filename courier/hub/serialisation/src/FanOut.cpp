@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <courier/hub/serialisation/FanOut.h>
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace courier::hub::serialisation {
+
+namespace {
+
+using FanOut = std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>>;
+
+template <class LookUp> FanOut fanOut(core::GenericPayload&& payload, LookUp lookUp) {
+    auto made = std::make_unique<GenericPayloadWrapper>(std::move(payload));
+    GenericPayloadWrapperPtr const shared(made.get());
+    static_cast<void>(made.release()); // owned by its references from here on
+
+    std::size_t const count = shared->get().elementCount;
+    std::vector<GenericSerialiser> serialisers;
+    // The count is only as good as the payload: one beyond its elements must fail in the look-up.
+    serialisers.reserve(std::min(count, shared->get().typeIDs.size()));
+    for (std::size_t i = 0; i < count; ++i) {
+        serialisers.push_back(lookUp(i, GenericPayloadView(shared, i)));
+    }
+    return {std::move(serialisers), shared->getSentinel()};
+}
+
+void requireFormats(core::GenericPayload const& payload,
+                    std::vector<std::string> const& wireFormats) {
+    if (wireFormats.size() < payload.elementCount) {
+        throw std::out_of_range("Fewer wire formats than payload elements");
+    }
+}
+
+} // namespace
+
+FanOut createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
+                            std::string const& wireFormat) {
+    return fanOut(std::move(payload), [&](std::size_t, GenericPayloadView&& view) {
+        return catalogue.getSerialiserFor(wireFormat, std::move(view));
+    });
+}
+
+FanOut createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
+                            std::vector<std::string> const& wireFormats) {
+    requireFormats(payload, wireFormats);
+    return fanOut(std::move(payload), [&](std::size_t i, GenericPayloadView&& view) {
+        return catalogue.getSerialiserFor(wireFormats[i], std::move(view));
+    });
+}
+
+FanOut createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
+                            std::vector<std::string> const& wireFormats, stop_source stopSource) {
+    requireFormats(payload, wireFormats);
+    return fanOut(std::move(payload), [&](std::size_t i, GenericPayloadView&& view) {
+        return catalogue.getSerialiserFor(wireFormats[i], std::move(view), stopSource);
+    });
+}
+
+} // namespace courier::hub::serialisation

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <courier/hub/serialisation/SharedPayload.h>
+
+#include <stdexcept>
+
+namespace courier::hub::serialisation {
+
+GenericPayloadWrapperRefCount::GenericPayloadWrapperRefCount()
+    : sentinel_(std::make_shared<Sentinel>()) {}
+
+GenericPayloadWrapperRefCount::~GenericPayloadWrapperRefCount() { sentinel_->notify(); }
+
+void GenericPayloadWrapperRefCount::addRef() {
+    std::lock_guard const lock(mutex_);
+    ++count_;
+}
+
+void GenericPayloadWrapperRefCount::release() noexcept {
+    {
+        std::lock_guard const lock(mutex_);
+        if (--count_ != 0) {
+            return;
+        }
+    }
+    // The mutex is unlocked before it goes with the object: no other reference is left from which
+    // another thread could reach it.
+    delete this;
+}
+
+std::shared_ptr<Sentinel> GenericPayloadWrapperRefCount::getSentinel() const { return sentinel_; }
+
+GenericPayloadWrapper::GenericPayloadWrapper(core::GenericPayload&& payload)
+    : payload_(std::move(payload)) {}
+
+GenericPayloadWrapper::~GenericPayloadWrapper() = default;
+
+core::GenericPayload& GenericPayloadView::payload() const {
+    if (!wrapper) {
+        throw std::out_of_range("GenericPayloadView has no payload");
+    }
+    return wrapper->get();
+}
+
+} // namespace courier::hub::serialisation

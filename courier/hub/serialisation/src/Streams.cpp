@@ -1,0 +1,184 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <courier/hub/serialisation/Streams.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <stdexcept>
+
+namespace courier::hub::serialisation {
+
+ByteStreamImpl::~ByteStreamImpl() = default;
+
+ByteBufferByteStreamImpl::~ByteBufferByteStreamImpl() = default;
+
+ByteStreamIterator ByteBufferByteStreamImpl::begin() { return ByteStreamIterator(*this); }
+
+namespace detail {
+
+ReadOnlyStreambuf::~ReadOnlyStreambuf() = default;
+
+ReadOnlyStreambuf::ReadOnlyStreambuf(ByteBufferView bytes) {
+    if (bytes.data() == nullptr && !bytes.empty()) {
+        throw std::invalid_argument("Stream buffer over a null view with a length");
+    }
+    auto* const first = reinterpret_cast<char*>(bytes.data());
+    setg(first, first, first + bytes.size());
+}
+
+ReadOnlyStreambuf::int_type ReadOnlyStreambuf::underflow() {
+    if (gptr() < eback() || gptr() >= egptr()) {
+        return traits_type::eof();
+    }
+    return traits_type::to_int_type(*gptr()); // bytes from 0x80 on are not end of file
+}
+
+std::streamsize ReadOnlyStreambuf::xsgetn(char* s, std::streamsize n) {
+    std::streamsize const count = std::min<std::streamsize>(n, egptr() - gptr());
+    if (count <= 0) {
+        return 0;
+    }
+    std::memcpy(s, gptr(), static_cast<std::size_t>(count));
+    setg(eback(), gptr() + count, egptr()); // gbump() takes an int
+    return count;
+}
+
+} // namespace detail
+
+namespace {
+
+constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
+
+ByteBufferView viewOf(std::unique_ptr<ByteBuffer> const& buffer) {
+    if (!buffer) {
+        throw std::invalid_argument("ByteBufferIStreambuf needs a buffer");
+    }
+    return {buffer->data(), buffer->size()};
+}
+
+} // namespace
+
+ByteBufferIStreambuf::ByteBufferIStreambuf(std::unique_ptr<ByteBuffer> buffer)
+    : ReadOnlyStreambuf(viewOf(buffer)), owned_(std::move(buffer)) {}
+
+ByteBufferIStreambuf::ByteBufferIStreambuf(ByteBufferView view) : ReadOnlyStreambuf(view) {}
+
+ByteBufferIStreambuf::ByteBufferIStreambuf(ByteBufferIStreambuf&& other) noexcept
+    : ReadOnlyStreambuf(other), owned_(std::move(other.owned_)) {
+    other.setg(nullptr, nullptr, nullptr);
+}
+
+ByteBufferIStreambuf& ByteBufferIStreambuf::operator=(ByteBufferIStreambuf&& other) noexcept {
+    ReadOnlyStreambuf::operator=(other);
+    if (this != &other) {
+        owned_ = std::move(other.owned_);
+        other.setg(nullptr, nullptr, nullptr);
+    }
+    return *this;
+}
+
+ByteBufferIStreambuf::~ByteBufferIStreambuf() = default;
+
+NonOwningByteBufferViewIStreambuf::NonOwningByteBufferViewIStreambuf(ByteBufferView view)
+    : ReadOnlyStreambuf(view), view_(view) {}
+
+NonOwningByteBufferViewIStreambuf::NonOwningByteBufferViewIStreambuf(
+    NonOwningByteBufferViewIStreambuf&& other) noexcept
+    : ReadOnlyStreambuf(other), view_(other.view_) {}
+
+NonOwningByteBufferViewIStreambuf&
+NonOwningByteBufferViewIStreambuf::operator=(NonOwningByteBufferViewIStreambuf&& other) noexcept {
+    ReadOnlyStreambuf::operator=(other);
+    view_ = other.view_;
+    return *this;
+}
+
+NonOwningByteBufferViewIStreambuf::~NonOwningByteBufferViewIStreambuf() = default;
+
+// The block comes from std::malloc, because std::realloc can grow a large one without copying it.
+// The put area is the unwritten rest of the block, so no position is ever set by pbump(), which
+// takes an int.
+
+void ByteBufferOStreambuf::Free::operator()(void* block) const noexcept { std::free(block); }
+
+ByteBufferOStreambuf::ByteBufferOStreambuf(std::size_t reserve) {
+    if (reserve != 0) {
+        setCapacity(reserve);
+    }
+}
+
+ByteBufferOStreambuf::ByteBufferOStreambuf(ByteBufferOStreambuf&& other) noexcept
+    : std::streambuf() {
+    swap(other);
+}
+
+ByteBufferOStreambuf& ByteBufferOStreambuf::operator=(ByteBufferOStreambuf&& other) noexcept {
+    if (this != &other) {
+        ByteBufferOStreambuf taken(std::move(other));
+        swap(taken);
+    }
+    return *this;
+}
+
+ByteBufferOStreambuf::~ByteBufferOStreambuf() = default;
+
+ByteBuffer ByteBufferOStreambuf::release() {
+    std::size_t const written = size();
+    ByteBuffer::Deleter free = Free();
+    ByteBuffer bytes(ByteBuffer::Block(block_.release(), std::move(free)), written);
+    setp(nullptr, nullptr);
+    return bytes;
+}
+
+ByteBufferOStreambuf::int_type ByteBufferOStreambuf::overflow(int_type c) {
+    if (!traits_type::eq_int_type(c, traits_type::eof())) {
+        char const character = traits_type::to_char_type(c);
+        xsputn(&character, 1);
+    }
+    return traits_type::not_eof(c);
+}
+
+std::streamsize ByteBufferOStreambuf::xsputn(char const* s, std::streamsize n) {
+    if (n <= 0) {
+        return 0;
+    }
+    reserveFor(static_cast<std::size_t>(n));
+    std::memcpy(pptr(), s, static_cast<std::size_t>(n));
+    setp(pptr() + n, epptr());
+    return n;
+}
+
+void ByteBufferOStreambuf::reserveFor(std::size_t added) {
+    if (added <= static_cast<std::size_t>(epptr() - pptr())) {
+        return;
+    }
+    std::size_t const written = size();
+    if (added > longest - written) {
+        throw std::length_error("vector too long");
+    }
+    constexpr std::size_t smallest = 512;
+    setCapacity(std::max({written + added, std::min(2 * written, longest), smallest}));
+}
+
+void ByteBufferOStreambuf::setCapacity(std::size_t capacity) {
+    if (capacity > longest) {
+        throw std::length_error("vector too long");
+    }
+    std::size_t const written = size();
+    auto* const block = static_cast<char*>(std::realloc(block_.get(), capacity));
+    if (block == nullptr) {
+        throw std::bad_alloc(); // the old block is still there
+    }
+    static_cast<void>(block_.release());
+    block_.reset(block);
+    setp(block + written, block + capacity);
+}
+
+void ByteBufferOStreambuf::swap(ByteBufferOStreambuf& other) noexcept {
+    std::streambuf::swap(other);
+    block_.swap(other.block_);
+}
+
+} // namespace courier::hub::serialisation
