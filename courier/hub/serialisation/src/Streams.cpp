@@ -16,6 +16,19 @@ ByteBufferByteStreamImpl::~ByteBufferByteStreamImpl() = default;
 
 ByteStreamIterator ByteBufferByteStreamImpl::begin() { return ByteStreamIterator(*this); }
 
+ByteStreamCharIterator& ByteStreamCharIterator::operator++() {
+    if (!inner_) {
+        throwAtEnd();
+    }
+    if (inner_->source_ == nullptr) {
+        inner_.reset();
+        current_.reset();
+    } else {
+        current_ = toChar(*(*inner_)++);
+    }
+    return *this;
+}
+
 namespace detail {
 
 ReadOnlyStreambuf::~ReadOnlyStreambuf() = default;

@@ -5,6 +5,7 @@
 #include <courier/hub/serialisation/Export.h>
 
 #include <compare>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -60,10 +61,9 @@ public:
     explicit ByteBufferIterator(VectorPosition p) noexcept : position_(p) {}
 
     /// The read-only iterator at the position of a mutable one.
-    template <class Mutable>
-    requires(std::is_same_v<Mutable, std::byte>&& std::is_const_v<T>)
-        ByteBufferIterator(ByteBufferIterator<Mutable> const& other)
-    noexcept : pointer_(other.pointer_), position_(other.position_) {}
+    template <std::same_as<std::byte> Mutable>
+    ByteBufferIterator(ByteBufferIterator<Mutable> const& other) noexcept
+        : pointer_(other.pointer_), position_(other.position_) {}
 
     reference operator*() const noexcept { return pointer_ != nullptr ? *pointer_ : *position_; }
     pointer operator->() const noexcept {

@@ -53,13 +53,16 @@ public:
     /// @return whether it is released.
     template <class Rep, class Period>
     bool waitFor(std::chrono::duration<Rep, Period> const& timeout) const {
-        // A deadline that far off would overflow the clock.
-        if (std::chrono::duration<double>(timeout) > std::chrono::hours(24 * 365)) {
+        // Neither a deadline that far off nor one before the clock's start can be computed.
+        std::chrono::duration<double> const seconds = timeout;
+        if (seconds > std::chrono::hours(24 * 365)) {
             wait();
             return true;
         }
         std::unique_lock lock(mutex_);
-        return condition_.wait_for(lock, timeout, [this] { return released_; });
+        return seconds <= std::chrono::seconds(0)
+                   ? released_
+                   : condition_.wait_for(lock, timeout, [this] { return released_; });
     }
 
     /// Whether it is released, without blocking for it.

@@ -96,7 +96,8 @@ public:
         if (*source_) {
             current_ = source_->getByte();
         } else {
-            *this = ByteStreamIterator();
+            source_ = nullptr;
+            current_.reset();
         }
         return *this;
     }
@@ -156,12 +157,7 @@ public:
 
     /// Designates the byte that `it` designates, and reads the one behind it. Throws what the
     /// source throws.
-    explicit ByteStreamCharIterator(ByteStreamIterator it) {
-        if (it.source_ != nullptr) {
-            current_ = toChar(*it++);
-            inner_ = it;
-        }
-    }
+    explicit ByteStreamCharIterator(ByteStreamIterator it) : inner_(it) { ++*this; }
 
     /// Throws std::out_of_range "Attempt to dereference an invalid ByteStreamCharIterator" at the
     /// end.
@@ -174,17 +170,7 @@ public:
 
     /// Moves to the next character, or becomes the end iterator. Throws std::out_of_range "Attempt
     /// to increment the end ByteStreamCharIterator" at the end, and what the source throws.
-    ByteStreamCharIterator& operator++() {
-        if (!inner_) {
-            throwAtEnd();
-        }
-        if (inner_->source_ != nullptr) {
-            current_ = toChar(*(*inner_)++);
-        } else {
-            *this = ByteStreamCharIterator();
-        }
-        return *this;
-    }
+    COURIER_HUB_SERIALISATION_EXPORT ByteStreamCharIterator& operator++();
 
     /// The same; the holder keeps the character designated before.
     PostIncrementHolder operator++(int) {

@@ -1,0 +1,320 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Support.h"
+
+#include <algorithm>
+#include <limits>
+#include <ranges>
+#include <span>
+
+namespace {
+
+using namespace tests;
+
+constexpr std::size_t twoTo63 = std::size_t{1} << 63;
+constexpr auto incompatible = "Attempting to take difference between incompatible MessageIterators";
+constexpr auto tooLong = "vector too long";
+constexpr auto pastEnd = "Attempt to access position beyond the end of the ByteBuffer";
+
+// Every way in which a buffer can hold a content.
+ByteBuffer full(Blocks&, std::string_view content) { return ByteBuffer(bytes(content)); }
+ByteBuffer spare(Blocks&, std::string_view content) {
+    auto vector = bytes(content);
+    vector.reserve(1000);
+    return ByteBuffer(std::move(vector));
+}
+ByteBuffer external(Blocks& blocks, std::string_view content) { return blocks.adopt(content); }
+ByteBuffer trimmed(Blocks& blocks, std::string_view content) {
+    ByteBuffer buffer = blocks.adopt("xyz" + std::string(content));
+    buffer.trimFront(3);
+    return buffer;
+}
+constexpr decltype(&full) kinds[] = {full, spare, external, trimmed};
+
+template <class Test> void forEveryKind(Test test) {
+    for (auto const make : kinds) {
+        SCOPED_TRACE(make == full ? "full" : make == spare ? "spare" : "external");
+        Blocks blocks;
+        test([&](std::string_view content) { return make(blocks, content); }, blocks);
+        EXPECT_EQ(blocks.freed, blocks.made);
+    }
+}
+
+TEST(ByteBuffer, ReadsTheSameInEveryForm) {
+    forEveryKind([](auto make, Blocks&) {
+        ByteBuffer buffer = make("hello");
+        ByteBuffer const& constant = buffer;
+        EXPECT_EQ(&buffer.front(), buffer.data());
+        EXPECT_EQ(&constant.at(4), constant.data() + 4);
+        EXPECT_ERROR(std::out_of_range, pastEnd, buffer.at(5));
+        EXPECT_EQ(std::vector<std::byte>(constant.cbegin(), constant.cend()), bytes("hello"));
+        EXPECT_EQ(std::span<std::byte const>(buffer).data(), buffer.data());
+        std::ranges::reverse(buffer);
+        *buffer.begin() = std::byte{'O'};
+        EXPECT_EQ(text(constant.clone()), "Olleh");
+
+        ByteBuffer const none = make("");
+        EXPECT_TRUE(none.empty());
+        EXPECT_EQ(none.data(), nullptr);
+        EXPECT_EQ(none.begin(), none.end());
+        EXPECT_ERROR(std::out_of_range, "ByteBuffer is empty", none.front());
+        EXPECT_ERROR(std::out_of_range, pastEnd, none.at(0));
+        std::size_t const before = allocations();
+        EXPECT_EQ(none.clone().data(), nullptr);
+        EXPECT_EQ(allocations(), before);
+    });
+}
+
+TEST(ByteBuffer, TakesOverWithoutCopyingAndFreesExactlyOnce) {
+    auto vector = bytes("abc");
+    auto const* const address = vector.data();
+    EXPECT_EQ(ByteBuffer(std::move(vector)).data(), address);
+    Blocks old, fresh;
+    {
+        ByteBuffer target = old.adopt("old");
+        ByteBuffer source = fresh.adopt("fresh");
+        void* const block = source.data();
+        target = std::move(source);
+        EXPECT_EQ(old.freed, 1); // before the assignment returned
+        ByteBuffer& alias = target;
+        target = std::move(alias);
+        EXPECT_EQ(target.data(), block);
+        target.trimFront(5);
+        ByteBuffer moved(std::move(target));
+        EXPECT_EQ(alias.size(), 0U); // a moved-from buffer is empty and may be used again
+        EXPECT_EQ(text(alias.append(bytes("again"))), "again");
+        EXPECT_EQ(fresh.freed, 0);
+        moved.clear();
+        moved.clear();
+        EXPECT_EQ(fresh.freed, 1);
+        EXPECT_EQ(fresh.last, block); // as it was handed over, though trimmed
+    }
+    EXPECT_EQ(old.freed + fresh.freed, 2);
+    EXPECT_EQ(ByteBuffer(ByteBuffer::Block(nullptr, [](void*) { FAIL(); }), 10).size(), 0U);
+    int local = 0; // stays with its maker
+    EXPECT_THROW(ByteBuffer(ByteBuffer::Block(&local, nullptr), 1), std::invalid_argument);
+}
+
+TEST(ByteBuffer, AppendsInEveryFormWhateverTheArgument) {
+    using Append = std::function<void(ByteBuffer&, ByteBuffer & argument)>;
+    std::pair<Append, std::string> const appends[] = {
+        {[](auto& b, auto& a) { b.append(static_cast<ByteBuffer&&>(a)).append(a); }, "moremore"},
+        {[](auto& b, auto& a) { b.append(bytes(text(a))); }, "more"},
+        {[](auto& b, auto& a) { b.append(a.makeView(1, 0)); }, "ore"},
+        {[](auto& b, auto& a) {
+             std::vector<ByteBuffer> list(3);
+             list[0] = a.clone();
+             list[2].push_back(std::byte{'!'});
+             b.append(list).append(static_cast<std::vector<ByteBuffer>&&>(list));
+             EXPECT_EQ(text(list[0]), "more");
+         },
+         "more!more!"},
+        {[](auto& b, auto&) { b.push_back(std::byte{'+'}); }, "+"},
+    };
+    forEveryKind([&](auto make, Blocks& blocks) {
+        for (auto const makeArgument : kinds) {
+            for (auto const& [append, added] : appends) {
+                Blocks others;
+                ByteBuffer buffer = make("0123456789");
+                ByteBuffer argument = makeArgument(others, "more");
+                append(buffer, argument);
+                EXPECT_EQ(text(buffer), "0123456789" + added);
+                EXPECT_EQ(text(argument), "more");
+                EXPECT_EQ(blocks.freed, blocks.made);
+                EXPECT_EQ(others.freed, 0);
+                EXPECT_EQ(text(buffer.makeView(8, 2).append(argument)), "89more");
+            }
+        }
+    });
+}
+
+TEST(ByteBuffer, EmptyArgumentsChangeNothingButAListOfThemConverts) {
+    Blocks blocks;
+    ByteBuffer buffer = blocks.adopt("abc");
+    auto const* const address = buffer.data();
+    buffer.append(ByteBuffer()).append(std::vector<ByteBuffer>());
+    buffer.append(std::vector<std::byte>()).append(ByteBufferView());
+    EXPECT_EQ(buffer.data(), address);
+    buffer.append(std::vector<ByteBuffer>(2));
+    EXPECT_NE(buffer.data(), address);
+    EXPECT_EQ(text(buffer), "abc");
+    EXPECT_EQ(blocks.freed, 1);
+}
+
+TEST(ByteBuffer, AppendsItsOwnBytesAsTheyWereBeforeTheCall) {
+    forEveryKind([](auto make, Blocks&) {
+        ByteBuffer whole = make("abcd");
+        EXPECT_EQ(text(whole.append(whole)), "abcdabcd");
+        ByteBuffer part = make("abcd");
+        EXPECT_EQ(text(part.append(part.makeView(1, 2))), "abcdbc");
+        ByteBuffer byte = make("abcd");
+        byte.push_back(byte[2]);
+        EXPECT_EQ(text(byte), "abcdc");
+        std::vector<ByteBuffer> list;
+        list.push_back(ByteBuffer(bytes("<")));
+        list.push_back(make("abcd"));
+        list.push_back(ByteBuffer(bytes(">")));
+        EXPECT_EQ(text(list[1].append(list)), "abcd<abcd>");
+    });
+}
+
+// Adding bytes until the storage moves shows how much room there was.
+std::size_t spareRoom(ByteBuffer buffer) {
+    auto const* const address = buffer.data();
+    std::size_t room = 0;
+    for (buffer.push_back({}); buffer.data() == address; buffer.push_back({})) {
+        ++room;
+    }
+    return room;
+}
+
+TEST(ByteBuffer, EnlargesByHalfAsMuchAgainResizesAndTrims) {
+    Blocks blocks;
+    for (auto const make : {full, external}) {
+        ByteBuffer appended = make(blocks, "0123456789");
+        std::size_t const before = allocations();
+        appended.append(appended.makeView(0, 4));
+        EXPECT_EQ(allocations(), before + 1);
+        EXPECT_EQ(spareRoom(std::move(appended)), 7U);
+        ByteBuffer resized = make(blocks, "0123456789");
+        resized.resize(21);
+        EXPECT_EQ(spareRoom(std::move(resized)), 10U);
+    }
+    forEveryKind([](auto make, Blocks& made) {
+        for (std::size_t const n : {0U, 3U, 5U, 8U}) {
+            ByteBuffer buffer = make("abcde");
+            buffer.resize(n);
+            EXPECT_EQ(text(buffer), std::string("abcde\0\0\0", n));
+            EXPECT_EQ(made.freed, made.made);
+        }
+        ByteBuffer buffer = make("abcde");
+        EXPECT_ERROR(std::out_of_range, "Requested to remove more bytes than exist",
+                     (buffer.trimFront(6), 0));
+        buffer.trimFront(2);
+        EXPECT_EQ(text(buffer.clone()), "cde");
+        buffer.trimFront(3);
+        EXPECT_EQ(buffer.data(), nullptr);
+    });
+}
+
+TEST(ByteBuffer, RefusesLengthsBeforeTheyWrap) {
+    static std::byte byte{};
+    auto const lying = [](std::size_t n) {
+        return ByteBuffer(ByteBuffer::Block(&byte, [](void*) {}), n);
+    };
+    std::vector<ByteBuffer> wrapping;
+    wrapping.push_back(lying(twoTo63));
+    wrapping.push_back(lying(twoTo63 + 1)); // together 1 modulo 2^64
+    std::function<void(ByteBuffer&)> const calls[] = {
+        [](auto& b) { b.resize(std::numeric_limits<std::size_t>::max()); },
+        [](auto& b) { b.resize(twoTo63 - 1); }, // fits, but not with half as much again
+        [](auto& b) { b.append(ByteBufferView(&byte, static_cast<std::size_t>(-5))); },
+        [](auto& b) { b.append(ByteBufferView(&byte, twoTo63 - 5)); },
+        [](auto& b) { b.append(ByteBufferView(&byte, twoTo63 - 11)); },
+        [&](auto& b) { b.append(wrapping); },
+        [](auto&) { ByteBuffer buffer(twoTo63); },
+        [](auto&) { ByteBuffer buffer(ByteBufferView(&byte, twoTo63)); },
+        [](auto&) { discard(ByteBufferView(&byte, twoTo63).operator ByteBuffer()); },
+        [&](auto&) { lying(twoTo63).push_back(byte); },
+    };
+    forEveryKind([&](auto make, Blocks&) {
+        ByteBuffer buffer = make("0123456789");
+        auto const* const address = buffer.data();
+        for (auto const& call : calls) {
+            EXPECT_ERROR(std::length_error, tooLong, (call(buffer), 0));
+            EXPECT_EQ(buffer.data(), address);
+            EXPECT_EQ(text(buffer), "0123456789");
+        }
+    });
+}
+
+TEST(ByteBuffer, RefusesANullViewWithALength) {
+    ByteBufferView null(static_cast<std::byte*>(nullptr), 3);
+    Blocks blocks;
+    ByteBuffer some = blocks.adopt("abc");
+    EXPECT_ERROR(std::runtime_error, incompatible, ByteBuffer(null));
+    EXPECT_ERROR(std::runtime_error, incompatible, null.operator ByteBuffer());
+    EXPECT_ERROR(std::runtime_error, incompatible, null.append(some));
+    EXPECT_ERROR(std::runtime_error, incompatible, some.makeView(0, 0).append(null));
+    EXPECT_ERROR(std::runtime_error, incompatible, null.end() - null.begin());
+    EXPECT_ERROR(std::runtime_error, incompatible, std::vector(null.begin(), null.end()));
+    EXPECT_NE(null.begin(), null.end());
+    EXPECT_EQ(blocks.freed, 0);
+    EXPECT_ERROR(std::runtime_error, incompatible, some.append(null));
+    EXPECT_EQ(blocks.freed, 1); // converted by then
+    EXPECT_EQ(text(some), "abc");
+}
+
+TEST(ByteBuffer, KeepsItsContentWhenMemoryRunsOut) {
+    std::function<void(ByteBuffer&)> const changes[] = {
+        [](auto& b) { b.append(b); },
+        [](auto& b) { b.push_back(b[1]); },
+        [](auto& b) { b.resize(20); },
+        [](auto& b) { discard(b.makeView(0, 0).append(b)); },
+    };
+    for (auto const make : {full, external, trimmed}) {
+        Blocks blocks;
+        for (auto const& change : changes) {
+            failEachAllocation([&] { return make(blocks, "abcdefgh"); }, change,
+                               [](auto& b) { EXPECT_EQ(text(b), "abcdefgh"); });
+        }
+        EXPECT_EQ(blocks.freed, blocks.made);
+    }
+}
+
+TEST(ByteBufferView, CutsWithinItsBytes) {
+    auto memory = bytes("abcde");
+    ByteBufferView view(memory.data(), memory.size());
+    ByteBuffer const buffer(view);
+    for (auto const& [from, n, expected] : {std::tuple{0U, 0U, "abcde"},
+                                            {2U, 0U, "cde"},
+                                            {2U, 3U, "cde"},
+                                            {1U, 2U, "bc"},
+                                            {5U, 0U, ""}}) {
+        EXPECT_EQ(text(view.makeView(from, n)), expected);
+        EXPECT_EQ(text(buffer.makeView(from, n)), expected);
+    }
+    EXPECT_ERROR(std::out_of_range, "Invalid range requested", view.makeView(6, 0));
+    EXPECT_ERROR(std::out_of_range, "Invalid range requested", buffer.makeView(3, 3));
+    EXPECT_ERROR(std::out_of_range, "Invalid range requested",
+                 view.makeView(4, static_cast<std::size_t>(-3)));
+    EXPECT_EQ(view.makeView(5, 0).data(), nullptr);
+    EXPECT_EQ(ByteBuffer().makeView(0, 0).data(), nullptr);
+
+    ByteBufferView rest = view;
+    rest.trimFront(1);
+    EXPECT_ERROR(std::out_of_range, "Requested to remove more bytes than exist",
+                 (rest.trimFront(5), 0));
+    rest.front() = std::byte{'B'};
+    EXPECT_EQ(text(view), "aBcde"); // the bytes are shared
+    rest.trimFront(4);
+    EXPECT_EQ(rest.data(), nullptr);
+    EXPECT_EQ(rest.end() - rest.begin(), 0);
+    EXPECT_ERROR(std::out_of_range, "ByteBufferView is empty", rest.front());
+    EXPECT_ERROR(std::out_of_range, std::string(pastEnd) + "View", view.at(5));
+}
+
+TEST(ByteBufferIterator, WalksBothFormsAndRefusesToMixThem) {
+    using Iterator = ByteBufferIterator<std::byte>;
+    Blocks blocks;
+    ByteBuffer vector(bytes("abcdef"));
+    ByteBuffer block = blocks.adopt("abcdef");
+    for (ByteBuffer* const buffer : {&vector, &block}) {
+        Iterator it = buffer->begin();
+        EXPECT_EQ((it += 3) += -3, buffer->begin());
+        EXPECT_EQ(it[2], std::byte{'c'});
+        EXPECT_EQ(*it++, std::byte{'a'});
+        EXPECT_EQ(*--it, std::byte{'a'});
+        EXPECT_EQ(buffer->end() - 1 - it, 5);
+        EXPECT_LT(it, 1 + it);
+        EXPECT_EQ(std::as_const(*buffer).begin(), it);
+        EXPECT_EQ(std::as_const(*buffer).end() - it, 6);
+        EXPECT_EQ(std::to_address(buffer->end()), buffer->data() + 6);
+    }
+    EXPECT_NE(vector.begin(), block.begin());
+    EXPECT_ERROR(std::runtime_error, incompatible, vector.end() - block.begin());
+    EXPECT_ERROR(std::runtime_error, incompatible, block.begin() < vector.end());
+    EXPECT_EQ(Iterator(), Iterator(static_cast<std::byte*>(nullptr)));
+    EXPECT_EQ(ByteBuffer().end() - ByteBuffer().begin(), 0);
+}
+
+} // namespace

@@ -1,0 +1,233 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Support.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <limits>
+#include <ranges>
+#include <stdexcept>
+
+namespace {
+
+using namespace tests;
+
+constexpr int endOfFile = std::char_traits<char>::eof();
+std::string const awkward("\0\x7F\x80\xFF", 4); // all of it must survive signed chars
+
+ByteStream streamOver(std::string_view content) {
+    return ByteStream(std::make_unique<ByteBufferByteStreamImpl>(ByteBuffer(bytes(content))));
+}
+
+TEST(ByteStream, IsReadOnceByItsIterators) {
+    static_assert(std::ranges::input_range<ByteStream>);
+    ByteStream stream = streamOver(awkward);
+    EXPECT_EQ(std::string(ByteStreamCharIterator(stream.begin()), {}), awkward);
+    EXPECT_EQ(ByteStreamCharIterator(streamOver("").begin()), ByteStreamCharIterator());
+
+    ByteStream shared = streamOver("ABC");
+    ByteStreamIterator first = shared.begin();
+    ByteStreamIterator const second = shared.begin();
+    EXPECT_EQ(*second, std::byte{'B'});
+    EXPECT_EQ(first, second); // they share the source
+    EXPECT_EQ(*first++, std::byte{'A'});
+    EXPECT_EQ(*first, std::byte{'C'});
+    EXPECT_FALSE(shared); // exhausted, though the last byte is still designated
+    EXPECT_NE(first, shared.end());
+    EXPECT_EQ(++first, shared.end());
+}
+
+TEST(ByteStream, SaysWhatWasMisused) {
+    ByteStreamIterator end;
+    ByteStreamCharIterator charEnd;
+    ByteBufferByteStreamImpl exhausted{ByteBuffer(1)};
+    exhausted.getByte();
+    ByteStream none;
+    std::string const attempt = "Attempt to ";
+    for (int twice = 0; twice < 2; ++twice) {
+        EXPECT_ERROR(std::out_of_range, attempt + "dereference an invalid ByteStreamIterator",
+                     *end);
+        EXPECT_ERROR(std::out_of_range, attempt + "increment the end ByteStreamIterator", ++end);
+        EXPECT_ERROR(std::out_of_range, attempt + "increment the end ByteStreamIterator", end++);
+        EXPECT_ERROR(std::out_of_range, attempt + "dereference an invalid ByteStreamCharIterator",
+                     *charEnd);
+        EXPECT_ERROR(std::out_of_range, attempt + "increment the end ByteStreamCharIterator",
+                     ++charEnd);
+        EXPECT_ERROR(std::out_of_range, attempt + "increment the end ByteStreamCharIterator",
+                     charEnd++);
+        EXPECT_ERROR(std::out_of_range,
+                     attempt + "access position beyond the end of the ByteBuffer",
+                     exhausted.getByte());
+        EXPECT_ERROR(std::out_of_range, "ByteStream has no source", none.getByte());
+    }
+    EXPECT_FALSE(exhausted || none);
+    EXPECT_EQ(none.begin(), none.end());
+}
+
+// Five bytes, of which the fourth cannot be read.
+struct StumblingSource final : ByteStreamImpl {
+    explicit StumblingSource(int& count) : destroyed(count) {}
+    ~StumblingSource() override { ++destroyed; }
+    ByteStreamIterator begin() override { return ByteStreamIterator(*this); }
+    explicit operator bool() const override { return position < 5; }
+    std::byte getByte() override {
+        return ++position == 4 ? throw std::runtime_error("stumbled") : std::byte('0' + position);
+    }
+    int position = 0;
+    int& destroyed;
+};
+
+TEST(ByteStream, IsUnchangedWhenItsSourceThrows) {
+    int destroyed = 0;
+    ByteStream stream(std::make_unique<StumblingSource>(destroyed));
+    ByteStreamCharIterator it(stream.begin()); // has '1', and '2' ahead
+    ++it;
+    EXPECT_ERROR(std::runtime_error, "stumbled", it++);
+    EXPECT_EQ(*it, '2');
+    EXPECT_EQ(*++it, '3');
+    EXPECT_EQ(*++it, '5');
+    ByteStream& alias = stream;
+    stream = std::move(alias);
+    ByteStream moved(std::move(stream));
+    EXPECT_FALSE(alias);
+    EXPECT_EQ(destroyed, 0);
+    moved = streamOver("x");
+    EXPECT_EQ(destroyed, 1);
+}
+
+// The stream buffers over one content, however they hold it and whether they were moved.
+template <class Streambuf, class Content> std::unique_ptr<std::streambuf> moved(Content content) {
+    Streambuf first(std::move(content));
+    Streambuf second(std::move(first));
+    auto last = std::make_unique<Streambuf>(ByteBufferView());
+    *last = std::move(second);
+    Streambuf& alias = *last;
+    *last = std::move(alias);
+    return last;
+}
+
+TEST(IStreambuf, ReadsInPlaceToTheEnd) {
+    auto const check = [](std::unique_ptr<std::streambuf> const& buffer) {
+        EXPECT_EQ(buffer->in_avail(), 4);
+        for (int const expected : {0, 127, 128, 255, endOfFile, endOfFile}) {
+            EXPECT_EQ(buffer->sgetc(), expected);
+            EXPECT_EQ(buffer->sbumpc(), expected);
+        }
+        for (int const expected : {255, 128, 127, 0, endOfFile}) { // back to the first byte
+            EXPECT_EQ(buffer->sungetc(), expected);
+        }
+        char target[10] = {};
+        EXPECT_EQ(buffer->sgetn(target, 0) + buffer->sgetn(target, -1), 0);
+        EXPECT_EQ(buffer->sgetn(target, 10), 4);
+        EXPECT_EQ(std::string(target, 4), awkward);
+        EXPECT_EQ(buffer->sgetn(target, 10), 0);
+        EXPECT_EQ(buffer->sputc('x'), endOfFile);
+        std::istream in(buffer.get());
+        EXPECT_EQ(in.tellg(), std::istream::pos_type(-1));
+        EXPECT_FALSE(in.seekg(0));
+    };
+    ByteBuffer const content(bytes(awkward));
+    check(moved<ByteBufferIStreambuf>(std::make_unique<ByteBuffer>(content.clone())));
+    check(moved<ByteBufferIStreambuf>(content.makeView(0, 0)));
+    check(moved<NonOwningByteBufferViewIStreambuf>(content.makeView(0, 0)));
+    EXPECT_EQ(ByteBufferIStreambuf(std::make_unique<ByteBuffer>()).sgetc(), endOfFile);
+    EXPECT_THROW(ByteBufferIStreambuf(std::unique_ptr<ByteBuffer>()), std::invalid_argument);
+    ByteBufferView const null(static_cast<std::byte*>(nullptr), 3);
+    EXPECT_THROW(ByteBufferIStreambuf{null}, std::invalid_argument);
+    EXPECT_THROW(NonOwningByteBufferViewIStreambuf{null}, std::invalid_argument);
+}
+
+TEST(IStreambuf, OwnsOnlyWhatItWasGiven) {
+    Blocks blocks;
+    ByteBuffer const borrowed = blocks.adopt("borrowed");
+    {
+        ByteBufferIStreambuf owner(std::make_unique<ByteBuffer>(blocks.adopt("ab")));
+        owner.sbumpc();
+        ByteBufferIStreambuf second(std::move(owner));
+        ByteBufferIStreambuf& source = owner;
+        EXPECT_EQ(source.sgetc(), endOfFile);
+        EXPECT_EQ(second.sbumpc(), 'b');
+        second = ByteBufferIStreambuf(borrowed.makeView(0, 0));
+        EXPECT_EQ(blocks.freed, 1);
+    }
+    NonOwningByteBufferViewIStreambuf first(borrowed.makeView(0, 0));
+    first.sbumpc();
+    NonOwningByteBufferViewIStreambuf second(std::move(first));
+    NonOwningByteBufferViewIStreambuf& source = first; // stays usable
+    EXPECT_EQ(source.sbumpc(), 'o');
+    EXPECT_EQ(second.sbumpc(), 'o');
+    EXPECT_EQ(blocks.freed, 1);
+}
+
+// Addresses by the gibibyte over one small piece of memory, mapped again and again.
+struct Tiles {
+    static constexpr std::size_t tile = std::size_t{64} << 20;
+    static constexpr std::size_t size = (std::size_t{1} << 31) + tile;
+    Tiles() {
+        int const file = memfd_create("tile", 0);
+        if (start == MAP_FAILED || ftruncate(file, tile) != 0) {
+            throw std::runtime_error("no memory for the test");
+        }
+        for (std::size_t at = 0; at < size; at += tile) {
+            mmap(begin() + at, tile, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file, 0);
+        }
+        close(file);
+    }
+    ~Tiles() { munmap(start, size); }
+    Tiles(Tiles const&) = delete;
+    Tiles& operator=(Tiles const&) = delete;
+    char* begin() const { return static_cast<char*>(start); }
+    void* start =
+        mmap(nullptr, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+};
+
+TEST(IStreambuf, CountsPastTwoGibibytes) {
+    Tiles const from;
+    Tiles const to;
+    from.begin()[Tiles::size - 1] = 'z';
+    NonOwningByteBufferViewIStreambuf buffer(
+        {reinterpret_cast<std::byte const*>(from.begin()), Tiles::size});
+    auto const most = static_cast<std::streamsize>(Tiles::size - 1);
+    EXPECT_EQ(buffer.sgetn(to.begin(), most), most);
+    EXPECT_EQ(buffer.in_avail(), 1);
+    EXPECT_EQ(buffer.sbumpc(), 'z');
+}
+
+TEST(OStreambuf, HandsOutTheBlockThatItWroteTo) {
+    for (std::size_t const reserve : {0U, 3U, 5000U}) {
+        ByteBufferOStreambuf sink(reserve);
+        std::ostream out(&sink);
+        for (int round = 0; round < 2; ++round) {
+            std::string expected;
+            for (std::size_t n = 0; n < 300; n += 7) {
+                expected += std::string(n, static_cast<char>('a' + n % 26)) + '\xFF';
+                out << std::string(n, static_cast<char>('a' + n % 26)) << '\xFF';
+            }
+            ByteBufferOStreambuf other(std::move(sink));
+            EXPECT_EQ(other.size(), expected.size());
+            out << "into the moved-from one, which goes";
+            sink = std::move(other);
+            std::size_t const before = allocations();
+            ByteBuffer const released = sink.release();
+            EXPECT_EQ(allocations(), before);
+            EXPECT_EQ(text(released), expected);
+            EXPECT_EQ(sink.size(), 0U);
+        }
+    }
+}
+
+TEST(OStreambuf, KeepsWhatWasWrittenWhenMemoryRunsOut) {
+    constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
+    constexpr std::streamsize most = std::numeric_limits<std::streamsize>::max();
+    EXPECT_ERROR(std::length_error, "vector too long", ByteBufferOStreambuf(longest + 1));
+    EXPECT_THROW(ByteBufferOStreambuf{longest}, std::bad_alloc);
+    ByteBufferOStreambuf sink;
+    sink.sputn("kept", 4);
+    EXPECT_ERROR(std::length_error, "vector too long", sink.sputn("", most));
+    EXPECT_THROW(sink.sputn("", most - 4), std::bad_alloc);
+    EXPECT_EQ(sink.sputn("", -1), 0);
+    EXPECT_EQ(sink.sputc('!'), '!');
+    EXPECT_EQ(text(sink.release()), "kept!");
+}
+
+} // namespace

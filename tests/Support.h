@@ -1,0 +1,163 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_TESTS_SUPPORT_H
+#define COURIER_TESTS_SUPPORT_H
+
+#include <courier/hub/serialisation/FanOut.h>
+#include <courier/hub/serialisation/Streams.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <typeinfo>
+#include <vector>
+
+namespace tests {
+
+using namespace courier::hub::serialisation;
+using courier::hub::core::GenericPayload;
+using courier::hub::core::getTypeID;
+using IDs = std::vector<std::uint64_t>;
+using Formats = std::vector<std::string>;
+
+/// The allocation after the next `n` on this thread throws std::bad_alloc; then all succeed again.
+void failAllocationAfter(std::size_t n);
+void stopFailingAllocations();
+/// Allocations made on this thread so far.
+std::size_t allocations();
+
+/// Acts on a fresh state with the first, second, third … allocation failing, until one attempt gets
+/// through; each failed one is checked.
+template <class SetUp, class Act, class Check>
+void failEachAllocation(SetUp setUp, Act act, Check check) {
+    for (std::size_t n = 0;; ++n) {
+        auto state = setUp();
+        bool failed = false;
+        failAllocationAfter(n);
+        try {
+            act(state);
+        } catch (std::bad_alloc const&) {
+            failed = true;
+        }
+        stopFailingAllocations();
+        if (!failed) {
+            EXPECT_GT(n, 0U) << "allocates nothing: nothing was tested";
+            return;
+        }
+        SCOPED_TRACE("allocation " + std::to_string(n) + " fails");
+        check(state);
+    }
+}
+
+/// The message of an exception of exactly this type.
+template <class Exception, class Action> std::string messageOf(Action action) {
+    try {
+        action();
+    } catch (Exception const& e) {
+        return typeid(e) == typeid(Exception) ? e.what() : std::string("a derived exception");
+    } catch (...) {
+        return "another exception";
+    }
+    return "no exception";
+}
+
+#define EXPECT_ERROR(Exception, message, expression)                                               \
+    EXPECT_EQ(messageOf<Exception>([&] { static_cast<void>(expression); }), message)
+
+/// Calls what may be discarded, for EXPECT_THROW.
+template <class Result> void discard(Result&&) {}
+
+inline std::vector<std::byte> bytes(std::string_view text) {
+    auto const* const first = reinterpret_cast<std::byte const*>(text.data());
+    return {first, first + text.size()};
+}
+inline std::string text(ByteBufferView view) {
+    return {reinterpret_cast<char const*>(view.data()), view.size()};
+}
+inline std::string text(ByteBuffer const& buffer) { return text(buffer.makeView(0, 0)); }
+
+/// Makes external blocks and counts how often they are freed.
+struct Blocks {
+    int made = 0;
+    int freed = 0;
+    void* last = nullptr; // as handed to the deleter
+
+    ByteBuffer adopt(std::string_view content) {
+        auto* const block = new std::byte[content.size() + 1];
+        std::memcpy(block, content.data(), content.size());
+        ++made;
+        auto const free = [this](void* p) {
+            ++freed;
+            last = p;
+            delete[] static_cast<std::byte*>(p);
+        };
+        return {ByteBuffer::Block(block, free), content.size()};
+    }
+};
+
+/// An element that counts its end.
+struct Element {
+    Element(int v, std::atomic<int>& count) : value(v), destroyed(count) {}
+    Element(Element const&) = delete;
+    Element& operator=(Element const&) = delete;
+    ~Element() { ++destroyed; }
+    int value;
+    std::atomic<int>& destroyed;
+};
+inline GenericPayload payloadOf(int elements, std::atomic<int>& destroyed) {
+    GenericPayload payload;
+    for (int i = 0; i < elements; ++i) {
+        payload.add(std::make_shared<Element>(i, destroyed));
+    }
+    return payload;
+}
+/// A payload with these type identifiers whose elements nobody looks at, and a view of it.
+inline GenericPayload payloadOf(IDs ids) {
+    GenericPayload payload;
+    payload.values.resize(ids.size() + 1);
+    payload.elementCount = ids.size();
+    payload.typeIDs = std::move(ids);
+    return payload;
+}
+inline GenericPayloadView viewOf(IDs ids, std::size_t index) {
+    return {GenericPayloadWrapperPtr(new GenericPayloadWrapper(payloadOf(std::move(ids)))), index};
+}
+
+inline GenericSerialiser writing(std::string const& text) {
+    return GenericSerialiser([text](stop_token, std::ostream& out) { out << text; });
+}
+inline std::string written(GenericSerialiser const& serialiser) {
+    std::ostringstream out;
+    serialiser(out);
+    return out.str();
+}
+/// A record whose serialisers write its name and the factory that made them.
+inline Serialiser record(std::string format, std::uint64_t id, IDs ids, std::string const& name) {
+    return {std::move(format),
+            id,
+            std::move(ids),
+            [name](auto&&) { return writing(name + " view"); },
+            [name](auto&&, auto&&) { return writing(name + " stop"); },
+            [name](auto&&) { return writing(name + " payload"); }};
+}
+
+template <class R, class Routine>
+GenericDeserialiser reading(Routine routine, std::shared_ptr<void> handle = {}) {
+    return GenericDeserialiser(std::function<R(std::istream&)>(routine), std::move(handle));
+}
+inline int valueRead(GenericDeserialiser const& deserialiser) {
+    std::istringstream in;
+    return deserialiser(in).get<int>(0);
+}
+inline Deserialiser reader(std::string format, std::uint64_t id, int value) {
+    return {std::move(format), id, reading<int>([value](std::istream&) { return value; })};
+}
+
+} // namespace tests
+
+#endif
