@@ -1,97 +1,191 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <courier/hub/serialisation/Catalogue.h>
 
+#include "HashIndex.h"
+#include "StripedMutex.h"
+
 #include <bedrock/core/diag/terminate.h>
 
 #include <boost/current_function.hpp>
-#include <boost/multi_index/composite_key.hpp>
-#include <boost/multi_index/global_fun.hpp>
-#include <boost/multi_index/ordered_index.hpp>
-#include <boost/multi_index_container.hpp>
 
+#include <forward_list>
 #include <iosfwd>
 #include <mutex>
 #include <shared_mutex>
 #include <stdexcept>
-#include <tuple>
 
 namespace courier::hub::serialisation {
 
 // The keys of the records, by reference: the getters copy, and a search may not.
 struct RecordKeys {
-    template <class Record> static std::uint64_t typeID(Record const& record) {
+    template <class Record> static std::string const& wireFormat(Record const& record) noexcept {
+        return record.wireFormat_;
+    }
+    template <class Record> static std::uint64_t const& typeID(Record const& record) noexcept {
         return record.typeID_;
     }
-    static std::vector<std::uint64_t> const& typeIDs(Serialiser const& record) {
+    static std::vector<std::uint64_t> const& typeIDs(Serialiser const& record) noexcept {
         return record.typeIDs_;
-    }
-    template <class Record> static std::string const& wireFormat(Record const& record) {
-        return record.wireFormat_;
     }
 };
 
 namespace {
 
-namespace mi = boost::multi_index;
-
-template <class Record> using TypeID =
-    mi::global_fun<Record const&, std::uint64_t, &RecordKeys::typeID<Record>>;
-using TypeIDs =
-    mi::global_fun<Serialiser const&, std::vector<std::uint64_t> const&, &RecordKeys::typeIDs>;
-template <class Record> using WireFormat =
-    mi::global_fun<Record const&, std::string const&, &RecordKeys::wireFormat<Record>>;
-
-// One order for each kind of key, in which equal keys stay in order of registration, and one for
-// each kind of key together with the wire format, in which no two records are equal.
-struct ByTypeID;
-struct ByTypeIDs;
-struct ByTypeIDAndFormat;
-struct ByTypeIDsAndFormat;
-
-using SerialiserSet = mi::multi_index_container<
-    Serialiser,
-    mi::indexed_by<
-        mi::ordered_non_unique<mi::tag<ByTypeID>, TypeID<Serialiser>>,
-        mi::ordered_non_unique<mi::tag<ByTypeIDs>, TypeIDs>,
-        mi::ordered_unique<
-            mi::tag<ByTypeIDAndFormat>,
-            mi::composite_key<Serialiser, TypeID<Serialiser>, WireFormat<Serialiser>>>,
-        mi::ordered_unique<mi::tag<ByTypeIDsAndFormat>,
-                           mi::composite_key<Serialiser, TypeIDs, WireFormat<Serialiser>>>>>;
-
-using DeserialiserSet = mi::multi_index_container<
-    Deserialiser,
-    mi::indexed_by<mi::ordered_non_unique<mi::tag<ByTypeID>, TypeID<Deserialiser>>,
-                   mi::ordered_unique<mi::tag<ByTypeIDAndFormat>,
-                                      mi::composite_key<Deserialiser, TypeID<Deserialiser>,
-                                                        WireFormat<Deserialiser>>>>>;
-
-template <class KeyAndFormat, class Set, class Key>
-auto const* findExact(Set const& set, std::string const& wireFormat, Key const& key) {
-    auto const& index = set.template get<KeyAndFormat>();
-    auto const found = index.find(std::forward_as_tuple(key, wireFormat));
-    return found != index.end() ? &*found : nullptr;
-}
-
-// The record for a key in a wire format; for the wildcard, the one registered first.
-template <class ByKey, class ByKeyAndFormat, class Key>
-Serialiser const* find(SerialiserSet const& set, std::string const& wireFormat, Key const& key) {
-    if (wireFormat == "*") {
-        auto const& index = set.get<ByKey>();
-        auto const [first, last] = index.equal_range(key);
-        return first != last ? &*first : nullptr;
+// The wire formats by name. Each is kept once, so that elsewhere its address stands for it.
+using Format = std::string const*;
+class Formats {
+public:
+    [[nodiscard]] Format find(std::string const& name) const noexcept {
+        auto const* const found =
+            index_.find(hashOf(name), [&](Format format) { return *format == name; });
+        return found != nullptr ? *found : nullptr;
     }
-    return findExact<ByKeyAndFormat>(set, wireFormat, key);
+
+    // Throws std::bad_alloc; a format without records tells nobody anything.
+    Format findOrAdd(std::string const& name) {
+        if (Format const found = find(name); found != nullptr) {
+            return found;
+        }
+        index_.reserveOne([](Format format) { return hashOf(*format); });
+        Format const added = &names_.emplace_front(name);
+        index_.insert(hashOf(name), added);
+        return added;
+    }
+
+private:
+    std::forward_list<std::string> names_;
+    HashIndex<Format> index_;
+};
+
+// A record, and the ones registered next under the same type identifier and under the same list.
+template <class Record> struct Node {
+    Node(Record&& r, Format f) : record(std::move(r)), format(f) {}
+    Record record;
+    Format format;
+    Node* nextByTypeID = nullptr;
+    Node* nextByTypeIDs = nullptr;
+};
+
+// How an index holds a key: an identifier itself, so that a search has no pointer to follow, and a
+// list by the address that it has in its record.
+std::uint64_t hold(std::uint64_t typeID) noexcept { return typeID; }
+std::vector<std::uint64_t> const* hold(std::vector<std::uint64_t> const& typeIDs) noexcept {
+    return &typeIDs;
+}
+std::uint64_t look(std::uint64_t typeID) noexcept { return typeID; }
+std::vector<std::uint64_t> const& look(std::vector<std::uint64_t> const* typeIDs) noexcept {
+    return *typeIDs;
 }
 
-Serialiser const* find(SerialiserSet const& set, std::string const& wireFormat,
-                       std::uint64_t typeID) {
-    return find<ByTypeID, ByTypeIDAndFormat>(set, wireFormat, typeID);
+// The records of one kind by one of their keys: by the key alone, in order of registration, and by
+// the key and the wire format, where there is one at most.
+template <class Record, class Key, Key const& (*keyOf)(Record const&) noexcept,
+          Node<Record>* Node<Record>::*next>
+class Order {
+public:
+    // The first record registered under the key.
+    [[nodiscard]] Node<Record> const* first(Key const& key) const noexcept {
+        Chain const* const chain = chains_.find(hashOf(key), is(key));
+        return chain != nullptr ? chain->first : nullptr;
+    }
+    // The one registered next under the same key.
+    [[nodiscard]] static Node<Record> const* after(Node<Record> const& node) noexcept {
+        return node.*next;
+    }
+
+    // The record under the key, or under the key of another record, in this wire format.
+    [[nodiscard]] Node<Record> const* find(Key const& key, Format format) const noexcept {
+        Exact const* const exact = exacts_.find(hash(key, format), [&](Exact const& candidate) {
+            return candidate.format == format && look(candidate.key) == key;
+        });
+        return exact != nullptr ? exact->node : nullptr;
+    }
+    [[nodiscard]] Node<Record> const* find(Record const& record, Format format) const noexcept {
+        return find(keyOf(record), format);
+    }
+
+    // Makes room for one more record, so that add() cannot fail. Throws std::bad_alloc.
+    void reserveOne() {
+        chains_.reserveOne([](Chain const& chain) { return hashOf(look(chain.key)); });
+        exacts_.reserveOne([](Exact const& exact) { return hash(look(exact.key), exact.format); });
+    }
+
+    void add(Node<Record>& node) noexcept {
+        Key const& key = keyOf(node.record);
+        if (Chain* const chain = chains_.find(hashOf(key), is(key)); chain != nullptr) {
+            chain->last->*next = &node;
+            chain->last = &node;
+        } else {
+            chains_.insert(hashOf(key), {hold(key), &node, &node});
+        }
+        exacts_.insert(hash(key, node.format), {hold(key), node.format, &node});
+    }
+
+private:
+    using Held = decltype(hold(std::declval<Key const&>()));
+    struct Chain {
+        Held key;
+        Node<Record>* first;
+        Node<Record>* last;
+    };
+    struct Exact {
+        Held key;
+        Format format;
+        Node<Record> const* node;
+    };
+
+    static auto is(Key const& key) noexcept {
+        return [&key](Chain const& chain) { return look(chain.key) == key; };
+    }
+    static std::uint64_t hash(Key const& key, Format format) noexcept {
+        return hashOf(hashOf(key) ^ reinterpret_cast<std::uintptr_t>(format));
+    }
+
+    HashIndex<Chain> chains_;
+    HashIndex<Exact> exacts_;
+};
+
+template <class Record> using ByTypeID =
+    Order<Record, std::uint64_t, &RecordKeys::typeID<Record>, &Node<Record>::nextByTypeID>;
+using ByTypeIDs = Order<Serialiser, std::vector<std::uint64_t>, &RecordKeys::typeIDs,
+                        &Node<Serialiser>::nextByTypeIDs>;
+
+// The records of one kind, the orders in which they are found, and their lock.
+template <class Record> struct RecordSet {
+    mutable StripedMutex mutex;
+    Formats formats;
+    std::forward_list<Node<Record>> nodes;
+    ByTypeID<Record> byTypeID;
+};
+struct SerialiserSet : RecordSet<Serialiser> {
+    ByTypeIDs byTypeIDs;
+};
+using DeserialiserSet = RecordSet<Deserialiser>;
+
+template <class Record>
+auto const& orderOf(RecordSet<Record> const& set, std::uint64_t /*typeID*/) noexcept {
+    return set.byTypeID;
+}
+auto const& orderOf(SerialiserSet const& set, std::vector<std::uint64_t> const&) noexcept {
+    return set.byTypeIDs;
 }
 
-Serialiser const* find(SerialiserSet const& set, std::string const& wireFormat,
-                       std::vector<std::uint64_t> const& typeIDs) {
-    return find<ByTypeIDs, ByTypeIDsAndFormat>(set, wireFormat, typeIDs);
+// The record under a key in a wire format.
+template <class Set, class Key>
+auto const* find(Set const& set, std::string const& wireFormat, Key const& key) noexcept {
+    Format const format = set.formats.find(wireFormat);
+    auto const* const node = format != nullptr ? orderOf(set, key).find(key, format) : nullptr;
+    return node != nullptr ? &node->record : nullptr;
+}
+
+// The same; for the wildcard, the record registered first under the key.
+template <class Key> Serialiser const*
+findAny(SerialiserSet const& set, std::string const& wireFormat, Key const& key) noexcept {
+    if (wireFormat == "*") {
+        auto const* const node = orderOf(set, key).first(key);
+        return node != nullptr ? &node->record : nullptr;
+    }
+    return find(set, wireFormat, key);
 }
 
 Serialiser const& orThrow(Serialiser const* found, std::string const& wireFormat) {
@@ -101,14 +195,31 @@ Serialiser const& orThrow(Serialiser const* found, std::string const& wireFormat
     return *found;
 }
 
-template <class ByKey, class Set, class Key>
+template <class Set, class Key>
 std::vector<std::string> wireFormats(Set const& set, Key const& key) {
     std::vector<std::string> formats;
-    auto const [first, last] = set.template get<ByKey>().equal_range(key);
-    for (auto record = first; record != last; ++record) {
-        formats.push_back(RecordKeys::wireFormat(*record));
+    auto const& order = orderOf(set, key);
+    for (auto const* node = order.first(key); node != nullptr; node = order.after(*node)) {
+        formats.push_back(*node->format);
     }
     return formats;
+}
+
+// Adds a record to every order of its set, unless one of them holds another under the same key and
+// wire format: that one is returned, and nothing has been moved out of the argument. When memory
+// runs out, the set is as before.
+template <class Record, class... Orders>
+Record const* insert(RecordSet<Record>& set, Record& record, Orders&... orders) {
+    Format const format = set.formats.findOrAdd(RecordKeys::wireFormat(record));
+    Node<Record> const* blocking = nullptr;
+    static_cast<void>(((blocking = orders.find(record, format)) || ...));
+    if (blocking != nullptr) {
+        return &blocking->record;
+    }
+    (orders.reserveOne(), ...);
+    Node<Record>& added = set.nodes.emplace_front(std::move(record), format);
+    (orders.add(added), ...);
+    return nullptr;
 }
 
 Serialiser makeVoidSerialiser(std::string const& wireFormat) {
@@ -123,9 +234,7 @@ Serialiser makeVoidSerialiser(std::string const& wireFormat) {
 
 struct Catalogue::Records {
     SerialiserSet serialisers;
-    mutable std::shared_mutex serialiserLock;
     DeserialiserSet deserialisers;
-    mutable std::shared_mutex deserialiserLock;
 };
 
 SerialisationCatalogue::~SerialisationCatalogue() = default;
@@ -135,37 +244,39 @@ Catalogue::Catalogue() : records_(std::make_unique<Records>()) {}
 Catalogue::~Catalogue() = default;
 
 void Catalogue::add(Serialiser serialiser) {
-    std::lock_guard const lock(records_->serialiserLock);
-    auto const [record, accepted] = records_->serialisers.insert(std::move(serialiser));
-    if (!accepted && bedrock_diag_terminate()) {
+    SerialiserSet& set = records_->serialisers;
+    std::lock_guard const lock(set.mutex);
+    auto const* const blocking = insert(set, serialiser, set.byTypeID, set.byTypeIDs);
+    if (blocking != nullptr && bedrock_diag_terminate()) {
         bedrock::core::diag::terminate("Attempted to add duplicate serialiser for " +
-                                           RecordKeys::wireFormat(*record),
+                                           RecordKeys::wireFormat(*blocking),
                                        __FILE__, __LINE__, BOOST_CURRENT_FUNCTION);
     }
 }
 
 void Catalogue::add(Deserialiser deserialiser) {
-    std::lock_guard const lock(records_->deserialiserLock);
-    auto const [record, accepted] = records_->deserialisers.insert(std::move(deserialiser));
-    if (!accepted && bedrock_diag_terminate()) {
+    DeserialiserSet& set = records_->deserialisers;
+    std::lock_guard const lock(set.mutex);
+    auto const* const blocking = insert(set, deserialiser, set.byTypeID);
+    if (blocking != nullptr && bedrock_diag_terminate()) {
         bedrock::core::diag::terminate("Attempted to add duplicate deserialiser for " +
-                                           RecordKeys::wireFormat(*record),
+                                           RecordKeys::wireFormat(*blocking),
                                        __FILE__, __LINE__, BOOST_CURRENT_FUNCTION);
     }
 }
 
 Serialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                        std::vector<std::uint64_t> const& typeIDs) const {
-    std::shared_lock const lock(records_->serialiserLock);
-    return orThrow(find(records_->serialisers, wireFormat, typeIDs), wireFormat);
+    std::shared_lock const lock(records_->serialisers.mutex);
+    return orThrow(findAny(records_->serialisers, wireFormat, typeIDs), wireFormat);
 }
 
 Serialiser Catalogue::getSerialiserFor(std::string const& wireFormat, std::uint64_t typeID) const {
     if (typeID == core::getTypeID<void>()) {
         return makeVoidSerialiser(wireFormat);
     }
-    std::shared_lock const lock(records_->serialiserLock);
-    return orThrow(find(records_->serialisers, wireFormat, typeID), wireFormat);
+    std::shared_lock const lock(records_->serialisers.mutex);
+    return orThrow(findAny(records_->serialisers, wireFormat, typeID), wireFormat);
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
@@ -173,10 +284,10 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
     if (payload.values.empty()) {
         return GenericSerialiser();
     }
-    std::shared_lock const lock(records_->serialiserLock);
-    Serialiser const* found = find(records_->serialisers, wireFormat, payload.typeIDs);
+    std::shared_lock const lock(records_->serialisers.mutex);
+    Serialiser const* found = findAny(records_->serialisers, wireFormat, payload.typeIDs);
     if (found == nullptr) {
-        found = find(records_->serialisers, wireFormat, payload.typeIDs.at(0));
+        found = findAny(records_->serialisers, wireFormat, payload.typeIDs.at(0));
     }
     return orThrow(found, wireFormat).getSerialiser(std::move(payload));
 }
@@ -184,15 +295,15 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view,
                                               stop_source stopSource) const {
-    std::shared_lock const lock(records_->serialiserLock);
-    return orThrow(find(records_->serialisers, wireFormat, view.getTypeID()), wireFormat)
+    std::shared_lock const lock(records_->serialisers.mutex);
+    return orThrow(findAny(records_->serialisers, wireFormat, view.getTypeID()), wireFormat)
         .getSerialiser(std::move(view), std::move(stopSource));
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view) const {
-    std::shared_lock const lock(records_->serialiserLock);
-    return orThrow(find(records_->serialisers, wireFormat, view.getTypeID()), wireFormat)
+    std::shared_lock const lock(records_->serialisers.mutex);
+    return orThrow(findAny(records_->serialisers, wireFormat, view.getTypeID()), wireFormat)
         .getSerialiser(std::move(view));
 }
 
@@ -201,9 +312,8 @@ GenericDeserialiser Catalogue::getDeserialiserFor(std::string const& wireFormat,
     if (typeID == core::getTypeID<void>()) {
         return GenericDeserialiser(std::function<void(std::istream&)>([](std::istream&) {}));
     }
-    std::shared_lock const lock(records_->deserialiserLock);
-    Deserialiser const* const found =
-        findExact<ByTypeIDAndFormat>(records_->deserialisers, wireFormat, typeID);
+    std::shared_lock const lock(records_->deserialisers.mutex);
+    Deserialiser const* const found = find(records_->deserialisers, wireFormat, typeID);
     if (found == nullptr) {
         throw std::runtime_error("No deserialiser found for " + wireFormat);
     }
@@ -214,22 +324,22 @@ bool Catalogue::hasDeserialiserFor(std::string const& wireFormat, std::uint64_t 
     if (typeID == core::getTypeID<void>()) {
         return true;
     }
-    std::shared_lock const lock(records_->deserialiserLock);
-    return findExact<ByTypeIDAndFormat>(records_->deserialisers, wireFormat, typeID) != nullptr;
+    std::shared_lock const lock(records_->deserialisers.mutex);
+    return find(records_->deserialisers, wireFormat, typeID) != nullptr;
 }
 
 std::vector<std::string>
 Catalogue::getSupportedWireFormats(std::vector<std::uint64_t> const& typeIDs) const {
-    std::shared_lock const lock(records_->serialiserLock);
-    return wireFormats<ByTypeIDs>(records_->serialisers, typeIDs);
+    std::shared_lock const lock(records_->serialisers.mutex);
+    return wireFormats(records_->serialisers, typeIDs);
 }
 
 std::vector<std::string> Catalogue::getSupportedWireFormats(std::uint64_t typeID) const {
     if (typeID == core::getTypeID<void>()) {
         return {"builtin"};
     }
-    std::shared_lock const lock(records_->serialiserLock);
-    return wireFormats<ByTypeID>(records_->serialisers, typeID);
+    std::shared_lock const lock(records_->serialisers.mutex);
+    return wireFormats(records_->serialisers, typeID);
 }
 
 std::vector<std::string>
@@ -241,8 +351,8 @@ Catalogue::getSupportedDeserialisationWireFormats(std::uint64_t typeID) const {
         typeID == core::getTypeID<std::istream>()) {
         return {"*"};
     }
-    std::shared_lock const lock(records_->deserialiserLock);
-    return wireFormats<ByTypeID>(records_->deserialisers, typeID);
+    std::shared_lock const lock(records_->deserialisers.mutex);
+    return wireFormats(records_->deserialisers, typeID);
 }
 
 } // namespace courier::hub::serialisation

@@ -122,10 +122,7 @@ ByteBufferOStreambuf::ByteBufferOStreambuf(std::size_t reserve) {
     }
 }
 
-ByteBufferOStreambuf::ByteBufferOStreambuf(ByteBufferOStreambuf&& other) noexcept
-    : std::streambuf() {
-    swap(other);
-}
+ByteBufferOStreambuf::ByteBufferOStreambuf(ByteBufferOStreambuf&& other) noexcept { swap(other); }
 
 ByteBufferOStreambuf& ByteBufferOStreambuf::operator=(ByteBufferOStreambuf&& other) noexcept {
     if (this != &other) {

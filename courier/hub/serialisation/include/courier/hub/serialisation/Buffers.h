@@ -65,17 +65,19 @@ public:
     ByteBufferIterator(ByteBufferIterator<Mutable> const& other) noexcept
         : pointer_(other.pointer_), position_(other.position_) {}
 
-    reference operator*() const noexcept { return pointer_ != nullptr ? *pointer_ : *position_; }
+    // The vector's position is asked first: in a view it is a constant, so that compilers see a
+    // loop over plain pointers.
+    reference operator*() const noexcept { return inVector() ? *position_ : *pointer_; }
     pointer operator->() const noexcept {
-        return pointer_ != nullptr ? pointer_ : std::to_address(position_);
+        return inVector() ? std::to_address(position_) : pointer_;
     }
     reference operator[](difference_type n) const noexcept { return *(*this + n); }
 
     ByteBufferIterator& operator+=(difference_type n) noexcept {
-        if (pointer_ != nullptr) {
-            pointer_ += n;
-        } else {
+        if (inVector()) {
             position_ += n;
+        } else {
+            pointer_ += n;
         }
         return *this;
     }
@@ -115,6 +117,8 @@ public:
 
 private:
     friend class ByteBufferIterator<std::byte const>;
+
+    [[nodiscard]] bool inVector() const noexcept { return position_ != VectorPosition(); }
 
     T* pointer_ = nullptr;      // null in vector form
     VectorPosition position_{}; // value-initialised in pointer form
