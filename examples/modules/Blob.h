@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_EXAMPLES_BLOB_H
+#define COURIER_EXAMPLES_BLOB_H
+
+#include <courier/hub/serialisation/Buffers.h>
+
+#include <filesystem>
+#include <utility>
+
+namespace courier::examples {
+
+/// The bytes of a file. Wire formats: raw, deflate (a zlib stream), zstd (one frame).
+class Blob {
+public:
+    explicit Blob(hub::serialisation::ByteBuffer bytes) noexcept : bytes_(std::move(bytes)) {}
+
+    /// Maps the file into memory: nothing is read before it is used, and nothing is copied. The
+    /// file must not shrink while the blob lives. Throws std::system_error, which names the file,
+    /// when it cannot be read or is not a regular file.
+    [[nodiscard]] static Blob map(std::filesystem::path const& file);
+
+    [[nodiscard]] hub::serialisation::ByteBufferView bytes() const noexcept {
+        return {bytes_.data(), bytes_.size()};
+    }
+
+    friend bool operator==(Blob const& a, Blob const& b) noexcept;
+
+private:
+    hub::serialisation::ByteBuffer bytes_;
+};
+
+} // namespace courier::examples
+
+#endif

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: Apache-2.0
+// The module of the element type Blob.
+
+#include "Blob.h"
+#include "Module.h"
+#include "Registration.h"
+
+#include <courier/hub/serialisation/Streams.h>
+
+#define ZLIB_CONST // input is read-only
+#include <zlib.h>
+#include <zstd.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <istream>
+#include <memory>
+#include <new>
+#include <ostream>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace courier::examples {
+
+namespace {
+
+using hub::serialisation::ByteBufferOStreambuf;
+
+constexpr std::size_t chunkSize = std::size_t{256} << 10;
+
+// What one call of a codec did.
+struct Step {
+    std::size_t consumed;
+    std::size_t produced;
+    bool ended; // the compressed data is complete
+};
+
+// Runs a compressor over all the bytes: Step compress(input, output, bool isLastInput).
+template <class Compress>
+void writeCompressed(Blob const& blob, StoppableStream& out, Compress compress) {
+    auto const bytes = blob.bytes();
+    std::span<std::byte const> rest(bytes.data(), bytes.size());
+    std::vector<char> output(chunkSize);
+    bool ended = false;
+    while (!ended) {
+        out.throwIfStopped();
+        auto const input = rest.first(std::min(rest.size(), chunkSize));
+        Step const step = compress(input, output, input.size() == rest.size());
+        out.write(output.data(), static_cast<std::streamsize>(step.produced));
+        rest = rest.subspan(step.consumed);
+        ended = step.ended;
+    }
+}
+
+// Runs a decompressor until the data ends: Step decompress(input, output). A length that the data
+// claims is never used to take memory: only what comes out of the decompressor is.
+template <class Decompress>
+Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) {
+    std::vector<char> buffer(chunkSize);
+    std::vector<char> output(chunkSize);
+    std::span<char const> input;
+    ByteBufferOStreambuf bytes;
+    Step step{0, 0, false};
+    while (!step.ended) {
+        if (input.empty() && step.produced < output.size()) {
+            in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+            input = std::span(buffer).first(static_cast<std::size_t>(in.gcount()));
+            if (input.empty()) {
+                throw std::runtime_error("the data ends too early");
+            }
+        }
+        step = decompress(input, output);
+        input = input.subspan(step.consumed);
+        budget.spend(step.produced);
+        bytes.sputn(output.data(), static_cast<std::streamsize>(step.produced));
+    }
+    if (!input.empty() || in.peek() != std::istream::traits_type::eof()) {
+        throw std::runtime_error("bytes follow the end of the data");
+    }
+    return Blob(bytes.release());
+}
+
+// raw: the bytes themselves
+
+void writeRaw(Blob const& blob, StoppableStream& out) {
+    auto const bytes = blob.bytes();
+    // Passed on as they lie in memory: the stream cuts them into pieces.
+    out.write(reinterpret_cast<char const*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
+}
+
+Blob readRaw(std::istream& in, ReadBudget) { // takes no more than what came in
+    std::vector<char> chunk(chunkSize);
+    ByteBufferOStreambuf bytes;
+    while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())), in.gcount() > 0) {
+        bytes.sputn(chunk.data(), in.gcount());
+    }
+    return Blob(bytes.release());
+}
+
+// deflate: a zlib stream, which a checksum closes
+
+using ZlibEnd = std::unique_ptr<z_stream, int (*)(z_stream*)>;
+
+void give(z_stream& zlib, std::span<Bytef const> input, std::span<char> output) {
+    zlib.next_in = input.data();
+    zlib.avail_in = static_cast<uInt>(input.size());
+    zlib.next_out = reinterpret_cast<Bytef*>(output.data());
+    zlib.avail_out = static_cast<uInt>(output.size());
+}
+
+void writeDeflate(Blob const& blob, StoppableStream& out) {
+    z_stream zlib{};
+    if (deflateInit(&zlib, Z_DEFAULT_COMPRESSION) != Z_OK) {
+        throw std::bad_alloc();
+    }
+    ZlibEnd const end(&zlib, deflateEnd);
+    writeCompressed(blob, out, [&](auto input, std::span<char> output, bool isLastInput) {
+        give(zlib, {reinterpret_cast<Bytef const*>(input.data()), input.size()}, output);
+        int const result = deflate(&zlib, isLastInput ? Z_FINISH : Z_NO_FLUSH);
+        return Step{input.size() - zlib.avail_in, output.size() - zlib.avail_out,
+                    result == Z_STREAM_END};
+    });
+}
+
+Blob readDeflate(std::istream& in, ReadBudget budget) {
+    z_stream zlib{};
+    if (inflateInit(&zlib) != Z_OK) {
+        throw std::bad_alloc();
+    }
+    ZlibEnd const end(&zlib, inflateEnd);
+    return readCompressed(in, budget, [&](std::span<char const> input, std::span<char> output) {
+        give(zlib, {reinterpret_cast<Bytef const*>(input.data()), input.size()}, output);
+        int const result = inflate(&zlib, Z_NO_FLUSH);
+        if (result == Z_MEM_ERROR) {
+            throw std::bad_alloc();
+        }
+        // Z_BUF_ERROR only says that it waits for input.
+        if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
+            throw std::runtime_error(std::string("the data is damaged: ") +
+                                     (zlib.msg != nullptr ? zlib.msg : zError(result)));
+        }
+        return Step{input.size() - zlib.avail_in, output.size() - zlib.avail_out,
+                    result == Z_STREAM_END};
+    });
+}
+
+// zstd: one frame, which a checksum closes
+
+struct FreeContext {
+    void operator()(ZSTD_CCtx* context) const noexcept { ZSTD_freeCCtx(context); }
+    void operator()(ZSTD_DCtx* context) const noexcept { ZSTD_freeDCtx(context); }
+};
+
+void requireSuccess(std::size_t result) {
+    if (ZSTD_isError(result) != 0) {
+        throw std::runtime_error(std::string("the data is damaged: ") + ZSTD_getErrorName(result));
+    }
+}
+
+void writeZstd(Blob const& blob, StoppableStream& out) {
+    std::unique_ptr<ZSTD_CCtx, FreeContext> const zstd(ZSTD_createCCtx());
+    if (!zstd) {
+        throw std::bad_alloc();
+    }
+    requireSuccess(ZSTD_CCtx_setParameter(zstd.get(), ZSTD_c_checksumFlag, 1));
+    writeCompressed(blob, out, [&](auto input, std::span<char> output, bool isLastInput) {
+        ZSTD_inBuffer source{input.data(), input.size(), 0};
+        ZSTD_outBuffer target{output.data(), output.size(), 0};
+        std::size_t const left = ZSTD_compressStream2(zstd.get(), &target, &source,
+                                                      isLastInput ? ZSTD_e_end : ZSTD_e_continue);
+        requireSuccess(left);
+        return Step{source.pos, target.pos, isLastInput && left == 0};
+    });
+}
+
+Blob readZstd(std::istream& in, ReadBudget budget) {
+    // Frames that need a window above the library's limit of 128 MiB are refused by it.
+    std::unique_ptr<ZSTD_DCtx, FreeContext> const zstd(ZSTD_createDCtx());
+    if (!zstd) {
+        throw std::bad_alloc();
+    }
+    return readCompressed(in, budget, [&](std::span<char const> input, std::span<char> output) {
+        ZSTD_inBuffer source{input.data(), input.size(), 0};
+        ZSTD_outBuffer target{output.data(), output.size(), 0};
+        std::size_t const left = ZSTD_decompressStream(zstd.get(), &target, &source);
+        requireSuccess(left);
+        return Step{source.pos, target.pos, left == 0};
+    });
+}
+
+} // namespace
+
+} // namespace courier::examples
+
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
+    using namespace courier::examples;
+    auto const limit = std::make_shared<ReadLimit>();
+    registerFormat<Blob>(catalogue, "raw", limit, writeRaw, readRaw);
+    registerFormat<Blob>(catalogue, "deflate", limit, writeDeflate, readDeflate);
+    registerFormat<Blob>(catalogue, "zstd", limit, writeZstd, readZstd);
+}

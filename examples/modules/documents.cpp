@@ -1,0 +1,195 @@
+// SPDX-License-Identifier: Apache-2.0
+// The module of the element type Document.
+
+#include "Document.h"
+#include "Module.h"
+#include "Registration.h"
+
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+#include <streambuf>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace courier::examples {
+
+namespace {
+
+using Json = nlohmann::json;
+
+// Encoders, decoders and comparisons recurse into a document: the stack sets the limit.
+constexpr std::size_t deepestNesting = 500;
+
+// The exceptions of nlohmann-json are classes of this module: see Module.h. Their messages begin
+// with an identifier in brackets and, for most errors, with the place, which whoever holds the
+// stream knows.
+[[noreturn]] void throwStandard(nlohmann::detail::exception const& error) {
+    std::string message = error.what();
+    message.erase(0, message.find("] ") + 2);
+    if (message.rfind("parse error", 0) == 0) {
+        message.erase(0, message.find(": ") + 2);
+    }
+    throw std::runtime_error(message);
+}
+
+// Builds a document from the events of a decoder. The decoders trust what the bytes claim, a
+// million nulls in ten bytes or a million arrays in each other; here is where that ends.
+class Builder final : public nlohmann::json_sax<Json> {
+public:
+    explicit Builder(ReadBudget budget) : budget_(budget) {}
+
+    [[nodiscard]] Json take() { return std::move(root_); }
+
+    // Whether the next byte is the first of a value or key; true once for each.
+    [[nodiscard]] bool takeStart() { return std::exchange(isAtStart_, false); }
+
+    bool null() override { return add(nullptr); }
+    bool boolean(bool value) override { return add(value); }
+    bool number_integer(number_integer_t value) override { return add(value); }
+    bool number_unsigned(number_unsigned_t value) override { return add(value); }
+    bool number_float(number_float_t value, string_t const&) override { return add(value); }
+    bool string(string_t& value) override {
+        budget_.spend(value.size());
+        return add(std::move(value));
+    }
+    bool binary(binary_t& value) override {
+        budget_.spend(value.size());
+        return add(std::move(value));
+    }
+    bool start_object(std::size_t) override { return open(Json::object()); }
+    bool start_array(std::size_t) override { return open(Json::array()); }
+    bool key(string_t& name) override {
+        budget_.spend(sizeof(Json::object_t::value_type) + name.size());
+        member_ = &(*open_.back())[std::move(name)];
+        isAtStart_ = true;
+        return true;
+    }
+    bool end_object() override { return close(); }
+    bool end_array() override { return close(); }
+    bool parse_error(std::size_t, std::string const&,
+                     nlohmann::detail::exception const& error) override {
+        throwStandard(error);
+    }
+
+private:
+    bool add(Json value) {
+        put(std::move(value));
+        return true;
+    }
+    bool open(Json container) {
+        if (open_.size() == deepestNesting) {
+            throw std::runtime_error("it is nested more than " + std::to_string(deepestNesting) +
+                                     " levels deep");
+        }
+        open_.push_back(&put(std::move(container)));
+        return true;
+    }
+    bool close() {
+        open_.pop_back();
+        isAtStart_ = true;
+        return true;
+    }
+
+    Json& put(Json value) {
+        budget_.spend(sizeof(Json));
+        isAtStart_ = true;
+        if (open_.empty()) {
+            return root_ = std::move(value);
+        }
+        if (open_.back()->is_array()) {
+            return open_.back()->emplace_back(std::move(value));
+        }
+        return *member_ = std::move(value);
+    }
+
+    ReadBudget budget_;
+    bool isAtStart_ = true;
+    Json root_;
+    std::vector<Json*> open_; // stays valid: nothing is added to a container around an open one
+    Json* member_ = nullptr;  // of the innermost object, once its key is read
+};
+
+// The CBOR decoder calls itself for each piece of a string of indefinite length, and a piece may be
+// such a string again: a few kilobytes end the stack, and no event tells of it. Nothing here writes
+// such strings, so none is read.
+class DefiniteStrings final : public std::streambuf {
+public:
+    DefiniteStrings(std::streambuf& source, Builder& builder)
+        : source_(source), builder_(builder) {}
+
+protected:
+    int_type underflow() override { return source_.sgetc(); }
+    int_type uflow() override {
+        int_type const byte = source_.sbumpc();
+        if (builder_.takeStart() && (byte == 0x5F || byte == 0x7F)) {
+            throw std::runtime_error("strings of indefinite length are not supported");
+        }
+        return byte;
+    }
+
+private:
+    std::streambuf& source_;
+    Builder& builder_;
+};
+
+Document read(std::istream& in, Json::input_format_t format, ReadBudget budget) {
+    Builder builder(budget);
+    DefiniteStrings definite(*in.rdbuf(), builder);
+    std::istream checked(&definite);
+    // Not every decoder reports every error.
+    if (!Json::sax_parse(format == Json::input_format_t::cbor ? checked : in, &builder, format)) {
+        throw std::runtime_error("the data ends too early");
+    }
+    return Document{builder.take()};
+}
+
+struct WireFormat {
+    char const* name;
+    Json::input_format_t input;
+    void (*write)(Json const& value, std::ostream& out);
+};
+
+constexpr WireFormat wireFormats[] = {
+    {"json", Json::input_format_t::json,
+     [](Json const& value, std::ostream& out) { out << value; }},
+    {"cbor", Json::input_format_t::cbor,
+     [](Json const& value, std::ostream& out) { Json::to_cbor(value, out); }},
+    {"msgpack", Json::input_format_t::msgpack,
+     [](Json const& value, std::ostream& out) { Json::to_msgpack(value, out); }},
+    {"bson", Json::input_format_t::bson,
+     [](Json const& value, std::ostream& out) {
+         if (!value.is_object()) {
+             throw std::runtime_error(std::string("BSON needs an object at the top, not ") +
+                                      value.type_name());
+         }
+         Json::to_bson(value, out);
+     }},
+    {"ubjson", Json::input_format_t::ubjson,
+     [](Json const& value, std::ostream& out) { Json::to_ubjson(value, out); }},
+};
+
+} // namespace
+
+} // namespace courier::examples
+
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
+    using namespace courier::examples;
+    auto const limit = std::make_shared<ReadLimit>();
+    for (WireFormat const& format : wireFormats) {
+        registerFormat<Document>(
+            catalogue, format.name, limit,
+            [format](Document const& document, StoppableStream& out) {
+                try {
+                    format.write(document.value, out);
+                } catch (Json::exception const& error) {
+                    throwStandard(error);
+                }
+            },
+            [format](std::istream& in, ReadBudget budget) {
+                return read(in, format.input, budget);
+            });
+    }
+}

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_EXAMPLES_ROUNDTRIP_ELEMENTS_H
+#define COURIER_EXAMPLES_ROUNDTRIP_ELEMENTS_H
+
+#include "Blob.h"
+#include "Document.h"
+
+#include <courier/hub/serialisation/Catalogue.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <variant>
+
+namespace courier::examples {
+
+struct ElementType {
+    std::string_view name;
+    std::uint64_t id;
+};
+
+/// The types that this program puts into payloads.
+inline constexpr std::array elementTypes{
+    ElementType{"Document", hub::core::getTypeID<Document>()},
+    ElementType{"Blob", hub::core::getTypeID<Blob>()},
+};
+
+/// One file as it is sent.
+struct Element {
+    std::string name;
+    std::size_t fileSize;
+    std::variant<std::shared_ptr<Document>, std::shared_ptr<Blob>> value; // as in elementTypes
+
+    [[nodiscard]] ElementType const& type() const { return elementTypes.at(value.index()); }
+
+    /// Adds the value to the payload, which shares it from then on.
+    void addTo(hub::core::GenericPayload& payload) const;
+
+    /// Whether the payload holds this one value and nothing else.
+    [[nodiscard]] bool isAllOf(hub::core::GenericPayload const& payload) const;
+};
+
+/// Reads a .json file as a Document, and maps any other as a Blob. Throws std::runtime_error, which
+/// names the file and, where it is not valid JSON, line and column.
+[[nodiscard]] Element load(std::filesystem::path const& file, std::string name,
+                           hub::serialisation::SerialisationCatalogue const& catalogue);
+
+} // namespace courier::examples
+
+#endif

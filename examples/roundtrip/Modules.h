@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_EXAMPLES_ROUNDTRIP_MODULES_H
+#define COURIER_EXAMPLES_ROUNDTRIP_MODULES_H
+
+#include "Module.h"
+
+#include <courier/hub/serialisation/Catalogue.h>
+
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace courier::examples {
+
+/// The modules that a program has loaded. They are unloaded when this object is destroyed, so
+/// declare it before the catalogue and before everything that comes out of it.
+class Modules {
+public:
+    /// Loads every module of the directory and lets it register with the catalogue. Throws
+    /// std::runtime_error when there is none, or one cannot be loaded.
+    void load(std::filesystem::path const& directory, hub::serialisation::Catalogue& catalogue) {
+        // In order of name, as "*" goes by the order of registration.
+        std::set<std::filesystem::path> files;
+        for (auto const& entry : std::filesystem::directory_iterator(directory)) {
+            if (entry.path().extension() == ".so") {
+                files.insert(entry.path());
+            }
+        }
+        if (files.empty()) {
+            throw std::runtime_error("no modules in " + directory.string());
+        }
+        for (auto const& file : files) {
+            // Local, so that no module finds the symbols of another.
+            loaded_.emplace_back(::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL));
+            auto& module = loaded_.back();
+            void* const entry = module ? ::dlsym(module.get(), registerModuleName) : nullptr;
+            if (entry == nullptr) {
+                throw std::runtime_error(std::string("cannot load a module: ") + ::dlerror());
+            }
+            reinterpret_cast<RegisterModule*>(entry)(catalogue);
+        }
+    }
+
+private:
+    struct Unload {
+        void operator()(void* module) const noexcept { ::dlclose(module); }
+    };
+    std::vector<std::unique_ptr<void, Unload>> loaded_;
+};
+
+} // namespace courier::examples
+
+#endif

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_EXAMPLES_ROUNDTRIP_REPORT_H
+#define COURIER_EXAMPLES_ROUNDTRIP_REPORT_H
+
+#include "Transfer.h"
+
+#include <cstddef>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace courier::examples {
+
+/// One line for each element type: its identifier, and how it can be written and read.
+void printTypes(std::ostream& out, hub::serialisation::SerialisationCatalogue const& catalogue);
+
+/// One line for each element: what was written and read, how fast, and whether it is the same.
+void printOutcomes(std::ostream& out, std::vector<Element> const& elements,
+                   std::vector<std::string> const& wireFormats,
+                   std::vector<Outcome> const& outcomes);
+
+/// How far the transfer is, over the line printed before.
+void printProgress(std::ostream& out, Progress const& progress, std::size_t elements);
+
+/// "1 thing", "2 things"
+[[nodiscard]] std::string counted(std::size_t n, std::string_view thing);
+
+/// One after the other, with a separator in between.
+[[nodiscard]] std::string join(std::vector<std::string> const& texts, std::string_view separator);
+
+} // namespace courier::examples
+
+#endif

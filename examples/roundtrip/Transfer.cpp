@@ -1,0 +1,143 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Transfer.h"
+
+#include <courier/hub/serialisation/FanOut.h>
+#include <courier/hub/serialisation/Streams.h>
+
+#include <algorithm>
+#include <future>
+#include <istream>
+#include <memory>
+#include <ostream>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace courier::examples {
+
+using namespace hub::serialisation;
+using hub::core::GenericPayload;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// Counts what passes, for the progress that the user sees.
+class CountingSink final : public ByteBufferOStreambuf {
+public:
+    explicit CountingSink(std::atomic<std::uint64_t>& count) : count_(count) {}
+
+protected:
+    std::streamsize xsputn(char const* bytes, std::streamsize n) override {
+        count_ += static_cast<std::uint64_t>(n);
+        return ByteBufferOStreambuf::xsputn(bytes, n);
+    }
+
+private:
+    std::atomic<std::uint64_t>& count_;
+};
+
+// The sender's side: writes the element into a block of memory. Gives nothing when it was stopped.
+// The serialiser goes with the call and, with the last one, the payload.
+std::optional<ByteBuffer> write(GenericSerialiser serialise, Progress& progress) {
+    CountingSink sink(progress.bytesOut);
+    std::ostream out(&sink);
+    try {
+        serialise(out);
+    } catch (std::system_error const& error) {
+        if (error.code() == std::errc::operation_canceled) {
+            return std::nullopt;
+        }
+        throw;
+    }
+    if (!out) {
+        throw std::runtime_error("the stream failed");
+    }
+    return sink.release();
+}
+
+// The receiver's side: reads the block where it lies.
+GenericPayload read(GenericDeserialiser const& deserialise, ByteBuffer block) {
+    ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(std::move(block)));
+    std::istream in(&source);
+    GenericPayload payload = deserialise(in);
+    if (source.in_avail() > 0) {
+        throw std::runtime_error("bytes are left over");
+    }
+    return payload;
+}
+
+// Throws what writing or reading throws; what was done until then is in the outcome.
+void roundTrip(Element const& element, GenericSerialiser&& serialise,
+               GenericDeserialiser const& deserialise, stop_token const& stop, Progress& progress,
+               Outcome& outcome) {
+    auto start = Clock::now();
+    std::optional<ByteBuffer> block = write(std::move(serialise), progress);
+    if (!block) {
+        return;
+    }
+    outcome.writing = Clock::now() - start;
+    outcome.bytesOut = block->size();
+    outcome.isWritten = true;
+    ++progress.written;
+    if (stop.stop_requested()) {
+        return;
+    }
+    start = Clock::now();
+    GenericPayload const received = read(deserialise, *std::exchange(block, std::nullopt));
+    outcome.reading = Clock::now() - start;
+    outcome.isRead = true;
+    outcome.isIdentical = element.isAllOf(received);
+}
+
+} // namespace
+
+Transfer transfer(std::vector<Element> const& elements, std::vector<std::string> const& wireFormats,
+                  SerialisationCatalogue const& catalogue, stop_source const& stop,
+                  std::size_t threads, std::function<void(Progress const&)> const& watch) {
+    // Looked up once and kept: the workers then share no lock.
+    std::vector<GenericDeserialiser> deserialisers;
+    GenericPayload payload;
+    for (std::size_t i = 0; i < elements.size(); ++i) {
+        deserialisers.push_back(
+            catalogue.getDeserialiserFor(wireFormats.at(i), elements[i].type().id));
+        elements[i].addTo(payload);
+    }
+
+    Transfer result;
+    result.outcomes.resize(elements.size());
+    auto const start = Clock::now();
+    auto [serialisers, sentinel] =
+        createSerialisersFor(std::move(payload), catalogue, wireFormats, stop);
+
+    Progress progress;
+    std::atomic<std::size_t> next{0};
+    auto const work = [&, &serialisers = serialisers] {
+        for (std::size_t i = next++; i < elements.size(); i = next++) {
+            try {
+                roundTrip(elements[i], std::move(serialisers[i]), deserialisers[i],
+                          stop.get_token(), progress, result.outcomes[i]);
+            } catch (std::exception const& error) {
+                result.outcomes[i].error = error.what();
+            }
+            ++progress.done;
+        }
+    };
+    std::vector<std::future<void>> workers;
+    for (std::size_t i = 0; i < std::min(threads, elements.size()); ++i) {
+        workers.push_back(std::async(std::launch::async, work));
+    }
+
+    constexpr std::chrono::milliseconds tick(20);
+    while (!sentinel->waitFor(tick)) {
+        watch(progress);
+    }
+    result.untilReleased = Clock::now() - start;
+    for (auto const& worker : workers) {
+        while (worker.wait_for(tick) != std::future_status::ready) {
+            watch(progress);
+        }
+    }
+    return result;
+}
+
+} // namespace courier::examples
