@@ -40,6 +40,8 @@ function(courier_library target)
 
     get_target_property(type ${target} TYPE)
     if(type STREQUAL "SHARED_LIBRARY" AND UNIX AND NOT APPLE)
+        # The libraries are installed side by side, and find each other wherever that is.
+        set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
         list(JOIN arg_SYMBOLS "; " symbols)
         set(script ${CMAKE_CURRENT_BINARY_DIR}/${target}.map)
         file(CONFIGURE OUTPUT ${script} CONTENT "{ global: @symbols@; local: *; };\n" @ONLY)

@@ -16,6 +16,8 @@ install(FILES
 install(EXPORT courier_hub_serialisation-targets
     DESTINATION ${package_dir} COMPONENT development)
 
+# Relative to the file itself, so that an installed tree may be moved.
+file(RELATIVE_PATH pc_to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 if(BUILD_SHARED_LIBS)
     set(pc_cflags "")
 else()

@@ -80,8 +80,8 @@ TEST(ByteBuffer, TakesOverWithoutCopyingAndFreesExactlyOnce) {
         EXPECT_EQ(target.data(), block);
         target.trimFront(5);
         ByteBuffer moved(std::move(target));
-        EXPECT_EQ(alias.size(), 0U); // a moved-from buffer is empty and may be used again
-        EXPECT_EQ(text(alias.append(bytes("again"))), "again");
+        EXPECT_EQ(target.size(), 0U); // a moved-from buffer is empty and may be used again
+        EXPECT_EQ(text(target.append(bytes("again"))), "again");
         EXPECT_EQ(fresh.freed, 0);
         moved.clear();
         moved.clear();

@@ -15,14 +15,14 @@ constexpr std::uint64_t voidID = getTypeID<void>();
 struct CatalogueTest : testing::Test {
     Catalogue catalogue;
 
-    std::string view(std::string const& format, IDs ids, std::size_t index = 0) {
+    std::string view(std::string const& format, IDs ids, std::size_t index = 0) const {
         return written(catalogue.getSerialiserFor(format, viewOf(std::move(ids), index)));
     }
-    std::string stoppable(std::string const& format, IDs ids, std::size_t index = 0) {
+    std::string stoppable(std::string const& format, IDs ids, std::size_t index = 0) const {
         return written(
             catalogue.getSerialiserFor(format, viewOf(std::move(ids), index), stop_source()));
     }
-    std::string payload(std::string const& format, IDs ids) {
+    std::string payload(std::string const& format, IDs ids) const {
         return written(catalogue.getSerialiserFor(format, payloadOf(std::move(ids))));
     }
 };

@@ -68,9 +68,8 @@ TEST(GenericPayload, HoldsElementsByType) {
     EXPECT_THROW(discard(payload.get<double>(1)), std::bad_cast); // without a value
     EXPECT_THROW(discard(payload.get<int>(2)), std::out_of_range);
     GenericPayload const taken(std::move(payload));
-    GenericPayload const& source = payload;
-    EXPECT_TRUE(source.typeIDs.empty() && source.values.empty());
-    EXPECT_EQ(source.elementCount + taken.elementCount, 4U);
+    EXPECT_TRUE(payload.typeIDs.empty() && payload.values.empty());
+    EXPECT_EQ(payload.elementCount + taken.elementCount, 4U);
 
     auto const element = std::make_shared<int>(1);
     failEachAllocation(

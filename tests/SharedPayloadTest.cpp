@@ -21,8 +21,7 @@ TEST(SharedPayload, LivesAsLongAsItsReferences) {
     copy = alias;
     copy = std::move(alias);
     GenericPayloadWrapperPtr moved(std::move(first));
-    GenericPayloadWrapperPtr& emptied = first;
-    EXPECT_FALSE(emptied);
+    EXPECT_FALSE(first);
     moved = GenericPayloadWrapperPtr();
     handedOver = GenericPayloadWrapperPtr(nullptr);
     EXPECT_EQ(destroyed, 0);
@@ -48,8 +47,7 @@ TEST(SharedPayload, NamesItsElementsByView) {
     EXPECT_THROW(discard(GenericPayloadView(shared, 2).getTypeID()), std::out_of_range);
     EXPECT_THROW(discard(GenericPayloadView(shared, 2).get<int>()), std::out_of_range);
     GenericPayloadView const taken(std::move(view));
-    GenericPayloadView const& emptied = view;
-    EXPECT_THROW(discard(emptied.getTypeID()), std::out_of_range);
+    EXPECT_THROW(discard(view.getTypeID()), std::out_of_range);
 }
 
 TEST(SharedPayload, IsDestroyedOnceAndBeforeTheSentinelIsReleased) {

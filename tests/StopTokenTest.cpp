@@ -23,11 +23,10 @@ TEST(StopToken, SharesOneStateWithEverySource) {
     stop_source copy = source;
     token = copy.get_token();
     stop_source moved(std::move(source));
-    stop_source& emptied = source;
     EXPECT_EQ(moved, copy);
-    EXPECT_EQ(emptied, stop_source(nostopstate));
-    EXPECT_EQ(emptied.get_token(), stop_token());
-    EXPECT_FALSE(emptied.request_stop() || emptied.stop_requested() || emptied.stop_possible());
+    EXPECT_EQ(source, stop_source(nostopstate));
+    EXPECT_EQ(source.get_token(), stop_token());
+    EXPECT_FALSE(source.request_stop() || source.stop_requested() || source.stop_possible());
 
     // One request of many is the one, and shows what was written before it.
     int written = 0;
