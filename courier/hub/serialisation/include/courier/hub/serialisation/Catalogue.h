@@ -95,10 +95,10 @@ public:
 ///
 /// Serialisers and deserialisers are kept apart, each set under a reader-writer lock of its own:
 /// look-ups run in parallel and wait only for a registration of the same kind. A look-up searches
-/// in logarithmic time, allocates nothing to search, and holds the lock for the search and the copy
-/// or the factory's call. A factory must therefore not call add() or look serialisers up in the
-/// same catalogue; the answers for `void` and for a payload without values take no lock, so it may
-/// ask for those. Memory exhausted or a callable that throws leaves the catalogue as it was.
+/// in constant time on average, allocates nothing to search, and holds the lock for the search and
+/// the copy or the factory's call. A factory must therefore not call add() or look serialisers up
+/// in the same catalogue; the answers for `void` and for a payload without values take no lock, so
+/// it may ask for those. Memory exhausted or a callable that throws leaves the catalogue as it was.
 class COURIER_HUB_SERIALISATION_EXPORT Catalogue : public SerialisationCatalogue {
 public:
     /// An empty catalogue. Throws std::bad_alloc.
@@ -108,7 +108,7 @@ public:
     /// Registers a serialiser, after every one registered before. It is a duplicate when one with
     /// the same wire format has the same type identifier or the same list of them. A duplicate ends
     /// the process with a diagnostic if bedrock_diag_terminate() says so, and is ignored otherwise.
-    /// Logarithmic. Throws std::bad_alloc. Any thread may call it.
+    /// Amortised constant. Throws std::bad_alloc. Any thread may call it.
     void add(Serialiser serialiser);
 
     /// Registers a deserialiser. It is a duplicate when one with the same wire format has the same
