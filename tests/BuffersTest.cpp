@@ -198,6 +198,8 @@ TEST(ByteBuffer, EnlargesByHalfAsMuchAgainResizesAndTrims) {
 
 TEST(ByteBuffer, RefusesLengthsBeforeTheyWrap) {
     static std::byte byte{};
+    static std::byte* volatile const somewhere = &byte; // no compiler knows how much is there
+    auto const viewOf = [](std::size_t n) { return ByteBufferView(somewhere, n); };
     auto const lying = [](std::size_t n) {
         return ByteBuffer(ByteBuffer::Block(&byte, [](void*) {}), n);
     };
@@ -207,13 +209,13 @@ TEST(ByteBuffer, RefusesLengthsBeforeTheyWrap) {
     std::function<void(ByteBuffer&)> const calls[] = {
         [](auto& b) { b.resize(std::numeric_limits<std::size_t>::max()); },
         [](auto& b) { b.resize(twoTo63 - 1); }, // fits, but not with half as much again
-        [](auto& b) { b.append(ByteBufferView(&byte, static_cast<std::size_t>(-5))); },
-        [](auto& b) { b.append(ByteBufferView(&byte, twoTo63 - 5)); },
-        [](auto& b) { b.append(ByteBufferView(&byte, twoTo63 - 11)); },
+        [&](auto& b) { b.append(viewOf(static_cast<std::size_t>(-5))); },
+        [&](auto& b) { b.append(viewOf(twoTo63 - 5)); },
+        [&](auto& b) { b.append(viewOf(twoTo63 - 11)); },
         [&](auto& b) { b.append(wrapping); },
         [](auto&) { ByteBuffer buffer(twoTo63); },
-        [](auto&) { ByteBuffer buffer(ByteBufferView(&byte, twoTo63)); },
-        [](auto&) { discard(ByteBufferView(&byte, twoTo63).operator ByteBuffer()); },
+        [&](auto&) { ByteBuffer buffer(viewOf(twoTo63)); },
+        [&](auto&) { discard(viewOf(twoTo63).operator ByteBuffer()); },
         [&](auto&) { lying(twoTo63).push_back(byte); },
     };
     forEveryKind([&](auto make, Blocks&) {

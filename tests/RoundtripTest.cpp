@@ -89,7 +89,6 @@ TEST(RoundtripTest, ProgramSaysWhatCameBackAndWhatWentWrong) {
         // As if Control-C were pressed. Only the last case runs that long.
         auto const command =
             "timeout -s INT --preserve-status 2 " ROUNDTRIP_PROGRAM " " + arguments;
-        // NOLINTNEXTLINE(cert-env33-c): the shell does what a user's would
         int const result = std::system((command + " >output 2>&1").c_str());
         std::ostringstream text;
         text << std::ifstream("output").rdbuf();

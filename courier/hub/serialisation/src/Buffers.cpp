@@ -148,16 +148,15 @@ ByteBuffer& ByteBuffer::append(std::vector<std::byte>&& bytes) {
     return append(ByteBufferView(bytes.data(), bytes.size()));
 }
 
-ByteBuffer& ByteBuffer::append(ByteBufferView view) {
+void ByteBuffer::appendBeyondRoom(ByteBufferView view) {
     if (view.empty()) {
-        return *this;
+        return;
     }
     if (view.data() == nullptr) {
         appendPieces(view.size(), [](auto const&) {});
         detail::throwIncompatibleIterators();
     }
     appendPieces(view.size(), [&](auto const& put) { put(view.data(), view.size()); });
-    return *this;
 }
 
 void ByteBuffer::push_back(std::byte const& b) {
@@ -216,29 +215,27 @@ void ByteBuffer::becomeVector(std::vector<std::byte>&& bytes) noexcept {
 }
 
 // Adds `added` bytes, which forEachPiece hands piece by piece to the function that it is given.
-// Pieces may lie in this buffer's own bytes, so the old storage lives until all of them were read.
+// Pieces may lie in this buffer's own bytes: new storage replaces the old one once all are read.
 template <class ForEachPiece>
 void ByteBuffer::appendPieces(std::size_t added, ForEachPiece forEachPiece) {
     std::size_t const needed = sum(size(), added);
-    if (start_ != nullptr || needed > owned_.capacity()) {
+    if (start_ == nullptr && needed <= owned_.capacity()) {
+        forEachPiece([this](std::byte const* piece, std::size_t count) {
+            if (!isOwn(piece)) {
+                owned_.insert(owned_.end(), piece, piece + count);
+                return;
+            }
+            std::size_t const held = owned_.size(); // a vector refuses its own bytes in insert()
+            owned_.resize(held + count);
+            std::copy_n(piece, count, owned_.data() + held);
+        });
+    } else {
         std::vector<std::byte> bytes = copyWithRoomFor(needed);
         forEachPiece([&bytes](std::byte const* piece, std::size_t count) {
             bytes.insert(bytes.end(), piece, piece + count);
         });
         becomeVector(std::move(bytes));
-        return;
     }
-    forEachPiece([this](std::byte const* piece, std::size_t count) {
-        std::size_t const held = owned_.size();
-        std::less_equal<> const notAfter;
-        if (notAfter(owned_.data(), piece) && notAfter(piece, owned_.data() + held)) {
-            // A vector refuses its own elements in insert().
-            owned_.resize(held + count);
-            std::copy_n(piece, count, owned_.data() + held);
-        } else {
-            owned_.insert(owned_.end(), piece, piece + count);
-        }
-    });
 }
 
 } // namespace courier::hub::serialisation

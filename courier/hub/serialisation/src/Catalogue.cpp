@@ -138,7 +138,7 @@ private:
         return [&key](Chain const& chain) { return look(chain.key) == key; };
     }
     static std::uint64_t hash(Key const& key, Format format) noexcept {
-        return hashOf(hashOf(key) ^ reinterpret_cast<std::uintptr_t>(format));
+        return stir(hashOf(key) ^ reinterpret_cast<std::uintptr_t>(format));
     }
 
     HashIndex<Chain> chains_;
@@ -267,7 +267,7 @@ void Catalogue::add(Deserialiser deserialiser) {
 
 Serialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                        std::vector<std::uint64_t> const& typeIDs) const {
-    std::shared_lock const lock(records_->serialisers.mutex);
+    std::shared_lock const lock(records_->serialisers.mutex.mine());
     return orThrow(findAny(records_->serialisers, wireFormat, typeIDs), wireFormat);
 }
 
@@ -275,7 +275,7 @@ Serialiser Catalogue::getSerialiserFor(std::string const& wireFormat, std::uint6
     if (typeID == core::getTypeID<void>()) {
         return makeVoidSerialiser(wireFormat);
     }
-    std::shared_lock const lock(records_->serialisers.mutex);
+    std::shared_lock const lock(records_->serialisers.mutex.mine());
     return orThrow(findAny(records_->serialisers, wireFormat, typeID), wireFormat);
 }
 
@@ -284,7 +284,7 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
     if (payload.values.empty()) {
         return GenericSerialiser();
     }
-    std::shared_lock const lock(records_->serialisers.mutex);
+    std::shared_lock const lock(records_->serialisers.mutex.mine());
     Serialiser const* found = findAny(records_->serialisers, wireFormat, payload.typeIDs);
     if (found == nullptr) {
         found = findAny(records_->serialisers, wireFormat, payload.typeIDs.at(0));
@@ -295,14 +295,14 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view,
                                               stop_source stopSource) const {
-    std::shared_lock const lock(records_->serialisers.mutex);
+    std::shared_lock const lock(records_->serialisers.mutex.mine());
     return orThrow(findAny(records_->serialisers, wireFormat, view.getTypeID()), wireFormat)
         .getSerialiser(std::move(view), std::move(stopSource));
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view) const {
-    std::shared_lock const lock(records_->serialisers.mutex);
+    std::shared_lock const lock(records_->serialisers.mutex.mine());
     return orThrow(findAny(records_->serialisers, wireFormat, view.getTypeID()), wireFormat)
         .getSerialiser(std::move(view));
 }
@@ -312,7 +312,7 @@ GenericDeserialiser Catalogue::getDeserialiserFor(std::string const& wireFormat,
     if (typeID == core::getTypeID<void>()) {
         return GenericDeserialiser(std::function<void(std::istream&)>([](std::istream&) {}));
     }
-    std::shared_lock const lock(records_->deserialisers.mutex);
+    std::shared_lock const lock(records_->deserialisers.mutex.mine());
     Deserialiser const* const found = find(records_->deserialisers, wireFormat, typeID);
     if (found == nullptr) {
         throw std::runtime_error("No deserialiser found for " + wireFormat);
@@ -324,13 +324,13 @@ bool Catalogue::hasDeserialiserFor(std::string const& wireFormat, std::uint64_t 
     if (typeID == core::getTypeID<void>()) {
         return true;
     }
-    std::shared_lock const lock(records_->deserialisers.mutex);
+    std::shared_lock const lock(records_->deserialisers.mutex.mine());
     return find(records_->deserialisers, wireFormat, typeID) != nullptr;
 }
 
 std::vector<std::string>
 Catalogue::getSupportedWireFormats(std::vector<std::uint64_t> const& typeIDs) const {
-    std::shared_lock const lock(records_->serialisers.mutex);
+    std::shared_lock const lock(records_->serialisers.mutex.mine());
     return wireFormats(records_->serialisers, typeIDs);
 }
 
@@ -338,7 +338,7 @@ std::vector<std::string> Catalogue::getSupportedWireFormats(std::uint64_t typeID
     if (typeID == core::getTypeID<void>()) {
         return {"builtin"};
     }
-    std::shared_lock const lock(records_->serialisers.mutex);
+    std::shared_lock const lock(records_->serialisers.mutex.mine());
     return wireFormats(records_->serialisers, typeID);
 }
 
@@ -351,7 +351,7 @@ Catalogue::getSupportedDeserialisationWireFormats(std::uint64_t typeID) const {
         typeID == core::getTypeID<std::istream>()) {
         return {"*"};
     }
-    std::shared_lock const lock(records_->deserialisers.mutex);
+    std::shared_lock const lock(records_->deserialisers.mutex.mine());
     return wireFormats(records_->deserialisers, typeID);
 }
 

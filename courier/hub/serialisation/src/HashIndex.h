@@ -12,10 +12,11 @@
 
 namespace courier::hub::serialisation {
 
-/// Spreads what differs anywhere in x over the whole of the result.
+/// Spreads what differs anywhere in x over the upper bits of the result, and back over the lower
+/// ones, for more to come.
 constexpr std::uint64_t stir(std::uint64_t x) noexcept {
     x *= 0x9E3779B97F4A7C15;
-    return (x ^ (x >> 32)) * 0xD6E8FEB86659FD93;
+    return x ^ (x >> 32);
 }
 
 inline std::uint64_t hashOf(std::uint64_t x) noexcept { return stir(x); }
@@ -29,15 +30,19 @@ inline std::uint64_t hashOf(std::vector<std::uint64_t> const& list) noexcept {
 }
 
 inline std::uint64_t hashOf(std::string_view text) noexcept {
+    // Eight bytes at a time; those of a last, shorter word one by one, as names are short and a
+    // copy of varying length is a call.
     std::uint64_t hash = text.size();
-    while (!text.empty()) {
-        std::uint64_t word = 0;
-        std::size_t const n = text.size() < sizeof(word) ? text.size() : sizeof(word);
-        std::memcpy(&word, text.data(), n);
+    std::uint64_t word = 0;
+    for (; text.size() >= sizeof(word); text.remove_prefix(sizeof(word))) {
+        std::memcpy(&word, text.data(), sizeof(word));
         hash = stir(hash ^ word);
-        text.remove_prefix(n);
     }
-    return hash;
+    word = 0;
+    for (char const c : text) {
+        word = word << 8 | static_cast<unsigned char>(c);
+    }
+    return stir(hash ^ word);
 }
 
 /// A flat hash table of small entries, which are only ever added. It knows hashes, not keys:

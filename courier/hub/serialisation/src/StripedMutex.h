@@ -10,10 +10,22 @@
 namespace courier::hub::serialisation {
 
 /// A reader-writer lock whose readers stay out of each other's caches: several std::shared_mutex,
-/// of which a reader takes one and a writer takes all. For std::shared_lock and std::lock_guard; a
-/// shared lock is released by the thread that took it.
+/// of which a reader takes its thread's own and a writer takes all.
+///
+///     std::shared_lock const reading(mutex.mine());
+///     std::lock_guard const writing(mutex);
 class StripedMutex {
 public:
+    /// The calling thread's stripe. Threads get them in turn, so that up to as many as there are
+    /// never share one.
+    [[nodiscard]] std::shared_mutex& mine() noexcept {
+        if (stripeOfThread == 0) {
+            static std::atomic<std::size_t> threads{0};
+            stripeOfThread = 1 + threads.fetch_add(1, std::memory_order_relaxed);
+        }
+        return stripes_[stripeOfThread % stripes_.size()].mutex;
+    }
+
     /// Takes every stripe. Throws std::system_error; none is held then.
     void lock() {
         std::size_t taken = 0;
@@ -28,10 +40,6 @@ public:
     }
     void unlock() noexcept { unlock(stripes_.size()); }
 
-    /// Takes the calling thread's stripe. Throws std::system_error.
-    void lock_shared() { mine().lock_shared(); }
-    void unlock_shared() noexcept { mine().unlock_shared(); }
-
 private:
     // A cache line each, and the one beside it that processors fetch along.
     struct alignas(128) Stripe {
@@ -44,12 +52,8 @@ private:
         }
     }
 
-    // Threads take the stripes in turn, so that up to as many as there are never share one.
-    [[nodiscard]] std::shared_mutex& mine() noexcept {
-        static std::atomic<std::size_t> threads{0};
-        thread_local std::size_t const stripe = threads.fetch_add(1, std::memory_order_relaxed);
-        return stripes_[stripe % stripes_.size()].mutex;
-    }
+    // Of this model, reading it from a shared library is no call. 0: the thread has none yet.
+    [[gnu::tls_model("initial-exec")]] static inline thread_local std::size_t stripeOfThread = 0;
 
     std::array<Stripe, 16> stripes_;
 };

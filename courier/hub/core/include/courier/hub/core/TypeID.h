@@ -6,8 +6,6 @@
 // every includer half a second more.
 #include <boost/type_index/detail/compile_time_type_info.hpp>
 
-#include <algorithm>
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -73,17 +71,21 @@ constexpr bool isNameShared(std::string_view name) noexcept {
         "{anonymous}", "(anonymous", "<unnamed", "(unnamed", "<lambda",
         "(lambda at",  ")::",        " const::", "&::",      " volatile::",
     };
-    return std::none_of(std::begin(marks), std::end(marks), [name](std::string_view mark) {
-        return name.find(mark) != std::string_view::npos;
-    });
+    for (std::string_view const mark : marks) {
+        if (name.find(mark) != std::string_view::npos) {
+            return false;
+        }
+    }
+    return true;
 }
 
 template <class T> constexpr std::uint64_t hashTypeName() noexcept {
     constexpr std::string_view prefix = "i<";
     constexpr std::string_view name = typeName<T>();
-    std::array<char, prefix.size() + name.size()> text{};
-    std::copy(name.begin(), name.end(), std::copy(prefix.begin(), prefix.end(), text.begin()));
-    return hashTypeText({text.data(), text.size()});
+    char text[prefix.size() + name.size()] = {};
+    prefix.copy(text, prefix.size());
+    name.copy(text + prefix.size(), name.size());
+    return hashTypeText({text, sizeof(text)});
 }
 
 static_assert(hashTypeName<void>() == 0x5BE70EF845054701,

@@ -385,7 +385,15 @@ public:
     ByteBuffer& append(std::vector<ByteBuffer>&& others) { return append(std::as_const(others)); }
     ByteBuffer& append(std::vector<ByteBuffer> const& others);
     ByteBuffer& append(std::vector<std::byte>&& bytes);
-    ByteBuffer& append(ByteBufferView view);
+    ByteBuffer& append(ByteBufferView view) {
+        if (start_ == nullptr && view.size() <= owned_.capacity() - owned_.size() &&
+            view.data() != nullptr && !isOwn(view.data())) {
+            owned_.insert(owned_.end(), view.data(), view.data() + view.size());
+        } else {
+            appendBeyondRoom(view);
+        }
+        return *this;
+    }
 
     /// Adds one byte at the end; afterwards the buffer is in vector form. Amortised constant, but
     /// the first one moves an external block's bytes. Throws std::length_error "vector too long",
@@ -433,7 +441,14 @@ private:
         return base();
     }
 
+    // Whether p points into the vector's bytes, or right behind them.
+    [[nodiscard]] bool isOwn(std::byte const* p) const noexcept {
+        std::less_equal<> const notAfter;
+        return notAfter(owned_.data(), p) && notAfter(p, owned_.data() + owned_.size());
+    }
+
     void releaseBlock() noexcept;
+    void appendBeyondRoom(ByteBufferView view);
     [[nodiscard]] std::vector<std::byte> copyWithRoomFor(std::size_t n) const;
     void becomeVector(std::vector<std::byte>&& bytes) noexcept;
     template <class ForEachPiece> void appendPieces(std::size_t added, ForEachPiece forEachPiece);

@@ -35,8 +35,10 @@ namespace courier::hub::serialisation {
     createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
                          std::string const& wireFormat);
 
-/// Writes element i in wire format i. Further wire formats are ignored; fewer than elements throw
-/// std::out_of_range "Fewer wire formats than payload elements", and the caller keeps the payload.
+/// Writes element i in wire format i. (Of two literals in braces the compiler could also make one
+/// std::string: name the std::vector there.) Further wire formats are ignored; fewer than elements
+/// throw std::out_of_range "Fewer wire formats than payload elements", and the caller keeps the
+/// payload.
 [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT
     std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>>
     createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
