@@ -29,20 +29,27 @@ inline std::uint64_t hashOf(std::vector<std::uint64_t> const& list) noexcept {
     return hash;
 }
 
+// A copy of fixed length is a single load.
+template <class Word> std::uint64_t load(char const* from) noexcept {
+    Word word;
+    std::memcpy(&word, from, sizeof(word));
+    return word;
+}
+
 inline std::uint64_t hashOf(std::string_view text) noexcept {
-    // Eight bytes at a time; those of a last, shorter word one by one, as names are short and a
-    // copy of varying length is a call.
     std::uint64_t hash = text.size();
-    std::uint64_t word = 0;
-    for (; text.size() >= sizeof(word); text.remove_prefix(sizeof(word))) {
-        std::memcpy(&word, text.data(), sizeof(word));
-        hash = stir(hash ^ word);
+    for (; text.size() > 8; text.remove_prefix(8)) {
+        hash = stir(hash ^ load<std::uint64_t>(text.data()));
     }
-    word = 0;
-    for (char const c : text) {
-        word = word << 8 | static_cast<unsigned char>(c);
+    if (text.size() >= 4) { // the two loads overlap where it is shorter than 8
+        hash ^= load<std::uint32_t>(text.data()) << 32 |
+                load<std::uint32_t>(text.data() + text.size() - 4);
+    } else {
+        for (char const c : text) {
+            hash = hash << 8 ^ static_cast<unsigned char>(c);
+        }
     }
-    return stir(hash ^ word);
+    return stir(hash);
 }
 
 /// A flat hash table of small entries, which are only ever added. It knows hashes, not keys:
