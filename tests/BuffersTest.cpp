@@ -127,6 +127,19 @@ TEST(ByteBuffer, AppendsInEveryFormWhateverTheArgument) {
     });
 }
 
+TEST(ByteBuffer, StaysWhereItIsWhileThereIsRoom) {
+    Blocks blocks;
+    ByteBuffer buffer = spare(blocks, "abcdef");
+    auto const* const address = buffer.data();
+    buffer.append(bytes("gh")).append(buffer).append(buffer.makeView(0, 2));
+    buffer.trimFront(2);
+    buffer.resize(4);
+    EXPECT_EQ(buffer.data(), address);
+    buffer.clear();
+    buffer.push_back(std::byte{'x'});
+    EXPECT_EQ(buffer.data(), address);
+}
+
 TEST(ByteBuffer, EmptyArgumentsChangeNothingButAListOfThemConverts) {
     Blocks blocks;
     ByteBuffer buffer = blocks.adopt("abc");
@@ -174,6 +187,7 @@ TEST(ByteBuffer, EnlargesByHalfAsMuchAgainResizesAndTrims) {
         std::size_t const before = allocations();
         appended.append(appended.makeView(0, 4));
         EXPECT_EQ(allocations(), before + 1);
+        EXPECT_EQ(spareRoom(appended.clone()), 0U);
         EXPECT_EQ(spareRoom(std::move(appended)), 7U);
         ByteBuffer resized = make(blocks, "0123456789");
         resized.resize(21);
@@ -240,6 +254,7 @@ TEST(ByteBuffer, RefusesANullViewWithALength) {
     EXPECT_ERROR(std::runtime_error, incompatible, null.end() - null.begin());
     EXPECT_ERROR(std::runtime_error, incompatible, std::vector(null.begin(), null.end()));
     EXPECT_NE(null.begin(), null.end());
+    EXPECT_ERROR(std::runtime_error, incompatible, ByteBuffer(null.makeView(1, 1)));
     EXPECT_EQ(blocks.freed, 0);
     EXPECT_ERROR(std::runtime_error, incompatible, some.append(null));
     EXPECT_EQ(blocks.freed, 1); // converted by then

@@ -107,6 +107,26 @@ TEST(Deserialisers, ShareTheirHandleWithCopiesAndHandItOverInMoves) {
                        [](auto& kept) { EXPECT_EQ(valueRead(kept), 1); });
 }
 
+TEST(Serialisers, HandTheirRoutineToOneOfTheThreadsThatMoveFromThem) {
+    for (int round = 0; round < 200; ++round) {
+        auto const handle = std::make_shared<int>(1);
+        GenericSerialiser shared([](auto, auto& out) { out << "x"; }, stop_source(), "text",
+                                 handle);
+        auto reader = reading<int>([](auto&) { return 7; }, handle);
+        std::atomic<int> got = 0;
+        auto const take = [&] {
+            GenericSerialiser const mine(std::move(shared));
+            GenericDeserialiser const copy(reader);
+            GenericDeserialiser const moved(std::move(reader));
+            got += (mine.getHandle() ? 1 : 0) + (moved.getHandle() ? 1 : 0);
+        };
+        std::thread other(take);
+        take();
+        other.join();
+        EXPECT_EQ(got, 2);
+    }
+}
+
 TEST(Deserialisers, AreCopiedOnSeveralThreadsAtOnce) {
     auto const handle = std::make_shared<int>(1);
     auto const source = reading<int>([](auto&) { return 7; }, handle);
@@ -170,10 +190,12 @@ TEST(Records, CallTheFactoryForTheArgumentsAndNoOther) {
     Deserialiser copy("Format", 7, reading<int>([](auto&) { return 9; }, handle));
     Deserialiser& same = copy;
     copy = std::as_const(same);
-    Deserialiser const second = copy;
+    Deserialiser second("", 0, reading<void>([](auto&) {}));
+    copy = std::move(same);
+    second = std::move(copy);
     EXPECT_EQ(valueRead(second.getDeserialiser()), 9);
     EXPECT_EQ(second.getWireFormat(), "Format");
-    EXPECT_EQ(handle.use_count(), 3);
+    EXPECT_EQ(handle.use_count(), 2);
 }
 
 } // namespace

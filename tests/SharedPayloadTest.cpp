@@ -55,10 +55,12 @@ TEST(SharedPayload, IsDestroyedOnceAndBeforeTheSentinelIsReleased) {
         std::atomic<int> destroyed = 0;
         GenericPayloadWrapperPtr mine(new GenericPayloadWrapper(payloadOf(1, destroyed)));
         std::shared_ptr<Sentinel> const sentinel = mine->getSentinel();
-        std::thread waiter([&] {
+        auto const wait = [&] {
             sentinel->wait();
             EXPECT_EQ(destroyed, 1);
-        });
+        };
+        std::thread waiter(wait);
+        std::thread second(wait);
         std::thread other([view = GenericPayloadView(mine, 0)]() mutable {
             GenericPayloadView const copy = std::move(view);
             view = copy;
@@ -66,6 +68,7 @@ TEST(SharedPayload, IsDestroyedOnceAndBeforeTheSentinelIsReleased) {
         mine = GenericPayloadWrapperPtr();
         other.join();
         waiter.join();
+        second.join();
         EXPECT_EQ(destroyed, 1);
     }
 }

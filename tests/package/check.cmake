@@ -31,6 +31,7 @@ set(prefix ${WORK_DIR}/prefix)
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 build_outside(find_package -D CMAKE_PREFIX_PATH=${prefix})
 build_outside(add_subdirectory -D AS_SUBDIRECTORY=ON)
+build_outside(static -D AS_SUBDIRECTORY=ON -D BUILD_SHARED_LIBS=OFF)
 
 file(GLOB_RECURSE pc ${prefix}/*/courier_hub_serialisation.pc)
 get_filename_component(pc_dir ${pc} DIRECTORY)

@@ -2,18 +2,14 @@
 #include <courier/hub/serialisation/Buffers.h>
 
 #include <algorithm>
-#include <limits>
 #include <stdexcept>
 
 namespace courier::hub::serialisation {
 
 namespace {
 
-// The most bytes that a vector holds. Lengths are compared with it before anything is added to
-// them, so that no sum wraps, and so that the standard library's own message is never seen.
-constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
-
-[[noreturn]] void throwTooLong() { throw std::length_error("vector too long"); }
+using detail::longest;
+using detail::throwTooLong;
 
 std::size_t sum(std::size_t a, std::size_t b) {
     if (a > longest || b > longest - a) {
@@ -50,6 +46,8 @@ void throwIncompatibleIterators() {
     throw std::runtime_error("Attempting to take difference between incompatible MessageIterators");
 }
 
+void throwTooLong() { throw std::length_error("vector too long"); }
+
 void throwBlockWithoutDeleter() {
     throw std::invalid_argument("ByteBuffer needs a deleter for its block");
 }
@@ -63,7 +61,7 @@ void ByteBufferView::trimFront(std::size_t n) {
         detail::throwOutOfRange("Requested to remove more bytes than exist");
     }
     length_ -= n;
-    start_ = length_ == 0 ? nullptr : start_ + n;
+    start_ = start_ == nullptr || length_ == 0 ? nullptr : start_ + n;
 }
 
 ByteBufferView ByteBufferView::makeView(std::size_t offset, std::size_t count) const {
@@ -73,7 +71,7 @@ ByteBufferView ByteBufferView::makeView(std::size_t offset, std::size_t count) c
     if (offset > length_ || count > length_ - offset) {
         detail::throwOutOfRange("Invalid range requested");
     }
-    return {start_ + offset, count == 0 ? length_ - offset : count};
+    return {start_ == nullptr ? nullptr : start_ + offset, count == 0 ? length_ - offset : count};
 }
 
 ByteBuffer ByteBufferView::append(ByteBuffer&& other) { return append(std::as_const(other)); }

@@ -54,7 +54,8 @@ inline std::uint64_t hashOf(std::string_view text) noexcept {
 
 /// A flat hash table of small entries, which are only ever added. It knows hashes, not keys:
 /// whoever searches says what is equal. Open addressing, at most half full, so that a search mostly
-/// touches one cache line.
+/// touches one cache line. Where all hashes collide a search is linear: keys come from the modules
+/// of a program, not from the bytes that these read.
 template <class Entry> class HashIndex {
 public:
     /// The entry with this hash that `matches`, or null. Constant on average; allocates nothing.

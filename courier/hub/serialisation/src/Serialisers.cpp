@@ -153,7 +153,16 @@ Deserialiser::Deserialiser(std::string wireFormat, std::uint64_t typeID,
 Deserialiser::Deserialiser(Deserialiser const& other) = default;
 Deserialiser::Deserialiser(Deserialiser&& other) = default;
 Deserialiser& Deserialiser::operator=(Deserialiser const& other) = default;
-Deserialiser& Deserialiser::operator=(Deserialiser&& other) = default;
+
+Deserialiser& Deserialiser::operator=(Deserialiser&& other) {
+    if (this != &other) { // a std::string may be emptied when it is moved to itself
+        wireFormat_ = std::move(other.wireFormat_);
+        typeID_ = other.typeID_;
+        deserialiser_ = std::move(other.deserialiser_);
+    }
+    return *this;
+}
+
 Deserialiser::~Deserialiser() = default;
 
 std::string Deserialiser::getWireFormat() const { return wireFormat_; }

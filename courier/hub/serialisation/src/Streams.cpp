@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <new>
 #include <stdexcept>
 
@@ -62,8 +61,6 @@ std::streamsize ReadOnlyStreambuf::xsgetn(char* s, std::streamsize n) {
 
 namespace {
 
-constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
-
 ByteBufferView viewOf(std::unique_ptr<ByteBuffer> const& buffer) {
     if (!buffer) {
         throw std::invalid_argument("ByteBufferIStreambuf needs a buffer");
@@ -109,6 +106,14 @@ NonOwningByteBufferViewIStreambuf::operator=(NonOwningByteBufferViewIStreambuf&&
 }
 
 NonOwningByteBufferViewIStreambuf::~NonOwningByteBufferViewIStreambuf() = default;
+
+NonOwningByteBufferViewIStreambuf::int_type NonOwningByteBufferViewIStreambuf::uflow() {
+    int_type const byte = underflow();
+    if (!traits_type::eq_int_type(byte, traits_type::eof())) {
+        setg(eback(), gptr() + 1, egptr());
+    }
+    return byte;
+}
 
 // The block comes from std::malloc, because std::realloc can grow a large one without copying it.
 // The put area is the unwritten rest of the block, so no position is ever set by pbump(), which
@@ -165,16 +170,16 @@ void ByteBufferOStreambuf::reserveFor(std::size_t added) {
         return;
     }
     std::size_t const written = size();
-    if (added > longest - written) {
-        throw std::length_error("vector too long");
+    if (added > detail::longest - written) {
+        detail::throwTooLong();
     }
     constexpr std::size_t smallest = 512;
-    setCapacity(std::max({written + added, std::min(2 * written, longest), smallest}));
+    setCapacity(std::max({written + added, std::min(2 * written, detail::longest), smallest}));
 }
 
 void ByteBufferOStreambuf::setCapacity(std::size_t capacity) {
-    if (capacity > longest) {
-        throw std::length_error("vector too long");
+    if (capacity > detail::longest) {
+        detail::throwTooLong();
     }
     std::size_t const written = size();
     auto* const block = static_cast<char*>(std::realloc(block_.get(), capacity));

@@ -10,7 +10,8 @@
 namespace courier::hub::serialisation {
 
 /// A reader-writer lock whose readers stay out of each other's caches: several std::shared_mutex,
-/// of which a reader takes its thread's own and a writer takes all.
+/// of which a reader takes its thread's own and a writer takes all. A writer that waits for a slow
+/// reader holds the stripes before that reader's, and keeps those readers waiting too.
 ///
 ///     std::shared_lock const reading(mutex.mine());
 ///     std::lock_guard const writing(mutex);
@@ -52,8 +53,7 @@ private:
         }
     }
 
-    // Of this model, reading it from a shared library is no call. 0: the thread has none yet.
-    [[gnu::tls_model("initial-exec")]] static inline thread_local std::size_t stripeOfThread = 0;
+    static inline thread_local std::size_t stripeOfThread = 0; // 0: the thread has none yet
 
     std::array<Stripe, 16> stripes_;
 };

@@ -39,6 +39,7 @@ struct GenericPayload {
     /// Appends one element of type T. Amortised constant. Throws std::bad_alloc; the payload is
     /// then as before.
     template <class T> void add(std::shared_ptr<T> value) {
+        static_assert(!std::is_const_v<T>, "a payload gives mutable access to its elements");
         typeIDs.push_back(getTypeID<T>());
         try {
             values.push_back(std::move(value));
@@ -46,7 +47,7 @@ struct GenericPayload {
             typeIDs.pop_back();
             throw;
         }
-        ++elementCount;
+        elementCount = values.size(); // a moved-from payload still has its old count
     }
 
     /// Element i, whose type must be T.

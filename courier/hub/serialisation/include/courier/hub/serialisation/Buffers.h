@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <iterator>
+#include <limits>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -24,6 +25,11 @@ namespace detail {
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwOutOfRange(char const* message);
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwIncompatibleIterators();
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwBlockWithoutDeleter();
+[[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwTooLong();
+
+// The most bytes that a buffer holds. Lengths are compared with it before anything is added to
+// them, so that no sum wraps, and so that the standard library's own message is never seen.
+inline constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
 } // namespace detail
 
 /// The iterator of ByteBuffer and ByteBufferView: contiguous, with T = std::byte for mutable and
@@ -106,7 +112,8 @@ public:
     }
 
     friend bool operator==(ByteBufferIterator const& a, ByteBufferIterator const& b) noexcept {
-        return a.pointer_ == b.pointer_ && a.position_ == b.position_;
+        return a.pointer_ == b.pointer_ &&
+               std::to_address(a.position_) == std::to_address(b.position_);
     }
 
     /// Throws std::runtime_error for positions of different forms.
@@ -118,14 +125,17 @@ public:
 private:
     friend class ByteBufferIterator<std::byte const>;
 
-    [[nodiscard]] bool inVector() const noexcept { return position_ != VectorPosition(); }
+    [[nodiscard]] bool inVector() const noexcept { return std::to_address(position_) != nullptr; }
 
     T* pointer_ = nullptr;      // null in vector form
     VectorPosition position_{}; // value-initialised in pointer form
 };
 
-static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>>);
-static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>>);
+// As the vector's own iterators are, where the standard library does not check them.
+static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>> ==
+              std::is_trivially_copyable_v<std::vector<std::byte>::iterator>);
+static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>> ==
+              std::is_trivially_copyable_v<std::vector<std::byte>::const_iterator>);
 static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte>>);
 static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte const>>);
 
@@ -137,8 +147,9 @@ class ByteBuffer;
 /// adopt or copy them into a ByteBuffer to keep them longer. It gives mutable access also when it
 /// was made from a pointer to const bytes; do not write through such a view.
 ///
-/// A view with a null start and a length other than 0 can be made, but the operations that copy its
-/// bytes refuse it.
+/// A view with a null start and a length other than 0 can be made, but it is no use: the operations
+/// that copy its bytes refuse it, and of its iterators only the comparison for equality and the
+/// difference, which throws, are defined.
 ///
 /// Unless a comment says otherwise, every operation takes constant time, allocates nothing and
 /// throws nothing; one that throws leaves the view as it was. A view may be read and copied on
@@ -174,11 +185,15 @@ public:
     [[nodiscard]] std::byte& front() { return *nonEmpty(); }
     [[nodiscard]] std::byte const& front() const { return *nonEmpty(); }
 
+    /// Iterators into the viewed bytes: valid as long as those are, whatever becomes of the view.
     [[nodiscard]] ByteBufferIterator<std::byte> begin() noexcept {
         return ByteBufferIterator<std::byte>(start_);
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> begin() const noexcept {
         return ByteBufferIterator<std::byte const>(start_);
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
+        return std::as_const(*this).begin();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
     [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
@@ -186,6 +201,9 @@ public:
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> end() const noexcept {
         return ByteBufferIterator<std::byte const>(endAddress());
+    }
+    [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
+        return std::as_const(*this).end();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
 
@@ -355,6 +373,9 @@ public:
         return start_ != nullptr ? ByteBufferIterator<std::byte const>(start_)
                                  : ByteBufferIterator<std::byte const>(owned_.begin());
     }
+    [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
+        return std::as_const(*this).begin();
+    }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
     [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
         return start_ != nullptr ? ByteBufferIterator<std::byte>(start_ + externalSize_)
@@ -364,6 +385,9 @@ public:
         return start_ != nullptr ? ByteBufferIterator<std::byte const>(start_ + externalSize_)
                                  : ByteBufferIterator<std::byte const>(owned_.end());
     }
+    [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
+        return std::as_const(*this).end();
+    }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
 
     /// Empties the buffer and frees its block, if it has one; a vector keeps its capacity.
@@ -371,8 +395,9 @@ public:
 
     /// Adds a copy of the argument's bytes at the end, of a vector of buffers element after
     /// element; the argument does not change, also where it is an rvalue. An empty argument changes
-    /// nothing; any other leaves the buffer in vector form. The argument may be, hold or view this
-    /// buffer's own bytes: they count as they were before the call.
+    /// nothing; any other, a list of empty buffers too, leaves the buffer in vector form. The
+    /// argument may be, hold or view this buffer's own bytes: they count as they were before the
+    /// call.
     ///
     /// Linear in the bytes added, amortised: when it must enlarge, it makes room for half as much
     /// again in one allocation, and the first append to an external block moves that block's bytes.
@@ -418,6 +443,9 @@ public:
     /// A view of the `count` bytes from `offset` on; a count of 0 reaches to the end, and at the
     /// end gives the view of no bytes. It is valid as long as an iterator would be. Throws
     /// std::out_of_range "Invalid range requested" when the range leaves the buffer.
+    [[nodiscard]] ByteBufferView makeView(std::size_t offset, std::size_t count) {
+        return std::as_const(*this).makeView(offset, count);
+    }
     [[nodiscard]] ByteBufferView makeView(std::size_t offset, std::size_t count) const;
 
 private:

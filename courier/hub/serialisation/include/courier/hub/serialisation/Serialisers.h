@@ -31,8 +31,9 @@ using bedrock::concurrent::threadpool::stop_token;
 /// Writes one prepared payload, or one element of it, to a stream.
 ///
 /// Move-only. A moved-from serialiser has an empty routine, stop source, text and handle. It may be
-/// moved from on one thread while another does the same: its guard is held meanwhile. Calls are not
-/// guarded: whether one serialiser may be called on several threads at once is up to its routine.
+/// moved from on one thread while another does the same: its guard is held meanwhile. Calls and
+/// getters are not guarded, and must not run while it is moved from or assigned to; whether one
+/// serialiser may be called on several threads at once is up to its routine.
 class COURIER_HUB_SERIALISATION_EXPORT GenericSerialiser {
 public:
     /// Writes to the stream, and looks at the token as often as it likes to.
@@ -71,7 +72,9 @@ public:
 
     /// The source through which this serialiser is stopped; empty where there is none.
     [[nodiscard]] stop_source getStopSource() const { return stopSource_; }
+    /// The text that travels with this serialiser; it means what its maker wants it to.
     [[nodiscard]] std::string getText() const { return text_; }
+    /// What this serialiser keeps alive; null where its maker gave nothing.
     [[nodiscard]] std::shared_ptr<void> getHandle() const { return handle_; }
 
 private:
@@ -111,6 +114,7 @@ public:
     /// Throws what copying the routine throws, std::system_error when the guard of `other` cannot
     /// be locked.
     GenericDeserialiser(GenericDeserialiser const& other);
+    /// Throws std::system_error when the guard of `other` cannot be locked; nothing has then moved.
     GenericDeserialiser(GenericDeserialiser&& other);
 
     /// Copying the routine comes first: when it throws, nothing has changed.
@@ -122,6 +126,7 @@ public:
     /// Reads one payload. What the routine consumed stays consumed, also when it throws.
     [[nodiscard]] core::GenericPayload operator()(std::istream& in) const;
 
+    /// What this deserialiser and its copies keep alive; null where their maker gave nothing.
     [[nodiscard]] std::shared_ptr<void> getHandle() const { return handle_; }
 
 private:
@@ -206,6 +211,7 @@ public:
     Serialiser& operator=(Serialiser&& other) noexcept;
     ~Serialiser();
 
+    /// What the constructor was given, by value.
     [[nodiscard]] std::string getWireFormat() const;
     [[nodiscard]] std::uint64_t getTypeID() const noexcept;
     [[nodiscard]] std::vector<std::uint64_t> getTypeIDs() const;
@@ -244,6 +250,7 @@ public:
     Deserialiser& operator=(Deserialiser&& other);
     ~Deserialiser();
 
+    /// What the constructor was given, by value.
     [[nodiscard]] std::string getWireFormat() const;
     [[nodiscard]] std::uint64_t getTypeID() const noexcept;
 

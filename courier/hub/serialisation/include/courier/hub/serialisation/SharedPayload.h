@@ -25,7 +25,8 @@
 namespace courier::hub::serialisation {
 
 /// Tells whether a payload has been released. Goes from unreleased to released once, and never
-/// back. Every operation may be called from any thread at any time.
+/// back. Every operation may be called from any thread at any time; a mutex that cannot be locked
+/// throws std::system_error.
 class Sentinel {
 public:
     Sentinel() = default;
@@ -163,6 +164,7 @@ public:
         }
     }
 
+    /// The wrapper, or null; it must not be null for `->` and `*`.
     [[nodiscard]] GenericPayloadWrapper* get() const noexcept { return wrapper_; }
     [[nodiscard]] GenericPayloadWrapper* operator->() const noexcept { return wrapper_; }
     [[nodiscard]] GenericPayloadWrapper& operator*() const noexcept { return *wrapper_; }

@@ -247,6 +247,7 @@ public:
     [[nodiscard]] ByteStreamIterator begin() const {
         return source_ ? source_->begin() : ByteStreamIterator();
     }
+    /// The end iterator; any stream has one.
     [[nodiscard]] ByteStreamIterator end() const noexcept { return {}; }
 
     /// Reads the next byte. Throws what the source throws at its end; without a source,
@@ -278,8 +279,8 @@ protected:
     ReadOnlyStreambuf(ReadOnlyStreambuf const&) = default;
     ReadOnlyStreambuf& operator=(ReadOnlyStreambuf const&) = default;
 
-    int_type underflow() final;
-    std::streamsize xsgetn(char* s, std::streamsize n) final;
+    int_type underflow() override;
+    std::streamsize xsgetn(char* s, std::streamsize n) override;
 };
 
 } // namespace detail
@@ -321,8 +322,11 @@ public:
     operator=(NonOwningByteBufferViewIStreambuf&& other) noexcept;
     ~NonOwningByteBufferViewIStreambuf() override;
 
+protected:
+    int_type uflow() override;
+
 private:
-    ByteBufferView view_;
+    ByteBufferView view_; // what the get area covers, for the debugger
 };
 
 /// A std::streambuf that writes into a growing block and hands it out as a ByteBuffer:
