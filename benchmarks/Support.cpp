@@ -1,0 +1,146 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Support.h"
+
+#include <malloc.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <thread>
+
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#endif
+
+namespace {
+
+thread_local std::size_t allocationCount = 0;
+
+} // namespace
+
+// The GNU C library lets a program stand in front of its allocator. Operator new calls malloc, so
+// that this counts the peers that are written in C as well.
+extern "C" {
+void* __libc_malloc(std::size_t size) noexcept;
+void* __libc_calloc(std::size_t count, std::size_t size) noexcept;
+void* __libc_realloc(void* block, std::size_t size) noexcept;
+void* __libc_memalign(std::size_t alignment, std::size_t size) noexcept;
+
+void* malloc(std::size_t size) noexcept {
+    ++allocationCount;
+    return __libc_malloc(size);
+}
+void* calloc(std::size_t count, std::size_t size) noexcept {
+    ++allocationCount;
+    return __libc_calloc(count, size);
+}
+void* realloc(void* block, std::size_t size) noexcept {
+    ++allocationCount;
+    return __libc_realloc(block, size);
+}
+void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
+    ++allocationCount;
+    return __libc_memalign(alignment, size);
+}
+}
+
+namespace benchmarks {
+
+void require(bool holds, char const* what) {
+    if (!holds) {
+        std::fprintf(stderr, "The benchmark did not do its work: %s\n", what);
+        std::abort();
+    }
+}
+
+std::size_t allocations() noexcept { return allocationCount; }
+
+std::size_t allocatedBytes() noexcept {
+    struct mallinfo2 const info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+double processorSeconds() noexcept {
+    std::timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+Bytes::Bytes(std::size_t size, Place place)
+    : block_(std::make_unique_for_overwrite<std::byte[]>(size + 2 * 4096)), size_(size) {
+    auto const address = reinterpret_cast<std::uintptr_t>(block_.get());
+    start_ = block_.get() + (4096 - address % 4096) + place;
+    std::uint32_t random = 1;
+    for (std::size_t i = 0; i < size; ++i) {
+        random = random * 1664525 + 1013904223;
+        start_[i] = static_cast<std::byte>(random >> 24);
+    }
+}
+
+std::string name(std::string const& work, std::size_t size, std::string const& who) {
+    return work + "/" + std::to_string(size) + "/" + who;
+}
+
+void report(benchmark::State& state, double operations, std::size_t allocated) {
+    auto const done = static_cast<double>(state.iterations()) * operations;
+    auto const average = benchmark::Counter::kAvgThreads;
+    state.counters["operations"] = {operations, average};
+    state.counters["allocations"] = {static_cast<double>(allocated) / done, average};
+}
+
+std::vector<Counted>& countedOperations() {
+    static std::vector<Counted> operations;
+    return operations;
+}
+
+namespace {
+
+// Under callgrind, dumps the instructions of each counted operation twice, for few and for many
+// times: the difference is free of what making it cost.
+int countInstructions() {
+#ifdef CALLGRIND_ZERO_STATS
+    addCounted("empty/0/loop", [] { return [] { escape(nullptr); }; });
+    for (Counted const& operation : countedOperations()) {
+        operation.run(10); // binds the functions of shared libraries
+        for (std::size_t const times : {1000U, 11000U}) {
+            CALLGRIND_ZERO_STATS;
+            operation.run(times);
+            std::string const label = operation.name + " " + std::to_string(times) + " " +
+                                      std::to_string(operation.operations);
+            CALLGRIND_DUMP_STATS_AT(label.c_str());
+        }
+    }
+    return EXIT_SUCCESS;
+#else
+    return EXIT_FAILURE;
+#endif
+}
+
+// What a process that has been at work for a while looks like: it has had a second thread, so that
+// reference counts are atomic, and freed large blocks, so that malloc keeps them for the next time
+// instead of asking the system. Otherwise a benchmark would depend on those that ran before it.
+void grow() {
+    std::thread([] {}).join();
+    void* const large = std::malloc(std::size_t{31} << 20U); // beyond 32 MiB malloc learns nothing
+    escape(large);
+    std::free(large);
+}
+
+} // namespace
+
+} // namespace benchmarks
+
+int main(int argc, char** argv) {
+    benchmarks::grow();
+    if (argc == 2 && std::strcmp(argv[1], "--instructions") == 0) {
+        return benchmarks::countInstructions();
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return EXIT_FAILURE;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    return EXIT_SUCCESS;
+}
