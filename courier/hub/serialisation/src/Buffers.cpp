@@ -154,6 +154,11 @@ void ByteBuffer::appendBeyondRoom(ByteBufferView view) {
         appendPieces(view.size(), [](auto const&) {});
         detail::throwIncompatibleIterators();
     }
+    if (start_ == nullptr && !isOwn(view.data())) { // as below, without a second vector
+        owned_.reserve(growthTarget(sum(owned_.size(), view.size())));
+        owned_.insert(owned_.end(), view.data(), view.data() + view.size());
+        return;
+    }
     appendPieces(view.size(), [&](auto const& put) { put(view.data(), view.size()); });
 }
 
@@ -191,12 +196,6 @@ ByteBuffer ByteBuffer::clone() const { return ByteBuffer(ByteBufferView(base(), 
 
 ByteBufferView ByteBuffer::makeView(std::size_t offset, std::size_t count) const {
     return ByteBufferView(base(), size()).makeView(offset, count);
-}
-
-void ByteBuffer::releaseBlock() noexcept {
-    block_.reset();
-    start_ = nullptr;
-    externalSize_ = 0;
 }
 
 // The first n bytes, or all there are, in a vector whose capacity is the growth target of n.

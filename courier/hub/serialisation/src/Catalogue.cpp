@@ -31,30 +31,37 @@ struct RecordKeys {
 
 namespace {
 
-// The wire formats by name. Each is kept once, so that elsewhere its address stands for it.
+// The wire formats, each kept once: entries name theirs by address, and a search that compares a
+// name finds it in the processor's cache, however many records there are.
 using Format = std::string const*;
 class Formats {
 public:
-    [[nodiscard]] Format find(std::string const& name) const noexcept {
-        auto const* const found =
-            index_.find(hashOf(name), [&](Format format) { return *format == name; });
-        return found != nullptr ? *found : nullptr;
-    }
-
     // Throws std::bad_alloc; a format without records tells nobody anything.
     Format findOrAdd(std::string const& name) {
-        if (Format const found = find(name); found != nullptr) {
-            return found;
+        std::uint64_t const hash = hashOf(name);
+        Format const* const found =
+            index_.find(hash, [&](Format format) { return *format == name; });
+        if (found != nullptr) {
+            return *found;
         }
         index_.reserveOne([](Format format) { return hashOf(*format); });
         Format const added = &names_.emplace_front(name);
-        index_.insert(hashOf(name), added);
+        index_.insert(hash, added);
         return added;
     }
 
 private:
     std::forward_list<std::string> names_;
     HashIndex<Format> index_;
+};
+
+// What is looked for: a key and a wire format. Hashing comes before the lock is taken.
+template <class Key> struct Query {
+    Query(Key const& k, std::string const& f) noexcept
+        : key(k), wireFormat(f), hash(stir(hashOf(k) ^ hashOf(f))) {}
+    Key const& key;
+    std::string const& wireFormat;
+    std::uint64_t hash;
 };
 
 // A record, and the ones registered next under the same type identifier and under the same list.
@@ -93,21 +100,22 @@ public:
         return node.*next;
     }
 
-    // The record under the key, or under the key of another record, in this wire format.
-    [[nodiscard]] Node<Record> const* find(Key const& key, Format format) const noexcept {
-        Exact const* const exact = exacts_.find(hash(key, format), [&](Exact const& candidate) {
-            return candidate.format == format && look(candidate.key) == key;
+    // The record under a key in a wire format, or under those of another record.
+    [[nodiscard]] Record const* find(Query<Key> const& query) const noexcept {
+        Exact const* const exact = exacts_.find(query.hash, [&](Exact const& candidate) {
+            return look(candidate.key) == query.key && *candidate.format == query.wireFormat;
         });
-        return exact != nullptr ? exact->node : nullptr;
+        return exact != nullptr ? &exact->node->record : nullptr;
     }
-    [[nodiscard]] Node<Record> const* find(Record const& record, Format format) const noexcept {
-        return find(keyOf(record), format);
+    [[nodiscard]] Record const* find(Record const& record) const noexcept {
+        return find(Query<Key>(keyOf(record), RecordKeys::wireFormat(record)));
     }
 
     // Makes room for one more record, so that add() cannot fail. Throws std::bad_alloc.
     void reserveOne() {
         chains_.reserveOne([](Chain const& chain) { return hashOf(look(chain.key)); });
-        exacts_.reserveOne([](Exact const& exact) { return hash(look(exact.key), exact.format); });
+        exacts_.reserveOne(
+            [](Exact const& exact) { return Query<Key>(look(exact.key), *exact.format).hash; });
     }
 
     void add(Node<Record>& node) noexcept {
@@ -118,7 +126,7 @@ public:
         } else {
             chains_.insert(hashOf(key), {hold(key), &node, &node});
         }
-        exacts_.insert(hash(key, node.format), {hold(key), node.format, &node});
+        exacts_.insert(Query<Key>(key, *node.format).hash, {hold(key), node.format, &node});
     }
 
 private:
@@ -137,10 +145,6 @@ private:
     static auto is(Key const& key) noexcept {
         return [&key](Chain const& chain) { return look(chain.key) == key; };
     }
-    static std::uint64_t hash(Key const& key, Format format) noexcept {
-        return stir(hashOf(key) ^ reinterpret_cast<std::uintptr_t>(format));
-    }
-
     HashIndex<Chain> chains_;
     HashIndex<Exact> exacts_;
 };
@@ -170,22 +174,16 @@ auto const& orderOf(SerialiserSet const& set, std::vector<std::uint64_t> const&)
     return set.byTypeIDs;
 }
 
-// The record under a key in a wire format.
-template <class Set, class Key>
-auto const* find(Set const& set, std::string const& wireFormat, Key const& key) noexcept {
-    Format const format = set.formats.find(wireFormat);
-    auto const* const node = format != nullptr ? orderOf(set, key).find(key, format) : nullptr;
-    return node != nullptr ? &node->record : nullptr;
-}
-
-// The same; for the wildcard, the record registered first under the key.
-template <class Key> Serialiser const*
-findAny(SerialiserSet const& set, std::string const& wireFormat, Key const& key) noexcept {
-    if (wireFormat == "*") {
-        auto const* const node = orderOf(set, key).first(key);
+// The record under a key in a wire format; for the wildcard, the one registered first under the
+// key.
+template <class Key>
+Serialiser const* findAny(SerialiserSet const& set, Query<Key> const& query) noexcept {
+    auto const& order = orderOf(set, query.key);
+    if (query.wireFormat.size() == 1 && query.wireFormat.front() == '*') {
+        auto const* const node = order.first(query.key);
         return node != nullptr ? &node->record : nullptr;
     }
-    return find(set, wireFormat, key);
+    return order.find(query);
 }
 
 Serialiser const& orThrow(Serialiser const* found, std::string const& wireFormat) {
@@ -210,12 +208,12 @@ std::vector<std::string> wireFormats(Set const& set, Key const& key) {
 // runs out, the set is as before.
 template <class Record, class... Orders>
 Record const* insert(RecordSet<Record>& set, Record& record, Orders&... orders) {
-    Format const format = set.formats.findOrAdd(RecordKeys::wireFormat(record));
-    Node<Record> const* blocking = nullptr;
-    static_cast<void>(((blocking = orders.find(record, format)) || ...));
+    Record const* blocking = nullptr;
+    static_cast<void>(((blocking = orders.find(record)) || ...));
     if (blocking != nullptr) {
-        return &blocking->record;
+        return blocking;
     }
+    Format const format = set.formats.findOrAdd(RecordKeys::wireFormat(record));
     (orders.reserveOne(), ...);
     Node<Record>& added = set.nodes.emplace_front(std::move(record), format);
     (orders.add(added), ...);
@@ -267,16 +265,18 @@ void Catalogue::add(Deserialiser deserialiser) {
 
 Serialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                        std::vector<std::uint64_t> const& typeIDs) const {
+    Query const query(typeIDs, wireFormat);
     std::shared_lock const lock(records_->serialisers.mutex.mine());
-    return orThrow(findAny(records_->serialisers, wireFormat, typeIDs), wireFormat);
+    return orThrow(findAny(records_->serialisers, query), wireFormat);
 }
 
 Serialiser Catalogue::getSerialiserFor(std::string const& wireFormat, std::uint64_t typeID) const {
     if (typeID == core::getTypeID<void>()) {
         return makeVoidSerialiser(wireFormat);
     }
+    Query const query(typeID, wireFormat);
     std::shared_lock const lock(records_->serialisers.mutex.mine());
-    return orThrow(findAny(records_->serialisers, wireFormat, typeID), wireFormat);
+    return orThrow(findAny(records_->serialisers, query), wireFormat);
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
@@ -284,10 +284,11 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
     if (payload.values.empty()) {
         return GenericSerialiser();
     }
+    Query const query(payload.typeIDs, wireFormat);
     std::shared_lock const lock(records_->serialisers.mutex.mine());
-    Serialiser const* found = findAny(records_->serialisers, wireFormat, payload.typeIDs);
+    Serialiser const* found = findAny(records_->serialisers, query);
     if (found == nullptr) {
-        found = findAny(records_->serialisers, wireFormat, payload.typeIDs.at(0));
+        found = findAny(records_->serialisers, Query(payload.typeIDs.at(0), wireFormat));
     }
     return orThrow(found, wireFormat).getSerialiser(std::move(payload));
 }
@@ -295,15 +296,19 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view,
                                               stop_source stopSource) const {
+    std::uint64_t const typeID = view.getTypeID();
+    Query const query(typeID, wireFormat);
     std::shared_lock const lock(records_->serialisers.mutex.mine());
-    return orThrow(findAny(records_->serialisers, wireFormat, view.getTypeID()), wireFormat)
+    return orThrow(findAny(records_->serialisers, query), wireFormat)
         .getSerialiser(std::move(view), std::move(stopSource));
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view) const {
+    std::uint64_t const typeID = view.getTypeID();
+    Query const query(typeID, wireFormat);
     std::shared_lock const lock(records_->serialisers.mutex.mine());
-    return orThrow(findAny(records_->serialisers, wireFormat, view.getTypeID()), wireFormat)
+    return orThrow(findAny(records_->serialisers, query), wireFormat)
         .getSerialiser(std::move(view));
 }
 
@@ -312,8 +317,9 @@ GenericDeserialiser Catalogue::getDeserialiserFor(std::string const& wireFormat,
     if (typeID == core::getTypeID<void>()) {
         return GenericDeserialiser(std::function<void(std::istream&)>([](std::istream&) {}));
     }
+    Query const query(typeID, wireFormat);
     std::shared_lock const lock(records_->deserialisers.mutex.mine());
-    Deserialiser const* const found = find(records_->deserialisers, wireFormat, typeID);
+    Deserialiser const* const found = records_->deserialisers.byTypeID.find(query);
     if (found == nullptr) {
         throw std::runtime_error("No deserialiser found for " + wireFormat);
     }
@@ -324,8 +330,9 @@ bool Catalogue::hasDeserialiserFor(std::string const& wireFormat, std::uint64_t 
     if (typeID == core::getTypeID<void>()) {
         return true;
     }
+    Query const query(typeID, wireFormat);
     std::shared_lock const lock(records_->deserialisers.mutex.mine());
-    return find(records_->deserialisers, wireFormat, typeID) != nullptr;
+    return records_->deserialisers.byTypeID.find(query) != nullptr;
 }
 
 std::vector<std::string>

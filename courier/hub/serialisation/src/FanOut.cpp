@@ -10,6 +10,13 @@ namespace {
 
 using FanOut = std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>>;
 
+// Stands for the result of a look-up where a serialiser is made of it, so that it is made in its
+// place in the vector: moving it there would lock its guard.
+template <class LookUp> struct Made {
+    LookUp lookUp;
+    operator GenericSerialiser() const { return lookUp(); }
+};
+
 template <class LookUp> FanOut fanOut(core::GenericPayload&& payload, LookUp lookUp) {
     auto made = std::make_unique<GenericPayloadWrapper>(std::move(payload));
     GenericPayloadWrapperPtr const shared(made.get());
@@ -20,7 +27,7 @@ template <class LookUp> FanOut fanOut(core::GenericPayload&& payload, LookUp loo
     // The count is only as good as the payload: one beyond its elements must fail in the look-up.
     serialisers.reserve(std::min(count, shared->get().typeIDs.size()));
     for (std::size_t i = 0; i < count; ++i) {
-        serialisers.push_back(lookUp(i, GenericPayloadView(shared, i)));
+        serialisers.emplace_back(Made{[&] { return lookUp(i, GenericPayloadView(shared, i)); }});
     }
     return {std::move(serialisers), shared->getSentinel()};
 }

@@ -53,9 +53,9 @@ inline std::uint64_t hashOf(std::string_view text) noexcept {
 }
 
 /// A flat hash table of small entries, which are only ever added. It knows hashes, not keys:
-/// whoever searches says what is equal. Open addressing, at most half full, so that a search mostly
-/// touches one cache line. Where all hashes collide a search is linear: keys come from the modules
-/// of a program, not from the bytes that these read.
+/// whoever searches says what is equal. Open addressing, at most a quarter full, so that a search
+/// mostly ends where it began. Where all hashes collide a search is linear: keys come from the
+/// modules of a program, not from the bytes that these read.
 template <class Entry> class HashIndex {
 public:
     /// The entry with this hash that `matches`, or null. Constant on average; allocates nothing.
@@ -76,7 +76,7 @@ public:
     /// Makes room for one more entry; `hashOfEntry` gives the hash under which one was inserted.
     /// Throws std::bad_alloc; nothing has then changed.
     template <class HashOfEntry> void reserveOne(HashOfEntry hashOfEntry) {
-        if (2 * (used_ + 1) <= slots_.size()) {
+        if (4 * (used_ + 1) <= slots_.size()) {
             return;
         }
         HashIndex larger(2 * slots_.size());

@@ -34,11 +34,8 @@ GenericPayloadWrapper::GenericPayloadWrapper(core::GenericPayload&& payload)
 
 GenericPayloadWrapper::~GenericPayloadWrapper() = default;
 
-core::GenericPayload& GenericPayloadView::payload() const {
-    if (!wrapper) {
-        throw std::out_of_range("GenericPayloadView has no payload");
-    }
-    return wrapper->get();
+void GenericPayloadView::throwNoPayload() {
+    throw std::out_of_range("GenericPayloadView has no payload");
 }
 
 } // namespace courier::hub::serialisation

@@ -43,6 +43,9 @@ inline constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max(
 /// A plain value that owns nothing. Every operation takes constant time, allocates nothing and,
 /// but for the difference, throws nothing. Dereferencing or advancing past the end is not checked.
 /// Several threads may walk one buffer while nobody changes it.
+class ByteBuffer;
+class ByteBufferView;
+
 template <class T> class ByteBufferIterator {
     static_assert(std::is_same_v<std::remove_const_t<T>, std::byte>);
     using VectorPosition =
@@ -61,30 +64,22 @@ public:
     ByteBufferIterator() noexcept = default;
 
     /// A position in memory.
-    explicit ByteBufferIterator(T* p) noexcept : pointer_(p) {}
+    explicit ByteBufferIterator(T* p) noexcept : address_(p), inVector_(p == nullptr) {}
 
     /// A position in a vector.
-    explicit ByteBufferIterator(VectorPosition p) noexcept : position_(p) {}
+    explicit ByteBufferIterator(VectorPosition p) noexcept : address_(std::to_address(p)) {}
 
     /// The read-only iterator at the position of a mutable one.
     template <std::same_as<std::byte> Mutable>
     ByteBufferIterator(ByteBufferIterator<Mutable> const& other) noexcept
-        : pointer_(other.pointer_), position_(other.position_) {}
+        : address_(other.address_), inVector_(other.inVector_) {}
 
-    // The vector's position is asked first: in a view it is a constant, so that compilers see a
-    // loop over plain pointers.
-    reference operator*() const noexcept { return inVector() ? *position_ : *pointer_; }
-    pointer operator->() const noexcept {
-        return inVector() ? std::to_address(position_) : pointer_;
-    }
-    reference operator[](difference_type n) const noexcept { return *(*this + n); }
+    reference operator*() const noexcept { return *address_; }
+    pointer operator->() const noexcept { return address_; }
+    reference operator[](difference_type n) const noexcept { return address_[n]; }
 
     ByteBufferIterator& operator+=(difference_type n) noexcept {
-        if (inVector()) {
-            position_ += n;
-        } else {
-            pointer_ += n;
-        }
+        address_ += n;
         return *this;
     }
     ByteBufferIterator& operator-=(difference_type n) noexcept { return *this += -n; }
@@ -105,15 +100,15 @@ public:
 
     /// The number of bytes from b to a. Throws std::runtime_error for positions of different forms.
     friend difference_type operator-(ByteBufferIterator const& a, ByteBufferIterator const& b) {
-        if ((a.pointer_ != nullptr) != (b.pointer_ != nullptr)) {
+        // No vector that has bytes has a null address: such a pair is that of a null view.
+        if (a.inVector_ != b.inVector_ || !a.address_ != !b.address_) {
             detail::throwIncompatibleIterators();
         }
-        return a.pointer_ != nullptr ? a.pointer_ - b.pointer_ : a.position_ - b.position_;
+        return a.address_ - b.address_;
     }
 
     friend bool operator==(ByteBufferIterator const& a, ByteBufferIterator const& b) noexcept {
-        return a.pointer_ == b.pointer_ &&
-               std::to_address(a.position_) == std::to_address(b.position_);
+        return a.address_ == b.address_ && a.inVector_ == b.inVector_;
     }
 
     /// Throws std::runtime_error for positions of different forms.
@@ -123,19 +118,21 @@ public:
     }
 
 private:
+    friend class ByteBuffer;
+    friend class ByteBufferView;
     friend class ByteBufferIterator<std::byte const>;
 
-    [[nodiscard]] bool inVector() const noexcept { return std::to_address(position_) != nullptr; }
+    ByteBufferIterator(T* address, bool inVector) noexcept
+        : address_(address), inVector_(inVector) {}
 
-    T* pointer_ = nullptr;      // null in vector form
-    VectorPosition position_{}; // value-initialised in pointer form
+    // The address serves both forms: a loop over it is a loop over a plain pointer, and the form
+    // is asked only where two positions meet.
+    T* address_ = nullptr;
+    bool inVector_ = true; // the form; true of a null pointer, too
 };
 
-// As the vector's own iterators are, where the standard library does not check them.
-static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>> ==
-              std::is_trivially_copyable_v<std::vector<std::byte>::iterator>);
-static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>> ==
-              std::is_trivially_copyable_v<std::vector<std::byte>::const_iterator>);
+static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>>);
+static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>>);
 static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte>>);
 static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte const>>);
 
@@ -187,20 +184,20 @@ public:
 
     /// Iterators into the viewed bytes: valid as long as those are, whatever becomes of the view.
     [[nodiscard]] ByteBufferIterator<std::byte> begin() noexcept {
-        return ByteBufferIterator<std::byte>(start_);
+        return {start_, start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> begin() const noexcept {
-        return ByteBufferIterator<std::byte const>(start_);
+        return {start_, start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
         return std::as_const(*this).begin();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
     [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
-        return ByteBufferIterator<std::byte>(endAddress());
+        return {endAddress(), start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> end() const noexcept {
-        return ByteBufferIterator<std::byte const>(endAddress());
+        return {endAddress(), start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
         return std::as_const(*this).end();
@@ -328,8 +325,8 @@ public:
     /// Frees what this buffer held, the block by its own deleter, before it returns.
     ByteBuffer& operator=(ByteBuffer&& other) noexcept {
         if (this != &other) {
-            block_ = std::move(other.block_);
-            other.block_.get_deleter() = nullptr;
+            releaseBlock();
+            block_.swap(other.block_);
             start_ = std::exchange(other.start_, nullptr);
             externalSize_ = std::exchange(other.externalSize_, 0);
             owned_ = std::move(other.owned_);
@@ -366,24 +363,20 @@ public:
     /// resize(), clear(), trimFront() in vector form, a move assignment into this buffer, the end
     /// of the buffer. A move out of it hands them to the other buffer.
     [[nodiscard]] ByteBufferIterator<std::byte> begin() noexcept {
-        return start_ != nullptr ? ByteBufferIterator<std::byte>(start_)
-                                 : ByteBufferIterator<std::byte>(owned_.begin());
+        return {base(), start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> begin() const noexcept {
-        return start_ != nullptr ? ByteBufferIterator<std::byte const>(start_)
-                                 : ByteBufferIterator<std::byte const>(owned_.begin());
+        return {base(), start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
         return std::as_const(*this).begin();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
     [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
-        return start_ != nullptr ? ByteBufferIterator<std::byte>(start_ + externalSize_)
-                                 : ByteBufferIterator<std::byte>(owned_.end());
+        return {base() + size(), start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> end() const noexcept {
-        return start_ != nullptr ? ByteBufferIterator<std::byte const>(start_ + externalSize_)
-                                 : ByteBufferIterator<std::byte const>(owned_.end());
+        return {base() + size(), start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
         return std::as_const(*this).end();
@@ -475,7 +468,12 @@ private:
         return notAfter(owned_.data(), p) && notAfter(p, owned_.data() + owned_.size());
     }
 
-    void releaseBlock() noexcept;
+    void releaseBlock() noexcept {
+        block_.reset();
+        block_.get_deleter() = nullptr; // what it keeps alive goes as well
+        start_ = nullptr;
+        externalSize_ = 0;
+    }
     void appendBeyondRoom(ByteBufferView view);
     [[nodiscard]] std::vector<std::byte> copyWithRoomFor(std::size_t n) const;
     void becomeVector(std::vector<std::byte>&& bytes) noexcept;

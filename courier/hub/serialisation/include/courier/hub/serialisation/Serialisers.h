@@ -78,11 +78,13 @@ public:
     [[nodiscard]] std::shared_ptr<void> getHandle() const { return handle_; }
 
 private:
-    // Not every standard library empties the source when a std::function moves: hence the exchange.
+    // Not every standard library empties what a std::function or a std::string is moved from.
     GenericSerialiser(GenericSerialiser&& other, std::lock_guard<std::mutex> const&)
         : routine_(std::exchange(other.routine_, nullptr)),
-          stopSource_(std::move(other.stopSource_)), text_(std::exchange(other.text_, {})),
-          handle_(std::move(other.handle_)) {}
+          stopSource_(std::move(other.stopSource_)), text_(std::move(other.text_)),
+          handle_(std::move(other.handle_)) {
+        other.text_.clear();
+    }
 
     Routine routine_;
     stop_source stopSource_;

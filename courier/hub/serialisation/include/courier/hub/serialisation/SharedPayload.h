@@ -197,7 +197,13 @@ struct GenericPayloadView {
     template <class T> [[nodiscard]] T& get() const { return payload().get<T>(index); }
 
 private:
-    [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT core::GenericPayload& payload() const;
+    [[nodiscard]] core::GenericPayload& payload() const {
+        if (!wrapper) {
+            throwNoPayload();
+        }
+        return wrapper->get();
+    }
+    [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT static void throwNoPayload();
 };
 
 } // namespace courier::hub::serialisation

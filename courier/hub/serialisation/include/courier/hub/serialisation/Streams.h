@@ -206,7 +206,9 @@ static_assert(std::input_iterator<ByteStreamCharIterator>);
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferByteStreamImpl final : public ByteStreamImpl {
 public:
     /// Takes the buffer over and reads it from its first byte on.
-    explicit ByteBufferByteStreamImpl(ByteBuffer&& buffer) noexcept : buffer_(std::move(buffer)) {}
+    explicit ByteBufferByteStreamImpl(ByteBuffer&& buffer) noexcept
+        : buffer_(std::move(buffer)), next_(std::as_const(buffer_).data()),
+          end_(next_ + buffer_.size()) {}
 
     /// A moved-from source may only be destroyed or assigned to.
     ByteBufferByteStreamImpl(ByteBufferByteStreamImpl&&) noexcept = default;
@@ -215,15 +217,21 @@ public:
 
     [[nodiscard]] ByteStreamIterator begin() override;
 
-    [[nodiscard]] explicit operator bool() const override { return position_ < buffer_.size(); }
+    [[nodiscard]] explicit operator bool() const override { return next_ != end_; }
 
     /// Throws std::out_of_range "Attempt to access position beyond the end of the ByteBuffer" when
-    /// there is no byte left; the position advances all the same.
-    std::byte getByte() override { return buffer_.at(position_++); }
+    /// there is no byte left, now and whenever it is called again.
+    std::byte getByte() override {
+        if (next_ == end_) {
+            detail::throwOutOfRange("Attempt to access position beyond the end of the ByteBuffer");
+        }
+        return *next_++;
+    }
 
 private:
-    ByteBuffer buffer_;
-    std::size_t position_ = 0; // of the next byte
+    ByteBuffer buffer_; // a move hands its bytes on without moving them
+    std::byte const* next_;
+    std::byte const* end_;
 };
 
 /// The owner of one source. Move-only; a moved-from stream has no source. A std::ranges
