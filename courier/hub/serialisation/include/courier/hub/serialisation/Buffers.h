@@ -318,7 +318,7 @@ public:
 
     ByteBuffer(ByteBuffer&& other) noexcept
         : block_(std::move(other.block_)), start_(std::exchange(other.start_, nullptr)),
-          externalSize_(std::exchange(other.externalSize_, 0)), owned_(std::move(other.owned_)) {
+          externalSize_(other.externalSize_), owned_(std::move(other.owned_)) {
         other.block_.get_deleter() = nullptr; // some standard libraries leave a copy behind
     }
 
@@ -326,10 +326,14 @@ public:
     ByteBuffer& operator=(ByteBuffer&& other) noexcept {
         if (this != &other) {
             releaseBlock();
-            block_.swap(other.block_);
-            start_ = std::exchange(other.start_, nullptr);
-            externalSize_ = std::exchange(other.externalSize_, 0);
-            owned_ = std::move(other.owned_);
+            if (other.start_ != nullptr) { // most moves are of one form, and skip the other
+                block_.swap(other.block_);
+                start_ = std::exchange(other.start_, nullptr);
+                externalSize_ = other.externalSize_;
+            }
+            if (owned_.data() != nullptr || other.owned_.data() != nullptr) {
+                owned_ = std::move(other.owned_);
+            }
         }
         return *this;
     }
@@ -472,7 +476,6 @@ private:
         block_.reset();
         block_.get_deleter() = nullptr; // what it keeps alive goes as well
         start_ = nullptr;
-        externalSize_ = 0;
     }
     void appendBeyondRoom(ByteBufferView view);
     [[nodiscard]] std::vector<std::byte> copyWithRoomFor(std::size_t n) const;
