@@ -2,6 +2,7 @@
 #include "Support.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <ranges>
 #include <span>
@@ -308,6 +309,39 @@ TEST(ByteBufferView, CutsWithinItsBytes) {
     EXPECT_EQ(rest.end() - rest.begin(), 0);
     EXPECT_ERROR(std::out_of_range, "ByteBufferView is empty", rest.front());
     EXPECT_ERROR(std::out_of_range, std::string(pastEnd) + "View", view.at(5));
+}
+
+template <class T> constexpr bool viewed = std::is_constructible_v<ByteBufferView, T>;
+template <class... T> constexpr bool implied = (std::is_convertible_v<T, ByteBufferView> || ...);
+static_assert(viewed<ByteBuffer&> && viewed<unsigned char (&)[3]> && viewed<std::u8string>);
+static_assert(!viewed<char const (&)[3]> && !viewed<std::vector<int>> && !viewed<std::byte*>);
+static_assert(!implied<ByteBuffer&, std::string&, std::vector<std::byte>, std::span<std::byte>>);
+// A stream buffer over bytes that are gone by the time it reads.
+static_assert(!std::is_constructible_v<ByteBufferIStreambuf, ByteBuffer>);
+static_assert(!std::is_constructible_v<NonOwningByteBufferViewIStreambuf, ByteBuffer>);
+
+TEST(ByteBufferView, IsMadeFromWhatHasBytesAndComparesThem) {
+    forEveryKind([](auto make, Blocks& blocks) {
+        std::string letters = "abc";
+        std::array<std::uint8_t, 3> const numbers{'a', 'b', 'c'};
+        ByteBuffer const buffer = make("abc");
+        for (ByteBufferView const& view :
+             {ByteBufferView(letters), ByteBufferView(std::as_const(letters)),
+              ByteBufferView(std::string_view("abc")), ByteBufferView(numbers),
+              ByteBufferView(std::as_bytes(std::span(numbers))), ByteBufferView(buffer)}) {
+            EXPECT_EQ(view, buffer.makeView(0, 0));
+            EXPECT_EQ(buffer, view);
+            EXPECT_EQ(buffer, ByteBuffer(view));
+            EXPECT_NE(view.makeView(0, 2), buffer);
+            EXPECT_NE(view, ByteBufferView(std::string("abC")));
+            EXPECT_EQ(std::span<std::byte>(view.makeView(0, 0)).data(), view.data());
+        }
+        EXPECT_EQ(ByteBufferView(letters).data(), static_cast<void*>(letters.data()));
+        EXPECT_EQ(make(""), full(blocks, "")); // one has no address, the other a block's
+        EXPECT_EQ(ByteBufferView(make("")).data(), nullptr);
+        ByteBufferView const null(static_cast<std::byte*>(nullptr), 3);
+        EXPECT_TRUE(null == null && null != buffer && buffer != null);
+    });
 }
 
 TEST(ByteBufferIterator, WalksBothFormsAndRefusesToMixThem) {

@@ -37,8 +37,7 @@ GenericPayload sample(std::uint64_t typeID, std::string const& bytes) {
         nlohmann::json const list(bytes.size() / 32, {"sixteen bytes...", 1.5, nullptr});
         payload.add(std::make_shared<Document>(Document{{{"list", list}}}));
     } else {
-        ByteBufferView const view(reinterpret_cast<std::byte const*>(bytes.data()), bytes.size());
-        payload.add(std::make_shared<Blob>(ByteBuffer(view)));
+        payload.add(std::make_shared<Blob>(ByteBuffer(ByteBufferView(bytes))));
     }
     return payload;
 }

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <system_error>
 
@@ -40,13 +39,6 @@ Blob Blob::map(std::filesystem::path const& file) {
     void* const mapping = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, ::fileno(opened.get()), 0);
     require(mapping != MAP_FAILED, lastError());
     return Blob(ByteBuffer({mapping, [size](void* block) { ::munmap(block, size); }}, size));
-}
-
-bool operator==(Blob const& a, Blob const& b) noexcept {
-    auto const left = a.bytes();
-    auto const right = b.bytes();
-    return left.size() == right.size() &&
-           (left.empty() || std::memcmp(left.data(), right.data(), left.size()) == 0);
 }
 
 } // namespace courier::examples

@@ -20,10 +20,10 @@ public:
     [[nodiscard]] static Blob map(std::filesystem::path const& file);
 
     [[nodiscard]] hub::serialisation::ByteBufferView bytes() const noexcept {
-        return {bytes_.data(), bytes_.size()};
+        return hub::serialisation::ByteBufferView(bytes_);
     }
 
-    friend bool operator==(Blob const& a, Blob const& b) noexcept;
+    friend bool operator==(Blob const&, Blob const&) noexcept = default;
 
 private:
     hub::serialisation::ByteBuffer bytes_;

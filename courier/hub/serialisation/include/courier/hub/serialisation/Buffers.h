@@ -8,17 +8,30 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <iterator>
 #include <limits>
 #include <memory>
+#include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+// On a function or parameter: what comes out refers to this object or argument. clang then warns
+// where the result outlives a temporary or a local variable.
+#if defined(__clang__)
+#define COURIER_HUB_SERIALISATION_LIFETIMEBOUND [[clang::lifetimebound]]
+#else
+#define COURIER_HUB_SERIALISATION_LIFETIMEBOUND
+#endif
+
 namespace courier::hub::serialisation {
 
 static_assert(sizeof(std::size_t) == 8, "courier::hub::serialisation needs a 64-bit std::size_t");
+
+class ByteBuffer;
+class ByteBufferView;
 
 namespace detail {
 // The throwing ends of inline checks, kept out of line so that the checks inline well.
@@ -30,6 +43,28 @@ namespace detail {
 // The most bytes that a buffer holds. Lengths are compared with it before anything is added to
 // them, so that no sum wraps, and so that the standard library's own message is never seen.
 inline constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
+
+template <class T>
+concept ByteOrCharacter = std::same_as<T, std::byte> || std::same_as<T, char> ||
+    std::same_as<T, signed char> || std::same_as<T, unsigned char> || std::same_as<T, char8_t>;
+
+// Neither a view, which has its copy constructor, nor an array of characters, which may be a
+// literal with a 0 at its end.
+template <class Range>
+concept ByteRange = requires(Range& range) {
+    requires ByteOrCharacter<
+        std::remove_cv_t<std::remove_pointer_t<decltype(std::ranges::data(range))>>>;
+    { std::ranges::size(range) } -> std::convertible_to<std::size_t>;
+}
+&&!std::derived_from<std::remove_cvref_t<Range>, ByteBufferView> &&
+    !(std::is_array_v<std::remove_cvref_t<Range>> &&
+      !std::same_as<std::remove_all_extents_t<std::remove_cvref_t<Range>>, std::byte> &&
+      !std::same_as<std::remove_all_extents_t<std::remove_cvref_t<Range>>, unsigned char>);
+
+// Its bytes do not go with it: a std::string_view, a std::span.
+template <class Range>
+concept BorrowedByteRange =
+    ByteRange<Range> && std::ranges::enable_borrowed_range<std::remove_cvref_t<Range>>;
 } // namespace detail
 
 /// The iterator of ByteBuffer and ByteBufferView: contiguous, with T = std::byte for mutable and
@@ -43,9 +78,6 @@ inline constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max(
 /// A plain value that owns nothing. Every operation takes constant time, allocates nothing and,
 /// but for the difference, throws nothing. Dereferencing or advancing past the end is not checked.
 /// Several threads may walk one buffer while nobody changes it.
-class ByteBuffer;
-class ByteBufferView;
-
 template <class T> class ByteBufferIterator {
     static_assert(std::is_same_v<std::remove_const_t<T>, std::byte>);
     using VectorPosition =
@@ -88,18 +120,22 @@ public:
     ByteBufferIterator operator++(int) noexcept { return std::exchange(*this, *this + 1); }
     ByteBufferIterator operator--(int) noexcept { return std::exchange(*this, *this - 1); }
 
-    friend ByteBufferIterator operator+(ByteBufferIterator it, difference_type n) noexcept {
+    [[nodiscard]] friend ByteBufferIterator operator+(ByteBufferIterator it,
+                                                      difference_type n) noexcept {
         return it += n;
     }
-    friend ByteBufferIterator operator+(difference_type n, ByteBufferIterator it) noexcept {
+    [[nodiscard]] friend ByteBufferIterator operator+(difference_type n,
+                                                      ByteBufferIterator it) noexcept {
         return it += n;
     }
-    friend ByteBufferIterator operator-(ByteBufferIterator it, difference_type n) noexcept {
+    [[nodiscard]] friend ByteBufferIterator operator-(ByteBufferIterator it,
+                                                      difference_type n) noexcept {
         return it -= n;
     }
 
     /// The number of bytes from b to a. Throws std::runtime_error for positions of different forms.
-    friend difference_type operator-(ByteBufferIterator const& a, ByteBufferIterator const& b) {
+    [[nodiscard]] friend difference_type operator-(ByteBufferIterator const& a,
+                                                   ByteBufferIterator const& b) {
         // No vector that has bytes has a null address: such a pair is that of a null view.
         if (a.inVector_ != b.inVector_ || !a.address_ != !b.address_) {
             detail::throwIncompatibleIterators();
@@ -107,7 +143,8 @@ public:
         return a.address_ - b.address_;
     }
 
-    friend bool operator==(ByteBufferIterator const& a, ByteBufferIterator const& b) noexcept {
+    [[nodiscard]] friend bool operator==(ByteBufferIterator const& a,
+                                         ByteBufferIterator const& b) noexcept {
         return a.address_ == b.address_ && a.inVector_ == b.inVector_;
     }
 
@@ -136,8 +173,6 @@ static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>>)
 static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte>>);
 static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte const>>);
 
-class ByteBuffer;
-
 /// A pointer and a length: contiguous bytes that somebody else owns.
 ///
 /// Pass it by value. It keeps nothing alive: use it only while the bytes stay where they are, and
@@ -160,6 +195,28 @@ public:
     ByteBufferView(std::byte* data, std::size_t size) noexcept : start_(data), length_(size) {}
     ByteBufferView(std::byte const* data, std::size_t size) noexcept
         : start_(const_cast<std::byte*>(data)), length_(size) {}
+
+    /// The elements of contiguous bytes or characters: a ByteBuffer, a std::span, a std::string, a
+    /// std::string_view, a std::vector or std::array of std::byte or any type of character. Not of
+    /// a literal: say std::string_view.
+    template <detail::BorrowedByteRange Range>
+    explicit ByteBufferView(Range&& range) noexcept(noexcept(std::ranges::data(range)))
+        : ByteBufferView(reinterpret_cast<std::byte const*>(std::ranges::data(range)),
+                         std::size_t{std::ranges::size(range)}) {}
+    template <detail::ByteRange Range>
+    explicit ByteBufferView(Range&& range COURIER_HUB_SERIALISATION_LIFETIMEBOUND) noexcept(
+        noexcept(std::ranges::data(range)))
+        : ByteBufferView(reinterpret_cast<std::byte const*>(std::ranges::data(range)),
+                         std::size_t{std::ranges::size(range)}) {}
+
+    /// Whether both have the same bytes, wherever those are. Linear, one block comparison. A null
+    /// view with a length equals only its like.
+    [[nodiscard]] friend bool operator==(ByteBufferView const& a,
+                                         ByteBufferView const& b) noexcept {
+        return a.length_ == b.length_ && (a.length_ == 0 || a.start_ == b.start_ ||
+                                          (a.start_ != nullptr && b.start_ != nullptr &&
+                                           std::memcmp(a.start_, b.start_, a.length_) == 0));
+    }
 
     /// The first byte; null for an empty view that refers to nothing.
     [[nodiscard]] std::byte* data() noexcept { return start_; }
@@ -347,8 +404,12 @@ public:
     [[nodiscard]] bool empty() const noexcept { return size() == 0; }
 
     /// The first byte; null when empty.
-    [[nodiscard]] std::byte* data() noexcept { return empty() ? nullptr : base(); }
-    [[nodiscard]] std::byte const* data() const noexcept { return empty() ? nullptr : base(); }
+    [[nodiscard]] std::byte* data() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return empty() ? nullptr : base();
+    }
+    [[nodiscard]] std::byte const* data() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return empty() ? nullptr : base();
+    }
 
     /// Byte i, unchecked: i must be below size().
     [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return base()[i]; }
@@ -366,26 +427,38 @@ public:
     /// Iterators are invalid after anything that moves or frees the bytes: append(), push_back(),
     /// resize(), clear(), trimFront() in vector form, a move assignment into this buffer, the end
     /// of the buffer. A move out of it hands them to the other buffer.
-    [[nodiscard]] ByteBufferIterator<std::byte> begin() noexcept {
+    [[nodiscard]] ByteBufferIterator<std::byte>
+    begin() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
         return {base(), start_ == nullptr};
     }
-    [[nodiscard]] ByteBufferIterator<std::byte const> begin() const noexcept {
+    [[nodiscard]] ByteBufferIterator<std::byte const>
+    begin() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
         return {base(), start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
         return std::as_const(*this).begin();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
-    [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
+    [[nodiscard]] ByteBufferIterator<std::byte>
+    end() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
         return {base() + size(), start_ == nullptr};
     }
-    [[nodiscard]] ByteBufferIterator<std::byte const> end() const noexcept {
+    [[nodiscard]] ByteBufferIterator<std::byte const>
+    end() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
         return {base() + size(), start_ == nullptr};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
         return std::as_const(*this).end();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
+
+    /// Whether both have the same bytes, in whatever form. Linear, one block comparison.
+    [[nodiscard]] friend bool operator==(ByteBuffer const& a, ByteBuffer const& b) noexcept {
+        return ByteBufferView(a) == ByteBufferView(b);
+    }
+    [[nodiscard]] friend bool operator==(ByteBuffer const& a, ByteBufferView b) noexcept {
+        return ByteBufferView(a) == b;
+    }
 
     /// Empties the buffer and frees its block, if it has one; a vector keeps its capacity.
     void clear() noexcept;
@@ -440,10 +513,12 @@ public:
     /// A view of the `count` bytes from `offset` on; a count of 0 reaches to the end, and at the
     /// end gives the view of no bytes. It is valid as long as an iterator would be. Throws
     /// std::out_of_range "Invalid range requested" when the range leaves the buffer.
-    [[nodiscard]] ByteBufferView makeView(std::size_t offset, std::size_t count) {
+    [[nodiscard]] ByteBufferView
+    makeView(std::size_t offset, std::size_t count) COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
         return std::as_const(*this).makeView(offset, count);
     }
-    [[nodiscard]] ByteBufferView makeView(std::size_t offset, std::size_t count) const;
+    [[nodiscard]] ByteBufferView
+    makeView(std::size_t offset, std::size_t count) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND;
 
 private:
     [[nodiscard]] std::byte* base() noexcept { return start_ != nullptr ? start_ : owned_.data(); }
@@ -493,5 +568,9 @@ static_assert(std::is_nothrow_move_assignable_v<ByteBuffer>);
 static_assert(!std::is_copy_constructible_v<ByteBuffer> && !std::is_copy_assignable_v<ByteBuffer>);
 
 } // namespace courier::hub::serialisation
+
+// The iterators of a view outlive it.
+template <> inline constexpr bool
+    std::ranges::enable_borrowed_range<courier::hub::serialisation::ByteBufferView> = true;
 
 #endif

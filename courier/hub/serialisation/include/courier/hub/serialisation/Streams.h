@@ -4,6 +4,7 @@
 
 #include <courier/hub/serialisation/Buffers.h>
 
+#include <concepts>
 #include <cstddef>
 #include <iterator>
 #include <memory>
@@ -304,7 +305,11 @@ public:
 
     /// Owns nothing: the caller keeps the bytes alive and unchanged. Throws std::invalid_argument
     /// for a null view with a length.
-    explicit ByteBufferIStreambuf(ByteBufferView view);
+    explicit ByteBufferIStreambuf(ByteBufferView view COURIER_HUB_SERIALISATION_LIFETIMEBOUND);
+
+    /// A buffer that nobody keeps cannot be read: hand it over as a std::unique_ptr.
+    template <std::same_as<ByteBuffer> Temporary>
+    explicit ByteBufferIStreambuf(Temporary&&) = delete;
 
     ByteBufferIStreambuf(ByteBufferIStreambuf&& other) noexcept;
     ByteBufferIStreambuf& operator=(ByteBufferIStreambuf&& other) noexcept;
@@ -323,7 +328,12 @@ class COURIER_HUB_SERIALISATION_EXPORT NonOwningByteBufferViewIStreambuf
     : public detail::ReadOnlyStreambuf {
 public:
     /// Throws std::invalid_argument for a null view with a length.
-    explicit NonOwningByteBufferViewIStreambuf(ByteBufferView view);
+    explicit NonOwningByteBufferViewIStreambuf(
+        ByteBufferView view COURIER_HUB_SERIALISATION_LIFETIMEBOUND);
+
+    /// A buffer that nobody keeps cannot be read: keep it, and hand over a view of it.
+    template <std::same_as<ByteBuffer> Temporary>
+    explicit NonOwningByteBufferViewIStreambuf(Temporary&&) = delete;
 
     NonOwningByteBufferViewIStreambuf(NonOwningByteBufferViewIStreambuf&& other) noexcept;
     NonOwningByteBufferViewIStreambuf&
