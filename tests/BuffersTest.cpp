@@ -16,21 +16,6 @@ constexpr auto incompatible = "Attempting to take difference between incompatibl
 constexpr auto tooLong = "vector too long";
 constexpr auto pastEnd = "Attempt to access position beyond the end of the ByteBuffer";
 
-// Every way in which a buffer can hold a content.
-ByteBuffer full(Blocks&, std::string_view content) { return ByteBuffer(bytes(content)); }
-ByteBuffer spare(Blocks&, std::string_view content) {
-    auto vector = bytes(content);
-    vector.reserve(1000);
-    return ByteBuffer(std::move(vector));
-}
-ByteBuffer external(Blocks& blocks, std::string_view content) { return blocks.adopt(content); }
-ByteBuffer trimmed(Blocks& blocks, std::string_view content) {
-    ByteBuffer buffer = blocks.adopt("xyz" + std::string(content));
-    buffer.trimFront(3);
-    return buffer;
-}
-constexpr decltype(&full) kinds[] = {full, spare, external, trimmed};
-
 template <class Test> void forEveryKind(Test test) {
     for (auto const make : kinds) {
         SCOPED_TRACE(make == full ? "full" : make == spare ? "spare" : "external");
@@ -260,23 +245,6 @@ TEST(ByteBuffer, RefusesANullViewWithALength) {
     EXPECT_ERROR(std::runtime_error, incompatible, some.append(null));
     EXPECT_EQ(blocks.freed, 1); // converted by then
     EXPECT_EQ(text(some), "abc");
-}
-
-TEST(ByteBuffer, KeepsItsContentWhenMemoryRunsOut) {
-    std::function<void(ByteBuffer&)> const changes[] = {
-        [](auto& b) { b.append(b); },
-        [](auto& b) { b.push_back(b[1]); },
-        [](auto& b) { b.resize(20); },
-        [](auto& b) { discard(b.makeView(0, 0).append(b)); },
-    };
-    for (auto const make : {full, external, trimmed}) {
-        Blocks blocks;
-        for (auto const& change : changes) {
-            failEachAllocation([&] { return make(blocks, "abcdefgh"); }, change,
-                               [](auto& b) { EXPECT_EQ(text(b), "abcdefgh"); });
-        }
-        EXPECT_EQ(blocks.freed, blocks.made);
-    }
 }
 
 TEST(ByteBufferView, CutsWithinItsBytes) {

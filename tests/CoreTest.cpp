@@ -70,11 +70,6 @@ TEST(GenericPayload, HoldsElementsByType) {
     GenericPayload const taken(std::move(payload));
     EXPECT_TRUE(payload.typeIDs.empty() && payload.values.empty());
     EXPECT_EQ(payload.elementCount + taken.elementCount, 4U);
-
-    auto const element = std::make_shared<int>(1);
-    failEachAllocation(
-        [] { return GenericPayload(); }, [&](auto& p) { p.add(element); },
-        [](auto& p) { EXPECT_EQ(p.typeIDs.size() + p.values.size() + p.elementCount, 0U); });
 }
 
 } // namespace

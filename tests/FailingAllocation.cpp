@@ -2,34 +2,59 @@
 #include "Support.h"
 
 #include <cstdlib>
+#include <utility>
 
 namespace {
 constexpr std::size_t never = static_cast<std::size_t>(-1);
 thread_local std::size_t countdown = never;
 thread_local std::size_t made = 0;
+thread_local std::size_t freed = 0;
 
 void* allocate(std::size_t size) {
-    ++made;
-    if (countdown != never && countdown-- == 0) {
-        throw std::bad_alloc(); // the countdown is now `never`
-    }
-    void* const block = std::malloc(size);
+    void* const block = tests::isFault() ? nullptr : std::malloc(size);
     if (block == nullptr) {
         throw std::bad_alloc();
     }
+    ++made;
     return block;
+}
+
+void release(void* block) noexcept {
+    freed += block != nullptr;
+    std::free(block);
 }
 } // namespace
 
 namespace tests {
-void failAllocationAfter(std::size_t n) { countdown = n; }
-void stopFailingAllocations() { countdown = never; }
+void failAfter(std::size_t n) { countdown = n; }
+bool stopFailing() { return std::exchange(countdown, never) == never; }
+bool isFault() { return countdown != never && countdown-- == 0; } // it is then `never`
 std::size_t allocations() { return made; }
+std::size_t unfreed() { return made - freed; }
 } // namespace tests
 
 void* operator new(std::size_t size) { return allocate(size); }
 void* operator new[](std::size_t size) { return allocate(size); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block) noexcept { release(block); }
+void operator delete[](void* block) noexcept { release(block); }
+void operator delete(void* block, std::size_t) noexcept { release(block); }
+void operator delete[](void* block, std::size_t) noexcept { release(block); }
+
+// The start of the whole block lies before the aligned one.
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    auto const step = static_cast<std::size_t>(alignment);
+    auto* const block = static_cast<char*>(allocate(size + step));
+    char* const aligned = block + step - reinterpret_cast<std::uintptr_t>(block) % step;
+    std::memcpy(aligned - sizeof(block), &block, sizeof(block));
+    return aligned;
+}
+void operator delete(void* aligned, std::align_val_t) noexcept {
+    if (aligned != nullptr) {
+        void* block = nullptr;
+        std::memcpy(&block, static_cast<char*>(aligned) - sizeof(block), sizeof(block));
+        release(block);
+    }
+}
+void operator delete(void* aligned, std::size_t, std::align_val_t alignment) noexcept {
+    operator delete(aligned, alignment);
+}

@@ -2,7 +2,6 @@
 #include "Support.h"
 
 #include <stdexcept>
-#include <thread>
 
 namespace {
 
@@ -94,41 +93,6 @@ TEST_F(FanOut, LeavesNothingBehindWhenALookUpFails) {
     EXPECT_ERROR(std::out_of_range, message,
                  createSerialisersFor(std::move(kept), catalogue, Formats{"a"}, stop_source()));
     EXPECT_EQ(kept.values.size(), 3U);
-}
-
-TEST_F(FanOut, FreesThePayloadWhenMemoryRunsOut) {
-    int expected = 0;
-    failEachAllocation(
-        [&] { return payload(3); },
-        [&](auto& p) {
-            discard(createSerialisersFor(std::move(p), catalogue, Formats{"a", "b", "a"}));
-        },
-        [&](auto& p) { // untouched or gone, never half
-            EXPECT_TRUE(p.values.empty() || p.values.size() == 3);
-            p = GenericPayload();
-            EXPECT_EQ(destroyed, expected += 3);
-        });
-}
-
-TEST_F(FanOut, WritesOnManyThreads) {
-    auto made = createSerialisersFor(payload(64), catalogue, "a");
-    std::atomic<std::size_t> next = 0;
-    std::atomic<int> right = 0;
-    std::vector<std::thread> threads;
-    for (int n = 0; n < 4; ++n) {
-        threads.emplace_back([&] {
-            for (std::size_t i = next++; i < made.first.size(); i = next++) {
-                GenericSerialiser const mine(std::move(made.first[i]));
-                right += tests::written(mine) == "a" + std::to_string(i);
-            }
-        });
-    }
-    made.second->wait();
-    EXPECT_EQ(destroyed, 64);
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(right, 64);
 }
 
 } // namespace

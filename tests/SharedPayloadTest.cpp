@@ -73,14 +73,6 @@ TEST(SharedPayload, IsDestroyedOnceAndBeforeTheSentinelIsReleased) {
     }
 }
 
-TEST(SharedPayload, LeavesTheArgumentIntactWhenMemoryRunsOut) {
-    std::atomic<int> destroyed = 0;
-    failEachAllocation(
-        [&] { return payloadOf(2, destroyed); },
-        [](auto& p) { GenericPayloadWrapperPtr(new GenericPayloadWrapper(std::move(p))); },
-        [](auto& p) { EXPECT_EQ(p.values.size(), 2U); });
-}
-
 TEST(SharedPayload, SentinelWaitsNoLongerThanAsked) {
     Sentinel sentinel;
     EXPECT_FALSE(sentinel.waitFor(std::chrono::milliseconds(1)));

@@ -25,34 +25,16 @@ using courier::hub::core::getTypeID;
 using IDs = std::vector<std::uint64_t>;
 using Formats = std::vector<std::string>;
 
-/// The allocation after the next `n` on this thread throws std::bad_alloc; then all succeed again.
-void failAllocationAfter(std::size_t n);
-void stopFailingAllocations();
-/// Allocations made on this thread so far.
+/// After the next `n` fault points on this thread one fails, and then none. Every allocation is
+/// one.
+void failAfter(std::size_t n);
+/// Whether it has failed by now.
+bool stopFailing();
+/// For a test's own fault points: whether this one has to fail.
+bool isFault();
+/// Allocations made on this thread so far, and how many of them it has not freed.
 std::size_t allocations();
-
-/// Acts on a fresh state with the first, second, third … allocation failing, until one attempt gets
-/// through; each failed one is checked.
-template <class SetUp, class Act, class Check>
-void failEachAllocation(SetUp setUp, Act act, Check check) {
-    for (std::size_t n = 0;; ++n) {
-        auto state = setUp();
-        bool failed = false;
-        failAllocationAfter(n);
-        try {
-            act(state);
-        } catch (std::bad_alloc const&) {
-            failed = true;
-        }
-        stopFailingAllocations();
-        if (!failed) {
-            EXPECT_GT(n, 0U) << "allocates nothing: nothing was tested";
-            return;
-        }
-        SCOPED_TRACE("allocation " + std::to_string(n) + " fails");
-        check(state);
-    }
-}
+std::size_t unfreed();
 
 /// The message of an exception of exactly this type.
 template <class Exception, class Action> std::string messageOf(Action action) {
@@ -99,6 +81,23 @@ struct Blocks {
         return {ByteBuffer::Block(block, free), content.size()};
     }
 };
+
+/// Every way in which a buffer can hold a content.
+inline ByteBuffer full(Blocks&, std::string_view content) { return ByteBuffer(bytes(content)); }
+inline ByteBuffer spare(Blocks&, std::string_view content) {
+    auto vector = bytes(content);
+    vector.reserve(1000);
+    return ByteBuffer(std::move(vector));
+}
+inline ByteBuffer external(Blocks& blocks, std::string_view content) {
+    return blocks.adopt(content);
+}
+inline ByteBuffer trimmed(Blocks& blocks, std::string_view content) {
+    ByteBuffer buffer = blocks.adopt("xyz" + std::string(content));
+    buffer.trimFront(3);
+    return buffer;
+}
+inline constexpr decltype(&full) kinds[] = {full, spare, external, trimmed};
 
 /// An element that counts its end.
 struct Element {

@@ -152,7 +152,14 @@ Deserialiser::Deserialiser(std::string wireFormat, std::uint64_t typeID,
 
 Deserialiser::Deserialiser(Deserialiser const& other) = default;
 Deserialiser::Deserialiser(Deserialiser&& other) = default;
-Deserialiser& Deserialiser::operator=(Deserialiser const& other) = default;
+
+Deserialiser& Deserialiser::operator=(Deserialiser const& other) {
+    std::string wireFormat = other.wireFormat_; // what may throw comes first
+    deserialiser_ = other.deserialiser_;
+    wireFormat_.swap(wireFormat);
+    typeID_ = other.typeID_;
+    return *this;
+}
 
 Deserialiser& Deserialiser::operator=(Deserialiser&& other) {
     if (this != &other) { // a std::string may be emptied when it is moved to itself

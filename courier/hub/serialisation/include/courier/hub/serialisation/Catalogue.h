@@ -94,12 +94,13 @@ public:
 /// destroyed.
 ///
 /// Serialisers and deserialisers are kept apart, each set under a reader-writer lock of its own:
-/// look-ups run in parallel and wait only for a registration of the same kind. A look-up searches
-/// in constant time on average, allocates nothing to search, and holds the lock for the search and
-/// the copy or the factory's call. A factory must therefore not register serialisers, look
-/// them up or ask for their wire formats in the same catalogue; the answers for `void` and for a
-/// payload without values take no lock, so it may ask for those. Memory exhausted or a callable
-/// that throws leaves the catalogue as it was.
+/// look-ups run in parallel and wait only for a registration of the same kind, which waits only for
+/// those that began before it, so that neither starves. A look-up searches in constant time on
+/// average, allocates nothing to search, and holds the lock for the search and the copy or the
+/// factory's call. A factory must therefore not register serialisers, look them up or ask for their
+/// wire formats in the same catalogue; the answers for `void` and for a payload without values take
+/// no lock, so it may ask for those. Memory exhausted or a callable that throws leaves the catalogue
+/// as it was.
 class COURIER_HUB_SERIALISATION_EXPORT Catalogue : public SerialisationCatalogue {
 public:
     /// An empty catalogue. Throws std::bad_alloc.
