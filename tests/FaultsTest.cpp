@@ -114,9 +114,9 @@ struct World {
     GenericDeserialiser source2 = carelessReader();
     DeferredSerialiser deferred;
     Serialiser record = carelessRecord("old", 1);
-    Serialiser newRecord = carelessRecord(longText, 2);
+    Serialiser newRecord = carelessRecord(longText, elementID + 8);
     Deserialiser readRecord{"old", 1, otherReader()};
-    Deserialiser newReadRecord{longText, 2, carelessReader()};
+    Deserialiser newReadRecord{longText, 8, carelessReader()};
     Formats formats{"0", "1", "2", "3", "4", "5", "6", "7"};
     Catalogue catalogue;
     std::ostringstream sent;

@@ -122,8 +122,11 @@ TEST_F(Threads, RegisterHoweverManyOthersRead) {
     std::atomic<int> reading = 0, exhausted = 0;
     std::atomic<bool> registered = false;
     start(readers, [&] {
+        for (++reading; reading < readers;) {
+            std::this_thread::yield();
+        }
         int n = 0;
-        for (++reading; n < most && !registered; ++n) {
+        for (; n < most && !registered; ++n) {
             discard(catalogue.getSerialiserFor("slow", viewOf({1}, 0)));
         }
         exhausted += n == most;
@@ -148,12 +151,17 @@ TEST_F(Threads, MoveAndCopyWhatIsBeingAssigned) {
         auto target = reading<int>([end = std::move(end)](auto&) { return 1; }, old);
         auto source = reading<int>([](auto&) { return 7; }, handle);
         auto moved = reading<void>([](auto&) {});
-        std::thread other([&] {
+        std::thread other([&, round] {
             while (!assigned) {
                 std::this_thread::yield();
             }
-            moved = std::move(source);
+            if (round % 2 == 0) {
+                moved = std::move(source);
+            }
             GenericDeserialiser const copy(target);
+            if (round % 2 == 1) {
+                moved = std::move(source);
+            }
             EXPECT_EQ(valueRead(copy) + valueRead(moved), 14);
         });
         target = source;

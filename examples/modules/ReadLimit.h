@@ -15,8 +15,12 @@ namespace courier::examples {
 ///
 ///     std::static_pointer_cast<ReadLimit>(deserialiser.getHandle())->bytes = 1 << 30;
 ///
-/// A blob counts its bytes, a document approximately what its values and texts take. Any thread may
-/// change it at any time; reads that begin afterwards see it.
+/// A blob counts its bytes, a document approximately what its values and texts take. Lengths that
+/// the data only claims take nothing. A decoder's own memory comes on top: less than a mebibyte,
+/// and for zstd the window that the data asks for, up to the limit but no more than 128 MiB and,
+/// also below it, 8 MiB. Documents are refused that nest more than 500 levels deep.
+///
+/// Any thread may change it at any time; reads that begin afterwards see it.
 struct ReadLimit {
     std::atomic<std::uint64_t> bytes{std::uint64_t{4} << 30};
 };
@@ -34,6 +38,8 @@ public:
         }
         left_ -= bytes;
     }
+
+    [[nodiscard]] std::uint64_t left() const noexcept { return left_; }
 
 private:
     std::uint64_t limit_;

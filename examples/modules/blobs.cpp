@@ -10,9 +10,12 @@
 #define ZLIB_CONST // input is read-only
 #include <zlib.h>
 #include <zstd.h>
+#include <zstd_errors.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <istream>
 #include <memory>
 #include <new>
@@ -91,10 +94,11 @@ void writeRaw(Blob const& blob, StoppableStream& out) {
               static_cast<std::streamsize>(bytes.size()));
 }
 
-Blob readRaw(std::istream& in, ReadBudget) { // takes no more than what came in
+Blob readRaw(std::istream& in, ReadBudget budget) {
     std::vector<char> chunk(chunkSize);
     ByteBufferOStreambuf bytes;
     while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())), in.gcount() > 0) {
+        budget.spend(static_cast<std::uint64_t>(in.gcount()));
         bytes.sputn(chunk.data(), in.gcount());
     }
     return Blob(bytes.release());
@@ -155,6 +159,9 @@ struct FreeContext {
 };
 
 void requireSuccess(std::size_t result) {
+    if (ZSTD_getErrorCode(result) == ZSTD_error_memory_allocation) {
+        throw std::bad_alloc();
+    }
     if (ZSTD_isError(result) != 0) {
         throw std::runtime_error(std::string("the data is damaged: ") + ZSTD_getErrorName(result));
     }
@@ -177,11 +184,14 @@ void writeZstd(Blob const& blob, StoppableStream& out) {
 }
 
 Blob readZstd(std::istream& in, ReadBudget budget) {
-    // Frames that need a window above the library's limit of 128 MiB are refused by it.
     std::unique_ptr<ZSTD_DCtx, FreeContext> const zstd(ZSTD_createDCtx());
     if (!zstd) {
         throw std::bad_alloc();
     }
+    // The decoder takes the window that a frame claims, however few bytes follow. One of 8 MiB must
+    // always do, as the format's description asks; 128 MiB is the library's own limit.
+    int const widest = std::clamp(static_cast<int>(std::bit_width(budget.left())) - 1, 23, 27);
+    requireSuccess(ZSTD_DCtx_setParameter(zstd.get(), ZSTD_d_windowLogMax, widest));
     return readCompressed(in, budget, [&](std::span<char const> input, std::span<char> output) {
         ZSTD_inBuffer source{input.data(), input.size(), 0};
         ZSTD_outBuffer target{output.data(), output.size(), 0};

@@ -112,35 +112,45 @@ private:
     Json* member_ = nullptr;  // of the innermost object, once its key is read
 };
 
-// The CBOR decoder calls itself for each piece of a string of indefinite length, and a piece may be
-// such a string again: a few kilobytes end the stack, and no event tells of it. Nothing here writes
-// such strings, so none is read.
-class DefiniteStrings final : public std::streambuf {
+// What stands between a decoder and the bytes, for what no event tells of:
+//
+// - A text is announced only when it is there as a whole: one without an end would fill the memory.
+// - The CBOR decoder calls itself for each piece of a string of indefinite length, and a piece may
+//   be such a string again: a few kilobytes end the stack. Nothing here writes such strings, so
+//   none is read.
+class GuardedSource final : public std::streambuf {
 public:
-    DefiniteStrings(std::streambuf& source, Builder& builder)
-        : source_(source), builder_(builder) {}
+    GuardedSource(std::streambuf& source, Builder& builder, ReadBudget budget, bool isCbor)
+        : source_(source), builder_(builder), whole_(budget), left_(budget), isCbor_(isCbor) {}
 
 protected:
     int_type underflow() override { return source_.sgetc(); }
     int_type uflow() override {
         int_type const byte = source_.sbumpc();
-        if (builder_.takeStart() && (byte == 0x5F || byte == 0x7F)) {
-            throw std::runtime_error("strings of indefinite length are not supported");
+        if (builder_.takeStart()) {
+            if (isCbor_ && (byte == 0x5F || byte == 0x7F)) {
+                throw std::runtime_error("strings of indefinite length are not supported");
+            }
+            left_ = whole_;
         }
+        left_.spend(1);
         return byte;
     }
 
 private:
     std::streambuf& source_;
     Builder& builder_;
+    ReadBudget whole_;
+    ReadBudget left_; // for the bytes since the start of a value or key
+    bool isCbor_;
 };
 
 Document read(std::istream& in, Json::input_format_t format, ReadBudget budget) {
     Builder builder(budget);
-    DefiniteStrings definite(*in.rdbuf(), builder);
-    std::istream checked(&definite);
+    GuardedSource source(*in.rdbuf(), builder, budget, format == Json::input_format_t::cbor);
+    std::istream guarded(&source);
     // Not every decoder reports every error.
-    if (!Json::sax_parse(format == Json::input_format_t::cbor ? checked : in, &builder, format)) {
+    if (!Json::sax_parse(guarded, &builder, format)) {
         throw std::runtime_error("the data ends too early");
     }
     return Document{builder.take()};
