@@ -1,0 +1,25 @@
+# SPDX-License-Identifier: Apache-2.0
+# Tried: fuzzers that compare the library with models of it
+set -eu
+. checks/common.sh
+need $to_build $to_sanitise
+build fuzz >&2
+minutes=${FUZZ_MINUTES:-1}
+targets=$(ls fuzz/corpus)
+runs=0
+for target in $targets; do
+    work=build/fuzz/found/$target
+    mkdir -p "$work/corpus"
+    cp fuzz/corpus/"$target"/* "$work/corpus"
+    if ! "build/fuzz/fuzz/fuzz_$target" "$work/corpus" -max_total_time=$((60 * minutes)) \
+        -rss_limit_mb=2048 -timeout=20 -print_final_stats=1 -artifact_prefix="$work/" \
+        >"$work/log" 2>&1; then
+        grep -E 'not what|SUMMARY|Test unit written' "$work/log" || tail -n 20 "$work/log"
+        echo "Replay:  build/fuzz/fuzz/fuzz_$target $(ls -t "$work"/*-* | head -n 1)"
+        echo "Keep it: copy that file to fuzz/corpus/$target/"
+        exit 1
+    fi
+    runs=$((runs + $(sed -n 's/^stat::number_of_executed_units: *//p' "$work/log")))
+done
+echo "$(echo "$targets" | wc -l) targets, $minutes minutes each," \
+    "$(echo $runs | sed -E ':a; s/([0-9])([0-9]{3})($| )/\1 \2\3/; ta') runs, no finding"

@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: Apache-2.0
+// The catalogue against a list of its records that is searched from the first one on.
+#include "../courier/hub/serialisation/src/HashIndex.h"
+#include "../tests/Support.h"
+#include "Input.h"
+
+#include <bedrock/core/diag/terminate.h>
+
+#include <algorithm>
+
+namespace {
+
+using namespace tests;
+using fuzz::require;
+
+// Lists and names that are made so that the catalogue's hash cannot tell them apart.
+constexpr std::uint64_t two = 2; // the length of a list
+IDs const twins[] = {{3, 4}, {5, 4 ^ stir(two ^ 3) ^ stir(two ^ 5)}};
+std::string twin(std::uint64_t first) {
+    std::uint64_t const words[] = {first, std::rotl(stir(16 ^ first), 32)};
+    return {reinterpret_cast<char const*>(words), sizeof(words)};
+}
+
+constexpr std::uint64_t voidID = getTypeID<void>();
+constexpr std::uint64_t anyFormatIDs[] = {getTypeID<std::istream>(), getTypeID<GenericPayload>()};
+
+struct Entry {
+    std::string format;
+    std::uint64_t id;
+    IDs ids;
+    int name; // in order of registration
+};
+using Entries = std::vector<Entry>;
+
+// What comes of a look-up: what is written or read, or the error.
+std::string said(auto lookUp) {
+    try {
+        auto const found = lookUp();
+        if constexpr (std::is_same_v<decltype(found), Serialiser const>) {
+            return written(found.getSerialiser(GenericPayload()));
+        } else if constexpr (std::is_same_v<decltype(found), GenericDeserialiser const>) {
+            return std::to_string(valueRead(found));
+        } else {
+            return written(found);
+        }
+    } catch (std::out_of_range const&) {
+        return "out of range";
+    } catch (std::runtime_error const& e) {
+        return e.what();
+    }
+}
+
+// The same, from the entries.
+std::string said(Entries const& entries, auto fits, std::string const& factory, std::string none) {
+    auto const found = std::ranges::find_if(entries, fits);
+    return found != entries.end() ? std::to_string(found->name) + factory : none.c_str();
+}
+
+Formats formats(Entries const& entries, auto fits) {
+    Formats all;
+    for (Entry const& e : entries) {
+        if (fits(e)) {
+            all.push_back(e.format);
+        }
+    }
+    return all;
+}
+
+struct Run {
+    fuzz::Input input;
+    Catalogue catalogue{};
+    Entries serialisers{};
+    Entries deserialisers{};
+    int names = 0;
+
+    std::string format() {
+        std::size_t const n = input.below(40);
+        std::string const some[] = {"", "*", "**", twin(1), twin(2), std::string("\0", 1)};
+        return n < std::size(some) ? some[n]
+               : n < 16            ? std::string(1, static_cast<char>(n + 'A'))
+                                   : std::string(3 * n, 'x') + std::to_string(n % 2);
+    }
+    std::uint64_t id() {
+        std::size_t const n = input.below(32);
+        return n == 0 ? voidID : n < 3 ? anyFormatIDs[n - 1] : n < 8 ? n : n << 50;
+    }
+    IDs ids() {
+        std::size_t const n = input.below(8);
+        IDs list(n % 4);
+        std::ranges::generate(list, [this] { return id(); });
+        return n < 6 ? list : twins[n - 6];
+    }
+
+    void step(std::string const& format, std::uint64_t id, IDs const& ids) {
+        bool const isVoid = id == voidID;
+        auto const hasID = [](std::uint64_t wanted) {
+            return [wanted](auto& e) { return e.id == wanted; };
+        };
+        auto const hasList = [&](auto& e) { return e.ids == ids; };
+        auto const inFormat = [&](auto has) {
+            return [=](auto& e) { return has(e) && e.format == format; };
+        };
+        auto const inAny = [&](auto has) {
+            return [=](auto& e) { return has(e) && (format == "*" || e.format == format); };
+        };
+        switch (input.below(4)) {
+        case 0:
+            catalogue.add(record(format, id, ids, std::to_string(++names)));
+            if (formats(serialisers, inFormat([&](auto& e) { return e.id == id || hasList(e); }))
+                    .empty()) {
+                serialisers.push_back({format, id, ids, names});
+            }
+            break;
+        case 1:
+            catalogue.add(reader(format, id, ++names));
+            if (formats(deserialisers, inFormat(hasID(id))).empty()) {
+                deserialisers.push_back({format, id, ids, names});
+            }
+            break;
+        case 2: {
+            std::string const none = "No serialiser found for " + format;
+            std::string const byList = said(serialisers, inAny(hasList), " payload", "");
+            auto const byID = [&](std::size_t i, auto factory) {
+                return i < ids.size() ? said(serialisers, inAny(hasID(ids[i])), factory, none)
+                                      : "out of range";
+            };
+            require(said([&] { return catalogue.getSerialiserFor(format, id); }) ==
+                    (isVoid ? "" : said(serialisers, inAny(hasID(id)), " payload", none)));
+            require(said([&] { return catalogue.getSerialiserFor(format, ids); }) ==
+                    said(serialisers, inAny(hasList), " payload", none));
+            require(said([&] { return catalogue.getSerialiserFor(format, payloadOf(ids)); }) ==
+                    (byList.empty() ? byID(0, " payload") : byList));
+            for (std::size_t i = 0; i <= ids.size(); ++i) {
+                require(said([&] { return catalogue.getSerialiserFor(format, viewOf(ids, i)); }) ==
+                        byID(i, " view"));
+                require(said([&] {
+                            return catalogue.getSerialiserFor(format, viewOf(ids, i), {});
+                        }) == byID(i, " stop"));
+            }
+            require(catalogue.getSupportedWireFormats(ids) == formats(serialisers, hasList));
+            require(catalogue.getSupportedWireFormats(id) ==
+                    (isVoid ? Formats{"builtin"} : formats(serialisers, hasID(id))));
+            break;
+        }
+        default: {
+            auto const expected =
+                said(deserialisers, inFormat(hasID(id)), "", "No deserialiser found for " + format);
+            bool const found = !formats(deserialisers, inFormat(hasID(id))).empty();
+            require(isVoid ||
+                    said([&] { return catalogue.getDeserialiserFor(format, id); }) == expected);
+            require(catalogue.hasDeserialiserFor(format, id) == (isVoid || found));
+            require(catalogue.getSupportedDeserialisationWireFormats(id) ==
+                    (isVoid ? Formats{"builtin"}
+                     : std::ranges::count(anyFormatIDs, id) > 0
+                         ? Formats{"*"}
+                         : formats(deserialisers, hasID(id))));
+        }
+        }
+    }
+};
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    bedrock_diag_set_terminate(false);
+    Run run{fuzz::Input(data, size)};
+    while (run.input) {
+        std::string const format = run.format();
+        std::uint64_t const id = run.id();
+        run.step(format, id, run.ids());
+    }
+    return 0;
+}

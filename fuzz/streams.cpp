@@ -1,0 +1,164 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a ByteBufferOStreambuf writes, read by both read stream buffers and by the byte iterators,
+// against the standard library's string streams and a plain position.
+#include "../tests/Support.h"
+#include "Input.h"
+
+#include <optional>
+
+namespace {
+
+using namespace tests;
+using fuzz::Input;
+using fuzz::require;
+
+std::streamsize size(std::string const& text) { return static_cast<std::streamsize>(text.size()); }
+
+ByteBuffer write(Input& input) {
+    ByteBufferOStreambuf sink(input.length());
+    std::ostream out(&sink);
+    std::ostringstream model;
+    ByteBuffer written;
+    for (bool more = true; more; more = input && !input.oneIn(32)) {
+        std::size_t const n = input.length();
+        std::string const bytes = input.fresh(n);
+        auto const both = [&](auto put) { put(out), put(model); };
+        input.oneOf([&] { both([&](std::ostream& to) { to.put(static_cast<char>(n)); }); },
+                    [&] { both([&](std::ostream& to) { to.write(bytes.data(), size(bytes)); }); },
+                    [&] { both([&](std::ostream& to) { to << n << ' ' << bytes << std::endl; }); },
+                    [&] {
+                        ByteBufferOStreambuf taken(std::move(sink));
+                        require(sink.size() == 0 && sink.sputc('x') == 'x');
+                        sink = std::move(taken);
+                    },
+                    [&] {
+                        require(text(sink.release()) == model.str());
+                        model.str({});
+                    });
+        require(out.good() && sink.size() == model.str().size());
+    }
+    require(text(written = sink.release()) == model.str());
+    return written;
+}
+
+// What can be done to a stream: with n bytes of room, a byte, and a number that says what came of
+// it.
+using Act = std::streamsize (*)(std::istream& in, std::string& got, char byte);
+constexpr Act acts[] = {
+    [](auto& in, auto& got, char) { return std::streamsize(!in.read(got.data(), size(got))); },
+    [](auto& in, auto& got, char) { return in.readsome(got.data(), size(got)); },
+    [](auto& in, auto& got, char) { return in.rdbuf()->sgetn(got.data(), size(got)); },
+    [](auto& in, auto& got, char byte) { return std::streamsize(!std::getline(in, got, byte)); },
+    [](auto& in, auto& got, char) { return std::streamsize(!(in >> got)); },
+    [](auto& in, auto& got, char byte) { return std::streamsize(!in.ignore(size(got), byte)); },
+    [](auto& in, auto&, char) { return std::streamsize(in.get()); },
+    [](auto& in, auto&, char) { return std::streamsize(in.peek()); },
+    [](auto& in, auto&, char) { return std::streamsize(!in.unget()); },
+    [](auto& in, auto&, char byte) { return std::streamsize(!in.putback(byte)); },
+    [](auto& in, auto&, char) { return std::streamsize(in.rdbuf()->sgetc()); },
+    [](auto& in, auto&, char) { return std::streamsize(in.rdbuf()->sbumpc()); },
+    [](auto& in, auto&, char) { return std::streamsize(in.rdbuf()->snextc()); },
+    [](auto& in, auto&, char) { return std::streamsize(in.rdbuf()->sungetc()); },
+    [](auto& in, auto&, char byte) { return std::streamsize(in.rdbuf()->sputbackc(byte)); },
+    [](auto& in, auto&, char byte) { return std::streamsize(in.rdbuf()->sputc(byte)); },
+};
+
+std::string act(Act act, std::istream& in, std::size_t n) {
+    std::string got(n, '-');
+    std::string said = std::to_string(act(in, got, static_cast<char>(n)));
+    for (std::streamsize const each :
+         {in.gcount(), std::streamsize(in.rdstate()), in.rdbuf()->in_avail()}) {
+        said += ' ' + std::to_string(each);
+    }
+    return said + got;
+}
+
+void read(Input& input, ByteBufferView content) {
+    ByteBufferIStreambuf owner(std::make_unique<ByteBuffer>(content));
+    ByteBufferIStreambuf borrower(content);
+    NonOwningByteBufferViewIStreambuf viewer(content);
+    std::istringstream model(text(content));
+    std::istream in[] = {std::istream(&owner), std::istream(&borrower), std::istream(&viewer)};
+    while (input && !input.oneIn(32)) {
+        auto const& does = acts[input.below(std::size(acts))];
+        std::size_t const n = input.length();
+        bool const clear = input.flag();
+        std::string const expected = act(does, model, n);
+        for (std::istream& stream : in) {
+            require(act(does, stream, n) == expected);
+            require(stream.rdbuf()->pubseekoff(0, std::ios::beg) == std::streampos(-1));
+            if (clear) {
+                stream.clear();
+                model.clear();
+            }
+        }
+        if (input.flag()) {
+            ByteBufferIStreambuf taken(std::move(owner));
+            require(owner.sgetc() == std::char_traits<char>::eof());
+            owner = std::move(taken);
+            NonOwningByteBufferViewIStreambuf same(std::move(viewer));
+            require(same.sgetc() == viewer.sgetc() && same.in_avail() == viewer.in_avail());
+            viewer = std::move(same);
+        }
+    }
+}
+
+// An iterator has the place of the byte that it designates, a character iterator also that of the
+// one behind it; at the end there is none.
+void iterate(Input& input, ByteBuffer source) {
+    using Place = std::optional<std::size_t>;
+    std::string const bytes = text(source);
+    ByteStream stream(std::make_unique<ByteBufferByteStreamImpl>(std::move(source)));
+    ByteStreamIterator it;
+    ByteStreamCharIterator character;
+    Place at, characterAt, ahead;
+    std::size_t position = 0;
+    auto const next = [&] { return position < bytes.size() ? Place(position++) : Place(); };
+    auto const same = [&](Place place, std::string const& error, auto action) {
+        if (place) {
+            require(static_cast<char>(action()) == bytes[*place]);
+        } else {
+            require(messageOf<std::out_of_range>(action) == "Attempt to " + error);
+        }
+    };
+    while (input) {
+        auto const advance = [post = input.flag()](auto& which) {
+            auto const old = which;
+            return post ? *which++ : (++which, *old);
+        };
+        input.oneOf(
+            [&] { it = stream.begin(), at = next(); },
+            [&] {
+                same(next(), "access position beyond the end of the ByteBuffer",
+                     [&] { return stream.getByte(); });
+            },
+            [&] {
+                same(at, "increment the end ByteStreamIterator", [&] { return advance(it); });
+                at = at ? next() : at;
+            },
+            [&] {
+                character = ByteStreamCharIterator(it), characterAt = at, ahead = at ? next() : at;
+            },
+            [&] {
+                same(characterAt, "increment the end ByteStreamCharIterator",
+                     [&] { return advance(character); });
+                characterAt = std::exchange(ahead, ahead ? next() : ahead);
+            });
+        same(at, "dereference an invalid ByteStreamIterator", [&] { return *it; });
+        same(characterAt, "dereference an invalid ByteStreamCharIterator",
+             [&] { return *character; });
+        require((it == stream.end()) == !at &&
+                (character == decltype(character)()) == !characterAt);
+        require(static_cast<bool>(stream) == (position < bytes.size()));
+    }
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    Input input(data, size);
+    ByteBuffer written = write(input);
+    read(input, written.makeView(0, 0));
+    iterate(input, std::move(written));
+    return 0;
+}
