@@ -16,6 +16,7 @@ template <class LookUp> struct Made {
     LookUp lookUp;
     operator GenericSerialiser() const { return lookUp(); }
 };
+template <class LookUp> Made(LookUp) -> Made<LookUp>; // newer compilers see it for themselves
 
 template <class LookUp> FanOut fanOut(core::GenericPayload&& payload, LookUp lookUp) {
     auto made = std::make_unique<GenericPayloadWrapper>(std::move(payload));
