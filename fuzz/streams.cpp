@@ -50,7 +50,9 @@ constexpr Act acts[] = {
     [](auto& in, auto& got, char) { return in.rdbuf()->sgetn(got.data(), size(got)); },
     [](auto& in, auto& got, char byte) { return std::streamsize(!std::getline(in, got, byte)); },
     [](auto& in, auto& got, char) { return std::streamsize(!(in >> got)); },
-    [](auto& in, auto& got, char byte) { return std::streamsize(!in.ignore(size(got), byte)); },
+    [](auto& in, auto& got, char byte) {
+        return std::streamsize(!in.ignore(size(got), static_cast<unsigned char>(byte)));
+    },
     [](auto& in, auto&, char) { return std::streamsize(in.get()); },
     [](auto& in, auto&, char) { return std::streamsize(in.peek()); },
     [](auto& in, auto&, char) { return std::streamsize(!in.unget()); },
