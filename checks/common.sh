@@ -41,6 +41,14 @@ build() {
     cmake --build --preset "$preset" "$@"
 }
 
+# Makes the Debian packages in build/package.
+package() {
+    build package >&2
+    rm -f build/package/*.deb build/package/*.ddeb
+    # What is packed is there for everybody, whatever the user's own files are.
+    (umask 022 && cd build/package && cpack -G DEB >&2)
+}
+
 sources() { git ls-files '*.h' '*.cpp'; }
 
 # run_tests PRESET: runs the tests that were built; the last line is their number.

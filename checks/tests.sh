@@ -2,7 +2,7 @@
 # Tried: g++, release, every public header alone
 set -eu
 . checks/common.sh
-need $to_build
+need $to_build gdb
 build release
 build release --target all_verify_interface_header_sets
 run_tests release
