@@ -103,8 +103,10 @@ while gdb.selected_inferior().pid != 0:
     for name in of_garbage:
         output = ask(f"*('{name}'*)garbage")
         basic = name.split("<")[0].split("::")[-1]
-        good = output.startswith(basic + ", ")
-        check(f"{basic} of garbage", good and len(output) < 1000, output)
+        good = output.startswith(basic + ", ") and len(output) < 1000
+        if fills > 1 and "Deserialiser" != basic[-12:] and basic != "DeferredSerialiser":
+            good = good and re.search("not a valid object|not readable|cannot be read", output)
+        check(f"{basic} of garbage", good, output)
         check(f"{basic} of garbage", "Python" not in output and "error" not in output, output)
     fills += 1
     gdb.execute("continue")

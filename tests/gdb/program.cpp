@@ -3,8 +3,7 @@
 #include <courier/hub/serialisation/FanOut.h>
 #include <courier/hub/serialisation/Streams.h>
 
-#include <cstring>
-#include <new>
+#include <cstddef>
 #include <string_view>
 
 using namespace courier::hub::serialisation;
@@ -71,7 +70,9 @@ int main() {
 
     alignas(std::max_align_t) unsigned char garbage[1024];
     for (int const fill : {0x00, 0x01, 0x7F, 0xA5, 0xFF}) {
-        std::memset(garbage, fill, sizeof(garbage));
+        for (std::size_t i = 0; i < sizeof(garbage); ++i) {
+            garbage[i] = static_cast<unsigned char>(fill - static_cast<int>(i / 8));
+        }
         look(garbage);
     }
 }

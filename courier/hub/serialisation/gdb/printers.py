@@ -211,9 +211,8 @@ class ByteBufferView(Printer):
 
 class ByteBufferIterator(Printer):
     def summary(self):
-        form, position = "pointer form", int(self.value["pointer_"])
-        if position == 0:
-            form, position = "vector form", int(self.value["position_"]["_M_current"])
+        position = int(self.value["address_"])
+        form = "vector form" if flag(self.value["inVector_"]) else "pointer form"
         if position == 0:
             return "null"
         try:
