@@ -267,6 +267,7 @@ TEST(ByteBufferView, CutsWithinItsBytes) {
     EXPECT_EQ(ByteBuffer().makeView(0, 0).data(), nullptr);
 
     ByteBufferView rest = view;
+    EXPECT_EQ(&rest.at(4), &memory[4]);
     rest.trimFront(1);
     EXPECT_ERROR(std::out_of_range, "Requested to remove more bytes than exist",
                  (rest.trimFront(5), 0));

@@ -132,7 +132,8 @@ TEST(DeferredSerialiser, CopiesAndMovesAsItsRoutine) {
     counting = std::move(alias);
     counting(out);
     copy = counting;
-    copy = DeferredSerialiser(copy);
+    DeferredSerialiser moved(std::move(copy));
+    copy = DeferredSerialiser(moved);
     copy(out);
     EXPECT_EQ(out.str(), "12234");
     EXPECT_THROW(DeferredSerialiser{nullptr}(out), std::bad_function_call);

@@ -25,6 +25,8 @@ TEST(ByteStream, IsReadOnceByItsIterators) {
     EXPECT_EQ(std::string(ByteStreamCharIterator(stream.begin()), {}), awkward);
     EXPECT_EQ(ByteStreamCharIterator(streamOver("").begin()), ByteStreamCharIterator());
 
+    EXPECT_EQ(streamOver("x").getByte(), std::byte{'x'});
+
     ByteStream shared = streamOver("ABC");
     ByteStreamIterator first = shared.begin();
     ByteStreamIterator const second = shared.begin();
@@ -137,6 +139,12 @@ TEST(IStreambuf, ReadsInPlaceToTheEnd) {
     EXPECT_THROW(NonOwningByteBufferViewIStreambuf{null}, std::invalid_argument);
 }
 
+// As a class derived from it may call them, though bytes are there.
+struct Opened : NonOwningByteBufferViewIStreambuf {
+    using NonOwningByteBufferViewIStreambuf::NonOwningByteBufferViewIStreambuf;
+    using NonOwningByteBufferViewIStreambuf::uflow, ReadOnlyStreambuf::underflow;
+};
+
 TEST(IStreambuf, OwnsOnlyWhatItWasGiven) {
     Blocks blocks;
     ByteBuffer const borrowed = blocks.adopt("borrowed");
@@ -155,6 +163,11 @@ TEST(IStreambuf, OwnsOnlyWhatItWasGiven) {
     EXPECT_EQ(first.sbumpc(), 'o'); // stays usable
     EXPECT_EQ(second.sbumpc(), 'o');
     EXPECT_EQ(blocks.freed, 1);
+    Opened opened(borrowed.makeView(6, 0));
+    for (int const expected : {+'e', +'d', endOfFile}) {
+        EXPECT_EQ(opened.underflow(), expected);
+        EXPECT_EQ(opened.uflow(), expected);
+    }
 }
 
 // Addresses by the gibibyte over one small piece of memory, mapped again and again. The piece does
