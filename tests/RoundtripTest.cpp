@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The example program, run as a user would, and its modules, fed what no honest sender sends.
 
-#include "../examples/roundtrip/Modules.h"
 #include "Blob.h"
 #include "Document.h"
+#include "Modules.h"
 #include "ReadLimit.h"
 
 #include <courier/hub/serialisation/FanOut.h>

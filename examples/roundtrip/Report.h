@@ -2,12 +2,12 @@
 #ifndef COURIER_EXAMPLES_ROUNDTRIP_REPORT_H
 #define COURIER_EXAMPLES_ROUNDTRIP_REPORT_H
 
+#include "Text.h"
 #include "Transfer.h"
 
 #include <cstddef>
 #include <iosfwd>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace courier::examples {
@@ -22,12 +22,6 @@ void printOutcomes(std::ostream& out, std::vector<Element> const& elements,
 
 /// How far the transfer is, over the line printed before.
 void printProgress(std::ostream& out, Progress const& progress, std::size_t elements);
-
-/// "1 thing", "2 things"
-[[nodiscard]] std::string counted(std::size_t n, std::string_view thing);
-
-/// One after the other, with a separator in between.
-[[nodiscard]] std::string join(std::vector<std::string> const& texts, std::string_view separator);
 
 } // namespace courier::examples
 

@@ -1,16 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Transfer.h"
 
+#include "Coding.h"
+
 #include <courier/hub/serialisation/FanOut.h>
 #include <courier/hub/serialisation/Streams.h>
 
 #include <algorithm>
 #include <future>
-#include <istream>
 #include <memory>
-#include <ostream>
-#include <stdexcept>
-#include <system_error>
 #include <utility>
 
 namespace courier::examples {
@@ -36,34 +34,10 @@ private:
     std::atomic<std::uint64_t>& count_;
 };
 
-// The sender's side: writes the element into a block of memory. Gives nothing when it was stopped.
-// The serialiser goes with the call and, with the last one, the payload.
-std::optional<ByteBuffer> write(GenericSerialiser serialise, Progress& progress) {
-    CountingSink sink(progress.bytesOut);
-    std::ostream out(&sink);
-    try {
-        serialise(out);
-    } catch (std::system_error const& error) {
-        if (error.code() == std::errc::operation_canceled) {
-            return std::nullopt;
-        }
-        throw;
-    }
-    if (!out) {
-        throw std::runtime_error("the stream failed");
-    }
-    return sink.release();
-}
-
-// The receiver's side: reads the block where it lies.
+// Reads the block where it lies, and gives it back.
 GenericPayload read(GenericDeserialiser const& deserialise, ByteBuffer block) {
     ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(std::move(block)));
-    std::istream in(&source);
-    GenericPayload payload = deserialise(in);
-    if (source.in_avail() > 0) {
-        throw std::runtime_error("bytes are left over");
-    }
-    return payload;
+    return decode(deserialise, source);
 }
 
 // Throws what writing or reading throws; what was done until then is in the outcome.
@@ -71,7 +45,8 @@ void roundTrip(Element const& element, GenericSerialiser&& serialise,
                GenericDeserialiser const& deserialise, stop_token const& stop, Progress& progress,
                Outcome& outcome) {
     auto start = Clock::now();
-    std::optional<ByteBuffer> block = write(std::move(serialise), progress);
+    CountingSink sink(progress.bytesOut);
+    std::optional<ByteBuffer> block = encode(std::move(serialise), sink);
     if (!block) {
         return;
     }

@@ -3,11 +3,11 @@
 #define COURIER_EXAMPLES_ROUNDTRIP_TRANSFER_H
 
 #include "Elements.h"
+#include "Text.h"
 
 #include <courier/hub/serialisation/Catalogue.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -16,8 +16,6 @@
 #include <vector>
 
 namespace courier::examples {
-
-using Seconds = std::chrono::duration<double>;
 
 /// What became of one element.
 struct Outcome {

@@ -3,21 +3,18 @@
 // serialisers come from modules.
 
 #include "Modules.h"
-#include "ReadLimit.h"
+#include "Program.h"
 #include "Report.h"
 #include "Transfer.h"
 
 #include <CLI/CLI.hpp>
 
-#include <csignal>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <filesystem>
 #include <iostream>
-#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -37,84 +34,6 @@ struct Options {
     std::optional<std::uint32_t> cancelAfter; // milliseconds
     bool list = false;
 };
-
-std::filesystem::path programFile() { return std::filesystem::read_symlink("/proc/self/exe"); }
-
-// A thread of its own waits for the signal, as a handler could do next to nothing. Call this before
-// any other thread starts: those started later must not take the signal themselves.
-void stopOnInterrupt(stop_source stop) {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::thread([signals, stop]() mutable {
-        int signal = 0;
-        ::sigwait(&signals, &signal);
-        stop.request_stop();
-        // Whoever asks again later on ends the program at once. What comes in the next second does
-        // not count: some tools send the signal twice in a row.
-        std::this_thread::sleep_for(std::chrono::seconds(1));
-        timespec const none{};
-        ::sigtimedwait(&signals, nullptr, &none);
-        ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-        ::pause();
-    }).detach();
-}
-
-// The limit is a setting of the module: any of its deserialisers carries it.
-void limitReads(SerialisationCatalogue const& catalogue, std::uint64_t bytes) {
-    for (ElementType const& type : elementTypes) {
-        for (auto const& format : catalogue.getSupportedDeserialisationWireFormats(type.id)) {
-            auto const handle = catalogue.getDeserialiserFor(format, type.id).getHandle();
-            std::static_pointer_cast<ReadLimit>(handle)->bytes = bytes;
-        }
-    }
-}
-
-std::vector<Element> loadAll(std::vector<std::string> const& files,
-                             SerialisationCatalogue const& catalogue) {
-    std::vector<Element> elements;
-    elements.reserve(files.size());
-    for (auto const& file : files) {
-        elements.push_back(load(file, file, catalogue));
-    }
-    if (files.empty()) {
-        // A text, a JSON document and a binary of this project itself.
-        auto const program = programFile();
-        auto const root = program.parent_path() / ROUNDTRIP_PROJECT_ROOT;
-        for (auto const& file : {root / "LICENSE", root / "CMakePresets.json", program}) {
-            elements.push_back(load(file, file.filename(), catalogue));
-        }
-    }
-    return elements;
-}
-
-// The wire format of each element, by its real name: the receiver cannot ask for "*".
-std::vector<std::string> resolveFormats(std::vector<std::string> wanted,
-                                        std::vector<Element> const& elements,
-                                        SerialisationCatalogue const& catalogue) {
-    if (wanted.size() == 1) {
-        wanted.assign(elements.size(), std::string(wanted.front()));
-    }
-    if (wanted.size() != elements.size()) {
-        throw std::runtime_error(
-            std::string(wanted.size() < elements.size() ? "too few" : "too many") +
-            " wire formats: " + counted(wanted.size(), "wire format") + " for " +
-            counted(elements.size(), "element"));
-    }
-    for (std::size_t i = 0; i < wanted.size(); ++i) {
-        ElementType const& type = elements[i].type();
-        auto const formats = catalogue.getSupportedWireFormats(type.id);
-        if (wanted[i] == "*") {
-            wanted[i] = catalogue.getSerialiserFor("*", type.id).getWireFormat();
-        } else if (std::find(formats.begin(), formats.end(), wanted[i]) == formats.end()) {
-            throw std::runtime_error("no module writes " + std::string(type.name) + " as \"" +
-                                     wanted[i] + "\" (" + elements[i].name + "); there is " +
-                                     join(formats, ", "));
-        }
-    }
-    return wanted;
-}
 
 // Says how it went; returns the exit status.
 int conclude(std::vector<Element> const& elements, Transfer const& result, bool isStopped) {
@@ -218,7 +137,7 @@ int main(int argc, char** argv) {
     Modules modules;
     try {
         Catalogue catalogue;
-        modules.load(programFile().parent_path() / "modules", catalogue);
+        modules.load(moduleDirectory(), catalogue);
         return run(options, catalogue, stop);
     } catch (std::exception const& error) {
         std::cerr << "roundtrip: " << error.what() << '\n';

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_ROUNDTRIP_ELEMENTS_H
-#define COURIER_EXAMPLES_ROUNDTRIP_ELEMENTS_H
+#ifndef COURIER_EXAMPLES_COMMON_ELEMENTS_H
+#define COURIER_EXAMPLES_COMMON_ELEMENTS_H
 
 #include "Blob.h"
 #include "Document.h"

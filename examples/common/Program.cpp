@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Program.h"
+
+#include "ReadLimit.h"
+#include "Text.h"
+
+#include <csignal>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+namespace courier::examples {
+
+using namespace hub::serialisation;
+
+std::filesystem::path programFile() { return std::filesystem::read_symlink("/proc/self/exe"); }
+
+std::filesystem::path moduleDirectory() {
+    return programFile().parent_path().parent_path() / "modules";
+}
+
+void stopOnInterrupt(stop_source stop) {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    // A thread waits for the signal, as a handler could do next to nothing.
+    std::thread([signals, stop]() mutable {
+        int signal = 0;
+        ::sigwait(&signals, &signal);
+        stop.request_stop();
+        // Whoever asks again later on ends the program at once. What comes in the next second does
+        // not count: some tools send the signal twice in a row.
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        timespec const none{};
+        ::sigtimedwait(&signals, nullptr, &none);
+        ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+        ::pause();
+    }).detach();
+}
+
+void limitReads(SerialisationCatalogue const& catalogue, std::uint64_t bytes) {
+    for (ElementType const& type : elementTypes) {
+        for (auto const& format : catalogue.getSupportedDeserialisationWireFormats(type.id)) {
+            // The limit is a setting of the module: any of its deserialisers carries it.
+            auto const handle = catalogue.getDeserialiserFor(format, type.id).getHandle();
+            std::static_pointer_cast<ReadLimit>(handle)->bytes = bytes;
+        }
+    }
+}
+
+std::vector<Element> loadAll(std::vector<std::string> const& files,
+                             SerialisationCatalogue const& catalogue) {
+    std::vector<Element> elements;
+    elements.reserve(files.size());
+    for (auto const& file : files) {
+        elements.push_back(load(file, file, catalogue));
+    }
+    if (files.empty()) {
+        auto const program = programFile();
+        auto const root = program.parent_path() / PROJECT_ROOT_FROM_PROGRAM;
+        for (auto const& file : {root / "LICENSE", root / "CMakePresets.json", program}) {
+            elements.push_back(load(file, file.filename(), catalogue));
+        }
+    }
+    return elements;
+}
+
+std::vector<std::string> resolveFormats(std::vector<std::string> wanted,
+                                        std::vector<Element> const& elements,
+                                        SerialisationCatalogue const& catalogue) {
+    if (wanted.size() == 1) {
+        wanted.assign(elements.size(), std::string(wanted.front()));
+    }
+    if (wanted.size() != elements.size()) {
+        throw std::runtime_error(
+            std::string(wanted.size() < elements.size() ? "too few" : "too many") +
+            " wire formats: " + counted(wanted.size(), "wire format") + " for " +
+            counted(elements.size(), "element"));
+    }
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+        ElementType const& type = elements[i].type();
+        auto const formats = catalogue.getSupportedWireFormats(type.id);
+        if (wanted[i] == "*") {
+            wanted[i] = catalogue.getSerialiserFor("*", type.id).getWireFormat();
+        } else if (std::find(formats.begin(), formats.end(), wanted[i]) == formats.end()) {
+            throw std::runtime_error("no module writes " + std::string(type.name) + " as \"" +
+                                     wanted[i] + "\" (" + elements[i].name + "); there is " +
+                                     join(formats, ", "));
+        }
+    }
+    return wanted;
+}
+
+} // namespace courier::examples
