@@ -95,7 +95,7 @@ struct Result {
 
 /// Reads buffers one after the other, each in place, and asks for the next one only when all before
 /// it was read.
-class PartsIStreambuf final : public hub::serialisation::ByteBufferIStreambuf {
+class PartsIStreambuf : public hub::serialisation::ByteBufferIStreambuf {
 public:
     /// `get` is called with 1, 2, ... `parts`; what it throws comes out of the reading call.
     using Get = std::function<hub::serialisation::ByteBuffer(std::size_t part)>;

@@ -162,17 +162,17 @@ void Session::makeQueue(std::string const& stream, std::string const& name,
     });
 }
 
-Subscription Session::join(std::string const& stream, std::string const& queue) const {
+Queue Session::join(std::string const& stream, std::string const& name) const {
     jsSubOptions options;
     jsSubOptions_Init(&options);
     options.Stream = stream.c_str();
-    options.Consumer = queue.c_str();
+    options.Consumer = name.c_str();
     natsSubscription* joined = nullptr;
-    attempt("join the queue " + queue, [&](jsErrCode& code) {
+    attempt("join the queue " + name, [&](jsErrCode& code) {
         return js_PullSubscribe(&joined, jetStream_.get(), nullptr, nullptr, nullptr, &options,
                                 &code);
     });
-    return Subscription(joined);
+    return {name, Subscription(joined)};
 }
 
 void Session::publish(natsMsg* message, std::string const& id) const {
@@ -229,22 +229,30 @@ void Session::flush() const {
             "send the last acknowledgements");
 }
 
-std::vector<Message> take(natsSubscription* queue, int atMost) {
+Queue::Queue(std::string name, Subscription subscription)
+    : name_(std::move(name)), subscription_(std::move(subscription)), lastAnswer_(Clock::now()) {}
+
+std::vector<Message> Queue::take(int atMost) {
     natsMsgList list{};
     jsErrCode code{};
     natsStatus const status =
-        natsSubscription_Fetch(&list, queue, atMost, milliseconds(500ms), &code);
-    if (!isPassing(status, code)) {
-        require(status, "take messages from the queue", code);
-    }
+        natsSubscription_Fetch(&list, subscription_.get(), atMost, milliseconds(500ms), &code);
     std::vector<Message> messages;
     for (int i = 0; i < list.Count; ++i) {
         messages.emplace_back(std::exchange(list.Msgs[i], nullptr));
     }
     natsMsgList_Destroy(&list);
-    if (status != NATS_OK && status != NATS_TIMEOUT) {
-        std::this_thread::sleep_for(pause);
+    if (status == NATS_OK || status == NATS_TIMEOUT) {
+        lastAnswer_ = Clock::now();
+        return messages;
     }
+    // An error without a code is a remark of the server that closed the request, such as a change
+    // of leaders.
+    bool const mayPass = isPassing(status, code) || (status == NATS_ERR && code == jsErrCode{});
+    if (!mayPass || Clock::now() - lastAnswer_ > patience) {
+        require(status, "take messages from the queue " + name_, code);
+    }
+    std::this_thread::sleep_for(pause);
     return messages;
 }
 

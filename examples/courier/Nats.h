@@ -41,6 +41,22 @@ struct Servers {
     std::string credentials; // a file; empty where the URLs say enough
 };
 
+/// One of those who take messages from a queue: each message goes to one of them. Belongs to one
+/// thread at a time, and must not outlive its session.
+class Queue {
+public:
+    Queue(std::string name, Subscription subscription);
+
+    /// The next messages, at most so many; none when half a second brought none. Throws Error when
+    /// the queue has been out of reach for a minute, or the connection is lost for good.
+    [[nodiscard]] std::vector<Message> take(int atMost);
+
+private:
+    std::string name_;
+    Subscription subscription_;
+    std::chrono::steady_clock::time_point lastAnswer_;
+};
+
 /// One connection to a cluster, and its JetStream. It finds another server when its own is lost.
 ///
 /// What follows is tried again for a minute, longer than a cluster takes to elect new leaders. It
@@ -60,7 +76,7 @@ public:
                    std::chrono::seconds patience, std::chrono::seconds lifeTime) const;
 
     /// Joins those who take messages from a queue.
-    [[nodiscard]] Subscription join(std::string const& stream, std::string const& queue) const;
+    [[nodiscard]] Queue join(std::string const& stream, std::string const& name) const;
 
     /// Stores a message on the servers; returns once a majority of them has it. Messages with one
     /// `id` are stored once, if no more than two minutes lie between them.
@@ -87,11 +103,6 @@ private:
     Connection connection_;
     JetStream jetStream_;
 };
-
-/// The next messages of a queue, at most so many; none when half a second brought none. Where there
-/// are several takers, each message goes to one of them. Throws Error when the connection is lost
-/// for good.
-[[nodiscard]] std::vector<Message> take(natsSubscription* queue, int atMost);
 
 } // namespace courier::examples::nats
 

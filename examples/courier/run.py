@@ -17,7 +17,7 @@ def main():
                     "Starts three servers on this machine for it, and stops them afterwards.",
         epilog="All other options and the files go to the sender: "
                "build/release/examples/courier/sender --help lists them. Without any, it sends "
-               "600 elements. To take part from another machine, run "
+               "90 elements of its own. To take part from another machine, run "
                "build/release/examples/courier/worker --url URL there.")
     parser.add_argument("--url", help="use this cluster instead of one of its own")
     parser.add_argument("--workers", type=int, default=2, metavar="N",
@@ -42,7 +42,7 @@ def main():
             log.unlink(missing_ok=True)
             workers.append(cluster.start(
                 [programs / "worker", "--url", url, "--name", f"worker {i}"], log))
-        sender = subprocess.Popen([programs / "sender", "--url", url, *(rest or ["--copies", "200"])],
+        sender = subprocess.Popen([programs / "sender", "--url", url, *(rest or ["--copies", "30"])],
                                   preexec_fn=cluster.die_with_parent)
         while True:
             try:

@@ -56,12 +56,8 @@ public:
     Run(Options const& options, std::vector<Element> elements, std::vector<std::string> formats,
         SerialisationCatalogue const& catalogue, stop_source stop)
         : options_(options), elements_(std::move(elements)), formats_(std::move(formats)),
-          stop_(std::move(stop)), session_(options.place.servers), results_(elements_.size()) {
-        prepare(session_, options_.place);
-        session_.makeQueue(options_.place.stream, queueName(), options_.place.results(run_),
-                           std::chrono::seconds(30), std::chrono::hours(1));
-        queue_ = session_.join(options_.place.stream, queueName());
-
+          stop_(std::move(stop)), session_(options.place.servers), queue_(joinResults()),
+          results_(elements_.size()) {
         courier::hub::core::GenericPayload payload;
         for (auto& element : elements_) {
             element.addTo(payload);
@@ -99,6 +95,14 @@ public:
     }
 
 private:
+    // Makes the queue of this run's results.
+    [[nodiscard]] nats::Queue joinResults() const {
+        prepare(session_, options_.place);
+        session_.makeQueue(options_.place.stream, queueName(), options_.place.results(run_),
+                           std::chrono::seconds(30), std::chrono::hours(1));
+        return session_.join(options_.place.stream, queueName());
+    }
+
     // Writes and publishes one element after the other, together with other threads.
     void send() {
         for (std::size_t i = next_++; i < elements_.size() && !hasFailed_; i = next_++) {
@@ -106,11 +110,7 @@ private:
                 ByteBufferOStreambuf sink;
                 // The serialiser goes with the call, and with the last one of them the payload.
                 auto const bytes = encode(std::move(serialisers_[i]), sink);
-                if (sentinel_->isReleased() && !isReleased_.exchange(true)) {
-                    say("the payload's memory was given back after " + sinceStart() + ", when " +
-                        std::to_string(sent_) + " of " + counted(elements_.size(), "element") +
-                        " had been sent");
-                }
+                sayWhenReleased();
                 if (bytes && publish(i, {bytes->data(), bytes->size()})) {
                     ++sent_;
                 }
@@ -119,8 +119,19 @@ private:
                 throw;
             } catch (std::exception const& error) {
                 ++failed_;
+                sayWhenReleased();
                 say(elements_[i].name + ": cannot be sent: " + error.what());
             }
+        }
+    }
+
+    // Once: whoever writes the last element comes here right after it.
+    void sayWhenReleased() {
+        if (sentinel_->isReleased() && !isReleased_.exchange(true)) {
+            say("the payload's memory was given back after " +
+                fixed(Seconds(Clock::now() - start_).count(), 2) + " s, when " +
+                std::to_string(sent_) + " of " + counted(elements_.size(), "element") +
+                " had been sent");
         }
     }
 
@@ -162,7 +173,7 @@ private:
     }
 
     void receive() {
-        for (auto const& message : nats::take(queue_.get(), 64)) {
+        for (auto const& message : queue_.take(64)) {
             Result result = Result::of(message.get());
             natsMsg_Ack(message.get(), nullptr); // one that gets lost only brings it again
             if (result.run == run_ && result.element < results_.size() &&
@@ -231,10 +242,6 @@ private:
 
     [[nodiscard]] std::string queueName() const { return "results-" + run_; }
 
-    [[nodiscard]] std::string sinceStart() const {
-        return fixed(Seconds(Clock::now() - start_).count(), 2) + " s";
-    }
-
     void say(std::string const& text) {
         std::lock_guard const lock(output_);
         std::cerr << text + '\n';
@@ -246,7 +253,7 @@ private:
     std::vector<std::string> const formats_;
     stop_source stop_;
     nats::Session session_;
-    nats::Subscription queue_;
+    nats::Queue queue_;
     std::vector<GenericSerialiser> serialisers_;
     std::shared_ptr<Sentinel> sentinel_;
 

@@ -38,17 +38,15 @@ struct PartsMissing : std::runtime_error {
 class Worker {
 public:
     Worker(Options const& options, SerialisationCatalogue const& catalogue)
-        : options_(options), catalogue_(catalogue), session_(options.place.servers) {
-        prepare(session_, options.place);
-        queue_ = session_.join(options.place.stream, workers);
-    }
+        : options_(options), catalogue_(catalogue), session_(options.place.servers),
+          queue_(joinWorkers(session_, options.place)) {}
 
     void run(stop_token const& stop) {
         std::cerr << options_.name << ": ready\n";
         while (!stop.stop_requested()) {
             // One at a time: an element that waits behind another would wait for nothing where a
             // second worker is idle.
-            for (auto& message : nats::take(queue_.get(), 1)) {
+            for (auto& message : queue_.take(1)) {
                 handle(std::move(message));
             }
         }
@@ -56,6 +54,11 @@ public:
     }
 
 private:
+    static nats::Queue joinWorkers(nats::Session const& session, Place const& place) {
+        prepare(session, place);
+        return session.join(place.stream, workers);
+    }
+
     void handle(nats::Message message) {
         natsMsg* const raw = message.get();
         std::optional<Envelope> envelope;
@@ -153,7 +156,7 @@ private:
     Options const& options_;
     SerialisationCatalogue const& catalogue_;
     nats::Session session_;
-    nats::Subscription queue_;
+    nats::Queue queue_;
 };
 
 std::string hostAndProcess() {

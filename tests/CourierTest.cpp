@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+// The messages of the courier, without a server.
+
+#include "Messages.h"
+
+#include <gtest/gtest.h>
+
+#include <istream>
+
+using namespace courier::examples;
+using namespace courier::hub::serialisation;
+
+namespace {
+
+nats::Message message(std::string const& bytes) {
+    ByteBufferView const view(reinterpret_cast<std::byte const*>(bytes.data()), bytes.size());
+    return Envelope{.run = "r", .element = 7, .wireFormat = "raw", .typeID = ~0ULL}.toMessage({},
+                                                                                              view);
+}
+
+// What a deserialiser reads from, to look where its bytes lie.
+template <class Streambuf> struct Opened : Streambuf {
+    using Streambuf::eback, Streambuf::egptr, Streambuf::gptr, Streambuf::Streambuf;
+};
+
+TEST(CourierTest, MessagesAreReadWhereTheyLie) {
+    for (std::size_t const size : {0, 1, 1000, 1 << 20}) {
+        auto received = message(std::string(size, 'x'));
+        char const* const bytes = natsMsg_GetData(received.get());
+        ByteBuffer buffer = adopt(std::move(received)); // whose end frees the message: see asan
+        EXPECT_EQ(buffer.size(), size);
+        EXPECT_TRUE(size == 0 || static_cast<void*>(buffer.data()) == bytes);
+        Opened<ByteBufferIStreambuf> source(std::make_unique<ByteBuffer>(std::move(buffer)));
+        EXPECT_TRUE(size == 0 || (source.eback() == bytes && source.egptr() == bytes + size));
+    }
+    EXPECT_EQ(adopt(nullptr).size(), 0);
+}
+
+TEST(CourierTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
+    std::vector<char const*> bytes;
+    std::vector<std::string> const parts{"abc", "", "d", "efgh"};
+    auto const get = [&](std::size_t part) {
+        auto received = message(parts.at(part - 1));
+        bytes.push_back(natsMsg_GetData(received.get()));
+        return adopt(std::move(received));
+    };
+    Opened<PartsIStreambuf> source(parts.size(), get);
+    EXPECT_TRUE(bytes.empty()); // nothing is asked for before it is read
+    EXPECT_EQ(source.sgetc(), 'a');
+    EXPECT_EQ(source.gptr(), bytes.at(0));
+    std::string text(6, '\0');
+    EXPECT_EQ(source.sgetn(text.data(), 6), 6);
+    EXPECT_EQ(text, "abcdef");
+    EXPECT_EQ(source.gptr(), bytes.at(3) + 2);
+    EXPECT_EQ(source.sgetn(text.data(), 6), 2);
+
+    PartsIStreambuf broken(2, [](std::size_t) -> ByteBuffer { throw std::runtime_error("lost"); });
+    std::istream in(&broken);
+    in.exceptions(std::ios::badbit);
+    EXPECT_THROW(in.get(), std::runtime_error);
+}
+
+TEST(CourierTest, HeadersComeThroughOrAreRefused) {
+    Envelope const sent{"r", 1, "a format", ~0ULL, ~0ULL, ~0U, 2, 3};
+    auto received = sent.toMessage({}, {});
+    EXPECT_EQ(Envelope::of(received.get()), sent);
+    EXPECT_STREQ(natsMsg_GetSubject(received.get()), "courier.r.part.1.2");
+    for (char const* const wrong : {"", "x", "1x", "-1", "99999999999999999999"}) {
+        natsMsgHeader_Set(received.get(), "Courier-Type", wrong);
+        EXPECT_THROW(static_cast<void>(Envelope::of(received.get())), std::runtime_error) << wrong;
+    }
+    natsMsgHeader_Delete(received.get(), "Courier-Type");
+    EXPECT_THROW(static_cast<void>(Envelope::of(received.get())), std::runtime_error);
+    EXPECT_THROW(static_cast<void>(Envelope{.run = "r", .wireFormat = "a\r\nb"}.toMessage({}, {})),
+                 std::invalid_argument);
+    EXPECT_THROW(static_cast<void>(room(1000, sent)), std::runtime_error);
+    EXPECT_LT(room(1 << 20, sent), 1 << 20);
+}
+
+} // namespace
