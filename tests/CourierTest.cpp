@@ -23,7 +23,13 @@ template <class Streambuf> struct Opened : Streambuf {
     using Streambuf::eback, Streambuf::egptr, Streambuf::gptr, Streambuf::Streambuf;
 };
 
-TEST(CourierTest, MessagesAreReadWhereTheyLie) {
+// The library frees messages on a thread of its own, which without a connection nobody starts.
+struct CourierTest : testing::Test {
+    static void SetUpTestSuite() { ASSERT_EQ(nats_Open(-1), NATS_OK); }
+    static void TearDownTestSuite() { nats_CloseAndWait(0); }
+};
+
+TEST_F(CourierTest, MessagesAreReadWhereTheyLie) {
     for (std::size_t const size : {0, 1, 1000, 1 << 20}) {
         auto received = message(std::string(size, 'x'));
         char const* const bytes = natsMsg_GetData(received.get());
@@ -36,7 +42,7 @@ TEST(CourierTest, MessagesAreReadWhereTheyLie) {
     EXPECT_EQ(adopt(nullptr).size(), 0);
 }
 
-TEST(CourierTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
+TEST_F(CourierTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
     std::vector<char const*> bytes;
     std::vector<std::string> const parts{"abc", "", "d", "efgh"};
     auto const get = [&](std::size_t part) {
@@ -60,7 +66,7 @@ TEST(CourierTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
     EXPECT_THROW(in.get(), std::runtime_error);
 }
 
-TEST(CourierTest, HeadersComeThroughOrAreRefused) {
+TEST_F(CourierTest, HeadersComeThroughOrAreRefused) {
     Envelope const sent{"r", 1, "a format", ~0ULL, ~0ULL, ~0U, 2, 3};
     auto received = sent.toMessage({}, {});
     EXPECT_EQ(Envelope::of(received.get()), sent);

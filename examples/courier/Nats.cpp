@@ -123,17 +123,13 @@ void Session::attempt(std::string const& what,
     }
 }
 
-void Session::makeStream(std::string const& name, std::vector<std::string> subjects,
-                         int replicas) const {
-    std::vector<char const*> listed;
-    for (auto const& subject : subjects) {
-        listed.push_back(subject.c_str());
-    }
+void Session::makeStream(std::string const& name, std::string const& subject, int replicas) const {
+    char const* subjects[] = {subject.c_str()};
     jsStreamConfig config;
     jsStreamConfig_Init(&config);
     config.Name = name.c_str();
-    config.Subjects = listed.data();
-    config.SubjectsLen = static_cast<int>(listed.size());
+    config.Subjects = subjects;
+    config.SubjectsLen = 1;
     config.Replicas = replicas;
     config.Storage = js_FileStorage;
     config.Discard = js_DiscardNew;
@@ -238,6 +234,7 @@ std::vector<Message> Queue::take(int atMost) {
     natsStatus const status =
         natsSubscription_Fetch(&list, subscription_.get(), atMost, milliseconds(500ms), &code);
     std::vector<Message> messages;
+    messages.reserve(static_cast<std::size_t>(list.Count));
     for (int i = 0; i < list.Count; ++i) {
         messages.emplace_back(std::exchange(list.Msgs[i], nullptr));
     }

@@ -66,8 +66,9 @@ class Session {
 public:
     explicit Session(Servers const& servers);
 
-    /// Makes the stream, or finds it made. Its messages are kept on so many servers, for a day.
-    void makeStream(std::string const& name, std::vector<std::string> subjects, int replicas) const;
+    /// Makes a stream of all messages with this subject, or finds it made. They are kept on so many
+    /// servers, for a day.
+    void makeStream(std::string const& name, std::string const& subject, int replicas) const;
 
     /// Makes a queue of the stream's messages with this subject, or finds it made. A message that
     /// nobody acknowledged for `patience` is handed out again; a queue that nobody asks for

@@ -34,7 +34,7 @@ inline void addOptions(CLI::App& app, Place& place) {
 
 /// Makes the stream and the queue of its elements, or finds them made.
 inline void prepare(nats::Session const& session, Place const& place) {
-    session.makeStream(place.stream, {place.everything()}, place.replicas);
+    session.makeStream(place.stream, place.everything(), place.replicas);
     session.makeQueue(place.stream, workers, place.elements(), workersPatience, {});
 }
 
