@@ -13,13 +13,14 @@ import random
 import re
 import shutil
 import signal
+import subprocess
 import sys
 import time
 import zlib
 
 import cluster
 
-TIMEOUT = 150  # seconds for one sender; it takes a few, and about twenty more where servers change
+TIMEOUT = 100  # seconds for one sender; it takes a few, and about twenty more where servers change
 COPIES = 4
 
 
@@ -116,7 +117,11 @@ def failover(test, servers, chance):
             (test.workers if what == "worker" else servers.servers)[victim].kill()
             print(f"  killed {what} {victim} when {done} of {total} elements had been decoded",
                   flush=True)
-        status = sender.wait(TIMEOUT)
+        try:
+            status = sender.wait(TIMEOUT)
+        except subprocess.TimeoutExpired:
+            test.check(total)  # says what it waits for
+            raise
     finally:
         cluster.stop([sender])
     text = test.log.read_text()
