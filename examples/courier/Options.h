@@ -13,6 +13,7 @@ inline void addOptions(CLI::App& app, Place& place) {
     app.add_option("-u,--url", place.servers.urls,
                    "The servers of the cluster, or some of them: nats:// or tls:// URLs")
         ->delimiter(',')
+        ->allow_extra_args(false)
         ->type_name("URL,...")
         ->capture_default_str();
     app.add_option("--credentials", place.servers.credentials, "A credentials file of NATS")

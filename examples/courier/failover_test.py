@@ -57,8 +57,8 @@ class Test:
 
     def start_sender(self, name, copies):
         self.log = self.state / f"{name}.log"
-        return cluster.start([self.programs / "sender", "--url", self.url, "--verbose",
-                              "--copies", str(copies), *self.files], self.log)
+        return cluster.start([self.programs / "sender", "--verbose", "--copies", str(copies),
+                              "--url", self.url, *self.files], self.log)
 
     @staticmethod
     def lines(log, kind):
