@@ -25,31 +25,6 @@ template <class Test> void forEveryKind(Test test) {
     }
 }
 
-TEST(ByteBuffer, ReadsTheSameInEveryForm) {
-    forEveryKind([](auto make, Blocks&) {
-        ByteBuffer buffer = make("hello");
-        ByteBuffer const& constant = buffer;
-        EXPECT_EQ(&buffer.front(), buffer.data());
-        EXPECT_EQ(&constant.at(4), constant.data() + 4);
-        EXPECT_ERROR(std::out_of_range, pastEnd, buffer.at(5));
-        EXPECT_EQ(std::vector<std::byte>(constant.cbegin(), constant.cend()), bytes("hello"));
-        EXPECT_EQ(std::span<std::byte const>(buffer).data(), buffer.data());
-        std::ranges::reverse(buffer);
-        *buffer.begin() = std::byte{'O'};
-        EXPECT_EQ(text(constant.clone()), "Olleh");
-
-        ByteBuffer const none = make("");
-        EXPECT_TRUE(none.empty());
-        EXPECT_EQ(none.data(), nullptr);
-        EXPECT_EQ(none.begin(), none.end());
-        EXPECT_ERROR(std::out_of_range, "ByteBuffer is empty", none.front());
-        EXPECT_ERROR(std::out_of_range, pastEnd, none.at(0));
-        std::size_t const before = allocations();
-        EXPECT_EQ(none.clone().data(), nullptr);
-        EXPECT_EQ(allocations(), before);
-    });
-}
-
 TEST(ByteBuffer, TakesOverWithoutCopyingAndFreesExactlyOnce) {
     auto vector = bytes("abc");
     auto const* const address = vector.data();
@@ -78,122 +53,6 @@ TEST(ByteBuffer, TakesOverWithoutCopyingAndFreesExactlyOnce) {
     EXPECT_EQ(ByteBuffer(ByteBuffer::Block(nullptr, [](void*) { FAIL(); }), 10).size(), 0U);
     int local = 0; // stays with its maker
     EXPECT_THROW(ByteBuffer(ByteBuffer::Block(&local, nullptr), 1), std::invalid_argument);
-}
-
-TEST(ByteBuffer, AppendsInEveryFormWhateverTheArgument) {
-    using Append = std::function<void(ByteBuffer&, ByteBuffer & argument)>;
-    std::pair<Append, std::string> const appends[] = {
-        {[](auto& b, auto& a) { b.append(static_cast<ByteBuffer&&>(a)).append(a); }, "moremore"},
-        {[](auto& b, auto& a) { b.append(bytes(text(a))); }, "more"},
-        {[](auto& b, auto& a) { b.append(a.makeView(1, 0)); }, "ore"},
-        {[](auto& b, auto& a) {
-             std::vector<ByteBuffer> list(3);
-             list[0] = a.clone();
-             list[2].push_back(std::byte{'!'});
-             b.append(list).append(static_cast<std::vector<ByteBuffer>&&>(list));
-             EXPECT_EQ(text(list[0]), "more");
-         },
-         "more!more!"},
-        {[](auto& b, auto&) { b.push_back(std::byte{'+'}); }, "+"},
-    };
-    forEveryKind([&](auto make, Blocks& blocks) {
-        for (auto const makeArgument : kinds) {
-            for (auto const& [append, added] : appends) {
-                Blocks others;
-                ByteBuffer buffer = make("0123456789");
-                ByteBuffer argument = makeArgument(others, "more");
-                append(buffer, argument);
-                EXPECT_EQ(text(buffer), "0123456789" + added);
-                EXPECT_EQ(text(argument), "more");
-                EXPECT_EQ(blocks.freed, blocks.made);
-                EXPECT_EQ(others.freed, 0);
-                EXPECT_EQ(text(buffer.makeView(8, 2).append(argument)), "89more");
-            }
-        }
-    });
-}
-
-TEST(ByteBuffer, StaysWhereItIsWhileThereIsRoom) {
-    Blocks blocks;
-    ByteBuffer buffer = spare(blocks, "abcdef");
-    auto const* const address = buffer.data();
-    buffer.append(bytes("gh")).append(buffer).append(buffer.makeView(0, 2));
-    buffer.trimFront(2);
-    buffer.resize(4);
-    EXPECT_EQ(buffer.data(), address);
-    buffer.clear();
-    buffer.push_back(std::byte{'x'});
-    EXPECT_EQ(buffer.data(), address);
-}
-
-TEST(ByteBuffer, EmptyArgumentsChangeNothingButAListOfThemConverts) {
-    Blocks blocks;
-    ByteBuffer buffer = blocks.adopt("abc");
-    auto const* const address = buffer.data();
-    buffer.append(ByteBuffer()).append(std::vector<ByteBuffer>());
-    buffer.append(std::vector<std::byte>()).append(ByteBufferView());
-    EXPECT_EQ(buffer.data(), address);
-    buffer.append(std::vector<ByteBuffer>(2));
-    EXPECT_NE(buffer.data(), address);
-    EXPECT_EQ(text(buffer), "abc");
-    EXPECT_EQ(blocks.freed, 1);
-}
-
-TEST(ByteBuffer, AppendsItsOwnBytesAsTheyWereBeforeTheCall) {
-    forEveryKind([](auto make, Blocks&) {
-        ByteBuffer whole = make("abcd");
-        EXPECT_EQ(text(whole.append(whole)), "abcdabcd");
-        ByteBuffer part = make("abcd");
-        EXPECT_EQ(text(part.append(part.makeView(1, 2))), "abcdbc");
-        ByteBuffer byte = make("abcd");
-        byte.push_back(byte[2]);
-        EXPECT_EQ(text(byte), "abcdc");
-        std::vector<ByteBuffer> list;
-        list.push_back(ByteBuffer(bytes("<")));
-        list.push_back(make("abcd"));
-        list.push_back(ByteBuffer(bytes(">")));
-        EXPECT_EQ(text(list[1].append(list)), "abcd<abcd>");
-    });
-}
-
-// Adding bytes until the storage moves shows how much room there was.
-std::size_t spareRoom(ByteBuffer buffer) {
-    auto const* const address = buffer.data();
-    std::size_t room = 0;
-    for (buffer.push_back({}); buffer.data() == address; buffer.push_back({})) {
-        ++room;
-    }
-    return room;
-}
-
-TEST(ByteBuffer, EnlargesByHalfAsMuchAgainResizesAndTrims) {
-    Blocks blocks;
-    for (auto const make : {full, external}) {
-        ByteBuffer appended = make(blocks, "0123456789");
-        std::size_t const before = allocations();
-        appended.append(appended.makeView(0, 4));
-        EXPECT_EQ(allocations(), before + 1);
-        EXPECT_EQ(spareRoom(appended.clone()), 0U);
-        EXPECT_EQ(spareRoom(std::move(appended)), 7U);
-        ByteBuffer resized = make(blocks, "0123456789");
-        resized.resize(21);
-        EXPECT_EQ(spareRoom(std::move(resized)), 10U);
-    }
-    forEveryKind([](auto make, Blocks& made) {
-        for (std::size_t const n : {0U, 3U, 5U, 8U}) {
-            ByteBuffer buffer = make("abcde");
-            buffer.resize(n);
-            EXPECT_EQ(text(buffer), std::string("abcde\0\0\0", n));
-            EXPECT_EQ(made.freed, made.made);
-        }
-        ByteBuffer buffer = make("abcde");
-        EXPECT_ERROR(std::out_of_range, "Requested to remove more bytes than exist",
-                     (buffer.trimFront(6), 0));
-        buffer.trimFront(2);
-        EXPECT_EQ(text(buffer.clone()), "cde");
-        buffer.trimFront(3);
-        EXPECT_EQ(buffer.data(), nullptr);
-    });
 }
 
 TEST(ByteBuffer, RefusesLengthsBeforeTheyWrap) {
@@ -245,39 +104,6 @@ TEST(ByteBuffer, RefusesANullViewWithALength) {
     EXPECT_ERROR(std::runtime_error, incompatible, some.append(null));
     EXPECT_EQ(blocks.freed, 1); // converted by then
     EXPECT_EQ(text(some), "abc");
-}
-
-TEST(ByteBufferView, CutsWithinItsBytes) {
-    auto memory = bytes("abcde");
-    ByteBufferView view(memory.data(), memory.size());
-    ByteBuffer const buffer(view);
-    for (auto const& [from, n, expected] : {std::tuple{0U, 0U, "abcde"},
-                                            {2U, 0U, "cde"},
-                                            {2U, 3U, "cde"},
-                                            {1U, 2U, "bc"},
-                                            {5U, 0U, ""}}) {
-        EXPECT_EQ(text(view.makeView(from, n)), expected);
-        EXPECT_EQ(text(buffer.makeView(from, n)), expected);
-    }
-    EXPECT_ERROR(std::out_of_range, "Invalid range requested", view.makeView(6, 0));
-    EXPECT_ERROR(std::out_of_range, "Invalid range requested", buffer.makeView(3, 3));
-    EXPECT_ERROR(std::out_of_range, "Invalid range requested",
-                 view.makeView(4, static_cast<std::size_t>(-3)));
-    EXPECT_EQ(view.makeView(5, 0).data(), nullptr);
-    EXPECT_EQ(ByteBuffer().makeView(0, 0).data(), nullptr);
-
-    ByteBufferView rest = view;
-    EXPECT_EQ(&rest.at(4), &memory[4]);
-    rest.trimFront(1);
-    EXPECT_ERROR(std::out_of_range, "Requested to remove more bytes than exist",
-                 (rest.trimFront(5), 0));
-    rest.front() = std::byte{'B'};
-    EXPECT_EQ(text(view), "aBcde"); // the bytes are shared
-    rest.trimFront(4);
-    EXPECT_EQ(rest.data(), nullptr);
-    EXPECT_EQ(rest.end() - rest.begin(), 0);
-    EXPECT_ERROR(std::out_of_range, "ByteBufferView is empty", rest.front());
-    EXPECT_ERROR(std::out_of_range, std::string(pastEnd) + "View", view.at(5));
 }
 
 template <class T> constexpr bool viewed = std::is_constructible_v<ByteBufferView, T>;

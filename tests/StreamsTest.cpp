@@ -13,57 +13,17 @@ namespace {
 using namespace tests;
 
 constexpr int endOfFile = std::char_traits<char>::eof();
-std::string const awkward("\0\x7F\x80\xFF", 4); // all of it must survive signed chars
 
 ByteStream streamOver(std::string_view content) {
     return ByteStream(std::make_unique<ByteBufferByteStreamImpl>(ByteBuffer(bytes(content))));
 }
 
-TEST(ByteStream, IsReadOnceByItsIterators) {
+TEST(ByteStream, IsAtItsEndWithoutASource) {
     static_assert(std::ranges::input_range<ByteStream>);
-    ByteStream stream = streamOver(awkward);
-    EXPECT_EQ(std::string(ByteStreamCharIterator(stream.begin()), {}), awkward);
-    EXPECT_EQ(ByteStreamCharIterator(streamOver("").begin()), ByteStreamCharIterator());
-
-    EXPECT_EQ(streamOver("x").getByte(), std::byte{'x'});
-
-    ByteStream shared = streamOver("ABC");
-    ByteStreamIterator first = shared.begin();
-    ByteStreamIterator const second = shared.begin();
-    EXPECT_EQ(*second, std::byte{'B'});
-    EXPECT_EQ(first, second); // they share the source
-    EXPECT_EQ(*first++, std::byte{'A'});
-    EXPECT_EQ(*first, std::byte{'C'});
-    EXPECT_FALSE(shared); // exhausted, though the last byte is still designated
-    EXPECT_NE(first, shared.end());
-    EXPECT_EQ(++first, shared.end());
-}
-
-TEST(ByteStream, SaysWhatWasMisused) {
-    ByteStreamIterator end;
-    ByteStreamCharIterator charEnd;
-    ByteBufferByteStreamImpl exhausted{ByteBuffer(1)};
-    exhausted.getByte();
     ByteStream none;
-    std::string const attempt = "Attempt to ";
-    for (int twice = 0; twice < 2; ++twice) {
-        EXPECT_ERROR(std::out_of_range, attempt + "dereference an invalid ByteStreamIterator",
-                     *end);
-        EXPECT_ERROR(std::out_of_range, attempt + "increment the end ByteStreamIterator", ++end);
-        EXPECT_ERROR(std::out_of_range, attempt + "increment the end ByteStreamIterator", end++);
-        EXPECT_ERROR(std::out_of_range, attempt + "dereference an invalid ByteStreamCharIterator",
-                     *charEnd);
-        EXPECT_ERROR(std::out_of_range, attempt + "increment the end ByteStreamCharIterator",
-                     ++charEnd);
-        EXPECT_ERROR(std::out_of_range, attempt + "increment the end ByteStreamCharIterator",
-                     charEnd++);
-        EXPECT_ERROR(std::out_of_range,
-                     attempt + "access position beyond the end of the ByteBuffer",
-                     exhausted.getByte());
-        EXPECT_ERROR(std::out_of_range, "ByteStream has no source", none.getByte());
-    }
-    EXPECT_FALSE(exhausted || none);
+    EXPECT_FALSE(none);
     EXPECT_EQ(none.begin(), none.end());
+    EXPECT_ERROR(std::out_of_range, "ByteStream has no source", none.getByte());
 }
 
 // Five bytes, of which the fourth cannot be read.
@@ -97,46 +57,15 @@ TEST(ByteStream, IsUnchangedWhenItsSourceThrows) {
     EXPECT_EQ(destroyed, 1);
 }
 
-// The stream buffers over one content, however they hold it and whether they were moved.
-template <class Streambuf, class Content> std::unique_ptr<std::streambuf> moved(Content content) {
-    Streambuf first(std::move(content));
-    Streambuf second(std::move(first));
-    auto last = std::make_unique<Streambuf>(ByteBufferView());
-    *last = std::move(second);
-    Streambuf& alias = *last;
-    *last = std::move(alias);
-    return last;
-}
-
-TEST(IStreambuf, ReadsInPlaceToTheEnd) {
-    auto const check = [](std::unique_ptr<std::streambuf> const& buffer) {
-        EXPECT_EQ(buffer->in_avail(), 4);
-        for (int const expected : {0, 127, 128, 255, endOfFile, endOfFile}) {
-            EXPECT_EQ(buffer->sgetc(), expected);
-            EXPECT_EQ(buffer->sbumpc(), expected);
-        }
-        for (int const expected : {255, 128, 127, 0, endOfFile}) { // back to the first byte
-            EXPECT_EQ(buffer->sungetc(), expected);
-        }
-        char target[10] = {};
-        EXPECT_EQ(buffer->sgetn(target, 0) + buffer->sgetn(target, -1), 0);
-        EXPECT_EQ(buffer->sgetn(target, 10), 4);
-        EXPECT_EQ(std::string(target, 4), awkward);
-        EXPECT_EQ(buffer->sgetn(target, 10), 0);
-        EXPECT_EQ(buffer->sputc('x'), endOfFile);
-        std::istream in(buffer.get());
-        EXPECT_EQ(in.tellg(), std::istream::pos_type(-1));
-        EXPECT_FALSE(in.seekg(0));
-    };
-    ByteBuffer const content(bytes(awkward));
-    check(moved<ByteBufferIStreambuf>(std::make_unique<ByteBuffer>(content.clone())));
-    check(moved<ByteBufferIStreambuf>(content.makeView(0, 0)));
-    check(moved<NonOwningByteBufferViewIStreambuf>(content.makeView(0, 0)));
-    EXPECT_EQ(ByteBufferIStreambuf(std::make_unique<ByteBuffer>()).sgetc(), endOfFile);
+TEST(IStreambuf, RefusesWhatIsNotThere) {
     EXPECT_THROW(ByteBufferIStreambuf(std::unique_ptr<ByteBuffer>()), std::invalid_argument);
     ByteBufferView const null(static_cast<std::byte*>(nullptr), 3);
     EXPECT_THROW(ByteBufferIStreambuf{null}, std::invalid_argument);
     EXPECT_THROW(NonOwningByteBufferViewIStreambuf{null}, std::invalid_argument);
+    char target = 'x';
+    NonOwningByteBufferViewIStreambuf some(ByteBufferView(std::string_view("some")));
+    EXPECT_EQ(some.sgetn(&target, 0) + some.sgetn(&target, -1), 0);
+    EXPECT_EQ(some.sgetc(), 's');
 }
 
 // As a class derived from it may call them, though bytes are there.
@@ -232,26 +161,12 @@ TEST(Buffers, CountPastFourGibibytes) {
 }
 
 TEST(OStreambuf, HandsOutTheBlockThatItWroteTo) {
-    for (std::size_t const reserve : {0U, 3U, 5000U}) {
-        ByteBufferOStreambuf sink(reserve);
-        std::ostream out(&sink);
-        for (int round = 0; round < 2; ++round) {
-            std::string expected;
-            for (std::size_t n = 0; n < 300; n += 7) {
-                expected += std::string(n, static_cast<char>('a' + n % 26)) + '\xFF';
-                out << std::string(n, static_cast<char>('a' + n % 26)) << '\xFF';
-            }
-            ByteBufferOStreambuf other(std::move(sink));
-            EXPECT_EQ(other.size(), expected.size());
-            out << "into the moved-from one, which goes";
-            sink = std::move(other);
-            std::size_t const before = allocations();
-            ByteBuffer const released = sink.release();
-            EXPECT_EQ(allocations(), before);
-            EXPECT_EQ(text(released), expected);
-            EXPECT_EQ(sink.size(), 0U);
-        }
-    }
+    ByteBufferOStreambuf sink(5);
+    std::size_t const before = allocations();
+    sink.sputn("block", 5);
+    ByteBuffer const released = sink.release();
+    EXPECT_EQ(allocations(), before);
+    EXPECT_EQ(text(released), "block");
 }
 
 TEST(OStreambuf, KeepsWhatWasWrittenWhenMemoryRunsOut) {
