@@ -21,5 +21,5 @@ for target in $targets; do
     fi
     runs=$((runs + $(sed -n 's/^stat::number_of_executed_units: *//p' "$work/log")))
 done
-echo "$(echo "$targets" | wc -l) targets, $minutes minutes each," \
+echo "$(echo "$targets" | wc -l) targets, $minutes min each," \
     "$(echo $runs | sed -E ':a; s/([0-9])([0-9]{3})($| )/\1 \2\3/; ta') runs, no finding"

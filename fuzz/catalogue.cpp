@@ -50,10 +50,11 @@ std::string said(auto lookUp) {
     }
 }
 
-// The same, from the entries.
+// The same, from the entries. An error message ends where its text has a zero.
 std::string said(Entries const& entries, auto fits, std::string const& factory, std::string none) {
     auto const found = std::ranges::find_if(entries, fits);
-    return found != entries.end() ? std::to_string(found->name) + factory : none.c_str();
+    return found != entries.end() ? std::to_string(found->name) + factory
+                                  : none.substr(0, none.find('\0'));
 }
 
 Formats formats(Entries const& entries, auto fits) {

@@ -40,7 +40,8 @@ struct Run {
                                  out << view.index << view.get<Element>().value;
                              });
             };
-            auto const makeStoppable = [this, make](auto&& view, stop_source&& source) {
+            auto const makeStoppable = [this, make](GenericPayloadView&& view,
+                                                    stop_source&& source) {
                 sources.push_back(std::move(source));
                 return make(std::move(view));
             };
