@@ -86,11 +86,11 @@ Transfer transfer(std::vector<Element> const& elements, std::vector<std::string>
 
     Progress progress;
     std::atomic<std::size_t> next{0};
-    auto const work = [&, &serialisers = serialisers] {
+    auto const work = [&, &made = serialisers] {
         for (std::size_t i = next++; i < elements.size(); i = next++) {
             try {
-                roundTrip(elements[i], std::move(serialisers[i]), deserialisers[i],
-                          stop.get_token(), progress, result.outcomes[i]);
+                roundTrip(elements[i], std::move(made[i]), deserialisers[i], stop.get_token(),
+                          progress, result.outcomes[i]);
             } catch (std::exception const& error) {
                 result.outcomes[i].error = error.what();
             }
