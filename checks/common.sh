@@ -55,5 +55,7 @@ sources() { git ls-files '*.h' '*.cpp'; }
 # run_tests PRESET: runs the tests that were built; the last line is their number.
 run_tests() {
     ctest --preset "$1"
-    ctest --preset "$1" -N | sed -n 's/^Total Tests: \(.*\)/\1 tests/p'
+    echo "$(count_tests "$1") tests"
 }
+
+count_tests() { ctest --preset "$1" -N | sed -n 's/^Total Tests: //p'; }

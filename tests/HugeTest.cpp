@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "Support.h"
+
+#include <stdexcept>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace tests;
+
+// Addresses by the gibibyte over one small piece of memory, mapped again and again. The piece does
+// not divide 2^32, so that a position cut to 32 bits finds another byte. Null where that can't be.
+constexpr std::size_t tile = std::size_t{3} << 20;
+constexpr std::size_t twoTo32 = std::size_t{1} << 32;
+constexpr std::size_t huge = (twoTo32 / tile + 9) * tile;
+std::byte* mapHuge() {
+    int const file = memfd_create("tile", 0);
+    void* const start =
+        mmap(nullptr, huge, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    bool made = file >= 0 && start != MAP_FAILED && ftruncate(file, tile) == 0;
+    for (std::size_t at = 0; made && at < huge; at += tile) {
+        made = mmap(static_cast<char*>(start) + at, tile, PROT_READ | PROT_WRITE,
+                    MAP_SHARED | MAP_FIXED, file, 0) != MAP_FAILED;
+    }
+    close(file);
+    return made ? static_cast<std::byte*>(start) : nullptr;
+}
+
+TEST(Buffers, CountPastFourGibibytes) {
+    std::byte* const start = mapHuge();
+    std::byte* const target = mapHuge();
+    if (start == nullptr || target == nullptr) {
+        GTEST_SKIP() << "no addresses for the test";
+    }
+    auto const byteAt = [](std::size_t at) { return static_cast<int>(at % tile % 251); };
+    for (std::size_t at = 0; at < tile; ++at) {
+        start[at] = std::byte(byteAt(at));
+    }
+    int unmapped = 0;
+    auto const unmap = [&](void* block) {
+        unmapped += (block == start || block == target) && munmap(block, huge) == 0;
+    };
+    {
+        ByteBuffer const to(ByteBuffer::Block(target, unmap), huge);
+        auto from = std::make_unique<ByteBuffer>(ByteBuffer::Block(start, unmap), huge);
+        EXPECT_EQ(from->end() - from->begin(), static_cast<std::ptrdiff_t>(huge));
+        EXPECT_EQ(&from->at(huge - 1), start + (huge - 1));
+        EXPECT_THROW(discard(from->at(huge)), std::out_of_range);
+        ByteBufferView view = from->makeView(twoTo32 - 1, 0);
+        EXPECT_EQ(view.size(), huge - (twoTo32 - 1));
+        EXPECT_EQ(view.begin() + 1 - ByteBufferView(start, huge).begin(), twoTo32);
+        view = from->makeView(1, twoTo32 + 1);
+        view.trimFront(twoTo32);
+        EXPECT_TRUE(view.size() == 1 && view.data() == start + twoTo32 + 1);
+
+        NonOwningByteBufferViewIStreambuf buffer(from->makeView(0, 0));
+        constexpr auto most = static_cast<std::streamsize>(twoTo32 + 5);
+        EXPECT_EQ(buffer.sgetn(reinterpret_cast<char*>(target), most), most);
+        EXPECT_EQ(static_cast<int>(to[twoTo32 + 4]), byteAt(twoTo32 + 4));
+        EXPECT_EQ(buffer.sbumpc(), byteAt(twoTo32 + 5));
+        EXPECT_EQ(buffer.in_avail(), static_cast<std::streamsize>(huge) - most - 1);
+
+        from->trimFront(twoTo32 - 1);
+        ByteBufferIStreambuf rest(std::move(from));
+        EXPECT_EQ(rest.in_avail(), static_cast<std::streamsize>(huge - (twoTo32 - 1)));
+        std::istream in(&rest);
+        EXPECT_EQ(in.ignore(7).get(), byteAt(twoTo32 + 6));
+    }
+    EXPECT_EQ(unmapped, 2);
+}
+
+} // namespace
