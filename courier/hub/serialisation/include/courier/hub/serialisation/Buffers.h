@@ -44,27 +44,27 @@ namespace detail {
 // them, so that no sum wraps, and so that the standard library's own message is never seen.
 inline constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
 
+template <class T, class... Types>
+concept OneOf = (std::same_as<std::remove_cvref_t<T>, Types> || ...);
 template <class T>
-concept ByteOrCharacter = std::same_as<T, std::byte> || std::same_as<T, char> ||
-    std::same_as<T, signed char> || std::same_as<T, unsigned char> || std::same_as<T, char8_t>;
+concept ByteOrCharacterReference = OneOf<T, std::byte, char, signed char, unsigned char, char8_t>;
 
 // Neither a view, which has its copy constructor, nor an array of characters, which may be a
 // literal with a 0 at its end.
 template <class Range>
-concept ByteRange = requires(Range& range) {
-    requires ByteOrCharacter<
-        std::remove_cv_t<std::remove_pointer_t<decltype(std::ranges::data(range))>>>;
+concept ByteRange =
+    !std::derived_from<Range, ByteBufferView> &&
+    (!std::is_array_v<Range> ||
+     OneOf<std::remove_extent_t<Range>, std::byte, unsigned char>)&&requires(Range const& range) {
+    { *std::ranges::data(range) } -> ByteOrCharacterReference;
     { std::ranges::size(range) } -> std::convertible_to<std::size_t>;
-}
-&&!std::derived_from<std::remove_cvref_t<Range>, ByteBufferView> &&
-    !(std::is_array_v<std::remove_cvref_t<Range>> &&
-      !std::same_as<std::remove_all_extents_t<std::remove_cvref_t<Range>>, std::byte> &&
-      !std::same_as<std::remove_all_extents_t<std::remove_cvref_t<Range>>, unsigned char>);
+};
 
 // Its bytes do not go with it: a std::string_view, a std::span.
 template <class Range>
-concept BorrowedByteRange =
-    ByteRange<Range> && std::ranges::enable_borrowed_range<std::remove_cvref_t<Range>>;
+concept BorrowedByteRange = ByteRange<Range> && std::ranges::enable_borrowed_range<Range>;
+template <class Range>
+concept OwningByteRange = ByteRange<Range> && !std::ranges::enable_borrowed_range<Range>;
 } // namespace detail
 
 /// The iterator of ByteBuffer and ByteBufferView: contiguous, with T = std::byte for mutable and
@@ -199,13 +199,11 @@ public:
     /// The elements of contiguous bytes or characters: a ByteBuffer, a std::span, a std::string, a
     /// std::string_view, a std::vector or std::array of std::byte or any type of character. Not of
     /// a literal: say std::string_view.
-    template <detail::BorrowedByteRange Range>
-    explicit ByteBufferView(Range&& range) noexcept(noexcept(std::ranges::data(range)))
+    template <detail::BorrowedByteRange Range> explicit ByteBufferView(Range range) noexcept
         : ByteBufferView(reinterpret_cast<std::byte const*>(std::ranges::data(range)),
                          std::size_t{std::ranges::size(range)}) {}
-    template <detail::ByteRange Range>
-    explicit ByteBufferView(Range&& range COURIER_HUB_SERIALISATION_LIFETIMEBOUND) noexcept(
-        noexcept(std::ranges::data(range)))
+    template <detail::OwningByteRange Range>
+    explicit ByteBufferView(Range const& range COURIER_HUB_SERIALISATION_LIFETIMEBOUND) noexcept
         : ByteBufferView(reinterpret_cast<std::byte const*>(std::ranges::data(range)),
                          std::size_t{std::ranges::size(range)}) {}
 

@@ -4,7 +4,6 @@
 
 #include <courier/hub/serialisation/Buffers.h>
 
-#include <concepts>
 #include <cstddef>
 #include <iterator>
 #include <memory>
@@ -308,8 +307,7 @@ public:
     explicit ByteBufferIStreambuf(ByteBufferView view COURIER_HUB_SERIALISATION_LIFETIMEBOUND);
 
     /// A buffer that nobody keeps cannot be read: hand it over as a std::unique_ptr.
-    template <std::same_as<ByteBuffer> Temporary>
-    explicit ByteBufferIStreambuf(Temporary&&) = delete;
+    explicit ByteBufferIStreambuf(ByteBuffer&&) = delete;
 
     ByteBufferIStreambuf(ByteBufferIStreambuf&& other) noexcept;
     ByteBufferIStreambuf& operator=(ByteBufferIStreambuf&& other) noexcept;
@@ -332,8 +330,7 @@ public:
         ByteBufferView view COURIER_HUB_SERIALISATION_LIFETIMEBOUND);
 
     /// A buffer that nobody keeps cannot be read: keep it, and hand over a view of it.
-    template <std::same_as<ByteBuffer> Temporary>
-    explicit NonOwningByteBufferViewIStreambuf(Temporary&&) = delete;
+    explicit NonOwningByteBufferViewIStreambuf(ByteBuffer&&) = delete;
 
     NonOwningByteBufferViewIStreambuf(NonOwningByteBufferViewIStreambuf&& other) noexcept;
     NonOwningByteBufferViewIStreambuf&
