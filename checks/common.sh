@@ -2,7 +2,7 @@
 # What ./dev and the checks share. Sourced from the project's directory.
 
 to_build="g++ cmake ninja-build pkg-config libboost-dev libgtest-dev nlohmann-json3-dev
-    libcli11-dev zlib1g-dev libzstd-dev dpkg-dev file"
+    libcereal-dev libcli11-dev libprotobuf-dev protobuf-compiler zlib1g-dev libzstd-dev dpkg-dev file"
 to_courier="nats-server libnats-dev python3"
 to_sanitise="clang libclang-rt-dev llvm"
 to_format="clang-format"

@@ -3,6 +3,6 @@
 set -eu
 . checks/common.sh
 need $to_build $to_courier
-build release --target sender worker documents blobs nats_tests
+build release --target sender worker nats_tests
 ctest --preset release -R '^CourierTest'
 python3 examples/courier/failover_test.py --runs 3

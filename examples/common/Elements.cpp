@@ -70,4 +70,32 @@ Element load(std::filesystem::path const& file, std::string name,
     return {std::move(name), size, std::make_shared<Blob>(std::move(blob))};
 }
 
+Element list(std::filesystem::path const& directory, std::string name) {
+    auto listing = std::make_shared<Listing>();
+    listing->set_directory(directory.string());
+    std::size_t size = sizeof(Listing) + listing->directory().size();
+    for (auto const& entry : std::filesystem::directory_iterator(directory)) {
+        if (entry.is_regular_file()) {
+            Listing::File& file = *listing->add_files();
+            file.set_name(entry.path().filename().string());
+            file.set_size(entry.file_size());
+            file.set_modified(entry.last_write_time().time_since_epoch().count());
+            size += sizeof(Listing::File) + file.name().size();
+        }
+    }
+    return {std::move(name), size, std::move(listing)};
+}
+
+Element countBytes(std::filesystem::path const& file, std::string name) {
+    auto histogram = std::make_shared<Histogram>(Histogram{name, {}});
+    histogram->counts.resize(256);
+    Blob const blob = Blob::map(file);
+    for (std::byte const byte : blob.bytes()) {
+        ++histogram->counts[std::to_integer<std::size_t>(byte)];
+    }
+    std::size_t const size = sizeof(Histogram) + name.size() +
+                             histogram->counts.size() * sizeof(histogram->counts.front());
+    return {std::move(name), size, std::move(histogram)};
+}
+
 } // namespace courier::examples

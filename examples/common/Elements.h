@@ -4,6 +4,8 @@
 
 #include "Blob.h"
 #include "Document.h"
+#include "Histogram.h"
+#include "Listing.h"
 
 #include <courier/hub/serialisation/Catalogue.h>
 
@@ -27,13 +29,17 @@ struct ElementType {
 inline constexpr std::array elementTypes{
     ElementType{"Document", hub::core::getTypeID<Document>()},
     ElementType{"Blob", hub::core::getTypeID<Blob>()},
+    ElementType{"Listing", hub::core::getTypeID<Listing>()},
+    ElementType{"Histogram", hub::core::getTypeID<Histogram>()},
 };
 
-/// One file as it is sent.
+/// A file, or what a program made itself, as it is sent.
 struct Element {
     std::string name;
-    std::size_t fileSize;
-    std::variant<std::shared_ptr<Document>, std::shared_ptr<Blob>> value; // as in elementTypes
+    std::size_t size; // of the file or, approximately, in memory
+    std::variant<std::shared_ptr<Document>, std::shared_ptr<Blob>, std::shared_ptr<Listing>,
+                 std::shared_ptr<Histogram>>
+        value; // as in elementTypes
 
     [[nodiscard]] ElementType const& type() const { return elementTypes.at(value.index()); }
 
@@ -48,6 +54,13 @@ struct Element {
 /// names the file and, where it is not valid JSON, line and column.
 [[nodiscard]] Element load(std::filesystem::path const& file, std::string name,
                            hub::serialisation::SerialisationCatalogue const& catalogue);
+
+/// The names, sizes and times of the files in a directory, as a Listing. Throws
+/// std::filesystem::filesystem_error.
+[[nodiscard]] Element list(std::filesystem::path const& directory, std::string name);
+
+/// How often each byte value occurs in a file, as a Histogram. Throws as Blob::map() does.
+[[nodiscard]] Element countBytes(std::filesystem::path const& file, std::string name);
 
 } // namespace courier::examples
 

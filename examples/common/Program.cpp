@@ -67,6 +67,8 @@ std::vector<Element> loadAll(std::vector<std::string> const& files,
         for (auto const& file : {root / "LICENSE", root / "CMakePresets.json", program}) {
             elements.push_back(load(file, file.filename(), catalogue));
         }
+        elements.push_back(list(root / "examples" / "modules", "modules/"));
+        elements.push_back(countBytes(program, "bytes of " + std::string(program.filename())));
     }
     return elements;
 }
@@ -86,6 +88,10 @@ std::vector<std::string> resolveFormats(std::vector<std::string> wanted,
     for (std::size_t i = 0; i < wanted.size(); ++i) {
         ElementType const& type = elements[i].type();
         auto const formats = catalogue.getSupportedWireFormats(type.id);
+        if (formats.empty()) {
+            throw std::runtime_error("no module writes " + std::string(type.name) + " (" +
+                                     elements[i].name + ")");
+        }
         if (wanted[i] == "*") {
             wanted[i] = catalogue.getSerialiserFor("*", type.id).getWireFormat();
         } else if (std::find(formats.begin(), formats.end(), wanted[i]) == formats.end()) {

@@ -29,7 +29,8 @@ void stopOnInterrupt(hub::serialisation::stop_source stop);
 /// Sets how much memory the reading of one element may take, for all the modules.
 void limitReads(hub::serialisation::SerialisationCatalogue const& catalogue, std::uint64_t bytes);
 
-/// Loads the files or, where there are none, a text, a JSON document and a binary of this project.
+/// Loads the files or, where there are none, a text, a JSON document and a binary of this project,
+/// the listing of a directory and the histogram of the binary.
 [[nodiscard]] std::vector<Element>
 loadAll(std::vector<std::string> const& files,
         hub::serialisation::SerialisationCatalogue const& catalogue);

@@ -19,7 +19,8 @@ public:
     /// when it cannot be read or is not a regular file.
     [[nodiscard]] static Blob map(std::filesystem::path const& file);
 
-    [[nodiscard]] hub::serialisation::ByteBufferView bytes() const noexcept {
+    [[nodiscard]] hub::serialisation::ByteBufferView
+    bytes() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
         return hub::serialisation::ByteBufferView(bytes_);
     }
 

@@ -43,7 +43,7 @@ void printOutcomes(std::ostream& out, std::vector<Element> const& elements,
     for (std::size_t i = 0; i < elements.size(); ++i) {
         Element const& element = elements[i];
         Outcome const& outcome = outcomes[i];
-        std::size_t const in = element.fileSize;
+        std::size_t const in = element.size;
         bool const isWritten = outcome.isWritten && in != 0;
         rows.push_back({element.name, std::string(element.type().name), wireFormats[i], grouped(in),
                         outcome.isWritten ? grouped(outcome.bytesOut) : "-",

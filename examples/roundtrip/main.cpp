@@ -82,7 +82,7 @@ int run(Options const& options, SerialisationCatalogue const& catalogue, stop_so
 
     std::size_t total = 0;
     for (Element const& element : elements) {
-        total += element.fileSize;
+        total += element.size;
     }
     bool const isProgressShown = total > std::size_t{64} << 20 && ::isatty(STDERR_FILENO) == 1;
     Transfer const result = transfer(elements, formats, catalogue, stop, options.threads,

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// The module of the element type Histogram, a plain struct.
+
+#include "CerealFormat.h"
+#include "Histogram.h"
+#include "Module.h"
+
+#include <cereal/types/string.hpp>
+#include <cereal/types/vector.hpp>
+
+namespace courier::examples {
+
+template <class Archive> void serialize(Archive& archive, Histogram& histogram) {
+    archive(histogram.file, histogram.counts);
+}
+
+} // namespace courier::examples
+
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
+    using namespace courier::examples;
+    registerStruct<Histogram>(catalogue, std::make_shared<ReadLimit>());
+}
