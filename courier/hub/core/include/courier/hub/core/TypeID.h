@@ -2,116 +2,89 @@
 #ifndef COURIER_HUB_CORE_TYPE_ID_H
 #define COURIER_HUB_CORE_TYPE_ID_H
 
-// The one part of Boost.TypeIndex that is needed: <boost/type_index/ctti_type_index.hpp> would cost
-// every includer half a second more.
-#include <boost/type_index/detail/compile_time_type_info.hpp>
+#include <courier/hub/core/detail/TypeSpelling.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <type_traits>
 
 namespace courier::hub::core {
 
-/// The 64-bit hash of a text, on which type identifiers rest: the same on every machine, whatever
-/// its byte order, and for every release of Boost. Bytes count as unsigned. One pass, no
-/// allocation.
-constexpr std::uint64_t hashTypeText(std::string_view text) noexcept {
-    auto const mix = [](std::uint64_t x) {
+/// The 64-bit hash on which type identifiers rest, of a text that comes in pieces: the same on
+/// every machine, whatever its byte order, and for every release of Boost. Bytes count as unsigned.
+class TypeTextHash {
+public:
+    constexpr void add(std::string_view piece) noexcept {
+        for (char const c : piece) {
+            word_ |= std::uint64_t{static_cast<unsigned char>(c)} << filled_;
+            filled_ += 8;
+            if (filled_ == 32) {
+                hash_ = mix(hash_ + 0x9E3779B9 + word_);
+                word_ = 0;
+                filled_ = 0;
+            }
+        }
+    }
+
+    [[nodiscard]] constexpr std::uint64_t value() const noexcept {
+        // The last word always runs, closed by a byte 1, so that trailing zeros count.
+        return mix(hash_ + 0x9E3779B9 + (word_ | std::uint64_t{1} << filled_));
+    }
+
+private:
+    static constexpr std::uint64_t mix(std::uint64_t x) noexcept {
         constexpr std::uint64_t multiplier = 0x0E9846AF9B1A615D;
         x = (x ^ (x >> 32)) * multiplier;
         x = (x ^ (x >> 32)) * multiplier;
         return x ^ (x >> 28);
-    };
-    std::uint64_t hash = 0;
-    std::uint64_t word = 0;
-    unsigned filled = 0; // bits of the little-endian word
-    for (char const c : text) {
-        word |= std::uint64_t{static_cast<unsigned char>(c)} << filled;
-        filled += 8;
-        if (filled == 32) {
-            hash = mix(hash + 0x9E3779B9 + word);
-            word = 0;
-            filled = 0;
-        }
     }
-    // The last word always runs, closed by a byte 1, so that trailing zeros count.
-    return mix(hash + 0x9E3779B9 + (word | std::uint64_t{1} << filled));
+
+    std::uint64_t hash_ = 0;
+    std::uint64_t word_ = 0; // little-endian
+    unsigned filled_ = 0;    // its bits
+};
+
+/// The hash of a whole text. One pass, no allocation.
+constexpr std::uint64_t hashTypeText(std::string_view text) noexcept {
+    TypeTextHash hash;
+    hash.add(text);
+    return hash.value();
 }
 
-namespace detail {
-
-/// The name of T without qualifiers or keywords in front, as both g++ and clang spell it where T is
-/// fundamental or a class that is not a template.
-template <class T> constexpr std::string_view typeName() noexcept {
-    // g++ writes "long unsigned int" where clang writes "unsigned long"; the shorter one it is.
-    if constexpr (std::is_same_v<T, short>) {
-        return "short";
-    } else if constexpr (std::is_same_v<T, unsigned short>) {
-        return "unsigned short";
-    } else if constexpr (std::is_same_v<T, long>) {
-        return "long";
-    } else if constexpr (std::is_same_v<T, unsigned long>) {
-        return "unsigned long";
-    } else if constexpr (std::is_same_v<T, long long>) {
-        return "long long";
-    } else if constexpr (std::is_same_v<T, unsigned long long>) {
-        return "unsigned long long";
-    } else {
-        // What Boost cuts out of the compiler's signature still ends in that signature's bracket.
-        std::string_view const name = boost::detail::ctti<T>::n();
-        return name.substr(0, name.rfind(']'));
-    }
-}
-
-/// Whether the name says the same type in every file. It does not in an unnamed namespace, for a
-/// closure, for a class without a name or for one local to a function.
-constexpr bool isNameShared(std::string_view name) noexcept {
-    constexpr std::string_view marks[] = {
-        "{anonymous}", "(anonymous", "<unnamed", "(unnamed", "<lambda",
-        "(lambda at",  ")::",        " const::", "&::",      " volatile::",
-    };
-    for (std::string_view const mark : marks) {
-        if (name.find(mark) != std::string_view::npos) {
-            return false;
-        }
-    }
-    return true;
-}
-
-template <class T> constexpr std::uint64_t hashTypeName() noexcept {
-    constexpr std::string_view prefix = "i<";
-    constexpr std::string_view name = typeName<T>();
-    char text[prefix.size() + name.size()] = {};
-    prefix.copy(text, prefix.size());
-    name.copy(text + prefix.size(), name.size());
-    return hashTypeText({text, sizeof(text)});
-}
-
-static_assert(hashTypeName<void>() == 0x5BE70EF845054701,
-              "this compiler spells type names in a way that is not known here: the identifiers "
-              "would not agree with those of other modules");
-
-} // namespace detail
-
-/// The identifier of a type: a constant, equal in every module for equal types. References and
-/// top-level const and volatile are ignored. T may be incomplete.
+/// The identifier of a type: a constant, equal in every module for equal types, whether g++ or
+/// clang built it, with libstdc++ or libc++. References and top-level const and volatile are
+/// ignored. T may be incomplete.
 ///
-/// Modules built by g++ and by clang agree for `void`, for fundamental types and for every class
-/// that is neither a template nor inside an inline namespace; for other types the two compilers
-/// spell some names differently, and modules that share them must be built by the same one.
+/// Modules that share one of these types must be built by the same compiler, with the same standard
+/// library, for the compilers do not tell enough about it:
+///  - what is inside a user's own inline namespace: clang leaves that out, so that two versions of
+///  a
+///    class even have one identifier;
+///  - a local class: clang leaves the function out;
+///  - a class inside a template, or a template that takes templates, if among the arguments there
+///  is
+///    a defaulted value (clang 14 shows it), a name for which libc++ has a short one (the streams,
+///    but not the strings), or an overloaded function (g++ shows its name only);
+///  - what a standard library defines for itself: iterators of containers, `std::exception_ptr`.
 ///
-/// A type without a name outside its file (in an unnamed namespace, a closure, a local class where
-/// the compiler shows it) is refused at compile time.
+/// Refused at compile time are a type without a name outside its file (in an unnamed namespace, a
+/// closure, a local class where the compiler shows it), also as an argument of a template;
+/// pointers, floating-point numbers and objects as arguments of a template; and numbers as
+/// arguments of one around a class, or of one that mixes types and values in an unusual order
+/// (usual are values only, values after one or two types, types after one value).
 template <class T> constexpr std::uint64_t getTypeID() noexcept {
-    using Bare = std::remove_cvref_t<T>;
-    static_assert(
-        detail::isNameShared(detail::typeName<Bare>()),
-        "a type without a name outside its file has no identifier: two modules could each "
-        "have their own type under one identifier");
-    constexpr std::uint64_t id = detail::hashTypeName<Bare>();
+    constexpr std::uint64_t id = [] {
+        TypeTextHash hash;
+        hash.add("i<");
+        detail::spellType<std::remove_cvref_t<T>>(hash);
+        return hash.value();
+    }();
     return id;
 }
+
+static_assert(getTypeID<void>() == 0x5BE70EF845054701,
+              "this compiler spells type names in a way that is not known here: the identifiers "
+              "would not agree with those of other modules");
 
 } // namespace courier::hub::core
 
