@@ -10,13 +10,16 @@
 #include <mutex>
 #include <utility>
 
+/// Cancellation: who asks for a stop, and who looks whether one was asked for.
 namespace bedrock::concurrent::threadpool {
 
 /// What the sources and tokens of one stop share. Every module that passes a source or a token on
 /// compiles this layout in. Only `stopRequested` is used on this side of the thread pool; the rest
 /// is the pool's own and owns nothing.
 struct shared_stop_state {
-    std::atomic<bool> stopRequested{false};
+    std::atomic<bool> stopRequested{false}; ///< set once, by the first request
+
+    /// The pool's own.
     std::mutex callbackMutex;
     std::array<std::uint64_t, 3> callbacks{};
     bool acceptsCallbacks{true};
@@ -28,6 +31,7 @@ struct shared_stop_state {
 struct nostopstate_t {
     explicit nostopstate_t() = default;
 };
+/// The tag: `stop_source(nostopstate)` has no state.
 inline constexpr nostopstate_t nostopstate{};
 
 /// The side that observes a stop. A copy shares the state. A default-constructed or moved-from

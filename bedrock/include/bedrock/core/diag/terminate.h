@@ -6,6 +6,9 @@
 
 #include <string>
 
+/// @file
+/// The fatal diagnostic, and whether a broken invariant calls it.
+
 /// Whether a broken invariant ends the process. True unless bedrock_diag_set_terminate() said
 /// otherwise. Any thread may call it; it takes no lock.
 [[nodiscard]] BEDROCK_EXPORT bool bedrock_diag_terminate() noexcept;
@@ -14,6 +17,7 @@
 /// @return what it answered before. Any thread may call it; it takes no lock.
 BEDROCK_EXPORT bool bedrock_diag_set_terminate(bool terminate) noexcept;
 
+/// The fatal diagnostic.
 namespace bedrock::core::diag {
 
 /// The fatal diagnostic: writes one line with the message, the source position and the function to

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+/// The payload, and the identifiers of its elements' types.
 namespace courier::hub::core {
 
 /// A type-erased payload of several elements, each with the identifier of its type. Element i has
@@ -29,6 +30,7 @@ struct GenericPayload {
     std::vector<bool> moreFlags;                  ///< carried along
     std::size_t elementCount = 0;                 ///< number of elements
 
+    /// No elements, or those of the payload moved from.
     GenericPayload() = default;
     GenericPayload(GenericPayload&&) noexcept = default;
     GenericPayload& operator=(GenericPayload&&) noexcept = default;

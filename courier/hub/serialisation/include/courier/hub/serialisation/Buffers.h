@@ -26,6 +26,7 @@
 #define COURIER_HUB_SERIALISATION_LIFETIMEBOUND
 #endif
 
+/// Buffers, streams that read and write them in place, the catalogue of serialisers, the fan-out.
 namespace courier::hub::serialisation {
 
 static_assert(sizeof(std::size_t) == 8, "courier::hub::serialisation needs a 64-bit std::size_t");
@@ -85,6 +86,7 @@ template <class T> class ByteBufferIterator {
                            std::vector<std::byte>::iterator>;
 
 public:
+    /// As the standard library asks for.
     using iterator_concept = std::contiguous_iterator_tag;
     using iterator_category = std::random_access_iterator_tag;
     using value_type = std::byte;
@@ -106,10 +108,12 @@ public:
     ByteBufferIterator(ByteBufferIterator<Mutable> const& other) noexcept
         : address_(other.address_), inVector_(other.inVector_) {}
 
+    /// The byte here, or n bytes further on.
     reference operator*() const noexcept { return *address_; }
     pointer operator->() const noexcept { return address_; }
     reference operator[](difference_type n) const noexcept { return address_[n]; }
 
+    /// Moves by n bytes, or by one.
     ByteBufferIterator& operator+=(difference_type n) noexcept {
         address_ += n;
         return *this;
@@ -120,6 +124,7 @@ public:
     ByteBufferIterator operator++(int) noexcept { return std::exchange(*this, *this + 1); }
     ByteBufferIterator operator--(int) noexcept { return std::exchange(*this, *this - 1); }
 
+    /// The position n bytes away.
     [[nodiscard]] friend ByteBufferIterator operator+(ByteBufferIterator it,
                                                       difference_type n) noexcept {
         return it += n;
@@ -143,6 +148,7 @@ public:
         return a.address_ - b.address_;
     }
 
+    /// Whether both are one position of one form.
     [[nodiscard]] friend bool operator==(ByteBufferIterator const& a,
                                          ByteBufferIterator const& b) noexcept {
         return a.address_ == b.address_ && a.inVector_ == b.inVector_;
@@ -222,6 +228,7 @@ public:
 
     /// The number of bytes.
     [[nodiscard]] std::size_t size() const noexcept { return length_; }
+    /// Whether there are none.
     [[nodiscard]] bool empty() const noexcept { return length_ == 0; }
 
     /// Byte i, unchecked: i must be below size().
@@ -371,6 +378,7 @@ public:
     /// a length, std::length_error "vector too long" above 2^63 - 1 bytes, std::bad_alloc.
     explicit ByteBuffer(ByteBufferView const& view);
 
+    /// Takes over what the other buffer held, and leaves it empty.
     ByteBuffer(ByteBuffer&& other) noexcept
         : block_(std::move(other.block_)), start_(std::exchange(other.start_, nullptr)),
           externalSize_(other.externalSize_), owned_(std::move(other.owned_)) {
@@ -399,6 +407,7 @@ public:
     [[nodiscard]] std::size_t size() const noexcept {
         return start_ != nullptr ? externalSize_ : owned_.size();
     }
+    /// Whether there are none.
     [[nodiscard]] bool empty() const noexcept { return size() == 0; }
 
     /// The first byte; null when empty.

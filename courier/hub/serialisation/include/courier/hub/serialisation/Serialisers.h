@@ -162,6 +162,7 @@ private:
 /// it holds; one object belongs to one thread at a time.
 class COURIER_HUB_SERIALISATION_EXPORT DeferredSerialiser {
 public:
+    /// Writes to the stream.
     using Routine = std::function<void(std::ostream&)>;
 
     /// A routine that does nothing, not even flush.
@@ -170,6 +171,7 @@ public:
     /// Takes the routine over; an empty one throws std::bad_function_call when called.
     explicit DeferredSerialiser(Routine routine);
 
+    /// Copies or takes over the routine. Copying throws what copying the routine throws.
     DeferredSerialiser(DeferredSerialiser const& other);
     DeferredSerialiser(DeferredSerialiser&& other) noexcept;
     /// When copying throws, nothing has changed.
@@ -205,6 +207,7 @@ public:
                ViewFactory viewFactory, CancellableViewFactory cancellableViewFactory,
                PayloadFactory payloadFactory) noexcept;
 
+    /// Throws std::bad_alloc, and what copying a factory throws.
     Serialiser(Serialiser const& other);
     /// A moved-from record has an empty wire format, an empty list and empty factories.
     Serialiser(Serialiser&& other) noexcept;
@@ -246,6 +249,7 @@ public:
     /// Throws std::system_error when the guard of the deserialiser cannot be locked.
     Deserialiser(std::string wireFormat, std::uint64_t typeID, GenericDeserialiser deserialiser);
 
+    /// As for the GenericDeserialiser inside.
     Deserialiser(Deserialiser const& other);
     Deserialiser(Deserialiser&& other);
     Deserialiser& operator=(Deserialiser const& other);

@@ -144,6 +144,7 @@ public:
     /// Adds a reference. Throws std::system_error when the mutex cannot be locked.
     GenericPayloadWrapperPtr(GenericPayloadWrapperPtr const& other)
         : GenericPayloadWrapperPtr(other.wrapper_) {}
+    /// Takes the reference over.
     GenericPayloadWrapperPtr(GenericPayloadWrapperPtr&& other) noexcept
         : wrapper_(std::exchange(other.wrapper_, nullptr)) {}
 
@@ -168,6 +169,7 @@ public:
     [[nodiscard]] GenericPayloadWrapper* get() const noexcept { return wrapper_; }
     [[nodiscard]] GenericPayloadWrapper* operator->() const noexcept { return wrapper_; }
     [[nodiscard]] GenericPayloadWrapper& operator*() const noexcept { return *wrapper_; }
+    /// Whether it is not null.
     [[nodiscard]] explicit operator bool() const noexcept { return wrapper_ != nullptr; }
 
 private:

@@ -30,6 +30,7 @@ class ByteStreamIterator;
 /// lives here, so everything that reads from one source shares it.
 class COURIER_HUB_SERIALISATION_EXPORT ByteStreamImpl {
 public:
+    /// For the derived classes.
     ByteStreamImpl() = default;
     ByteStreamImpl(ByteStreamImpl const&) = default;
     ByteStreamImpl& operator=(ByteStreamImpl const&) = default;
@@ -51,6 +52,7 @@ public:
 /// the source. Each step costs two virtual calls. An iterator that throws is left unchanged.
 class ByteStreamIterator {
 public:
+    /// As the standard library asks for.
     using iterator_category = std::input_iterator_tag;
     using value_type = std::byte;
     using difference_type = std::ptrdiff_t;
@@ -60,6 +62,7 @@ public:
     /// What `it++` returns: the byte that the iterator designated before.
     class PostIncrementHolder {
     public:
+        /// That byte.
         [[nodiscard]] std::byte operator*() const noexcept { return byte_; }
 
     private:
@@ -135,6 +138,7 @@ static_assert(std::input_iterator<ByteStreamIterator>);
 /// pair. Its byte iterator runs one byte ahead. An iterator that throws is left unchanged.
 class ByteStreamCharIterator {
 public:
+    /// As the standard library asks for.
     using iterator_category = std::input_iterator_tag;
     using value_type = char;
     using difference_type = std::ptrdiff_t;
@@ -144,6 +148,7 @@ public:
     /// What `it++` returns: the character that the iterator designated before.
     class PostIncrementHolder {
     public:
+        /// That character.
         [[nodiscard]] char operator*() const noexcept { return character_; }
 
     private:
@@ -245,6 +250,7 @@ public:
     explicit ByteStream(std::unique_ptr<ByteStreamImpl> source) noexcept
         : source_(std::move(source)) {}
 
+    /// Takes the source over.
     ByteStream(ByteStream&&) noexcept = default;
     /// Destroys the source held before.
     ByteStream& operator=(ByteStream&&) noexcept = default;
@@ -309,6 +315,7 @@ public:
     /// A buffer that nobody keeps cannot be read: hand it over as a std::unique_ptr.
     explicit ByteBufferIStreambuf(ByteBuffer&&) = delete;
 
+    /// Takes over the bytes and the position.
     ByteBufferIStreambuf(ByteBufferIStreambuf&& other) noexcept;
     ByteBufferIStreambuf& operator=(ByteBufferIStreambuf&& other) noexcept;
     ~ByteBufferIStreambuf() override;
@@ -332,12 +339,14 @@ public:
     /// A buffer that nobody keeps cannot be read: keep it, and hand over a view of it.
     explicit NonOwningByteBufferViewIStreambuf(ByteBuffer&&) = delete;
 
+    /// Takes over the view and the position.
     NonOwningByteBufferViewIStreambuf(NonOwningByteBufferViewIStreambuf&& other) noexcept;
     NonOwningByteBufferViewIStreambuf&
     operator=(NonOwningByteBufferViewIStreambuf&& other) noexcept;
     ~NonOwningByteBufferViewIStreambuf() override;
 
 protected:
+    /// As in std::streambuf.
     int_type uflow() override;
 
 private:
@@ -362,6 +371,7 @@ public:
     /// Throws std::bad_alloc, std::length_error "vector too long" above 2^63 - 1.
     explicit ByteBufferOStreambuf(std::size_t reserve = 0);
 
+    /// Takes over what was written; the bytes stay where they are.
     ByteBufferOStreambuf(ByteBufferOStreambuf&& other) noexcept;
     ByteBufferOStreambuf& operator=(ByteBufferOStreambuf&& other) noexcept;
     ~ByteBufferOStreambuf() override;
@@ -376,6 +386,7 @@ public:
     [[nodiscard]] ByteBuffer release();
 
 protected:
+    /// As in std::streambuf.
     int_type overflow(int_type c) override;
     std::streamsize xsputn(char const* s, std::streamsize n) override;
 
