@@ -14,7 +14,6 @@ using namespace tests;
 constexpr std::size_t twoTo63 = std::size_t{1} << 63;
 constexpr auto incompatible = "Attempting to take difference between incompatible MessageIterators";
 constexpr auto tooLong = "vector too long";
-constexpr auto pastEnd = "Attempt to access position beyond the end of the ByteBuffer";
 
 template <class Test> void forEveryKind(Test test) {
     for (auto const make : kinds) {
