@@ -10,14 +10,14 @@ namespace {
 using namespace tests;
 
 struct Threads : testing::Test {
-    ~Threads() override {
-        for (std::thread& thread : running) {
-            thread.join();
-        }
-    }
     template <class Run> void start(int count, Run run) {
         for (int n = 0; n < count; ++n) {
             running.emplace_back(run);
+        }
+    }
+    void join() { // before what they use goes
+        for (std::thread& thread : running) {
+            thread.join();
         }
     }
     Catalogue catalogue;
@@ -100,10 +100,7 @@ TEST_F(Threads, UseEverythingThatTheyMayAtOnce) {
         catalogue.add(reader(format(id), typeID, id));
         catalogue.add(record(format(id), typeID, {typeID}, "r"));
     }
-    for (std::thread& thread : running) {
-        thread.join();
-    }
-    running.clear();
+    join();
     EXPECT_EQ(found, 17 * rounds);
     EXPECT_EQ(copied, 2 * rounds);
     EXPECT_EQ(sent, destroyed);
@@ -112,31 +109,34 @@ TEST_F(Threads, UseEverythingThatTheyMayAtOnce) {
 }
 
 TEST_F(Threads, RegisterHoweverManyOthersRead) {
-    auto const slow = [](auto&&) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    using std::chrono::milliseconds;
+    constexpr int readers = 40; // at least two for each stripe of the lock: one is always in
+    constexpr int most = 500;   // look-ups, so that none waits for ever
+    std::atomic<int> calls = 0, exhausted = 0;
+    std::atomic<bool> registered = false;
+    Sentinel begin; // no spinning: it could keep the last thread from starting
+    auto const slow = [&](auto&&) {
+        ++calls;
+        std::this_thread::sleep_for(milliseconds(1));
         return GenericSerialiser();
     };
     catalogue.add(Serialiser("slow", 1, {}, slow, nullptr, nullptr));
-    constexpr int readers = 40; // at least two for each stripe of the lock: one is always in
-    constexpr int most = 500;   // look-ups, so that none waits for ever
-    std::atomic<int> reading = 0, exhausted = 0;
-    std::atomic<bool> registered = false;
     start(readers, [&] {
-        for (++reading; reading < readers;) {
-            std::this_thread::yield();
-        }
+        begin.wait();
         int n = 0;
         for (; n < most && !registered; ++n) {
             discard(catalogue.getSerialiserFor("slow", viewOf({1}, 0)));
         }
         exhausted += n == most;
     });
-    while (reading < readers) {
-        std::this_thread::yield();
+    begin.notify();
+    while (calls < 2 * readers) {
+        std::this_thread::sleep_for(milliseconds(1));
     }
     catalogue.add(record("late", 1, {1}, "late"));
-    EXPECT_EQ(exhausted, 0);
     registered = true;
+    join();
+    EXPECT_EQ(exhausted, 0);
 }
 
 // The routine is assigned before any guard is taken, the handle under both. The end of the target's
