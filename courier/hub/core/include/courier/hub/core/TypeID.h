@@ -14,6 +14,7 @@ namespace courier::hub::core {
 /// every machine, whatever its byte order, and for every release of Boost. Bytes count as unsigned.
 class TypeTextHash {
 public:
+    /// The next piece.
     constexpr void add(std::string_view piece) noexcept {
         for (char const c : piece) {
             word_ |= std::uint64_t{static_cast<unsigned char>(c)} << filled_;
@@ -26,6 +27,7 @@ public:
         }
     }
 
+    /// The hash of all pieces so far, however the text was cut.
     [[nodiscard]] constexpr std::uint64_t value() const noexcept {
         // The last word always runs, closed by a byte 1, so that trailing zeros count.
         return mix(hash_ + 0x9E3779B9 + (word_ | std::uint64_t{1} << filled_));
