@@ -172,8 +172,8 @@ struct Run {
                         auto [view, part] = cut(i);
                         Model made{std::move(part)};
                         ByteBuffer result;
-                        append(made, j, [&, &view = view](auto&& argument) {
-                            result = view.append(std::forward<decltype(argument)>(argument));
+                        append(made, j, [&, &source = view](auto&& argument) {
+                            result = source.append(std::forward<decltype(argument)>(argument));
                         });
                         buffer = std::move(result);
                         model = std::move(made);
