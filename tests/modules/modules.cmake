@@ -1,0 +1,57 @@
+# SPDX-License-Identifier: Apache-2.0
+set(modules_dir ${CMAKE_CURRENT_BINARY_DIR}/modules)
+set(script ${PROJECT_SOURCE_DIR}/examples/modules/module.map)
+
+add_library(module_here MODULE modules/module.cpp)
+target_compile_definitions(module_here PRIVATE WIRE_FORMAT="here")
+target_include_directories(module_here PRIVATE ${PROJECT_SOURCE_DIR}/examples/modules)
+target_link_libraries(module_here PRIVATE courier::hub::serialisation)
+target_link_options(module_here PRIVATE LINKER:--version-script=${script})
+set_target_properties(module_here PROPERTIES
+    PREFIX ""
+    OUTPUT_NAME here
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    LINK_DEPENDS ${script}
+    LIBRARY_OUTPUT_DIRECTORY ${modules_dir})
+set(wire_formats "\"here\"")
+set(modules $<TARGET_FILE:module_here>)
+set(there ${modules_dir}/there.so)
+
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    set(other clang++)
+else()
+    set(other g++)
+endif()
+find_program(OTHER_CXX ${other} DOC "The compiler whose modules must get on with ours")
+if(OTHER_CXX)
+    add_custom_command(OUTPUT ${there}
+        COMMAND ${OTHER_CXX} -std=c++20 -O1 -fPIC -shared -o ${there}
+            -fvisibility=hidden -fvisibility-inlines-hidden -DWIRE_FORMAT=\"there\"
+            "-I$<JOIN:$<TARGET_PROPERTY:module_here,INCLUDE_DIRECTORIES>,;-I>"
+            -MD -MF ${there}.d -MT ${there} ${CMAKE_CURRENT_SOURCE_DIR}/modules/module.cpp
+            $<TARGET_FILE:courier_hub_serialisation> $<TARGET_FILE:bedrock>
+            -Wl,--version-script=${script}
+        DEPENDS modules/module.cpp ${script} courier_hub_serialisation bedrock
+        DEPFILE ${there}.d
+        COMMENT "Building a module with ${OTHER_CXX}"
+        COMMAND_EXPAND_LISTS VERBATIM)
+    add_custom_target(module_there DEPENDS ${there})
+    string(APPEND wire_formats ", \"there\"")
+    list(APPEND modules ${there})
+else()
+    add_custom_target(module_there COMMAND ${CMAKE_COMMAND} -E rm -f ${there})
+endif()
+
+add_executable(modules_tests ModulesTest.cpp)
+target_include_directories(modules_tests PRIVATE ${PROJECT_SOURCE_DIR}/examples/modules)
+target_compile_definitions(modules_tests PRIVATE
+    MODULE_DIR="${modules_dir}" WIRE_FORMATS=${wire_formats})
+target_link_libraries(modules_tests
+    PRIVATE courier::hub::serialisation GTest::gtest GTest::gtest_main ${CMAKE_DL_LIBS})
+add_dependencies(modules_tests module_here module_there)
+gtest_discover_tests(modules_tests)
+
+add_test(NAME module_exports COMMAND ${CMAKE_COMMAND} -D NM=${CMAKE_NM}
+    "-DLIBRARIES=${modules};$<TARGET_FILE:documents>;$<TARGET_FILE:blobs>"
+    -D NAMES=courier_register_module -P ${CMAKE_CURRENT_SOURCE_DIR}/exports.cmake)
