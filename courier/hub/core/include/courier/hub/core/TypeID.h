@@ -59,13 +59,11 @@ constexpr std::uint64_t hashTypeText(std::string_view text) noexcept {
 ///
 /// Modules that share one of these types must be built by the same compiler, with the same standard
 /// library, for the compilers do not tell enough about it:
-///  - what is inside a user's own inline namespace: clang leaves that out, so that two versions of
-///  a
-///    class even have one identifier;
+///  - what is inside a user's own inline namespace: clang leaves that out, and so gives two
+///    versions of a class one identifier;
 ///  - a local class: clang leaves the function out;
-///  - a class inside a template, or a template that takes templates, if among the arguments there
-///  is
-///    a defaulted value (clang 14 shows it), a name for which libc++ has a short one (the streams,
+///  - a class inside a template, or a template that takes templates, if one of the arguments is a
+///    defaulted value (clang 14 shows it), a name for which libc++ has a short one (the streams,
 ///    but not the strings), or an overloaded function (g++ shows its name only);
 ///  - what a standard library defines for itself: iterators of containers, `std::exception_ptr`.
 ///

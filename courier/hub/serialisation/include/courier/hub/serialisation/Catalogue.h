@@ -99,8 +99,8 @@ public:
 /// average, allocates nothing to search, and holds the lock for the search and the copy or the
 /// factory's call. A factory must therefore not register serialisers, look them up or ask for their
 /// wire formats in the same catalogue; the answers for `void` and for a payload without values take
-/// no lock, so it may ask for those. Memory exhausted or a callable that throws leaves the catalogue
-/// as it was.
+/// no lock, so it may ask for those. Memory exhausted or a callable that throws leaves the
+/// catalogue as it was.
 class COURIER_HUB_SERIALISATION_EXPORT Catalogue : public SerialisationCatalogue {
 public:
     /// An empty catalogue. Throws std::bad_alloc.
