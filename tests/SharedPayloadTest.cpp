@@ -50,29 +50,6 @@ TEST(SharedPayload, NamesItsElementsByView) {
     EXPECT_THROW(discard(view.getTypeID()), std::out_of_range);
 }
 
-TEST(SharedPayload, IsDestroyedOnceAndBeforeTheSentinelIsReleased) {
-    for (int round = 0; round < 200; ++round) {
-        std::atomic<int> destroyed = 0;
-        GenericPayloadWrapperPtr mine(new GenericPayloadWrapper(payloadOf(1, destroyed)));
-        std::shared_ptr<Sentinel> const sentinel = mine->getSentinel();
-        auto const wait = [&] {
-            sentinel->wait();
-            EXPECT_EQ(destroyed, 1);
-        };
-        std::thread waiter(wait);
-        std::thread second(wait);
-        std::thread other([view = GenericPayloadView(mine, 0)]() mutable {
-            GenericPayloadView const copy = std::move(view);
-            view = copy;
-        });
-        mine = GenericPayloadWrapperPtr();
-        other.join();
-        waiter.join();
-        second.join();
-        EXPECT_EQ(destroyed, 1);
-    }
-}
-
 TEST(SharedPayload, SentinelWaitsNoLongerThanAsked) {
     Sentinel sentinel;
     EXPECT_FALSE(sentinel.waitFor(std::chrono::milliseconds(1)));
