@@ -12,7 +12,7 @@
 
 namespace {
 
-using courier::hub::core::GenericPayload, courier::hub::core::getTypeID;
+using courier::hub::core::GenericPayload;
 using courier::hub::serialisation::Catalogue;
 using tests::Element;
 
