@@ -4,6 +4,7 @@
 #include <courier/hub/serialisation/Streams.h>
 
 #include <algorithm>
+#include <chrono>
 #include <istream>
 #include <stdexcept>
 #include <type_traits>
@@ -79,7 +80,8 @@ Element list(std::filesystem::path const& directory, std::string name) {
             Listing::File& file = *listing->add_files();
             file.set_name(entry.path().filename().string());
             file.set_size(entry.file_size());
-            file.set_modified(entry.last_write_time().time_since_epoch().count());
+            auto const modified = entry.last_write_time().time_since_epoch();
+            file.set_modified(std::chrono::nanoseconds(modified).count());
             size += sizeof(Listing::File) + file.name().size();
         }
     }
