@@ -3,9 +3,13 @@
 set -eu
 . checks/common.sh
 need $to_build gcovr
-build coverage --target courier_tests
+targets=$(ls fuzz/corpus)
+build coverage --target courier_tests $(printf 'replay_%s ' $targets)
 find build/coverage -name '*.gcda' -delete # what earlier runs counted
 build/coverage/tests/courier_tests --gtest_brief=1
+for target in $targets; do
+    "build/coverage/fuzz/replay_$target" "fuzz/corpus/$target"
+done
 
 # Branches that only an exception takes are not counted: the compiler makes one for nearly every
 # call. The last column of the lists names the lines, or the branches' lines, that no test runs.
