@@ -30,7 +30,7 @@ struct CourierTest : testing::Test {
 };
 
 TEST_F(CourierTest, MessagesAreReadWhereTheyLie) {
-    for (std::size_t const size : {0, 1, 1000, 1 << 20}) {
+    for (std::size_t const size : {0U, 1U, 1000U, 1U << 20}) {
         auto received = message(std::string(size, 'x'));
         char const* const bytes = natsMsg_GetData(received.get());
         ByteBuffer buffer = adopt(std::move(received)); // whose end frees the message: see asan
