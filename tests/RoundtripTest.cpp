@@ -181,8 +181,9 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
         {"cereal", '\1' + most64 + 'x'},
         {"deflate", encoded("deflate", getTypeID<Blob>(), bomb)},
         {"zstd", encoded("zstd", getTypeID<Blob>(), bomb)},
-        {"zstd", zstd + "\xC0\x88" + most64 + "\1x"},   // a window of 128 MiB
-        {"zstd", zstd + "\xE0" + most64 + "\x18\0\0x"}, // so many bytes in one piece
+        {"zstd", zstd + "\xC0\x88" + most64 + "\1x"}, // a window of 128 MiB
+        {"zstd",
+         zstd + "\xE0" + most64 + std::string("\x18\0\0x", 4)}, // so many bytes in one piece
     };
     for (char const type : {'\x5B', '\x7B', '\x9B', '\xBB'}) { // bytes, text, list, map
         hostile.emplace_back("cbor", type + most64);
