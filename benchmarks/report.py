@@ -45,7 +45,7 @@ def run_benchmarks(build, quick):
             run = subprocess.run(
                 [build / program, "--benchmark_enable_random_interleaving=true",
                  f"--benchmark_repetitions={3 if quick else 9}",
-                 f"--benchmark_min_time={0.01 if quick else 0.1}",
+                 f"--benchmark_min_time={0.01 if quick else 0.05}",
                  f"--benchmark_out={out.name}", "--benchmark_out_format=json"],
                 capture_output=True, text=True)
             if run.returncode:
