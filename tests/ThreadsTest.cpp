@@ -158,11 +158,11 @@ TEST_F(Threads, MoveAndCopyWhatIsBeingAssigned) {
             if (round % 2 == 0) {
                 moved = std::move(source);
             }
-            GenericDeserialiser const copy(target);
+            auto const copy = std::make_unique<GenericDeserialiser>(target);
             if (round % 2 == 1) {
                 moved = std::move(source);
             }
-            EXPECT_EQ(valueRead(copy) + valueRead(moved), 14);
+            EXPECT_EQ(valueRead(*copy) + valueRead(moved), 14);
         });
         target = source;
         other.join();
