@@ -167,7 +167,11 @@ PartsIStreambuf::int_type PartsIStreambuf::underflow() {
 }
 
 std::streamsize PartsIStreambuf::xsgetn(char* target, std::streamsize count) {
-    return std::streambuf::xsgetn(target, count); // which asks underflow(), part after part
+    std::streamsize got = 0;
+    while (got < count && !traits_type::eq_int_type(underflow(), traits_type::eof())) {
+        got += ByteBufferIStreambuf::xsgetn(target + got, count - got); // of the part at hand
+    }
+    return got;
 }
 
 std::uint32_t crc32(std::uint32_t before, ByteBufferView bytes) {

@@ -42,7 +42,8 @@ int main() {
 
     GenericPayload payload;
     payload.add(std::make_shared<Price>(Price{1999}));
-    payload.add(std::shared_ptr<int>(new int(42)));
+    auto const own = [](int* number) { return std::shared_ptr<int>(number); };
+    payload.add(own(new int(42)));
     payload.add(std::shared_ptr<Price>());
     GenericPayload moved;
     moved.elementCount = 2;
@@ -64,7 +65,9 @@ int main() {
 
     GenericPayload sent;
     sent.add(std::make_shared<Price>(Price{1}));
-    auto const [serialisers, sentinel] = createSerialisersFor(std::move(sent), catalogue, "text");
+    auto made = createSerialisersFor(std::move(sent), catalogue, "text");
+    std::vector<GenericSerialiser> const serialisers = std::move(made.first);
+    std::shared_ptr<Sentinel> const sentinel = std::move(made.second);
     Sentinel released;
     released.notify();
 

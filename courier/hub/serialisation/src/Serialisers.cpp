@@ -154,10 +154,12 @@ Deserialiser::Deserialiser(Deserialiser const& other) = default;
 Deserialiser::Deserialiser(Deserialiser&& other) = default;
 
 Deserialiser& Deserialiser::operator=(Deserialiser const& other) {
-    std::string wireFormat = other.wireFormat_; // what may throw comes first
-    deserialiser_ = other.deserialiser_;
-    wireFormat_.swap(wireFormat);
-    typeID_ = other.typeID_;
+    if (this != &other) {
+        std::string wireFormat = other.wireFormat_; // what may throw comes first
+        deserialiser_ = other.deserialiser_;
+        wireFormat_.swap(wireFormat);
+        typeID_ = other.typeID_;
+    }
     return *this;
 }
 
