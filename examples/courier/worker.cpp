@@ -74,8 +74,9 @@ private:
                       .element = envelope->element,
                       .worker = options_.name,
                       .delivery = deliveries(raw)};
-        // The acknowledgement comes last: until then, another worker gets the element if anything
-        // happens to this one. The message lives as long as the source that reads it.
+        // The acknowledgement comes last, after the word of it too: until then, another worker gets
+        // the element if anything happens to this one. The message lives as long as the source that
+        // reads it.
         std::unique_ptr<std::streambuf> source;
         auto const start = std::chrono::steady_clock::now();
         try {
@@ -91,12 +92,12 @@ private:
             result.error = error.what(); // it would fail anywhere: the sender must know
         }
         result.time = std::chrono::steady_clock::now() - start;
-        session_.publish(result.toMessage(options_.place).get(), result.run + '.' + result.what());
-        // One that gets lost costs a second delivery, nothing else.
-        natsMsg_Ack(raw, nullptr);
         std::cout << (result.error.empty() ? "decoded " : "failed ") << result.run << ' '
                   << result.element << ' ' << envelope->wireFormat << ' ' << result.size << ' '
                   << result.crc32 << ' ' << result.delivery << std::endl;
+        session_.publish(result.toMessage(options_.place).get(), result.run + '.' + result.what());
+        // One that gets lost costs a second delivery, nothing else.
+        natsMsg_Ack(raw, nullptr);
     }
 
     // The bytes of the element, each where the client library put it.
