@@ -9,7 +9,7 @@ need $to_build abigail-tools
 
 stage=build/abi/stage
 cmake -G Ninja -S . -B build/abi --log-level=WARNING \
-    -DCMAKE_CXX_COMPILER=g++ -DCMAKE_CXX_FLAGS= -DCMAKE_BUILD_TYPE=Debug \
+    -DCMAKE_CXX_COMPILER=g++ -DCMAKE_CXX_FLAGS="-fdebug-prefix-map=$PWD/=" -DCMAKE_BUILD_TYPE=Debug \
     -DCMAKE_INSTALL_PREFIX="$PWD/$stage" -DCMAKE_INSTALL_LIBDIR=lib -DCOURIER_BUILD_TESTS=OFF \
     -DCOURIER_BUILD_EXAMPLES=OFF -DCOURIER_BUILD_BENCHMARKS=OFF >/dev/null
 cmake --build build/abi

@@ -200,7 +200,7 @@ class ByteBuffer(Printer):
     def summary(self):
         start = int(self.value["start_"])
         if start != 0:
-            return "external form, " + content(start, int(self.value["externalSize_"]))
+            return "external form, " + content(start, int(self.value["external_"]["size"]))
         return "vector form, " + content(*vector(self.value["owned_"]))
 
 

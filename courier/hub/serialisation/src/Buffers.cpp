@@ -6,6 +6,9 @@
 
 namespace courier::hub::serialisation {
 
+static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte>>);
+static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte const>>);
+
 namespace {
 
 using detail::longest;
@@ -106,7 +109,7 @@ ByteBufferView::operator ByteBuffer() const { return ByteBuffer(copyOf(*this)); 
 
 // ByteBuffer
 
-ByteBuffer::ByteBuffer(std::size_t n) {
+ByteBuffer::ByteBuffer(std::size_t n) : ByteBuffer() {
     if (n > longest) {
         throwTooLong();
     }
@@ -165,7 +168,7 @@ void ByteBuffer::appendBeyondRoom(ByteBufferView view) {
 void ByteBuffer::push_back(std::byte const& b) {
     std::byte const value = b; // b may lie in the block that goes
     if (start_ != nullptr) {
-        becomeVector(copyOf(ByteBufferView(start_, externalSize_)));
+        becomeVector(copyOf(ByteBufferView(start_, external_.size)));
     }
     owned_.push_back(value);
 }
@@ -186,7 +189,7 @@ void ByteBuffer::trimFront(std::size_t n) {
     }
     if (start_ != nullptr) {
         start_ += n;
-        externalSize_ -= n;
+        external_.size -= n;
     } else {
         owned_.erase(owned_.begin(), owned_.begin() + static_cast<std::ptrdiff_t>(n));
     }

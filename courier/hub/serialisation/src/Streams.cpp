@@ -9,6 +9,9 @@
 
 namespace courier::hub::serialisation {
 
+static_assert(std::input_iterator<ByteStreamIterator>);
+static_assert(std::input_iterator<ByteStreamCharIterator>);
+
 ByteStreamImpl::~ByteStreamImpl() = default;
 
 ByteBufferByteStreamImpl::~ByteBufferByteStreamImpl() = default;

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <functional>
 #include <iterator>
-#include <limits>
 #include <memory>
 #include <span>
 #include <type_traits>
@@ -43,7 +42,7 @@ namespace detail {
 
 // The most bytes that a buffer holds. Lengths are compared with it before anything is added to
 // them, so that no sum wraps, and so that the standard library's own message is never seen.
-inline constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
+inline constexpr std::size_t longest = PTRDIFF_MAX;
 
 template <class T, class... Types>
 concept OneOf = (std::same_as<std::remove_cvref_t<T>, Types> || ...);
@@ -176,8 +175,6 @@ private:
 
 static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>>);
 static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>>);
-static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte>>);
-static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte const>>);
 
 /// A pointer and a length: contiguous bytes that somebody else owns.
 ///
@@ -325,13 +322,14 @@ static_assert(std::is_trivially_copyable_v<ByteBufferView>);
 ///     start: null                          block ──▶ ┌─────────┬────────────────────┬───┐
 ///     owned ──▶ ┌──────────────┬───────┐             │ trimmed │ live bytes         │ … │
 ///               │ bytes        │ spare │             └─────────┴────────────────────┴───┘
-///               └──────────────┴───────┘   start ──────────────▶◀── external size ──▶
+///               └──────────────┴───────┘   start ──────────────▶◀─────── size ───────▶
 ///
 /// In external form the bytes are a block that was allocated elsewhere and adopted together with
 /// the routine that frees it: received data is not copied. The deleter is called exactly once, with
 /// the address that was handed over, when the block is no longer needed: by clear(), the first
 /// append(), push_back() or resize(), a move assignment into the buffer, or the destructor. It runs
-/// on the thread that does so, must not be empty and must not throw:
+/// on the thread that does so, must not be empty and must not throw. With all that it captured it
+/// stays in the buffer until another content is moved there, or the buffer ends:
 ///
 ///     ByteBuffer good({std::malloc(n), [](void* p) { std::free(p); }}, n);
 ///     ByteBuffer bad({borrowed, [](void*) {}}, n);  // nobody keeps `borrowed` alive: use a view
@@ -351,7 +349,7 @@ public:
     using Block = std::unique_ptr<void, Deleter>;
 
     /// An empty buffer; nothing is allocated.
-    ByteBuffer() noexcept = default;
+    ByteBuffer() noexcept : owned_() {}
 
     /// n bytes of value 0. Throws std::length_error "vector too long" above 2^63 - 1,
     /// std::bad_alloc.
@@ -364,11 +362,11 @@ public:
     /// an empty buffer, whatever n is. Throws std::invalid_argument for a block with an empty
     /// deleter; the block is then left to the caller, who still has its address.
     ByteBuffer(Block block, std::size_t n)
-        : block_(std::move(block)), start_(static_cast<std::byte*>(block_.get())),
-          externalSize_(n) {
-        if (start_ != nullptr && !block_.get_deleter()) {
-            // Letting go comes first: destroying a block that cannot be freed ends the process.
-            static_cast<void>(block_.release());
+        : deleter_(takeDeleter(block.get_deleter())),
+          start_(static_cast<std::byte*>(block.get())), external_{block.release(), n} {
+        if (start_ == nullptr) {
+            std::construct_at(&owned_);
+        } else if (!deleter_) { // let go by now: what cannot be freed would end the process
             detail::throwBlockWithoutDeleter();
         }
     }
@@ -380,32 +378,31 @@ public:
 
     /// Takes over what the other buffer held, and leaves it empty.
     ByteBuffer(ByteBuffer&& other) noexcept
-        : block_(std::move(other.block_)), start_(std::exchange(other.start_, nullptr)),
-          externalSize_(other.externalSize_), owned_(std::move(other.owned_)) {
-        other.block_.get_deleter() = nullptr; // some standard libraries leave a copy behind
+        : deleter_(takeDeleter(other.deleter_)), start_(other.start_) {
+        takeBytes(other);
     }
 
     /// Frees what this buffer held, the block by its own deleter, before it returns.
     ByteBuffer& operator=(ByteBuffer&& other) noexcept {
         if (this != &other) {
             releaseBlock();
-            if (other.start_ != nullptr) { // most moves are of one form, and skip the other
-                block_.swap(other.block_);
-                start_ = std::exchange(other.start_, nullptr);
-                externalSize_ = other.externalSize_;
-            }
-            if (owned_.data() != nullptr || other.owned_.data() != nullptr) {
-                owned_ = std::move(other.owned_);
-            }
+            std::destroy_at(&owned_);
+            std::destroy_at(&deleter_); // an assignment would go through a third one
+            std::construct_at(&deleter_, takeDeleter(other.deleter_));
+            start_ = other.start_;
+            takeBytes(other);
         }
         return *this;
     }
 
-    ~ByteBuffer() = default;
+    ~ByteBuffer() {
+        releaseBlock();
+        std::destroy_at(&owned_);
+    }
 
     /// The number of bytes.
     [[nodiscard]] std::size_t size() const noexcept {
-        return start_ != nullptr ? externalSize_ : owned_.size();
+        return start_ != nullptr ? external_.size : owned_.size();
     }
     /// Whether there are none.
     [[nodiscard]] bool empty() const noexcept { return size() == 0; }
@@ -554,20 +551,50 @@ private:
         return notAfter(owned_.data(), p) && notAfter(p, owned_.data() + owned_.size());
     }
 
-    void releaseBlock() noexcept {
-        block_.reset();
-        block_.get_deleter() = nullptr; // what it keeps alive goes as well
-        start_ = nullptr;
+    // A moved-from std::function may still hold what it held.
+    [[nodiscard]] static Deleter takeDeleter(Deleter& from) noexcept {
+        Deleter taken = std::move(from);
+        from = nullptr;
+        return taken;
     }
+
+    // Leaves the buffer in vector form, which the deleter finds if it looks.
+    void releaseBlock() noexcept {
+        if (start_ != nullptr) {
+            void* const block = external_.block;
+            start_ = nullptr;
+            std::construct_at(&owned_);
+            deleter_(block);
+        }
+    }
+
+    // To be called where start_ is the other's already, and owned_ not there.
+    void takeBytes(ByteBuffer& other) noexcept {
+        if (start_ != nullptr) {
+            external_ = other.external_;
+            other.start_ = nullptr;
+            std::construct_at(&other.owned_);
+        } else {
+            std::construct_at(&owned_, std::move(other.owned_));
+        }
+    }
+
     void appendBeyondRoom(ByteBufferView view);
     [[nodiscard]] std::vector<std::byte> copyWithRoomFor(std::size_t n) const;
     void becomeVector(std::vector<std::byte>&& bytes) noexcept;
     template <class ForEachPiece> void appendPieces(std::size_t added, ForEachPiece forEachPiece);
 
-    Block block_;                  // null in vector form
-    std::byte* start_ = nullptr;   // first live byte of the block; null in vector form
-    std::size_t externalSize_ = 0; // live bytes from start_ on; read in external form only
-    std::vector<std::byte> owned_; // the bytes in vector form; empty in external form
+    struct External {
+        void* block; // as it was handed over
+        std::size_t size;
+    };
+
+    Deleter deleter_;
+    std::byte* start_ = nullptr; // first live byte of the block; null in vector form
+    union {                      // by that form; one for both makes a buffer cheap to move
+        External external_;
+        std::vector<std::byte> owned_;
+    };
 };
 
 static_assert(std::is_nothrow_move_constructible_v<ByteBuffer>);

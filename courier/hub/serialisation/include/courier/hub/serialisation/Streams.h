@@ -132,7 +132,6 @@ private:
 };
 
 static_assert(std::is_trivially_copyable_v<ByteStreamIterator>);
-static_assert(std::input_iterator<ByteStreamIterator>);
 
 /// The same as ByteStreamIterator, but yielding char, so that a std::string can be made from a
 /// pair. Its byte iterator runs one byte ahead. An iterator that throws is left unchanged.
@@ -204,7 +203,6 @@ private:
 };
 
 static_assert(std::is_trivially_copyable_v<ByteStreamCharIterator>);
-static_assert(std::input_iterator<ByteStreamCharIterator>);
 
 /// The source over a buffer that it owns. Through this type, rather than the base, reading a byte
 /// is inlined.
