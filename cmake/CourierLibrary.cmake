@@ -36,6 +36,8 @@ function(courier_library target)
     if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
         # Diagnostics name files relative to the project, wherever it was built.
         target_compile_options(${target} PRIVATE -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
+        # Nobody replaces this library's functions one by one: it may inline its own.
+        target_compile_options(${target} PRIVATE -fno-semantic-interposition)
     endif()
 
     get_target_property(type ${target} TYPE)
