@@ -79,12 +79,13 @@ std::string lines() {
 
 void addRead(std::size_t size, char const* who,
              void (*read)(Bytes const& source, Bytes const& target)) {
-    add(name("read", size, who), [=] {
+    auto const make = [=] {
         return [=, target = Bytes(std::min(size, largestRead), Bytes::destination)] {
             read(input(size), target);
             escape(target.data());
         };
-    });
+    };
+    addCounted(name("read", size, who), make, 1, size <= 4096);
 }
 
 // The work on an open stream of `size` bytes is one function for all streams, so that none is

@@ -97,19 +97,21 @@ struct Counted {
 };
 [[nodiscard]] std::vector<Counted>& countedOperations();
 
-/// The same as add(), for an operation so short that time is too noisy to tell: it is also counted
-/// in instructions.
-template <class Make>
-void addCounted(std::string const& fullName, Make make, double operations = 1) {
-    add(fullName, make, operations);
-    auto const run = [make](std::size_t times) {
-        auto operation = make();
-        for (std::size_t i = 0; i < times; ++i) {
-            escape(&operation);
-            operation();
-        }
-    };
-    countedOperations().push_back({fullName, operations, run});
+/// The same as add(); an operation so short that time is too noisy to tell is also counted in
+/// instructions.
+template <class Make> benchmark::internal::Benchmark*
+addCounted(std::string const& fullName, Make make, double operations = 1, bool isShort = true) {
+    if (isShort) {
+        auto const run = [make](std::size_t times) {
+            auto operation = make();
+            for (std::size_t i = 0; i < times; ++i) {
+                escape(&operation);
+                operation();
+            }
+        };
+        countedOperations().push_back({fullName, operations, run});
+    }
+    return add(fullName, make, operations);
 }
 
 /// A family registers its benchmarks by an object at namespace scope.

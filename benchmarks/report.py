@@ -44,8 +44,8 @@ def run_benchmarks(build, quick):
             print(f"running {program} ...", file=sys.stderr)
             run = subprocess.run(
                 [build / program, "--benchmark_enable_random_interleaving=true",
-                 f"--benchmark_repetitions={3 if quick else 9}",
-                 f"--benchmark_min_time={0.01 if quick else 0.05}",
+                 f"--benchmark_repetitions={3 if quick else 25}",
+                 f"--benchmark_min_time={0.01 if quick else 0.02}",
                  f"--benchmark_out={out.name}", "--benchmark_out_format=json"],
                 capture_output=True, text=True)
             if run.returncode:
@@ -93,7 +93,7 @@ def count_instructions(build):
     each = {name: (two[max(two)] - two[min(two)]) / (max(two) - min(two))
             for name, two in counts.items()}
     loop = each.pop("empty/0/loop", 0)
-    return {f"instructions/{name}": figure([round((count - loop) / per_time[name], 1)])
+    return {f"instructions/{name}": figure([round((count - loop) / per_time[name], 1) + 0.0])
             for name, count in each.items()}
 
 
@@ -142,7 +142,8 @@ def number(of, unit):
         name, scale = next((n, s) for n, s in (("s", 1e9), ("ms", 1e6), ("µs", 1e3), ("ns", 0))
                            if of >= s)
         return f"{of / (scale or 1):.3g} {name}"
-    return f"{of:.3g}{'' if unit == '×' else ' '}{unit}".strip()
+    digits = f"{of:,.0f}" if of >= 1000 else f"{of:.3g}"
+    return f"{digits}{'' if unit == '×' else ' '}{unit}".strip()
 
 
 def goals(f, row):

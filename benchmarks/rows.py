@@ -97,9 +97,9 @@ def all_rows(compiler):
                    f"{level}_{operation}/65536", "pointer vector",
                    *([faster(factor, peer)] if factor else []), ours=f"courier_{form}")
 
-    def counted(title, work, peers, *reaches):
-        return (Row(title, work, peers, *reaches),
-                Row("… in instructions", f"instructions/{work}", peers, unit=""))
+    def counted(title, work, peers, *reaches, is_short=True):
+        in_instructions = Row("… in instructions", f"instructions/{work}", peers, unit="")
+        return (Row(title, work, peers, *reaches), *([in_instructions] if is_short else []))
 
     return {
         "Buffers": [
@@ -113,10 +113,12 @@ def all_rows(compiler):
                   "vector string cord", faster(factor, "vector"))
               for piece, factor in ((16, 1), (256, 1.3)) for n in (4096, 65536, 1048576))],
         "Streams": [
-            *(Row(f"open and read {bytes_text(n)}", f"read/{n}", streams,
-                  within(1.1, "ispanstream"), faster(10 if n > 1 << 20 else 2, "istringstream"),
-                  *([faster(0.95, "limit")] if n >= 1 << 20 else []))
-              for n in (64, 4096, 1048576, 268435456)),
+            *(row for n in (64, 4096, 1048576, 268435456)
+              for row in counted(f"open and read {bytes_text(n)}", f"read/{n}", streams,
+                                 within(1.1, "ispanstream"),
+                                 faster(10 if n > 1 << 20 else 2, "istringstream"),
+                                 *([faster(0.95, "limit")] if n >= 1 << 20 else []),
+                                 is_short=n <= 4096)),
             *(Row(f"{title}, 64 KiB", f"{work}/65536", streams, within(1.1, "ispanstream"))
               for work, title in (("getline", "getline"), ("numbers", ">> of numbers"),
                                   ("sbumpc", "sbumpc"))),
@@ -124,30 +126,38 @@ def all_rows(compiler):
                 at_most("4.5 ns", lambda f: 4.5)),
             Row("… whose source is known", "byte_stream/65536", "istreambuf_iterator",
                 at_most("0.7 ns", lambda f: 0.7), ours="courier_concrete"),
-            *(Row(f"write {bytes_text(n)} of CBOR and take it", f"write_cbor/{n}",
-                  "ostringstream ostringstream_copy vector",
-                  faster(1, "ostringstream", "ostringstream_copy")) for n in sizes)],
+            *(row for n in sizes
+              for row in counted(f"write {bytes_text(n)} of CBOR and take it", f"write_cbor/{n}",
+                                 "ostringstream ostringstream_copy vector",
+                                 faster(1, "ostringstream", "ostringstream_copy"),
+                                 is_short=n <= 1024))],
         "Walking over 64 KiB": [
             walk(level, operation, form)
             for level, operations in (("O2", "sum find equal"), ("O3", "copy construct"))
             for operation in operations.split() for form in forms],
         "Catalogue": [
-            *(Row(f"hasDeserialiserFor, {n:,} records", f"has/{n}", locked, no_allocation,
-                  *([faster(factor, *ordered.split())] if factor else []),
-                  faster(1, "flat_hash_map"))
-              for n, factor in zip(records, (None, 2.5, 3, 5))),
+            *(row for n, factor in zip(records, (None, 2.5, 3, 5))
+              for row in counted(f"hasDeserialiserFor, {n:,} records", f"has/{n}", locked,
+                                 no_allocation,
+                                 *([faster(factor, *ordered.split())] if factor else []),
+                                 faster(1, "flat_hash_map"), is_short=n <= 256)),
             *(Row(f"two threads against one, {n:,} records", f"scaling/{n}",
                   f"{locked} shared_mutex",
                   ("1.7×", lambda f, row: f[row.ours]["value"] / 1.7), unit="×")
               for n in records),
-            *(Row(f"getSerialiserFor, a record of {n:,}", f"get_record/{n}", locked,
-                  at_most("search + 110 ns", value(f"has/{n}/courier", plus=110)),
-                  allocations(1, "1 allocation")) for n in records),
+            *(row for n in records
+              for row in counted(f"getSerialiserFor, a record of {n:,}", f"get_record/{n}", locked,
+                                 at_most("search + 110 ns", value(f"has/{n}/courier", plus=110)),
+                                 allocations(1, "1 allocation"), is_short=n <= 256)),
             Row("the same, long name, large factories", "get_heavy_record/1", "",
                 allocations(5, "5 allocations")),
-            *(Row(f"getSerialiserFor a view, {n:,} records", f"get_for_view/{n}", locked,
-                  at_most("search + factory", lambda f, n=n: f[f"has/{n}/courier"]["value"] +
-                          f[f"factory/{n}/courier"]["value"])) for n in records)],
+            *(row for n in records
+              for row in counted(f"getSerialiserFor a view, {n:,} records", f"get_for_view/{n}",
+                                 locked,
+                                 at_most("search + factory",
+                                         lambda f, n=n: f[f"has/{n}/courier"]["value"] +
+                                         f[f"factory/{n}/courier"]["value"]),
+                                 is_short=n <= 256))],
         "Fan-out: create and destroy a serialiser for each element": [
             *(Row(f"{n:,} element{'s' * (n > 1)}", f"fan_out/{n}", "shared_ptr deep_copy",
                   within(1.7, "shared_ptr") if n <= 10000 else
@@ -161,12 +171,13 @@ def all_rows(compiler):
             *counted("getTypeID", "type_id/0", "typeid hash",
                      ("an immediate operand", lambda f, row: f["immediate"]["value"]))],
         "Road: a CBOR codec": [
-            *(Row(f"encode {bytes_text(n)}", f"road_encode/{n}", "ostringstream vector",
-                  faster(1, "ostringstream")) for n in sizes),
-            *(Row(f"adopt and decode {bytes_text(n)}", f"road_decode/{n}", "vector",
-                  within(1.05, "vector")) for n in sizes),
-            *(Row(f"encode, adopt, decode {bytes_text(n)}", f"road/{n}", "vector")
-              for n in sizes)],
+            *(row for title, work, peers, reaches in (
+                ("encode", "road_encode", "ostringstream vector", [faster(1, "ostringstream")]),
+                ("adopt and decode", "road_decode", "vector", [within(1.05, "vector")]),
+                ("encode, adopt, decode", "road", "vector", []))
+              for n in sizes
+              for row in counted(f"{title} {bytes_text(n)}", f"{work}/{n}", peers, *reaches,
+                                 is_short=n <= 1024))],
         "Including one header": [
             Row(pathlib.Path(header).name, f"include/{header}", "std", within(1.2, "std"))
             for header in CONTRACTS]}
