@@ -24,7 +24,7 @@ template <class Owner> ByteBuffer adopt(Owner owner) {
     auto kept = std::make_shared<Owner>(std::move(owner));
     void* const bytes = kept->data();
     std::size_t const size = kept->size();
-    return ByteBuffer({bytes, [kept = std::move(kept)](void*) {}}, size);
+    return ByteBuffer({bytes, [kept = std::move(kept)](void*) mutable { kept.reset(); }}, size);
 }
 
 } // namespace
