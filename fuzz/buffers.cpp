@@ -3,9 +3,7 @@
 #include "../tests/Support.h"
 #include "Input.h"
 
-#include <algorithm>
 #include <array>
-#include <limits>
 
 namespace {
 
@@ -89,9 +87,7 @@ struct Run {
                     [&] { buffer = view.operator ByteBuffer(); },
                     [&] { buffer = ByteBuffer(std::move(own)); },
                     [&] { buffer = ByteBuffer(n), model = {Bytes(n)}; },
-                    [&] {
-                        buffer = ByteBuffer({nullptr, never}, n), model = {};
-                    },
+                    [&] { model = {}, buffer = ByteBuffer(ByteBuffer::Block(nullptr, never), n); },
                     [&] { buffer = blocks.adopt(text(view)), model.external = true; });
     }
 
@@ -114,18 +110,22 @@ struct Run {
         return {view, part.bytes};
     }
 
-    // Hands something of any kind to `append`, and to the model.
-    void append(Model& model, std::size_t j, auto append) {
+    // Appends something of any kind to a buffer, or to a view, which makes another buffer.
+    ByteBuffer append(auto& target, Model& model, std::size_t j) {
         Bytes all, fresh = bytes(input.fresh(input.length()));
         for (Model const& each : models) {
             all.insert(all.end(), each.bytes.begin(), each.bytes.end());
         }
         auto const piece = cut(j);
+        ByteBuffer made;
         auto const add = [&](Bytes const& bytes, bool always, auto&& argument) {
             if (always || !bytes.empty()) {
                 model.append(Bytes(bytes));
             }
-            append(std::forward<decltype(argument)>(argument));
+            auto&& appended = target.append(std::forward<decltype(argument)>(argument));
+            if constexpr (!std::is_same_v<decltype(appended), ByteBuffer&>) {
+                made = std::move(appended);
+            }
         };
         input.oneOf([&] { add(all, true, buffers); }, // the target is among them
                     [&] { add(all, true, std::move(buffers)); },
@@ -133,6 +133,7 @@ struct Run {
                     [&] { add(models[j].bytes, false, std::move(buffers[j])); },
                     [&] { add(fresh, false, Bytes(fresh)); },
                     [&] { add(piece.second, false, piece.first); });
+        return made;
     }
 
     void step() {
@@ -157,25 +158,17 @@ struct Run {
                     [&] { // perhaps one of its own
                         std::byte const spare{};
                         std::byte const& b = other.empty() ? spare : other[n % other.size()];
-                        Bytes grown = model.external ? Bytes(model.bytes) : std::move(model.bytes);
-                        grown.push_back(b);
-                        model.bytes = std::move(grown);
-                        model.external = false;
+                        if (model.external) {
+                            model = {Bytes(model.bytes)};
+                        }
+                        model.bytes.push_back(b);
                         buffer.push_back(b);
                     },
+                    [&] { append(buffer, model, j); },
                     [&] {
-                        append(model, j, [&](auto&& argument) {
-                            buffer.append(std::forward<decltype(argument)>(argument));
-                        });
-                    },
-                    [&] { // a view makes a new buffer
                         auto [view, part] = cut(i);
                         Model made{std::move(part)};
-                        ByteBuffer result;
-                        append(made, j, [&, &source = view](auto&& argument) {
-                            result = source.append(std::forward<decltype(argument)>(argument));
-                        });
-                        buffer = std::move(result);
+                        buffer = append(view, made, j);
                         model = std::move(made);
                     },
                     [&] { refuse(buffer, model, n + 1); });

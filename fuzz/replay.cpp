@@ -15,9 +15,8 @@ int main(int argc, char** argv) {
         for (auto const& entry : std::filesystem::directory_iterator(argv[i])) {
             std::cout << entry.path().filename().string() << std::endl; // before it fails
             std::ifstream in(entry.path(), std::ios::binary);
-            std::vector<char> const bytes{std::istreambuf_iterator<char>(in), {}};
-            LLVMFuzzerTestOneInput(reinterpret_cast<std::uint8_t const*>(bytes.data()),
-                                   bytes.size());
+            std::vector<std::uint8_t> const bytes{std::istreambuf_iterator<char>(in), {}};
+            LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
             ++count;
         }
     }

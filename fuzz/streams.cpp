@@ -43,26 +43,25 @@ ByteBuffer write(Input& input) {
 
 // What can be done to a stream: with n bytes of room, a byte, and a number that says what came of
 // it.
-using Act = std::streamsize (*)(std::istream& in, std::string& got, char byte);
+using Count = std::streamsize;
+using Act = Count (*)(std::istream& in, std::string& got, char byte);
 constexpr Act acts[] = {
-    [](auto& in, auto& got, char) { return std::streamsize(!in.read(got.data(), size(got))); },
+    [](auto& in, auto& got, char) { return Count(!in.read(got.data(), size(got))); },
     [](auto& in, auto& got, char) { return in.readsome(got.data(), size(got)); },
     [](auto& in, auto& got, char) { return in.rdbuf()->sgetn(got.data(), size(got)); },
-    [](auto& in, auto& got, char byte) { return std::streamsize(!std::getline(in, got, byte)); },
-    [](auto& in, auto& got, char) { return std::streamsize(!(in >> got)); },
-    [](auto& in, auto& got, char byte) {
-        return std::streamsize(!in.ignore(size(got), static_cast<unsigned char>(byte)));
-    },
-    [](auto& in, auto&, char) { return std::streamsize(in.get()); },
-    [](auto& in, auto&, char) { return std::streamsize(in.peek()); },
-    [](auto& in, auto&, char) { return std::streamsize(!in.unget()); },
-    [](auto& in, auto&, char byte) { return std::streamsize(!in.putback(byte)); },
-    [](auto& in, auto&, char) { return std::streamsize(in.rdbuf()->sgetc()); },
-    [](auto& in, auto&, char) { return std::streamsize(in.rdbuf()->sbumpc()); },
-    [](auto& in, auto&, char) { return std::streamsize(in.rdbuf()->snextc()); },
-    [](auto& in, auto&, char) { return std::streamsize(in.rdbuf()->sungetc()); },
-    [](auto& in, auto&, char byte) { return std::streamsize(in.rdbuf()->sputbackc(byte)); },
-    [](auto& in, auto&, char byte) { return std::streamsize(in.rdbuf()->sputc(byte)); },
+    [](auto& in, auto& got, char byte) { return Count(!std::getline(in, got, byte)); },
+    [](auto& in, auto& got, char) { return Count(!(in >> got)); },
+    [](auto& in, auto& got, char c) { return Count(!in.ignore(size(got), std::uint8_t(c))); },
+    [](auto& in, auto&, char) { return Count(in.get()); },
+    [](auto& in, auto&, char) { return Count(in.peek()); },
+    [](auto& in, auto&, char) { return Count(!in.unget()); },
+    [](auto& in, auto&, char byte) { return Count(!in.putback(byte)); },
+    [](auto& in, auto&, char) { return Count(in.rdbuf()->sgetc()); },
+    [](auto& in, auto&, char) { return Count(in.rdbuf()->sbumpc()); },
+    [](auto& in, auto&, char) { return Count(in.rdbuf()->snextc()); },
+    [](auto& in, auto&, char) { return Count(in.rdbuf()->sungetc()); },
+    [](auto& in, auto&, char byte) { return Count(in.rdbuf()->sputbackc(byte)); },
+    [](auto& in, auto&, char byte) { return Count(in.rdbuf()->sputc(byte)); },
 };
 
 std::string act(Act act, std::istream& in, std::size_t n) {
@@ -76,7 +75,8 @@ std::string act(Act act, std::istream& in, std::size_t n) {
 }
 
 void read(Input& input, ByteBufferView content) {
-    ByteBufferIStreambuf owner(std::make_unique<ByteBuffer>(content));
+    Blocks blocks;
+    ByteBufferIStreambuf owner(std::make_unique<ByteBuffer>(blocks.adopt(text(content))));
     ByteBufferIStreambuf borrower(content);
     NonOwningByteBufferViewIStreambuf viewer(content);
     std::istringstream model(text(content));
@@ -103,6 +103,9 @@ void read(Input& input, ByteBufferView content) {
             viewer = std::move(same);
         }
     }
+    require(blocks.freed == 0);
+    owner = ByteBufferIStreambuf(content);
+    require(blocks.freed == 1);
 }
 
 // An iterator has the place of the byte that it designates, a character iterator also that of the

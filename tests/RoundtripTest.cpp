@@ -1,31 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
 // The example program, run as a user would, and its modules, fed what no honest sender sends.
 
-#include "Blob.h"
-#include "Document.h"
-#include "Histogram.h"
-#include "Listing.h"
+#include "Elements.h"
 #include "Modules.h"
 #include "ReadLimit.h"
+#include "Support.h"
 
-#include <courier/hub/serialisation/FanOut.h>
-
-#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <fstream>
 #include <map>
 #include <random>
-#include <regex>
-#include <sstream>
-#include <stdexcept>
 
 using namespace courier::examples;
 using namespace courier::hub::serialisation;
 using courier::hub::core::GenericPayload, courier::hub::core::getTypeID;
+using tests::isMapped, tests::written;
 
 namespace {
 
@@ -66,22 +57,18 @@ struct StoppingSink : std::streambuf { // asks for a stop in the third mebibyte,
 };
 
 // Lets the process grow by so many bytes and no more, where addresses aren't for the sanitisers.
-struct LittleMemory {
-    explicit LittleMemory(std::size_t bytes) {
-        std::size_t pages = 0;
-        std::ifstream("/proc/self/statm") >> pages;
-        std::size_t const size = pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-        ::getrlimit(RLIMIT_AS, &old);
-        rlimit const bound{size + bytes, old.rlim_max};
-        if (size >> 40 == 0) {
-            ::setrlimit(RLIMIT_AS, &bound);
-        }
-    }
-    ~LittleMemory() { ::setrlimit(RLIMIT_AS, &old); }
-    LittleMemory(LittleMemory const&) = delete;
-    LittleMemory& operator=(LittleMemory const&) = delete;
+std::shared_ptr<void> boundMemory(std::size_t bytes) {
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    std::size_t const size = pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     rlimit old{};
-};
+    ::getrlimit(RLIMIT_AS, &old);
+    rlimit const bound{size + bytes, old.rlim_max};
+    if (size >> 40 == 0) {
+        ::setrlimit(RLIMIT_AS, &bound);
+    }
+    return {nullptr, [old](void*) { ::setrlimit(RLIMIT_AS, &old); }};
+}
 
 TEST(RoundtripTest, ProgramSaysWhatCameBackAndWhatWentWrong) {
     auto const directory = testing::TempDir() + "roundtrip" + std::to_string(::getpid());
@@ -94,64 +81,55 @@ TEST(RoundtripTest, ProgramSaysWhatCameBackAndWhatWentWrong) {
     std::ofstream("odd") << noise(5137); // not a multiple of a page
     std::ofstream("big") << noise(64 * mebibyte);
     std::string const bigs = " big big big big big big big big"; // takes seconds to deflate
-    for (auto const& [arguments, status, output] :
-         std::initializer_list<std::tuple<std::string, int, char const*>>{
-             {"", 0,
-              "LICENSE .*\n.* json .*\n.*\n.* protobuf .*\n.* cereal .* identical\n\n5 of 5"},
-             {"--list", 0, "Document +0x\\w{16}  json cbor .*\nBlob .*  raw deflate zstd"},
-             {"doc.json empty", 0, "  json .* identical\nempty .*  raw .* identical\n\n2 of 2"},
-             {"-f cbor -f msgpack doc.json list.json", 0, " cbor .*\n.* msgpack .*\n\n2 of 2"},
-             {"-f bson -f ubjson doc.json list.json", 0, " bson .*\n.* ubjson .*\n\n2 of 2"},
-             {"-f deflate -f zstd -t 1 empty odd", 0, " deflate .*\n.* zstd .*\n\n2 of 2"},
-             {"missing", 1, "^roundtrip: cannot read missing: No such file or directory\n$"},
-             {".", 1, "^roundtrip: cannot read .: Is a directory\n$"},
-             {"bad.json", 1, "^roundtrip: bad.json:2:11: syntax error"},
-             {"-f bson odd", 1, "^roundtrip: no module .* Blob .*bson.* raw, deflate, zstd\n$"},
-             {"-f bson list.json doc.json", 1,
-              "FAILED\n.*identical\nroundtrip: list.json: .*object"},
-             {"-f raw -f raw odd odd odd", 1, "^roundtrip: too few wire formats: .*\n$"},
-             {"--read-limit 1000 -f zstd odd", 1, "FAILED\nroundtrip: odd: cannot be read back"},
-             {"--cancel-after 0", 130,
-              "not written\n\n0 of 5 .*\nroundtrip: cancelled when 0 of 5"},
-             {"--cancel-after 1 -f zstd" + bigs, 130, "not written\n\n.*\nroundtrip: cancelled"},
-             {"-f deflate -t 1" + bigs, 130, "not written\n\n.*\nroundtrip: cancelled when . of 8"},
-         }) {
+    std::tuple<std::string, int, char const*> const cases[]{
+        {"", 0, "LICENSE .*\n.* json .*\n.*\n.* protobuf .*\n.* cereal .* identical\n\n5 of 5"},
+        {"--list", 0, "Document +0x\\w{16}  json cbor .*\nBlob .*  raw deflate zstd"},
+        {"doc.json empty", 0, "  json .* identical\nempty .*  raw .* identical\n\n2 of 2"},
+        {"-f cbor -f msgpack doc.json list.json", 0, " cbor .*\n.* msgpack .*\n\n2 of 2"},
+        {"-f bson -f ubjson doc.json list.json", 0, " bson .*\n.* ubjson .*\n\n2 of 2"},
+        {"-f deflate -f zstd -t 1 empty odd", 0, " deflate .*\n.* zstd .*\n\n2 of 2"},
+        {"missing", 1, "^roundtrip: cannot read missing: No such file or directory\n$"},
+        {".", 1, "^roundtrip: cannot read .: Is a directory\n$"},
+        {"bad.json", 1, "^roundtrip: bad.json:2:11: syntax error"},
+        {"-f bson odd", 1, "^roundtrip: no module .* Blob .*bson.* raw, deflate, zstd\n$"},
+        {"-f bson list.json doc.json", 1, "FAILED\n.*identical\nroundtrip: list.json: .*object"},
+        {"-f raw -f raw odd odd odd", 1, "^roundtrip: too few wire formats: .*\n$"},
+        {"--read-limit 1000 -f zstd odd", 1, "FAILED\nroundtrip: odd: cannot be read back"},
+        {"--cancel-after 0", 130, "not written\n\n0 of 5 .*\nroundtrip: cancelled when 0 of 5"},
+        {"--cancel-after 1 -f zstd" + bigs, 130, "not written\n\n.*\nroundtrip: cancelled"},
+        {"-f deflate -t 1" + bigs, 130, "not written\n\n.*\nroundtrip: cancelled when . of 8"},
+    };
+    for (auto const& [arguments, status, output] : cases) {
         // As if Control-C were pressed. Only the last case runs that long.
         auto const command =
             "timeout -s INT --preserve-status 2 " ROUNDTRIP_PROGRAM " " + arguments;
         int const result = std::system((command + " >output 2>&1").c_str());
-        std::ostringstream text;
-        text << std::ifstream("output").rdbuf();
-        EXPECT_EQ(WEXITSTATUS(result), status) << command << '\n' << text.str();
-        EXPECT_TRUE(std::regex_search(text.str(), std::regex(output))) << command << text.str();
+        auto const text = tests::contents("output");
+        EXPECT_EQ(WEXITSTATUS(result), status) << command << '\n' << text;
+        EXPECT_TRUE(std::regex_search(text, std::regex(output))) << command << '\n' << text;
     }
     std::filesystem::current_path("/");
     std::filesystem::remove_all(directory);
 }
 
 TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
-    auto const areMapped = [] {
-        std::ostringstream maps;
-        maps << std::ifstream("/proc/self/maps").rdbuf();
-        return std::regex_search(maps.str(), std::regex("/modules/\\w+[.]so"));
-    };
+    constexpr auto modulePaths = "/modules/\\w+[.]so";
     std::optional<Modules> modules(std::in_place);
     std::optional<Catalogue> catalogue(std::in_place);
     modules->load(MODULE_DIR, *catalogue);
-    EXPECT_TRUE(areMapped());
+    EXPECT_TRUE(isMapped(modulePaths));
     std::map<std::string, std::uint64_t> typeOf;
-    for (auto const typeID :
-         {getTypeID<Document>(), getTypeID<Blob>(), getTypeID<Listing>(), getTypeID<Histogram>()}) {
-        for (auto const& format : catalogue->getSupportedWireFormats(typeID)) {
-            typeOf[format] = typeID;
+    for (ElementType const& type : elementTypes) {
+        for (auto const& format : catalogue->getSupportedWireFormats(type.id)) {
+            typeOf[format] = type.id;
         }
     }
     // Refused, with a word that says why; what else is thrown, for want of memory say, fails.
-    auto const isRefused = [&](auto const& format, auto typeID, std::string const& bytes) {
-        auto const deserialise = catalogue->getDeserialiserFor(format, typeID);
+    auto const isRefused = [&](auto const& format, std::string const& bytes) {
+        auto const deserialise = catalogue->getDeserialiserFor(format, typeOf.at(format));
         std::static_pointer_cast<ReadLimit>(deserialise.getHandle())->bytes = 4 * mebibyte;
         std::istringstream in(bytes);
-        LittleMemory const bound(32 * mebibyte);
+        auto const bound = boundMemory(32 * mebibyte);
         try {
             return deserialise(in).elementCount != 1;
         } catch (std::runtime_error const& error) {
@@ -160,10 +138,8 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
             return std::strstr(error.what(), "read limit of 4194304 bytes") != nullptr;
         }
     };
-    auto const encoded = [&](auto const& format, auto typeID, std::string const& bytes) {
-        std::ostringstream out;
-        catalogue->getSerialiserFor(format, sample(typeID, bytes))(out);
-        return out.str();
+    auto const encoded = [&](auto const& format, std::string const& bytes) {
+        return written(catalogue->getSerialiserFor(format, sample(typeOf.at(format), bytes)));
     };
 
     std::string const most64 = "\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF";
@@ -179,8 +155,8 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
         {"bson", most32 + "\2k" + '\0' + most32 + 'x'},
         {"bson", most32 + "\5k" + '\0' + most32 + '\0' + 'x'},
         {"cereal", '\1' + most64 + 'x'},
-        {"deflate", encoded("deflate", getTypeID<Blob>(), bomb)},
-        {"zstd", encoded("zstd", getTypeID<Blob>(), bomb)},
+        {"deflate", encoded("deflate", bomb)},
+        {"zstd", encoded("zstd", bomb)},
         {"zstd", zstd + "\xC0\x88" + most64 + "\1x"}, // a window of 128 MiB
         {"zstd",
          zstd + "\xE0" + most64 + std::string("\x18\0\0x", 4)}, // so many bytes in one piece
@@ -199,8 +175,7 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
         hostile.back().second += {'\x12', '\0'};
     }
     for (auto const& [format, bytes] : hostile) {
-        EXPECT_TRUE(isRefused(format, typeOf.at(format), bytes))
-            << format << ' ' << bytes.size() << ' ' << +bytes[0];
+        EXPECT_TRUE(isRefused(format, bytes)) << format << ' ' << bytes.size() << ' ' << +bytes[0];
     }
 
     auto const large = noise(8 * mebibyte);
@@ -208,19 +183,19 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
         SCOPED_TRACE(format);
         bool const hasEnd = format != "raw";
         bool const hasChecksum = format == "deflate" || format == "zstd";
-        auto const good = encoded(format, typeID, noise(300));
-        EXPECT_FALSE(isRefused(format, typeID, good));
-        EXPECT_EQ(isRefused(format, typeID, good + 'x'), hasEnd);
+        auto const good = encoded(format, noise(300));
+        EXPECT_FALSE(isRefused(format, good));
+        EXPECT_EQ(isRefused(format, good + 'x'), hasEnd);
         for (std::size_t i = 0; i < good.size(); ++i) {
             bool const isWhole = i == 0 && format == "protobuf"; // an empty message
-            EXPECT_EQ(isRefused(format, typeID, good.substr(0, i)), hasEnd && !isWhole) << i;
+            EXPECT_EQ(isRefused(format, good.substr(0, i)), hasEnd && !isWhole) << i;
             for (unsigned const bits : {0xFFU, 0x01U}) {
                 auto damaged = good;
                 damaged[i] = static_cast<char>(static_cast<unsigned char>(damaged[i]) ^ bits);
-                EXPECT_GE(isRefused(format, typeID, damaged), hasChecksum) << i;
+                EXPECT_GE(isRefused(format, damaged), hasChecksum) << i;
             }
         }
-        EXPECT_TRUE(isRefused(format, typeID, encoded(format, typeID, large)));
+        EXPECT_TRUE(isRefused(format, encoded(format, large)));
 
         StoppingSink sink;
         std::ostream out(&sink);
@@ -231,7 +206,7 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
     }
     catalogue.reset();
     modules.reset();
-    EXPECT_FALSE(areMapped());
+    EXPECT_FALSE(isMapped(modulePaths));
 }
 
 } // namespace

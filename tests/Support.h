@@ -7,13 +7,20 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
+#include <fstream>
 #include <functional>
+#include <limits>
 #include <new>
+#include <regex>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <typeinfo>
 #include <vector>
 
@@ -54,6 +61,29 @@ template <class Exception, class Action> std::string messageOf(Action action) {
 /// Calls what may be discarded, for EXPECT_THROW.
 template <class Result> void discard(Result&&) {}
 
+/// Passes an object on in every way that its class has, also to itself and over another one. What
+/// `show` tells of it must go along. Returns what it then tells of those that were moved from.
+template <class T> std::string passOn(T& object, T& other, auto show) {
+    std::string const shown = show(object);
+    T& itself = object;
+    if constexpr (std::is_copy_assignable_v<T>) {
+        // Not where `constructed` comes to be: ThreadSanitizer would take their locks for one.
+        auto const copy = std::make_unique<T>(object);
+        EXPECT_EQ(show(*copy), shown);
+        *copy = other;
+        EXPECT_EQ(show(*copy), show(other));
+        object = std::as_const(itself);
+    }
+    object = std::move(itself);
+    EXPECT_EQ(show(object), shown);
+    T constructed(std::move(object));
+    EXPECT_EQ(show(constructed), shown);
+    other = std::move(constructed);
+    EXPECT_EQ(show(other), shown);
+    EXPECT_EQ(show(object), show(constructed));
+    return show(object);
+}
+
 inline std::vector<std::byte> bytes(std::string_view text) {
     auto const* const first = reinterpret_cast<std::byte const*>(text.data());
     return {first, first + text.size()};
@@ -67,7 +97,6 @@ inline std::string text(ByteBuffer const& buffer) { return text(buffer.makeView(
 struct Blocks {
     int made = 0;
     int freed = 0;
-    void* last = nullptr; // as handed to the deleter
 
     ByteBuffer adopt(std::string_view content) {
         auto* const block = new std::byte[content.size() + 1];
@@ -75,29 +104,35 @@ struct Blocks {
         ++made;
         auto const free = [this](void* p) {
             ++freed;
-            last = p;
             delete[] static_cast<std::byte*>(p);
         };
         return {ByteBuffer::Block(block, free), content.size()};
     }
 };
 
+inline std::string contents(char const* file) {
+    return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
+}
+/// Whether the process has a file mapped whose path matches.
+inline bool isMapped(char const* pattern) {
+    return std::regex_search(contents("/proc/self/maps"), std::regex(pattern));
+}
+
 /// Every way in which a buffer can hold a content.
-inline ByteBuffer full(Blocks&, std::string_view content) { return ByteBuffer(bytes(content)); }
-inline ByteBuffer spare(Blocks&, std::string_view content) {
-    auto vector = bytes(content);
-    vector.reserve(1000);
-    return ByteBuffer(std::move(vector));
-}
-inline ByteBuffer external(Blocks& blocks, std::string_view content) {
-    return blocks.adopt(content);
-}
-inline ByteBuffer trimmed(Blocks& blocks, std::string_view content) {
-    ByteBuffer buffer = blocks.adopt("xyz" + std::string(content));
-    buffer.trimFront(3);
-    return buffer;
-}
-inline constexpr decltype(&full) kinds[] = {full, spare, external, trimmed};
+using MakeBuffer = ByteBuffer (*)(Blocks&, std::string_view content);
+inline constexpr MakeBuffer kinds[] = {
+    [](Blocks&, std::string_view content) { return ByteBuffer(bytes(content)); },
+    [](Blocks&, std::string_view content) {
+        auto vector = bytes(content);
+        vector.reserve(1000);
+        return ByteBuffer(std::move(vector));
+    },
+    [](Blocks& blocks, std::string_view content) { return blocks.adopt(content); },
+    [](Blocks& blocks, std::string_view content) {
+        ByteBuffer buffer = blocks.adopt("xyz" + std::string(content));
+        buffer.trimFront(3);
+        return buffer;
+    }};
 
 /// An element that counts its end.
 struct Element {
@@ -148,6 +183,14 @@ inline Serialiser record(std::string format, std::uint64_t id, IDs ids, std::str
 template <class R, class Routine>
 GenericDeserialiser reading(Routine routine, std::shared_ptr<void> handle = {}) {
     return GenericDeserialiser(std::function<R(std::istream&)>(routine), std::move(handle));
+}
+/// What such a call gives, or that there is nothing to call.
+inline std::string outcome(auto call) {
+    try {
+        return call();
+    } catch (std::bad_function_call const&) {
+        return "empty";
+    }
 }
 inline int valueRead(GenericDeserialiser const& deserialiser) {
     std::istringstream in;

@@ -1,27 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Program.h"
 
+#include "Modules.h"
 #include "ReadLimit.h"
 #include "Text.h"
+
+#include <CLI/CLI.hpp>
 
 #include <csignal>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
+#include <iostream>
 #include <memory>
 #include <stdexcept>
-#include <thread>
 
 namespace courier::examples {
 
 using namespace hub::serialisation;
 
-std::filesystem::path programFile() { return std::filesystem::read_symlink("/proc/self/exe"); }
+namespace {
 
-std::filesystem::path moduleDirectory() {
-    return programFile().parent_path().parent_path() / "modules";
-}
+std::filesystem::path programFile() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
 void stopOnInterrupt(stop_source stop) {
     sigset_t signals;
@@ -42,6 +42,47 @@ void stopOnInterrupt(stop_source stop) {
         ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
         ::pause();
     }).detach();
+}
+
+} // namespace
+
+int run(CLI::App& app, int argc, char** argv, std::string const& name, Program const& program) {
+    CLI11_PARSE(app, argc, argv);
+    stop_source const stop;
+    stopOnInterrupt(stop);
+
+    // The order matters. Records, serialisers, elements that were read and even exceptions may
+    // refer to code of the modules, so the modules come first and go last.
+    Modules modules;
+    try {
+        Catalogue catalogue;
+        modules.load(programFile().parent_path().parent_path() / "modules", catalogue);
+        return program(catalogue, stop);
+    } catch (std::exception const& error) {
+        std::cerr << name << ": " << error.what() << '\n';
+        return 1;
+    }
+}
+
+void Sending::addTo(CLI::App& app, std::string const& whatThreadsDo) {
+    app.add_option("files", files, "The files to send")->type_name("FILE");
+    app.add_option("-f,--format", formats,
+                   "Wire format: once for all files, or once for each of them; * takes the one "
+                   "registered first")
+        ->allow_extra_args(false)
+        ->type_name("FORMAT")
+        ->capture_default_str();
+    app.add_option("-t,--threads", threads, "Threads that " + whatThreadsDo)
+        ->check(CLI::Range(1, 256))
+        ->type_name("N")
+        ->capture_default_str();
+}
+
+void addReadLimit(CLI::App& app, std::uint64_t& bytes) {
+    app.add_option("--read-limit", bytes, "The most memory that reading one element may take")
+        ->transform(CLI::AsSizeValue(false))
+        ->type_name("SIZE")
+        ->default_str("4GiB");
 }
 
 void limitReads(SerialisationCatalogue const& catalogue, std::uint64_t bytes) {

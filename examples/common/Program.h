@@ -6,25 +6,48 @@
 
 #include <courier/hub/serialisation/Catalogue.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 // What the example programs share: they load modules, stop on Control-C and send files.
 
 namespace courier::examples {
 
-/// The file that this process runs.
-[[nodiscard]] std::filesystem::path programFile();
+/// What a program does once it has read its command line. Returns the exit status.
+using Program = std::function<int(hub::serialisation::SerialisationCatalogue const& catalogue,
+                                  hub::serialisation::stop_source stop)>;
 
-/// The directory of the modules that were built with this program.
-[[nodiscard]] std::filesystem::path moduleDirectory();
-
+/// Reads the command line, loads the modules that were built with this program, and runs it.
 /// Requests a stop at the first Control-C, or the first request to terminate; from a second later
 /// on, another one ends the program at once. Call this before any other thread starts: those
-/// started later must not take the signals themselves.
-void stopOnInterrupt(hub::serialisation::stop_source stop);
+/// started later must not take the signals themselves. What `program` throws goes to standard
+/// error, behind the name. Returns the exit status.
+[[nodiscard]] int run(CLI::App& app, int argc, char** argv, std::string const& name,
+                      Program const& program);
+
+/// What to send and how, as the command line says.
+struct Sending {
+    std::vector<std::string> files;
+    std::vector<std::string> formats{"*"};
+    std::size_t threads = std::max(1U, std::thread::hardware_concurrency());
+
+    /// Adds its options.
+    void addTo(CLI::App& app, std::string const& whatThreadsDo);
+};
+
+/// The option that sets how much memory the reading of one element may take.
+void addReadLimit(CLI::App& app, std::uint64_t& bytes);
+inline constexpr std::uint64_t defaultReadLimit = std::uint64_t{4} << 30;
 
 /// Sets how much memory the reading of one element may take, for all the modules.
 void limitReads(hub::serialisation::SerialisationCatalogue const& catalogue, std::uint64_t bytes);

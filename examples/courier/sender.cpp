@@ -4,7 +4,6 @@
 
 #include "Coding.h"
 #include "Messages.h"
-#include "Modules.h"
 #include "Options.h"
 #include "Program.h"
 #include "Text.h"
@@ -35,11 +34,9 @@ using namespace courier::examples;
 using namespace courier::hub::serialisation;
 using Clock = std::chrono::steady_clock;
 
-struct Options {
+struct Options : Sending {
+    Options() { threads = 4; } // most of the time they wait for the servers
     Place place;
-    std::vector<std::string> files;
-    std::vector<std::string> formats{"*"};
-    std::size_t threads = 4; // most of the time they wait for the servers
     std::size_t copies = 1;
     bool isVerbose = false;
 };
@@ -295,35 +292,15 @@ int main(int argc, char** argv) {
                  "this project.",
                  "sender");
     addOptions(app, options.place);
-    app.add_option("files", options.files, "The files to send")->type_name("FILE");
-    app.add_option("-f,--format", options.formats,
-                   "Wire format: once for all files, or once for each of them; * takes the one "
-                   "registered first")
-        ->allow_extra_args(false)
-        ->type_name("FORMAT")
-        ->capture_default_str();
-    app.add_option("-t,--threads", options.threads, "Threads that write and send")
-        ->check(CLI::Range(1, 256))
-        ->type_name("N")
-        ->capture_default_str();
+    options.addTo(app, "write and send");
     app.add_option("--copies", options.copies, "Send the files so many times")
         ->check(CLI::Range(1, 1'000'000))
         ->type_name("N")
         ->capture_default_str();
     app.add_flag("-v,--verbose", options.isVerbose,
                  "Print a line for each element: run, number, wire format, bytes, CRC-32, parts");
-    CLI11_PARSE(app, argc, argv);
-
-    stop_source const stop;
-    stopOnInterrupt(stop);
-    Modules modules; // outlives everything that comes out of the catalogue
-    try {
-        Catalogue catalogue;
-        modules.load(moduleDirectory(), catalogue);
+    return run(app, argc, argv, "sender", [&](auto const& catalogue, stop_source stop) {
         auto [elements, formats] = load(options, catalogue);
         return Run(options, std::move(elements), std::move(formats), catalogue, stop).run();
-    } catch (std::exception const& error) {
-        std::cerr << "sender: " << error.what() << '\n';
-        return 1;
-    }
+    });
 }

@@ -4,7 +4,6 @@
 
 #include "Coding.h"
 #include "Messages.h"
-#include "Modules.h"
 #include "Options.h"
 #include "Program.h"
 #include "Text.h"
@@ -27,7 +26,7 @@ using namespace courier::hub::serialisation;
 struct Options {
     Place place;
     std::string name;
-    std::uint64_t readLimit = std::uint64_t{4} << 30;
+    std::uint64_t readLimit = defaultReadLimit;
 };
 
 // The sender's parts are not there, or not any more.
@@ -178,24 +177,10 @@ int main(int argc, char** argv) {
     app.add_option("-n,--name", options.name, "What the sender's table calls it")
         ->type_name("NAME")
         ->capture_default_str();
-    app.add_option("--read-limit", options.readLimit,
-                   "The most memory that reading one element may take")
-        ->transform(CLI::AsSizeValue(false))
-        ->type_name("SIZE")
-        ->default_str("4GiB");
-    CLI11_PARSE(app, argc, argv);
-
-    stop_source const stop;
-    stopOnInterrupt(stop);
-    Modules modules; // outlives everything that comes out of the catalogue
-    try {
-        Catalogue catalogue;
-        modules.load(moduleDirectory(), catalogue);
+    addReadLimit(app, options.readLimit);
+    return run(app, argc, argv, options.name, [&](auto const& catalogue, stop_source const& stop) {
         limitReads(catalogue, options.readLimit);
         Worker(options, catalogue).run(stop.get_token());
         return 0;
-    } catch (std::exception const& error) {
-        std::cerr << options.name << ": " << error.what() << '\n';
-        return 1;
-    }
+    });
 }

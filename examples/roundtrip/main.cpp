@@ -2,7 +2,6 @@
 // Sends files as one payload, receives them again and compares: an example of a program whose
 // serialisers come from modules.
 
-#include "Modules.h"
 #include "Program.h"
 #include "Report.h"
 #include "Transfer.h"
@@ -11,14 +10,11 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <iostream>
 #include <optional>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -26,11 +22,8 @@ namespace {
 using namespace courier::examples;
 using namespace courier::hub::serialisation;
 
-struct Options {
-    std::vector<std::string> files;
-    std::vector<std::string> formats{"*"};
-    std::size_t threads = std::max(1U, std::thread::hardware_concurrency());
-    std::uint64_t readLimit = std::uint64_t{4} << 30;
+struct Options : Sending {
+    std::uint64_t readLimit = defaultReadLimit;
     std::optional<std::uint32_t> cancelAfter; // milliseconds
     bool list = false;
 };
@@ -62,7 +55,8 @@ int conclude(std::vector<Element> const& elements, Transfer const& result, bool 
     return 1;
 }
 
-int run(Options const& options, SerialisationCatalogue const& catalogue, stop_source stop) {
+int sendAndReceive(Options const& options, SerialisationCatalogue const& catalogue,
+                   stop_source stop) {
     if (options.list) {
         printTypes(std::cout, catalogue);
         return 0;
@@ -107,40 +101,13 @@ int main(int argc, char** argv) {
         "Sends files as one payload, receives them again and compares. A .json file is sent "
         "as a Document, any other as a Blob. Without files, takes some of this project.",
         "roundtrip");
-    app.add_option("files", options.files, "The files to send")->type_name("FILE");
-    app.add_option("-f,--format", options.formats,
-                   "Wire format: once for all files, or once for each of them; * takes the one "
-                   "registered first")
-        ->allow_extra_args(false)
-        ->type_name("FORMAT")
-        ->capture_default_str();
-    app.add_option("-t,--threads", options.threads, "Threads that write and read")
-        ->check(CLI::Range(1, 256))
-        ->type_name("N")
-        ->capture_default_str();
+    options.addTo(app, "write and read");
     app.add_option("--cancel-after", options.cancelAfter, "Ask for a stop after this time")
         ->check(CLI::NonNegativeNumber)
         ->type_name("MS");
-    app.add_option("--read-limit", options.readLimit,
-                   "The most memory that reading one element may take")
-        ->transform(CLI::AsSizeValue(false))
-        ->type_name("SIZE")
-        ->default_str("4GiB");
+    addReadLimit(app, options.readLimit);
     app.add_flag("--list", options.list, "Print the types, and the wire formats of each");
-    CLI11_PARSE(app, argc, argv);
-
-    stop_source const stop;
-    stopOnInterrupt(stop);
-
-    // The order matters. Records, serialisers, elements that were read and even exceptions may
-    // refer to code of the modules, so the modules come first and go last.
-    Modules modules;
-    try {
-        Catalogue catalogue;
-        modules.load(moduleDirectory(), catalogue);
-        return run(options, catalogue, stop);
-    } catch (std::exception const& error) {
-        std::cerr << "roundtrip: " << error.what() << '\n';
-        return 1;
-    }
+    return run(app, argc, argv, "roundtrip", [&](auto const& catalogue, stop_source stop) {
+        return sendAndReceive(options, catalogue, std::move(stop));
+    });
 }

@@ -3,9 +3,6 @@
 #include <courier/hub/serialisation/FanOut.h>
 #include <courier/hub/serialisation/Streams.h>
 
-#include <cstddef>
-#include <string_view>
-
 using namespace courier::hub::serialisation;
 using courier::hub::core::GenericPayload;
 
@@ -42,8 +39,7 @@ int main() {
 
     GenericPayload payload;
     payload.add(std::make_shared<Price>(Price{1999}));
-    auto const own = [](int* number) { return std::shared_ptr<int>(number); };
-    payload.add(own(new int(42)));
+    payload.add(std::shared_ptr<int>(new int(42)));
     payload.add(std::shared_ptr<Price>());
     GenericPayload moved;
     moved.elementCount = 2;
