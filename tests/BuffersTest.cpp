@@ -18,6 +18,25 @@ TEST(ByteBuffer, TakesOverWithoutCopying) {
     EXPECT_THROW(ByteBuffer(ByteBuffer::Block(&local, nullptr), 1), std::invalid_argument);
 }
 
+TEST(ByteBuffer, KeepsItsDeleterAndLetsItLookAtTheBuffer) {
+    int freed = 0;
+    auto const captured = std::make_shared<int>();
+    ByteBuffer buffer;
+    auto const free = [&, captured](void*) {
+        ++freed;
+        buffer.clear(); // there is nothing left to free
+    };
+    for (auto const empty :
+         {+[](ByteBuffer& b) { b.clear(); }, +[](ByteBuffer& b) { b.resize(0); }}) {
+        buffer = ByteBuffer(ByteBuffer::Block(&freed, free), 1);
+        empty(buffer);
+        EXPECT_EQ(captured.use_count(), 3);
+    }
+    buffer = ByteBuffer();
+    EXPECT_EQ(captured.use_count(), 2);
+    EXPECT_EQ(freed, 2);
+}
+
 TEST(ByteBuffer, RefusesLengthsBeforeTheyWrap) {
     static std::byte byte{};
     static std::byte* volatile const somewhere = &byte; // no compiler knows how much is there
