@@ -39,7 +39,8 @@ int main() {
 
     GenericPayload payload;
     payload.add(std::make_shared<Price>(Price{1999}));
-    payload.add(std::shared_ptr<int>(new int(42)));
+    auto const own = [](int* number) { return std::shared_ptr<int>(number); };
+    payload.add(own(new int(42)));
     payload.add(std::shared_ptr<Price>());
     GenericPayload moved;
     moved.elementCount = 2;
