@@ -18,23 +18,53 @@ TEST(ByteBuffer, TakesOverWithoutCopying) {
     EXPECT_THROW(ByteBuffer(ByteBuffer::Block(&local, nullptr), 1), std::invalid_argument);
 }
 
-TEST(ByteBuffer, KeepsItsDeleterAndLetsItLookAtTheBuffer) {
-    int freed = 0;
+TEST(ByteBuffer, KeepsItsDeleterWithTheBlockAndBeyond) {
+    int local = 0;
     auto const captured = std::make_shared<int>();
-    ByteBuffer buffer;
-    auto const free = [&, captured](void*) {
-        ++freed;
-        buffer.clear(); // there is nothing left to free
+    auto const adopt = [&](auto deleter) {
+        return ByteBuffer(ByteBuffer::Block(&local, std::move(deleter)), sizeof(local));
     };
-    for (auto const empty :
-         {+[](ByteBuffer& b) { b.clear(); }, +[](ByteBuffer& b) { b.resize(0); }}) {
-        buffer = ByteBuffer(ByteBuffer::Block(&freed, free), 1);
-        empty(buffer);
-        EXPECT_EQ(captured.use_count(), 3);
+    for (bool const isEmptied : {false, true}) {
+        ByteBuffer buffer = adopt([captured](void*) {}); // small, so that a std::function holds it
+        if (isEmptied) {
+            buffer.resize(0);
+        }
+        ByteBuffer constructed(std::move(buffer));
+        ByteBuffer assigned;
+        assigned = std::move(constructed);
+        EXPECT_EQ(captured.use_count(), 2); // all of them are still there
+        assigned = ByteBuffer();
+        EXPECT_EQ(captured.use_count(), 1);
     }
-    buffer = ByteBuffer();
-    EXPECT_EQ(captured.use_count(), 2);
-    EXPECT_EQ(freed, 2);
+
+    // One that looks at its buffer finds it whole, whatever frees the block.
+    std::vector<std::size_t> seen;
+    ByteBuffer buffer;
+    auto const look = [&](void*) { seen.push_back(buffer.size()); };
+    buffer = adopt(look);
+    buffer.clear();
+    buffer = adopt(look);
+    buffer = adopt(look);
+    buffer = ByteBuffer(3);
+    EXPECT_EQ(seen, (std::vector<std::size_t>{0, sizeof(local), 3}));
+}
+
+TEST(ByteBuffer, TakesOverWhatItsOwnBlockKeptAlive) {
+    struct Message {
+        ByteBuffer next = ByteBuffer(bytes("next"));
+    };
+    for (bool const isReset : {false, true}) {
+        auto message = std::make_shared<Message>();
+        ByteBuffer& next = message->next;
+        ByteBuffer head(ByteBuffer::Block(message.get(),
+                                          [message, isReset](void*) mutable {
+                                              isReset ? message.reset() : void();
+                                          }),
+                        1);
+        message.reset();
+        head = std::move(next);
+        EXPECT_EQ(text(head), "next");
+    }
 }
 
 TEST(ByteBuffer, RefusesLengthsBeforeTheyWrap) {

@@ -328,8 +328,9 @@ static_assert(std::is_trivially_copyable_v<ByteBufferView>);
 /// the routine that frees it: received data is not copied. The deleter is called exactly once, with
 /// the address that was handed over, when the block is no longer needed: by clear(), the first
 /// append(), push_back() or resize(), a move assignment into the buffer, or the destructor. It runs
-/// on the thread that does so, must not be empty and must not throw. With all that it captured it
-/// stays in the buffer until another content is moved there, or the buffer ends:
+/// on the thread that does so, must not be empty and must not throw. A buffer that has given its
+/// block back keeps the deleter and what that captured: they go along when it is moved, and end
+/// when something else is moved in or the buffer ends:
 ///
 ///     ByteBuffer good({std::malloc(n), [](void* p) { std::free(p); }}, n);
 ///     ByteBuffer bad({borrowed, [](void*) {}}, n);  // nobody keeps `borrowed` alive: use a view
@@ -384,13 +385,13 @@ public:
 
     /// Frees what this buffer held, the block by its own deleter, before it returns.
     ByteBuffer& operator=(ByteBuffer&& other) noexcept {
-        if (this != &other) {
-            releaseBlock();
-            std::destroy_at(&owned_);
-            std::destroy_at(&deleter_); // an assignment would go through a third one
-            std::construct_at(&deleter_, takeDeleter(other.deleter_));
-            start_ = other.start_;
-            takeBytes(other);
+        if (start_ != nullptr || deleter_) {
+            // What goes with a block may own `other`, or look at this buffer: it goes last.
+            ByteBuffer taken(std::move(other));
+            ByteBuffer const former(std::move(*this));
+            replaceBy(taken);
+        } else if (this != &other) {
+            replaceBy(other);
         }
         return *this;
     }
@@ -568,7 +569,7 @@ private:
         }
     }
 
-    // To be called where start_ is the other's already, and owned_ not there.
+    // To be called where start_ is the other's already, and neither member of the union lives.
     void takeBytes(ByteBuffer& other) noexcept {
         if (start_ != nullptr) {
             external_ = other.external_;
@@ -577,6 +578,16 @@ private:
         } else {
             std::construct_at(&owned_, std::move(other.owned_));
         }
+    }
+
+    // To be called without a block and a deleter.
+    void replaceBy(ByteBuffer& other) noexcept {
+        std::destroy_at(&owned_);
+        // Half the cost of an assignment, which swaps with a std::function of its own.
+        std::destroy_at(&deleter_);
+        std::construct_at(&deleter_, takeDeleter(other.deleter_));
+        start_ = other.start_;
+        takeBytes(other);
     }
 
     void appendBeyondRoom(ByteBufferView view);
@@ -591,7 +602,7 @@ private:
 
     Deleter deleter_;
     std::byte* start_ = nullptr; // first live byte of the block; null in vector form
-    union {                      // by that form; one for both makes a buffer cheap to move
+    union {                      // external_ lives while start_ is not null, owned_ otherwise
         External external_;
         std::vector<std::byte> owned_;
     };
