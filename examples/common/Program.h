@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
@@ -31,7 +30,7 @@ using Program = std::function<int(hub::serialisation::SerialisationCatalogue con
 /// Requests a stop at the first Control-C, or the first request to terminate; from a second later
 /// on, another one ends the program at once. Call this before any other thread starts: those
 /// started later must not take the signals themselves. What `program` throws goes to standard
-/// error, behind the name. Returns the exit status.
+/// error, behind the name, which may be one that the command line sets. Returns the exit status.
 [[nodiscard]] int run(CLI::App& app, int argc, char** argv, std::string const& name,
                       Program const& program);
 
