@@ -97,9 +97,10 @@ def all_rows(compiler):
                    f"{level}_{operation}/65536", "pointer vector",
                    *([faster(factor, peer)] if factor else []), ours=f"courier_{form}")
 
-    def counted(title, work, peers, *reaches, is_short=True):
-        in_instructions = Row("… in instructions", f"instructions/{work}", peers, unit="")
-        return (Row(title, work, peers, *reaches), *([in_instructions] if is_short else []))
+    def counted(title, work, peers, *reaches):
+        """Two rows, of which the second is shown where the benchmark counts its instructions."""
+        return (Row(title, work, peers, *reaches),
+                Row("… in instructions", f"instructions/{work}", peers, unit=""))
 
     return {
         "Buffers": [
@@ -117,8 +118,7 @@ def all_rows(compiler):
               for row in counted(f"open and read {bytes_text(n)}", f"read/{n}", streams,
                                  within(1.1, "ispanstream"),
                                  faster(10 if n > 1 << 20 else 2, "istringstream"),
-                                 *([faster(0.95, "limit")] if n >= 1 << 20 else []),
-                                 is_short=n <= 4096)),
+                                 *([faster(0.95, "limit")] if n >= 1 << 20 else []))),
             *(Row(f"{title}, 64 KiB", f"{work}/65536", streams, within(1.1, "ispanstream"))
               for work, title in (("getline", "getline"), ("numbers", ">> of numbers"),
                                   ("sbumpc", "sbumpc"))),
@@ -129,8 +129,7 @@ def all_rows(compiler):
             *(row for n in sizes
               for row in counted(f"write {bytes_text(n)} of CBOR and take it", f"write_cbor/{n}",
                                  "ostringstream ostringstream_copy vector",
-                                 faster(1, "ostringstream", "ostringstream_copy"),
-                                 is_short=n <= 1024))],
+                                 faster(1, "ostringstream", "ostringstream_copy")))],
         "Walking over 64 KiB": [
             walk(level, operation, form)
             for level, operations in (("O2", "sum find equal"), ("O3", "copy construct"))
@@ -140,7 +139,7 @@ def all_rows(compiler):
               for row in counted(f"hasDeserialiserFor, {n:,} records", f"has/{n}", locked,
                                  no_allocation,
                                  *([faster(factor, *ordered.split())] if factor else []),
-                                 faster(1, "flat_hash_map"), is_short=n <= 256)),
+                                 faster(1, "flat_hash_map"))),
             *(Row(f"two threads against one, {n:,} records", f"scaling/{n}",
                   f"{locked} shared_mutex",
                   ("1.7×", lambda f, row: f[row.ours]["value"] / 1.7), unit="×")
@@ -148,7 +147,7 @@ def all_rows(compiler):
             *(row for n in records
               for row in counted(f"getSerialiserFor, a record of {n:,}", f"get_record/{n}", locked,
                                  at_most("search + 110 ns", value(f"has/{n}/courier", plus=110)),
-                                 allocations(1, "1 allocation"), is_short=n <= 256)),
+                                 allocations(1, "1 allocation"))),
             Row("the same, long name, large factories", "get_heavy_record/1", "",
                 allocations(5, "5 allocations")),
             *(row for n in records
@@ -156,8 +155,7 @@ def all_rows(compiler):
                                  locked,
                                  at_most("search + factory",
                                          lambda f, n=n: f[f"has/{n}/courier"]["value"] +
-                                         f[f"factory/{n}/courier"]["value"]),
-                                 is_short=n <= 256))],
+                                         f[f"factory/{n}/courier"]["value"])))],
         "Fan-out: create and destroy a serialiser for each element": [
             *(Row(f"{n:,} element{'s' * (n > 1)}", f"fan_out/{n}", "shared_ptr deep_copy",
                   within(1.7, "shared_ptr") if n <= 10000 else
@@ -176,8 +174,7 @@ def all_rows(compiler):
                 ("adopt and decode", "road_decode", "vector", [within(1.05, "vector")]),
                 ("encode, adopt, decode", "road", "vector", []))
               for n in sizes
-              for row in counted(f"{title} {bytes_text(n)}", f"{work}/{n}", peers, *reaches,
-                                 is_short=n <= 1024))],
+              for row in counted(f"{title} {bytes_text(n)}", f"{work}/{n}", peers, *reaches))],
         "Including one header": [
             Row(pathlib.Path(header).name, f"include/{header}", "std", within(1.2, "std"))
             for header in CONTRACTS]}
