@@ -139,6 +139,10 @@ struct Run {
                     builtin.getTypeIDs().empty());
             require(written(builtin.getSerialiser(viewOf(ids, 0))).empty());
             require(written(builtin.getSerialiser(viewOf(ids, 0), stop_source())).empty());
+            std::istringstream unread("x");
+            require(catalogue.getDeserialiserFor(format, voidID)(unread).elementCount == 0 &&
+                    unread.tellg() == 0);
+            require(written(catalogue.getSerialiserFor(format, GenericPayload())).empty());
             require(catalogue.getSupportedWireFormats(ids) == formats(serialisers, hasList));
             require(catalogue.getSupportedWireFormats(id) ==
                     (isVoid ? Formats{"builtin"} : formats(serialisers, hasID(id))));

@@ -33,8 +33,26 @@ std::size_t allocations() { return made; }
 std::size_t unfreed() { return made - freed; }
 } // namespace tests
 
-// Those for arrays call these. An aligned allocation does not fail: the catalogue makes one, first
-// of all.
+// Those for arrays call these.
 void* operator new(std::size_t size) { return allocate(size); }
 void operator delete(void* block) noexcept { release(block); }
 void operator delete(void* block, std::size_t) noexcept { release(block); }
+
+// The start of the whole block lies before the aligned one.
+void* operator new(std::size_t size, std::align_val_t alignment) {
+    auto const step = static_cast<std::size_t>(alignment);
+    auto* const block = static_cast<char*>(allocate(size + step));
+    char* const aligned = block + step - reinterpret_cast<std::uintptr_t>(block) % step;
+    std::memcpy(aligned - sizeof(block), &block, sizeof(block));
+    return aligned;
+}
+void operator delete(void* aligned, std::align_val_t) noexcept {
+    if (aligned != nullptr) {
+        void* block = nullptr;
+        std::memcpy(&block, static_cast<char*>(aligned) - sizeof(block), sizeof(block));
+        release(block);
+    }
+}
+void operator delete(void* aligned, std::size_t, std::align_val_t alignment) noexcept {
+    operator delete(aligned, alignment);
+}

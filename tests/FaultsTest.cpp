@@ -107,7 +107,7 @@ struct World {
 };
 
 // What remains of the strong guarantee when the operation fails.
-enum Left { all, allButPayload };
+enum Left { all, allButPayload, allButRecord };
 
 using Operation = std::tuple<char const*, Left, void (*)(World&)>;
 #define DO_BUT(left, ...)                                                                          \
@@ -149,9 +149,11 @@ constexpr Operation operations[] = {
     DO(DeferredSerialiser(w.careless)(w.sent)),
     DO(DeferredSerialiser made(w.careless); w.deferred = made),
     DO(Serialiser made(w.newRecord)),
+    DO_BUT(allButRecord, w.record = w.newRecord),
     DO(w.record = Serialiser(w.newRecord)),
     DO(Deserialiser made(w.newReadRecord)),
     DO(w.readRecord = w.newReadRecord),
+    DO(Catalogue made),
     DO(w.catalogue.add(Serialiser(w.newRecord))),
     DO(w.catalogue.add(Deserialiser(w.newReadRecord))),
     DO(w.catalogue.add(carelessRecord("0", elementID))),
@@ -193,7 +195,9 @@ bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
         }
         EXPECT_EQ(stopFailing(), failed) << "swallowed";
         if (failed) {
-            if (left == allButPayload && world.payload.values.empty()) {
+            if (left == allButRecord) {
+                world.record = carelessRecord("old", 1);
+            } else if (left == allButPayload && world.payload.values.empty()) {
                 EXPECT_EQ(destroyed, 2) << "gone, but not destroyed";
                 world.payload = payloadOf(2, destroyed);
                 destroyed -= 2; // in place of these

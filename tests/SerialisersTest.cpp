@@ -105,6 +105,10 @@ TEST(Records, CallTheFactoryForTheArgumentsAndNoOther) {
     Serialiser other("", 0, {}, nullptr, nullptr, nullptr);
     EXPECT_EQ(show(object), "Format:3 made by view made by stop made by payload");
     EXPECT_EQ(passOn(object, other, show), ":0 empty empty empty");
+    GenericPayloadView view = viewOf({1}, 0);
+    EXPECT_THROW(discard(object.getSerialiser(std::move(view), {})), std::bad_function_call);
+    EXPECT_THROW(discard(object.getSerialiser(std::move(view))), std::bad_function_call);
+    EXPECT_TRUE(view.wrapper); // nothing was taken
     EXPECT_EQ(other.getTypeID(), 7U);
     EXPECT_EQ(other.getTypeIDs(), (IDs{7, 3, 7}));
 

@@ -67,7 +67,8 @@ template <class T> std::string passOn(T& object, T& other, auto show) {
     std::string const shown = show(object);
     T& itself = object;
     if constexpr (std::is_copy_assignable_v<T>) {
-        // Not where `constructed` comes to be: ThreadSanitizer would take their locks for one.
+        // On the heap: if it lay where `constructed` will, ThreadSanitizer would take the locks of
+        // both for one.
         auto const copy = std::make_unique<T>(object);
         EXPECT_EQ(show(*copy), shown);
         *copy = other;
