@@ -91,7 +91,7 @@ TEST(DeferredSerialiser, CopiesAndMovesAsItsRoutine) {
     EXPECT_EQ(show(counting), "1"); // not what its copy counts
     DeferredSerialiser object([](std::ostream& stream) { stream << "x"; });
     EXPECT_EQ(show(object), "x");
-    EXPECT_EQ(passOn(object, counting, show), "empty");
+    passOn(object, counting, show); // what a std::function leaves behind is up to the library
 }
 
 TEST(Records, CallTheFactoryForTheArgumentsAndNoOther) {
