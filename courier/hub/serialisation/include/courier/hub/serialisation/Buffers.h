@@ -327,10 +327,10 @@ static_assert(std::is_trivially_copyable_v<ByteBufferView>);
 /// In external form the bytes are a block that was allocated elsewhere and adopted together with
 /// the routine that frees it: received data is not copied. The deleter is called exactly once, with
 /// the address that was handed over, when the block is no longer needed: by clear(), the first
-/// append(), push_back() or resize(), a move assignment into the buffer, or the destructor. It runs
-/// on the thread that does so, must not be empty and must not throw. A buffer that has given its
-/// block back keeps the deleter and what that captured: they go along when it is moved, and end
-/// when something else is moved in or the buffer ends:
+/// append(), push_back() or resize(), a move assignment into the buffer, or the destructor. A
+/// buffer that has given its block back keeps the deleter and what that captured: they go along
+/// when it is moved, and end when something else is moved in or the buffer ends. The deleter runs
+/// on the thread that gives the block back, must not be empty and must not throw:
 ///
 ///     ByteBuffer good({std::malloc(n), [](void* p) { std::free(p); }}, n);
 ///     ByteBuffer bad({borrowed, [](void*) {}}, n);  // nobody keeps `borrowed` alive: use a view
