@@ -33,4 +33,7 @@ TEST(GenericPayload, HoldsElementsByType) {
     EXPECT_THROW(discard(payload.get<unsigned>(0)), std::bad_cast);
     EXPECT_THROW(discard(payload.get<double>(1)), std::bad_cast); // without a value
     EXPECT_THROW(discard(payload.get<int>(2)), std::out_of_range);
+    GenericPayload const taken(std::move(payload));
+    EXPECT_TRUE(payload.typeIDs.empty() && payload.values.empty());
+    EXPECT_EQ(payload.elementCount + taken.elementCount, 4U);
 }

@@ -36,11 +36,13 @@ TEST(Buffers, CountPastFourGibibytes) {
     for (std::size_t at = 0; at < tile; ++at) {
         start[at] = std::byte(byteAt(at));
     }
-    auto const unmap = [](void* block) { munmap(block, huge); };
+    static int unmapped = 0;
+    auto const unmap = [](void* block) { unmapped += munmap(block, huge) == 0; };
     ByteBuffer const to(ByteBuffer::Block(target, unmap), huge);
     auto from = std::make_unique<ByteBuffer>(ByteBuffer::Block(start, unmap), huge);
     EXPECT_EQ(from->end() - from->begin(), static_cast<std::ptrdiff_t>(huge));
     EXPECT_EQ(&from->at(huge - 1), start + (huge - 1));
+    EXPECT_THROW(discard(from->at(huge)), std::out_of_range);
     ByteBufferView view = from->makeView(twoTo32 - 1, 0);
     EXPECT_EQ(view.size(), huge - (twoTo32 - 1));
     EXPECT_EQ(view.begin() + 1 - ByteBufferView(start, huge).begin(), twoTo32);
@@ -57,8 +59,11 @@ TEST(Buffers, CountPastFourGibibytes) {
 
     from->trimFront(twoTo32 - 1);
     ByteBufferIStreambuf rest(std::move(from));
+    EXPECT_EQ(rest.in_avail(), static_cast<std::streamsize>(huge - (twoTo32 - 1)));
     std::istream in(&rest);
     EXPECT_EQ(in.ignore(7).get(), byteAt(twoTo32 + 6));
+    rest = ByteBufferIStreambuf(ByteBufferView());
+    EXPECT_EQ(unmapped, 1);
 }
 
 } // namespace

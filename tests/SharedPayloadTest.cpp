@@ -28,7 +28,9 @@ TEST(SharedPayload, NamesItsElementsByView) {
     GenericPayloadView view(shared, 1);
     EXPECT_EQ(view.getTypeID(), getTypeID<Element>());
     EXPECT_EQ(&view.get<Element>(), &shared->get().get<Element>(1));
+    EXPECT_THROW(discard(view.get<int>()), std::bad_cast);
     EXPECT_THROW(discard(GenericPayloadView(shared, 2).getTypeID()), std::out_of_range);
+    EXPECT_THROW(discard(GenericPayloadView(shared, 2).get<int>()), std::out_of_range);
     GenericPayloadView const taken(std::move(view));
     EXPECT_THROW(discard(view.getTypeID()), std::out_of_range);
 }
