@@ -10,22 +10,19 @@ namespace {
 
 using FanOut = std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>>;
 
-// Stands for the result of a look-up where a serialiser is made of it, so that it is made in its
-// place in the vector: moving it there would lock its guard.
+// Converts to the result of a look-up. emplace_back() then constructs that in its place in the
+// vector: moving it there would lock its guard.
 template <class LookUp> struct Made {
     LookUp lookUp;
     operator GenericSerialiser() const { return lookUp(); }
 };
-template <class LookUp> Made(LookUp) -> Made<LookUp>; // newer compilers see it for themselves
+template <class LookUp> Made(LookUp) -> Made<LookUp>; // clang 14 needs it spelt out
 
 template <class LookUp> FanOut fanOut(core::GenericPayload&& payload, LookUp lookUp) {
-    auto made = std::make_unique<GenericPayloadWrapper>(std::move(payload));
-    GenericPayloadWrapperPtr const shared(made.get());
-    static_cast<void>(made.release()); // owned by its references from here on
-
+    auto const shared = GenericPayloadWrapperPtr::make(std::move(payload));
     std::size_t const count = shared->get().elementCount;
     std::vector<GenericSerialiser> serialisers;
-    // The count is only as good as the payload: one beyond its elements must fail in the look-up.
+    // The count may be wrong: one beyond the elements must fail in the look-up, not here.
     serialisers.reserve(std::min(count, shared->get().typeIDs.size()));
     for (std::size_t i = 0; i < count; ++i) {
         serialisers.emplace_back(Made{[&] { return lookUp(i, GenericPayloadView(shared, i)); }});
@@ -46,6 +43,13 @@ FanOut createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalog
                             std::string const& wireFormat) {
     return fanOut(std::move(payload), [&](std::size_t, GenericPayloadView&& view) {
         return catalogue.getSerialiserFor(wireFormat, std::move(view));
+    });
+}
+
+FanOut createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
+                            std::string const& wireFormat, stop_source stopSource) {
+    return fanOut(std::move(payload), [&](std::size_t, GenericPayloadView&& view) {
+        return catalogue.getSerialiserFor(wireFormat, std::move(view), stopSource);
     });
 }
 

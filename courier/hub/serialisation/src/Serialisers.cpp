@@ -2,8 +2,15 @@
 #include <courier/hub/serialisation/Serialisers.h>
 
 #include <ostream>
+#include <system_error>
 
 namespace courier::hub::serialisation {
+
+void throwIfStopped(stop_token const& token) {
+    if (token.stop_requested()) {
+        throw std::system_error(std::make_error_code(std::errc::operation_canceled));
+    }
+}
 
 // GenericSerialiser
 

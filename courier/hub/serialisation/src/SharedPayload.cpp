@@ -22,8 +22,8 @@ void GenericPayloadWrapperRefCount::release() noexcept {
             return;
         }
     }
-    // The mutex is unlocked before it goes with the object: no other reference is left from which
-    // another thread could reach it.
+    // Unlocked first, as the mutex is destroyed with the object. No other reference is left through
+    // which another thread could reach it.
     delete this;
 }
 

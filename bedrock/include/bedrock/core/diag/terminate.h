@@ -9,21 +9,21 @@
 /// @file
 /// The fatal diagnostic, and whether a broken invariant calls it.
 
-/// Whether a broken invariant ends the process. True unless bedrock_diag_set_terminate() said
-/// otherwise. Any thread may call it; it takes no lock.
+/// Whether a broken invariant ends the process: true unless bedrock_diag_set_terminate(false) was
+/// called. Thread-safe; takes no lock.
 [[nodiscard]] BEDROCK_EXPORT bool bedrock_diag_terminate() noexcept;
 
-/// Decides what bedrock_diag_terminate() answers from now on, in the whole process.
-/// @return what it answered before. Any thread may call it; it takes no lock.
+/// Sets what bedrock_diag_terminate() returns, for the whole process.
+/// @return the previous value. Thread-safe; takes no lock.
 BEDROCK_EXPORT bool bedrock_diag_set_terminate(bool terminate) noexcept;
 
 /// The fatal diagnostic.
 namespace bedrock::core::diag {
 
 /// The fatal diagnostic: writes one line with the message, the source position and the function to
-/// standard error, then calls std::abort. Any thread may call it.
+/// standard error, then calls std::abort. Thread-safe.
 [[noreturn]] BEDROCK_EXPORT void terminate(std::string const& message, char const* file, int line,
-                                           char const* function) noexcept;
+                                           char const* function);
 
 } // namespace bedrock::core::diag
 

@@ -20,13 +20,14 @@
 //   GenericPayloadView ─┼─▶ GenericPayloadWrapper ──▶ Sentinel ◀── whoever waits
 //   GenericPayloadView ─┘     payload, count
 //
-// When the last reference goes, the payload is destroyed first and the Sentinel released then.
+// When the last reference is dropped, the payload is destroyed and then the Sentinel is released.
 
 namespace courier::hub::serialisation {
 
-/// Tells whether a payload has been released. Goes from unreleased to released once, and never
-/// back. Every operation may be called from any thread at any time; a mutex that cannot be locked
-/// throws std::system_error.
+/// Tells whether a payload has been released. It becomes released once and stays so.
+///
+/// Neither copied nor moved; shared by std::shared_ptr. Thread-safe. Every operation throws
+/// std::system_error if the mutex cannot be locked.
 class Sentinel {
 public:
     Sentinel() = default;
@@ -34,41 +35,42 @@ public:
     Sentinel& operator=(Sentinel const&) = delete;
     ~Sentinel() = default;
 
-    /// Releases, and wakes all who wait. Called by the payload's holder.
+    /// Releases, and wakes all waiting threads. Called by the payload's holder.
     void notify() {
         {
-            std::lock_guard const lock(mutex_);
+            std::lock_guard<std::mutex> const lock(mutex_);
             released_ = true;
         }
         condition_.notify_all();
     }
 
-    /// Blocks until released; returns at once when it already is.
+    /// Blocks until released; returns at once if it already is.
     void wait() const {
-        std::unique_lock lock(mutex_);
+        std::unique_lock<std::mutex> lock(mutex_);
         condition_.wait(lock, [this] { return released_; });
     }
 
-    /// Blocks until released, but no longer than the given time. Any duration is fine: a negative
-    /// one only asks, one of years waits as wait() does.
+    /// Blocks until released, but no longer than the given time. Zero or less, or a duration that
+    /// is not a number, only polls; more than 365 days waits without limit.
     /// @return whether it is released.
     template <class Rep, class Period>
     bool waitFor(std::chrono::duration<Rep, Period> const& timeout) const {
-        // Neither a deadline that far off nor one before the clock's start can be computed.
+        // A deadline that far away, or before the clock's start, cannot be computed.
         std::chrono::duration<double> const seconds = timeout;
         if (seconds > std::chrono::hours(24 * 365)) {
             wait();
             return true;
         }
-        std::unique_lock lock(mutex_);
-        return seconds <= std::chrono::seconds(0)
-                   ? released_
-                   : condition_.wait_for(lock, timeout, [this] { return released_; });
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!(seconds > std::chrono::seconds(0))) { // false of a NaN, too
+            return released_;
+        }
+        return condition_.wait_for(lock, timeout, [this] { return released_; });
     }
 
-    /// Whether it is released, without blocking for it.
+    /// Whether it is released. Does not wait for that.
     [[nodiscard]] bool isReleased() const {
-        std::lock_guard const lock(mutex_);
+        std::lock_guard<std::mutex> const lock(mutex_);
         return released_;
     }
 
@@ -76,11 +78,12 @@ private:
     mutable std::mutex mutex_;
     mutable std::condition_variable condition_;
     bool released_ = false;           // guarded by mutex_
-    std::shared_ptr<void> keepAlive_; // part of the layout that modules compile in; not set here
+    std::shared_ptr<void> keepAlive_; // reserved: part of the ABI, never set here
 };
 
-/// The counting base of the shared payload. Made with a count of 0: whoever makes one takes the
-/// first reference, with a GenericPayloadWrapperPtr. Any thread may call any operation.
+/// The reference count of the shared payload. It starts at 0: whoever makes an object takes the
+/// first reference, with a GenericPayloadWrapperPtr. The count is a plain integer under a mutex,
+/// not an atomic one, because modules share this layout. Thread-safe.
 class COURIER_HUB_SERIALISATION_EXPORT GenericPayloadWrapperRefCount {
 public:
     /// Allocates the Sentinel. Throws std::bad_alloc.
@@ -88,16 +91,16 @@ public:
     GenericPayloadWrapperRefCount(GenericPayloadWrapperRefCount const&) = delete;
     GenericPayloadWrapperRefCount& operator=(GenericPayloadWrapperRefCount const&) = delete;
 
-    /// Releases the Sentinel; the payload is gone by then.
+    /// Releases the Sentinel. The payload is already destroyed.
     virtual ~GenericPayloadWrapperRefCount();
 
-    /// Adds one reference. Throws std::system_error when the mutex cannot be locked.
+    /// Adds one reference. Throws std::system_error if the mutex cannot be locked.
     void addRef();
 
-    /// Drops one reference; the last one deletes this object. A failing lock ends the process.
+    /// Drops one reference; the last one deletes this object. Terminates if the lock fails.
     void release() noexcept;
 
-    /// The Sentinel that tells when this object is gone. It may outlive it.
+    /// The Sentinel that tells when this object is destroyed. It may outlive this object.
     [[nodiscard]] std::shared_ptr<Sentinel> getSentinel() const;
 
 private:
@@ -106,11 +109,12 @@ private:
     std::mutex mutex_;
 };
 
-/// A payload on the heap, owned by the references to it. The payload itself is not guarded.
+/// A payload on the heap, owned by the references to it. The count is thread-safe; the payload is
+/// not guarded, so threads that share it may only read.
 class COURIER_HUB_SERIALISATION_EXPORT GenericPayloadWrapper
     : public GenericPayloadWrapperRefCount {
 public:
-    /// Takes the payload over. Throws std::bad_alloc; the argument is then intact.
+    /// Takes the payload over. Throws std::bad_alloc; the argument is then unchanged.
     explicit GenericPayloadWrapper(core::GenericPayload&& payload);
 
     /// Destroys the payload before the base releases the Sentinel.
@@ -124,16 +128,28 @@ private:
     core::GenericPayload payload_;
 };
 
-/// A counted reference to a shared payload, or null. One pointer in size. A moved-from one is null.
-/// Copying and dropping a reference locks the payload's mutex once; moving locks nothing.
-/// References to one payload may be copied and dropped on several threads at once.
+/// A counted reference to a shared payload, or null. One pointer in size; a moved-from one is null.
+///
+/// Copying and dropping a reference locks the payload's mutex once; moving locks nothing. Each
+/// object is thread-compatible; references to one payload may be copied and dropped on several
+/// threads at once.
 class GenericPayloadWrapperPtr {
 public:
     /// Null.
     GenericPayloadWrapperPtr() noexcept = default;
 
-    /// Refers to the wrapper, which may be null, and adds a reference unless told that the caller
-    /// hands his own over. Throws std::system_error when the mutex cannot be locked.
+    /// Moves the payload to the heap and refers to it: two allocations. Throws std::bad_alloc; the
+    /// argument is then unchanged.
+    [[nodiscard]] static GenericPayloadWrapperPtr make(core::GenericPayload&& payload) {
+        auto made = std::make_unique<GenericPayloadWrapper>(std::move(payload));
+        GenericPayloadWrapperPtr first(made.get());
+        static_cast<void>(made.release()); // owned by its references from here on
+        return first;
+    }
+
+    /// Refers to the wrapper, which may be null. Adds a reference, unless addReference is false:
+    /// the caller then passes on a reference that it holds. Throws std::system_error if the mutex
+    /// cannot be locked.
     explicit GenericPayloadWrapperPtr(GenericPayloadWrapper* wrapper, bool addReference = true)
         : wrapper_(wrapper) {
         if (wrapper_ != nullptr && addReference) {
@@ -141,14 +157,14 @@ public:
         }
     }
 
-    /// Adds a reference. Throws std::system_error when the mutex cannot be locked.
+    /// Adds a reference. Throws std::system_error if the mutex cannot be locked.
     GenericPayloadWrapperPtr(GenericPayloadWrapperPtr const& other)
         : GenericPayloadWrapperPtr(other.wrapper_) {}
     /// Takes the reference over.
     GenericPayloadWrapperPtr(GenericPayloadWrapperPtr&& other) noexcept
         : wrapper_(std::exchange(other.wrapper_, nullptr)) {}
 
-    /// As the constructors; drops the reference held before. When it throws, nothing has changed.
+    /// As the constructors; then drops the reference held before. Strong guarantee.
     GenericPayloadWrapperPtr& operator=(GenericPayloadWrapperPtr const& other) {
         return *this = GenericPayloadWrapperPtr(other);
     }
@@ -158,14 +174,14 @@ public:
         return *this;
     }
 
-    /// Drops the reference; the last one destroys the payload. A failing lock ends the process.
+    /// Drops the reference; the last one destroys the payload. Terminates if the lock fails.
     ~GenericPayloadWrapperPtr() {
         if (wrapper_ != nullptr) {
             wrapper_->release();
         }
     }
 
-    /// The wrapper, or null; it must not be null for `->` and `*`.
+    /// The wrapper, or null. Precondition of `->` and `*`: not null.
     [[nodiscard]] GenericPayloadWrapper* get() const noexcept { return wrapper_; }
     [[nodiscard]] GenericPayloadWrapper* operator->() const noexcept { return wrapper_; }
     [[nodiscard]] GenericPayloadWrapper& operator*() const noexcept { return *wrapper_; }
@@ -179,23 +195,36 @@ private:
 static_assert(std::is_nothrow_move_constructible_v<GenericPayloadWrapperPtr>);
 static_assert(std::is_nothrow_move_assignable_v<GenericPayloadWrapperPtr>);
 
-/// One element of a shared payload, which lives at least as long as the view. Copying costs what
-/// copying the counted reference costs; moving costs nothing and leaves a view of no payload.
+/// One element of a shared payload. The payload lives at least as long as the view.
+///
+/// Copying and destroying a view lock the payload's mutex once; moving locks nothing and leaves a
+/// view of no payload. Thread-compatible; views of one payload may be copied and destroyed on
+/// several threads at once.
 struct GenericPayloadView {
-    std::size_t index;                ///< the element that the view names
-    GenericPayloadWrapperPtr wrapper; ///< the payload that it shares
+    std::size_t index;                ///< the element's position in the payload
+    GenericPayloadWrapperPtr wrapper; ///< the shared payload
 
-    /// Names element `index` of the wrapper's payload; nothing is checked.
+    /// Refers to one element of the wrapper's payload. Nothing is checked.
     GenericPayloadView(GenericPayloadWrapperPtr payload, std::size_t element) noexcept
         : index(element), wrapper(std::move(payload)) {}
 
-    /// The type identifier of the element. Throws std::out_of_range past the end of the payload's
-    /// type identifiers, and for a moved-from view.
+    /// A copy adds a reference. Throws std::system_error if the mutex cannot be locked; strong
+    /// guarantee.
+    GenericPayloadView(GenericPayloadView const&) = default;
+    GenericPayloadView(GenericPayloadView&&) noexcept = default;
+    GenericPayloadView& operator=(GenericPayloadView const& other) {
+        return *this = GenericPayloadView(other); // all or nothing
+    }
+    GenericPayloadView& operator=(GenericPayloadView&&) noexcept = default;
+    ~GenericPayloadView() = default;
+
+    /// The type identifier of the element. Throws std::out_of_range if the index is not below the
+    /// number of type identifiers, or if the view is moved-from.
     [[nodiscard]] std::uint64_t getTypeID() const { return payload().typeIDs.at(index); }
 
     /// The element, whose type must be T. No lock guards it: serialisers of one payload that run at
-    /// once may only read. Throws std::out_of_range past the end and for a moved-from view,
-    /// std::bad_cast when the element has another type, or no value.
+    /// once may only read. Throws what core::GenericPayload::get() throws, and std::out_of_range if
+    /// the view is moved-from.
     template <class T> [[nodiscard]] T& get() const { return payload().get<T>(index); }
 
 private:

@@ -1,0 +1,246 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_HUB_SERIALISATION_REGISTRATION_H
+#define COURIER_HUB_SERIALISATION_REGISTRATION_H
+
+#include <courier/hub/serialisation/Catalogue.h>
+#include <courier/hub/serialisation/Export.h>
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+// Registers how types are written and read, by two functions for each wire format:
+//
+//     void writePrice(Price const& price, std::ostream& out) { out << price.cents << '\n'; }
+//     Price readPrice(std::istream& in) {
+//         Price price{};
+//         if (!(in >> price.cents)) {
+//             throw std::runtime_error("not a price");
+//         }
+//         return price;
+//     }
+//
+//     addFormat<Price>(catalogue, "text", writePrice, readPrice);
+//
+// A thin layer over the records of Serialisers.h: what it does can be written by hand with them, at
+// the same cost.
+
+namespace courier::hub::serialisation {
+
+/// A type that a payload can hold: an object type without const, volatile and reference.
+template <class T>
+concept ElementType =
+    std::is_object_v<T> && !std::is_const_v<T> && !std::is_volatile_v<T> && !std::is_array_v<T>;
+
+namespace detail {
+
+// What a reader returns: the element itself or, for several, a tuple of them.
+template <class... Elements> struct Read { using Type = std::tuple<Elements...>; };
+template <class Element> struct Read<Element> { using Type = Element; };
+
+template <class F, class Result, class... Arguments>
+concept Returns = std::invocable<F const&, Arguments...> &&
+    std::same_as<std::invoke_result_t<F const&, Arguments...>, Result>;
+
+} // namespace detail
+
+/// What addFormat() and addWriter() take: `write(elements..., std::ostream&)`, called with each
+/// element as `Element const&`. It returns nothing: it reports a failure by an exception or by the
+/// state of the stream, never by a result that nobody reads.
+template <class Write, class... Elements>
+concept WritesWithoutToken = detail::Returns<Write, void, Elements const&..., std::ostream&>;
+
+/// The same with a token: `write(elements..., std::ostream&, stop_token const&)`.
+template <class Write, class... Elements>
+concept WritesWithToken =
+    detail::Returns<Write, void, Elements const&..., std::ostream&, stop_token const&>;
+
+/// What writes elements of these types, with a token or without. It can be copied and called as
+/// const, as several threads may call it at once.
+template <class Write, class... Elements>
+concept WriterOf = std::copy_constructible<Write> &&
+    (WritesWithoutToken<Write, Elements...> || WritesWithToken<Write, Elements...>);
+
+/// What addFormat() and addReader() take: `read(std::istream&)`. It returns the element (for
+/// several types, a std::tuple of the elements) by value, by std::unique_ptr or by std::shared_ptr;
+/// a reference is refused, as nobody would own the element. It can be copied and called as const.
+template <class Read, class... Elements>
+concept ReaderOf = std::copy_constructible<Read> &&
+    (detail::Returns<Read, typename detail::Read<Elements...>::Type, std::istream&> ||
+     detail::Returns<Read, std::unique_ptr<typename detail::Read<Elements...>::Type>,
+                     std::istream&> ||
+     detail::Returns<Read, std::shared_ptr<typename detail::Read<Elements...>::Type>,
+                     std::istream&>);
+
+namespace detail {
+
+COURIER_HUB_SERIALISATION_EXPORT void requireName(std::string const& wireFormat);
+[[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void
+throwOtherElements(core::GenericPayload const& payload, std::size_t expected);
+[[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwNothingRead();
+
+template <class Write, class... Elements>
+void callWriter(Write const& write, stop_token const& token, std::ostream& out,
+                Elements const&... elements) {
+    throwIfStopped(token);
+    if constexpr (WritesWithToken<Write, Elements...>) {
+        std::invoke(write, elements..., out, token);
+    } else {
+        std::invoke(write, elements..., out);
+    }
+}
+
+// The routine that writes one element of a shared payload; for several types, an element that is a
+// tuple of them. The view keeps the payload alive.
+template <class Write, class... Elements> struct ElementRoutine {
+    [[no_unique_address]] Write write;
+    GenericPayloadView view;
+
+    void operator()(stop_token const& token, std::ostream& out) const {
+        if constexpr (sizeof...(Elements) == 1) {
+            callWriter(write, token, out, std::as_const(view.get<Elements...>()));
+        } else {
+            std::apply([&](Elements const&... each) { callWriter(write, token, out, each...); },
+                       view.get<std::tuple<Elements...>>());
+        }
+    }
+};
+
+// The routine that writes a whole payload of several elements.
+template <class Write, class... Elements> struct PayloadRoutine {
+    [[no_unique_address]] Write write;
+    GenericPayloadWrapperPtr payload;
+
+    void operator()(stop_token const& token, std::ostream& out) const {
+        [&]<std::size_t... i>(std::index_sequence<i...>) {
+            callWriter(write, token, out,
+                       std::as_const(payload->get()).template get<Elements>(i)...);
+        }
+        (std::index_sequence_for<Elements...>());
+    }
+};
+
+template <class... Elements, class Write>
+Serialiser makeSerialiser(std::string const& wireFormat, Write write) {
+    using Routine = ElementRoutine<Write, Elements...>;
+    std::vector<std::uint64_t> const typeIDs{core::getTypeID<Elements>()...};
+    return Serialiser(
+        wireFormat, core::getTypeID<typename Read<Elements...>::Type>(), typeIDs,
+        [write](GenericPayloadView&& view) {
+            return GenericSerialiser(Routine{write, std::move(view)});
+        },
+        [write](GenericPayloadView&& view, stop_source&& stop) {
+            return GenericSerialiser(Routine{write, std::move(view)}, std::move(stop));
+        },
+        [write](core::GenericPayload&& payload) {
+            // Also found by the type of the first element: what follows must not be dropped.
+            if (payload.elementCount == 1) {
+                return GenericSerialiser(Routine{
+                    write,
+                    GenericPayloadView(GenericPayloadWrapperPtr::make(std::move(payload)), 0)});
+            }
+            if constexpr (sizeof...(Elements) > 1) {
+                if (payload.elementCount == sizeof...(Elements)) {
+                    return GenericSerialiser(PayloadRoutine<Write, Elements...>{
+                        write, GenericPayloadWrapperPtr::make(std::move(payload))});
+                }
+            }
+            throwOtherElements(payload, sizeof...(Elements));
+        });
+}
+
+template <class T> std::shared_ptr<T> requireElement(std::shared_ptr<T> element) {
+    if (!element) {
+        throwNothingRead();
+    }
+    return element;
+}
+
+template <class... Elements, class F> Deserialiser
+makeDeserialiser(std::string const& wireFormat, F const& read, std::shared_ptr<void> handle) {
+    using Element = typename Read<Elements...>::Type;
+    using Result = std::invoke_result_t<F const&, std::istream&>;
+    auto routine = [reader = std::move(read)](std::istream& in) {
+        core::GenericPayload payload;
+        if constexpr (sizeof...(Elements) > 1) {
+            auto const add = [&payload](Elements&... each) {
+                (payload.add(std::make_shared<Elements>(std::move(each))), ...);
+            };
+            if constexpr (std::same_as<Result, Element>) {
+                Element elements = std::invoke(reader, in);
+                std::apply(add, elements);
+            } else {
+                std::apply(add, *requireElement(std::shared_ptr<Element>(std::invoke(reader, in))));
+            }
+        } else if constexpr (std::same_as<Result, Element>) {
+            payload.add(std::make_shared<Element>(std::invoke(reader, in)));
+        } else {
+            payload.add(requireElement(std::shared_ptr<Element>(std::invoke(reader, in))));
+        }
+        return payload;
+    };
+    return Deserialiser(wireFormat, core::getTypeID<Element>(),
+                        GenericDeserialiser(std::move(routine), std::move(handle)));
+}
+
+} // namespace detail
+
+/// Registers how elements of a type are written in one wire format.
+///
+/// The serialisers throw std::system_error with std::errc::operation_canceled if a stop was
+/// requested before `write` is called; a `write` that takes the token decides how often it polls
+/// it (see throwIfStopped(), and StoppableOStream in IOStreams.h).
+///
+/// Of several types, registers one record for a payload of exactly these elements, in this order.
+/// It is found by their list of identifiers, and by the identifier of the std::tuple of them for an
+/// element that is such a tuple. The serialiser of a payload with another number of elements throws
+/// std::invalid_argument when it is looked up, so that no element is dropped.
+///
+/// Each factory keeps a copy of `write`, and each serialiser another one; several threads may call
+/// them at once. A serialiser takes one allocation, for its routine. A duplicate is handled as
+/// Catalogue::add() does. Throws std::invalid_argument if the wire format is empty or "*", which
+/// look-ups read as any wire format; std::bad_alloc; and what copying `write` throws. Strong
+/// guarantee. Thread-safe.
+template <ElementType Element, ElementType... More, WriterOf<Element, More...> Write>
+void addWriter(Catalogue& catalogue, std::string const& wireFormat, Write write) {
+    detail::requireName(wireFormat);
+    catalogue.add(detail::makeSerialiser<Element, More...>(wireFormat, std::move(write)));
+}
+
+/// Registers how elements of a type are read from one wire format. What `read` throws reaches the
+/// caller of the deserialiser; a null pointer that it returns throws std::logic_error.
+///
+/// Of several types, `read` returns a std::tuple of them and the deserialiser yields a payload of
+/// so many elements. It is found by the identifier of the tuple: `getDeserialiserFor(wireFormat,
+/// getTypeID<std::tuple<Order, Customer>>())`.
+///
+/// The handle is kept with the deserialiser and its copies. Otherwise as addWriter().
+template <ElementType Element, ElementType... More, ReaderOf<Element, More...> Read>
+void addReader(Catalogue& catalogue, std::string const& wireFormat, Read read,
+               std::shared_ptr<void> handle = {}) {
+    detail::requireName(wireFormat);
+    catalogue.add(
+        detail::makeDeserialiser<Element, More...>(wireFormat, std::move(read), std::move(handle)));
+}
+
+/// Registers both, the writer first. If the registration of the reader throws, that of the writer
+/// stays.
+template <ElementType Element, ElementType... More, WriterOf<Element, More...> Write,
+          ReaderOf<Element, More...> Read>
+void addFormat(Catalogue& catalogue, std::string const& wireFormat, Write write, Read read,
+               std::shared_ptr<void> handle = {}) {
+    addWriter<Element, More...>(catalogue, wireFormat, std::move(write));
+    addReader<Element, More...>(catalogue, wireFormat, std::move(read), std::move(handle));
+}
+
+} // namespace courier::hub::serialisation
+
+#endif
