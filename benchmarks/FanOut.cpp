@@ -3,6 +3,7 @@
 #include "Support.h"
 
 #include <courier/hub/serialisation/FanOut.h>
+#include <courier/hub/serialisation/Registration.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -15,15 +16,11 @@ using courier::hub::core::GenericPayload;
 using courier::hub::core::getTypeID;
 using namespace courier::hub::serialisation;
 
-} // namespace
-
 struct FanOutElement {
     std::uint64_t id = 1;
     std::string label = "a label that is too long for the string";
     std::vector<double> values = std::vector<double>(16);
 };
-
-namespace {
 
 using Routine = std::function<void(std::ostream&)>;
 
@@ -39,21 +36,35 @@ GenericPayload payloadOf(std::size_t n, std::shared_ptr<FanOutElement> const& el
     return payload;
 }
 
-auto createOurs(GenericPayload&& payload) {
-    static std::string const format = "plain";
-    static auto const catalogue = [] {
-        auto made = std::make_unique<Catalogue>();
-        made->add(Serialiser(
-            format, getTypeID<FanOutElement>(), {getTypeID<FanOutElement>()},
-            [](GenericPayloadView&& view) {
-                return GenericSerialiser([view = std::move(view)](stop_token, std::ostream& out) {
+std::string const format = "plain";
+
+void addByLayer(Catalogue& catalogue) { addWriter<FanOutElement>(catalogue, format, write); }
+
+// What addWriter() does, written out.
+void addByHand(Catalogue& catalogue) {
+    catalogue.add(Serialiser(
+        format, getTypeID<FanOutElement>(), {getTypeID<FanOutElement>()},
+        [](GenericPayloadView&& view) {
+            return GenericSerialiser(
+                [view = std::move(view)](stop_token const& token, std::ostream& out) {
+                    throwIfStopped(token);
                     write(view.get<FanOutElement>(), out);
                 });
-            },
-            nullptr, nullptr));
+        },
+        nullptr, nullptr));
+}
+
+template <void (*addTo)(Catalogue&)> Catalogue const& catalogue() {
+    static auto const filled = [] {
+        auto made = std::make_unique<Catalogue>();
+        addTo(*made);
         return made;
     }();
-    return createSerialisersFor(std::move(payload), *catalogue, format);
+    return *filled;
+}
+
+auto createOurs(GenericPayload&& payload) {
+    return createSerialisersFor(std::move(payload), catalogue<addByLayer>(), format);
 }
 
 auto createSharing(GenericPayload&& payload) {
@@ -111,6 +122,41 @@ template <class Create> void addFanOut(std::size_t n, char const* who, Create cr
     };
     benchmark::RegisterBenchmark(name("fan_out", n, who).c_str(), body)->UseManualTime();
 }
+
+// Makes a payload, looks up, fans out and writes. Counted in instructions once for every hundred
+// times that it is asked for.
+template <void (*addTo)(Catalogue&)> void addLayer(char const* who) {
+    constexpr std::size_t elements = 10000;
+    auto const once = [](std::shared_ptr<FanOutElement> const& element) {
+        struct Discard : std::streambuf {
+            int_type overflow(int_type c) override { return traits_type::not_eof(c); }
+            std::streamsize xsputn(char const*, std::streamsize n) override { return n; }
+        } sink;
+        std::ostream out(&sink);
+        auto const created =
+            createSerialisersFor(payloadOf(elements, element), catalogue<addTo>(), format);
+        for (GenericSerialiser const& serialiser : created.first) {
+            serialiser(out);
+        }
+    };
+    auto const make = [=] {
+        return [=, element = std::make_shared<FanOutElement>()] { once(element); };
+    };
+    std::string const fullName = name("layer", elements, who);
+    add(fullName, make, elements);
+    constexpr std::size_t share = 100;
+    countedOperations().push_back({fullName, double{elements} / share, [=](std::size_t times) {
+                                       auto const operation = make();
+                                       for (std::size_t i = 0; i < times / share; ++i) {
+                                           operation();
+                                       }
+                                   }});
+}
+
+Family const layer([] {
+    addLayer<addByLayer>("courier");
+    addLayer<addByHand>("hand");
+});
 
 Family const fanOut([] {
     for (std::size_t const n : {1U, 100U, 10000U, 1000000U}) {

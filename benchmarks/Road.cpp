@@ -2,8 +2,8 @@
 // The whole road of a document: encoded to CBOR, adopted, decoded.
 #include "Support.h"
 
-#include <courier/hub/serialisation/Catalogue.h>
-#include <courier/hub/serialisation/Streams.h>
+#include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Registration.h>
 
 #include <nlohmann/json.hpp>
 
@@ -50,18 +50,12 @@ std::shared_ptr<RoadDocument> documentOf(std::size_t size) {
 Catalogue const& catalogue() {
     static auto const filled = [] {
         auto made = std::make_unique<Catalogue>();
-        made->add(Serialiser(format, getTypeID<RoadDocument>(), {getTypeID<RoadDocument>()},
-                             nullptr, nullptr, [](GenericPayload&& payload) {
-                                 auto shared = std::make_shared<GenericPayload>(std::move(payload));
-                                 return GenericSerialiser(
-                                     [shared = std::move(shared)](stop_token, std::ostream& out) {
-                                         Json::to_cbor(shared->get<RoadDocument>(0).value, out);
-                                     });
-                             }));
-        std::function<RoadDocument(std::istream&)> const read = [](std::istream& in) {
-            return RoadDocument{Json::from_cbor(in)};
-        };
-        made->add(Deserialiser(format, getTypeID<RoadDocument>(), GenericDeserialiser(read)));
+        addFormat<RoadDocument>(
+            *made, format,
+            [](RoadDocument const& document, std::ostream& out) {
+                Json::to_cbor(document.value, out);
+            },
+            [](std::istream& in) { return RoadDocument{Json::from_cbor(in)}; });
         return made;
     }();
     return *filled;
@@ -72,16 +66,14 @@ ByteBuffer encode(std::shared_ptr<RoadDocument> const& document) {
     GenericPayload payload;
     payload.add(document);
     auto const serialiser = catalogue().getSerialiserFor(format, std::move(payload));
-    ByteBufferOStreambuf sink;
-    std::ostream out(&sink);
+    ByteBufferOStream out;
     serialiser(out);
-    return sink.release();
+    return out.release();
 }
 
 GenericPayload decode(ByteBuffer bytes) {
     auto const deserialiser = catalogue().getDeserialiserFor(format, getTypeID<RoadDocument>());
-    ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(std::move(bytes)));
-    std::istream in(&source);
+    ByteBufferIStream in(std::move(bytes));
     return deserialiser(in);
 }
 

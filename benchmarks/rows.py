@@ -27,7 +27,7 @@ CONTRACTS = {
 # A reach is a text and a function of the figures and the row, whose result is 1 where it is just
 # met and more beyond.
 
-LABELS = {"zmq": "zmq_msg", "cord": "Cord", "multi_index": "MultiIndex", "deep_copy": "deep copies",
+LABELS = {"hand": "factories by hand", "zmq": "zmq_msg", "cord": "Cord", "multi_index": "MultiIndex", "deep_copy": "deep copies",
           "boost": "Boost", "hash": "run-time hash", "typeid": "typeid().hash_code",
           "ostringstream_copy": "the same copied", "std": "standard headers",
           "shared_mutex": "the lock alone"}
@@ -162,6 +162,9 @@ def all_rows(compiler):
                   at_most("linear: 2× that of 10,000", value("fan_out/10000/courier", 2)),
                   allocations(1 + 3 / n, "1 allocation, and 3 in all"))
               for n in (1, 100, 10000, 1000000)),
+            Row("addFormat: make, fan out and write 10,000 elements", "layer/10000", "hand"),
+            Row("… in instructions", "instructions/layer/10000", "hand", within(1.02, "hand"),
+                unit=""),
             Row("memory, 1,000,000 elements", "bytes/1000000", "shared_ptr deep_copy",
                 at_most("linear: 1.1× that of 10,000", value("bytes/10000/courier", 1.1)),
                 unit="B")],

@@ -12,9 +12,20 @@ write_basic_package_version_file(courier_hub_serialisation-config-version.cmake
 install(FILES
         ${CMAKE_CURRENT_BINARY_DIR}/courier_hub_serialisation-config.cmake
         ${CMAKE_CURRENT_BINARY_DIR}/courier_hub_serialisation-config-version.cmake
+        cmake/CourierModule.cmake
     DESTINATION ${package_dir} COMPONENT development)
 install(EXPORT courier_hub_serialisation-targets
     DESTINATION ${package_dir} COMPONENT development)
+
+# The guides, and the programs whose lines they show. They link to each other as in the project.
+install(FILES README.md SECURITY.md CHANGELOG.md
+    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
+install(DIRECTORY docs examples
+    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+    FILES_MATCHING
+    REGEX "/docs/([^/]*|guides/.*)\\.(md|svg)$"
+    REGEX "/examples/(quickstart|guides|modules)/.*"
+    REGEX "/examples/(common|courier|nats|roundtrip)$" EXCLUDE)
 
 # Relative to the file itself, so that an installed tree may be moved, where no directory was given as
 # an absolute one.

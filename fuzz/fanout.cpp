@@ -54,9 +54,10 @@ struct Run {
         payload.objects.emplace_back(this, [&](void*) {
             require(!sentinel || !sentinel->isReleased()); // the payload goes first
         });
-        std::size_t const overload = input.below(3);
-        payload.elementCount += !claimsMore ? 0 : overload == 0 ? std::size_t{1} << 62 : 1;
-        std::vector<std::size_t> formats(overload == 0 ? 1 : input.below(9));
+        bool const isOneForAll = input.flag();
+        bool const hasSource = input.flag();
+        payload.elementCount += !claimsMore ? 0 : isOneForAll ? std::size_t{1} << 62 : 1;
+        std::vector<std::size_t> formats(isOneForAll ? 1 : input.below(9));
         std::ranges::generate(formats, [&] { return input.below(32) % 9 % 6; });
         Formats wireFormats;
         for (std::size_t const format : formats) {
@@ -66,9 +67,9 @@ struct Run {
         std::vector<bool> kept; // by the serialiser of each element
         std::size_t sharers = 0;
         std::string expected;
-        bool const enough = overload == 0 || formats.size() >= payload.elementCount;
+        bool const enough = isOneForAll || formats.size() >= payload.elementCount;
         for (std::size_t i = 0; enough && expected.empty() && i < payload.elementCount; ++i) {
-            std::size_t const format = formats[overload == 0 ? 0 : i];
+            std::size_t const format = formats[isOneForAll ? 0 : i];
             expected = i < count ? outcomes[format] : pastEnd;
             kept.push_back(format < drop);
             sharers += format == share && expected.empty();
@@ -77,11 +78,12 @@ struct Run {
         std::vector<GenericSerialiser> made;
         std::string said;
         try {
+            auto const create = [&](auto const& formats, auto const&... stop) {
+                return createSerialisersFor(std::move(payload), catalogue, formats, stop...);
+            };
             auto result =
-                overload == 0 ? createSerialisersFor(std::move(payload), catalogue, wireFormats[0])
-                : overload == 1
-                    ? createSerialisersFor(std::move(payload), catalogue, wireFormats)
-                    : createSerialisersFor(std::move(payload), catalogue, wireFormats, source);
+                isOneForAll ? (hasSource ? create(wireFormats[0], source) : create(wireFormats[0]))
+                            : (hasSource ? create(wireFormats, source) : create(wireFormats));
             made = std::move(result.first);
             sentinel = result.second;
         } catch (std::bad_function_call const&) {

@@ -2,6 +2,8 @@
 // Whatever can fail fails, once at each point: memory, and what users hand in.
 #include "Support.h"
 
+#include <courier/hub/serialisation/Registration.h>
+
 #include <bedrock/core/diag/terminate.h>
 
 namespace {
@@ -30,6 +32,7 @@ struct Careless {
     }
     void operator()(std::ostream& out) const { point(), out << "w"; }
     int operator()(std::istream&) const { return point(), 7; }
+    void operator()(int const&, std::ostream& out) const { point(), out << "i"; }
 };
 
 struct CarelessSource final : ByteStreamImpl {
@@ -49,7 +52,7 @@ struct World {
     World(MakeBuffer make, Blocks& blocks, std::atomic<int>& destroyed)
         : buffer(make(blocks, "abcdefgh")), argument(blocks.adopt("more")),
           payload(payloadOf(2, destroyed)), element(std::make_shared<Element>(2, destroyed)),
-          shared(new GenericPayloadWrapper(payloadOf(1, destroyed))) {
+          shared(GenericPayloadWrapperPtr::make(payloadOf(1, destroyed))) {
         list.push_back(argument.clone());
         list.push_back(blocks.adopt("list"));
         sink.sputn("kept", 4);
@@ -71,6 +74,7 @@ struct World {
         out << readRecord.getWireFormat() << readRecord.getTypeID();
         out << valueRead(readRecord.getDeserialiser());
         deferred(out);
+        out << catalogue.getSupportedWireFormats(getTypeID<int>()).size();
         for (std::uint64_t id = 0; id < 10; ++id) {
             out << catalogue.getSupportedWireFormats(elementID + id).size();
             out << catalogue.getSupportedWireFormats(IDs{elementID + id}).size();
@@ -135,7 +139,7 @@ constexpr Operation operations[] = {
     DO(++w.character),
     DO(discard(w.source.begin())),
     DO(w.payload.add(w.element)),
-    DO(GenericPayloadWrapperPtr made(new GenericPayloadWrapper(std::move(w.payload)))),
+    DO(GenericPayloadWrapperPtr::make(std::move(w.payload))),
     DO(GenericSerialiser made(w.write, stop_source(), longText, w.element)),
     DO(w.serialiser(w.sent)),
     DO(w.serialiser(stop_token(), w.sent)),
@@ -156,6 +160,8 @@ constexpr Operation operations[] = {
     DO(Catalogue made),
     DO(w.catalogue.add(Serialiser(w.newRecord))),
     DO(w.catalogue.add(Deserialiser(w.newReadRecord))),
+    DO(addWriter<int>(w.catalogue, longText, w.careless)),
+    DO(addReader<int>(w.catalogue, longText, w.careless)),
     DO(w.catalogue.add(carelessRecord("0", elementID))),
     DO(w.catalogue.add(Deserialiser("0", 0, carelessReader()))),
     DO(discard(w.catalogue.getSerialiserFor("*", elementID))),

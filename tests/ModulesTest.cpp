@@ -31,7 +31,7 @@ TEST(ModulesTest, OfTwoCompilersServeEachOtherAndUnload) {
             courier::examples::Modules modules;
             Catalogue catalogues[2];
             for (auto& catalogue : catalogues) {
-                modules.load(MODULE_DIR, catalogue);
+                modules.load(MODULE_DIR, catalogue, 0);
                 EXPECT_TRUE(isMapped("here[.]so"));
                 for (std::string const format : formats) {
                     EXPECT_EQ(outcome(catalogue, format, {{"a", 1}}), "a 1\n");

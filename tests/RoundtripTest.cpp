@@ -3,7 +3,6 @@
 
 #include "Elements.h"
 #include "Modules.h"
-#include "ReadLimit.h"
 #include "Support.h"
 
 #include <sys/resource.h>
@@ -116,7 +115,7 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
     constexpr auto modulePaths = "/modules/\\w+[.]so";
     std::optional<Modules> modules(std::in_place);
     std::optional<Catalogue> catalogue(std::in_place);
-    modules->load(MODULE_DIR, *catalogue);
+    modules->load(MODULE_DIR, *catalogue, 4 * mebibyte);
     EXPECT_TRUE(isMapped(modulePaths));
     std::map<std::string, std::uint64_t> typeOf;
     for (ElementType const& type : elementTypes) {
@@ -127,7 +126,6 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
     // Refused, with a word that says why; what else is thrown, for want of memory say, fails.
     auto const isRefused = [&](auto const& format, std::string const& bytes) {
         auto const deserialise = catalogue->getDeserialiserFor(format, typeOf.at(format));
-        std::static_pointer_cast<ReadLimit>(deserialise.getHandle())->bytes = 4 * mebibyte;
         std::istringstream in(bytes);
         auto const bound = boundMemory(32 * mebibyte);
         try {

@@ -5,8 +5,8 @@ using namespace tests;
 
 TEST(SharedPayload, LivesAsLongAsItsReferences) {
     std::atomic<int> destroyed = 0;
-    GenericPayloadWrapperPtr first(new GenericPayloadWrapper(payloadOf(1, destroyed)));
-    GenericPayloadWrapperPtr other(new GenericPayloadWrapper(payloadOf(1, destroyed)));
+    GenericPayloadWrapperPtr first(GenericPayloadWrapperPtr::make(payloadOf(1, destroyed)));
+    GenericPayloadWrapperPtr other(GenericPayloadWrapperPtr::make(payloadOf(1, destroyed)));
     auto const show = [](GenericPayloadWrapperPtr const& held) {
         return held ? std::to_string(held->get().get<Element>(0).value) : "null";
     };
@@ -24,7 +24,7 @@ TEST(SharedPayload, LivesAsLongAsItsReferences) {
 
 TEST(SharedPayload, NamesItsElementsByView) {
     std::atomic<int> destroyed = 0;
-    GenericPayloadWrapperPtr const shared(new GenericPayloadWrapper(payloadOf(2, destroyed)));
+    GenericPayloadWrapperPtr const shared(GenericPayloadWrapperPtr::make(payloadOf(2, destroyed)));
     GenericPayloadView view(shared, 1);
     EXPECT_EQ(view.getTypeID(), getTypeID<Element>());
     EXPECT_EQ(&view.get<Element>(), &shared->get().get<Element>(1));
@@ -39,6 +39,8 @@ TEST(SharedPayload, SentinelWaitsNoLongerThanAsked) {
     Sentinel sentinel;
     EXPECT_FALSE(sentinel.waitFor(std::chrono::milliseconds(1)));
     EXPECT_FALSE(sentinel.waitFor(std::chrono::hours::min()));
+    EXPECT_FALSE(
+        sentinel.waitFor(std::chrono::duration<double>(std::numeric_limits<double>::quiet_NaN())));
     std::thread releaser([&] { sentinel.notify(); });
     EXPECT_TRUE(sentinel.waitFor(std::chrono::hours::max())); // would overflow a deadline
     releaser.join();

@@ -160,7 +160,7 @@ inline GenericPayload payloadOf(IDs ids) {
     return payload;
 }
 inline GenericPayloadView viewOf(IDs ids, std::size_t index) {
-    return {GenericPayloadWrapperPtr(new GenericPayloadWrapper(payloadOf(std::move(ids)))), index};
+    return {GenericPayloadWrapperPtr::make(payloadOf(std::move(ids))), index};
 }
 
 inline GenericSerialiser writing(std::string const& text) {

@@ -8,6 +8,7 @@
 
 #include <dlfcn.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -21,10 +22,12 @@ namespace courier::examples {
 /// declare it before the catalogue and before everything that comes out of it.
 class Modules {
 public:
-    /// Loads every module of the directory and lets it register with the catalogue. Throws
-    /// std::runtime_error when there is none, or one cannot be loaded.
-    void load(std::filesystem::path const& directory, hub::serialisation::Catalogue& catalogue) {
-        // In order of name, as "*" goes by the order of registration.
+    /// Loads every module of the directory and lets it register with the catalogue; its readers
+    /// take no more memory for one element than the limit. Throws std::runtime_error if there is no
+    /// module, or one cannot be loaded.
+    void load(std::filesystem::path const& directory, hub::serialisation::Catalogue& catalogue,
+              std::uint64_t readLimit) {
+        // In order of name, as "*" finds the format that was registered first.
         std::set<std::filesystem::path> files;
         for (auto const& entry : std::filesystem::directory_iterator(directory)) {
             if (entry.path().extension() == ".so") {
@@ -42,7 +45,7 @@ public:
             if (entry == nullptr) {
                 throw std::runtime_error(std::string("cannot load a module: ") + ::dlerror());
             }
-            reinterpret_cast<RegisterModule*>(entry)(catalogue);
+            reinterpret_cast<RegisterModule*>(entry)(catalogue, readLimit);
         }
     }
 

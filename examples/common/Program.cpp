@@ -2,7 +2,6 @@
 #include "Program.h"
 
 #include "Modules.h"
-#include "ReadLimit.h"
 #include "Text.h"
 
 #include <CLI/CLI.hpp>
@@ -47,7 +46,8 @@ void stopOnInterrupt(stop_source stop) {
 
 } // namespace
 
-int run(CLI::App& app, int argc, char** argv, std::string const& name, Program const& program) {
+int run(CLI::App& app, int argc, char** argv, std::string const& name,
+        std::uint64_t const& readLimit, Program const& program) {
     CLI11_PARSE(app, argc, argv);
     stop_source const stop;
     stopOnInterrupt(stop);
@@ -57,7 +57,7 @@ int run(CLI::App& app, int argc, char** argv, std::string const& name, Program c
     Modules modules;
     try {
         Catalogue catalogue;
-        modules.load(programFile().parent_path().parent_path() / "modules", catalogue);
+        modules.load(programFile().parent_path().parent_path() / "modules", catalogue, readLimit);
         return program(catalogue, stop);
     } catch (std::exception const& error) {
         std::cerr << name << ": " << error.what() << '\n';
@@ -84,16 +84,6 @@ void addReadLimit(CLI::App& app, std::uint64_t& bytes) {
         ->transform(CLI::AsSizeValue(false))
         ->type_name("SIZE")
         ->default_str("4GiB");
-}
-
-void limitReads(SerialisationCatalogue const& catalogue, std::uint64_t bytes) {
-    for (ElementType const& type : elementTypes) {
-        for (auto const& format : catalogue.getSupportedDeserialisationWireFormats(type.id)) {
-            // The limit is a setting of the module: any of its deserialisers carries it.
-            auto const handle = catalogue.getDeserialiserFor(format, type.id).getHandle();
-            std::static_pointer_cast<ReadLimit>(handle)->bytes = bytes;
-        }
-    }
 }
 
 std::vector<Element> loadAll(std::vector<std::string> const& files,

@@ -26,13 +26,14 @@ namespace courier::examples {
 using Program = std::function<int(hub::serialisation::SerialisationCatalogue const& catalogue,
                                   hub::serialisation::stop_source stop)>;
 
-/// Reads the command line, loads the modules that were built with this program, and runs it.
+/// Reads the command line, loads the modules that were built with this program, which get the
+/// read limit, and runs it.
 /// Requests a stop at the first Control-C, or the first request to terminate; from a second later
 /// on, another one ends the program at once. Call this before any other thread starts: those
 /// started later must not take the signals themselves. What `program` throws goes to standard
 /// error, behind the name, which may be one that the command line sets. Returns the exit status.
 [[nodiscard]] int run(CLI::App& app, int argc, char** argv, std::string const& name,
-                      Program const& program);
+                      std::uint64_t const& readLimit, Program const& program);
 
 /// What to send and how, as the command line says.
 struct Sending {
@@ -47,9 +48,6 @@ struct Sending {
 /// The option that sets how much memory the reading of one element may take.
 void addReadLimit(CLI::App& app, std::uint64_t& bytes);
 inline constexpr std::uint64_t defaultReadLimit = std::uint64_t{4} << 30;
-
-/// Sets how much memory the reading of one element may take, for all the modules.
-void limitReads(hub::serialisation::SerialisationCatalogue const& catalogue, std::uint64_t bytes);
 
 /// Loads the files or, where there are none, a text, a JSON document and a binary of this project,
 /// the listing of a directory and the histogram of the binary.

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -28,9 +29,9 @@ std::string_view text(ByteBufferView view) {
 }
 
 ByteBuffer receive() {
-    Message* const message = receiveMessage();
-    return ByteBuffer({message->bytes.data(), [message](void*) { destroyMessage(message); }},
-                      message->bytes.size());
+    std::unique_ptr<Message, void (*)(Message*)> message(receiveMessage(), destroyMessage);
+    ByteBufferView const bytes(message->bytes);
+    return adopt(bytes, std::move(message));
 }
 
 } // namespace
@@ -40,13 +41,16 @@ int main() {
     std::byte const* const body = buffer.data() + 4;
 
     buffer.trimFront(4); // the header is read: no byte moves
-    ByteBufferView const degrees = buffer.makeView(0, 4);
+    ByteBufferView const degrees = buffer.first(4);
     std::cout << text(degrees) << (degrees.data() == body ? ", in place\n" : ", copied\n");
 
-    ByteBuffer kept = std::move(buffer); // the block and its deleter move on
+    ByteBuffer kept = std::move(buffer); // the block moves with its owner
     ByteBuffer copy = kept.clone();      // bytes of its own
-    kept.clear();                        // here the message goes, and `degrees` with it
+    kept.clear();                        // releases the message: `degrees` is now invalid
 
     copy.resize(12);
-    std::cout << text(copy.makeView(0, 0)) << '\n';
+    std::cout << text(ByteBufferView(copy)) << '\n';
+
+    ByteBuffer const fromString = adopt(std::string("bytes of a string"));
+    std::cout << text(fromString.last(6)) << '\n';
 }

@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The samples of docs/guides/costs.md: counts what is allocated.
 
-#include <courier/hub/serialisation/Catalogue.h>
+#include <courier/hub/serialisation/Registration.h>
 #include <courier/hub/serialisation/Streams.h>
 
 #include <cstddef>
 #include <cstdlib>
-#include <functional>
 #include <iostream>
-#include <memory>
 #include <new>
 #include <string>
 #include <utility>
@@ -48,17 +46,16 @@ int main() {
         buffer = std::move(block);
     });
     count("read in place", [&] {
-        NonOwningByteBufferViewIStreambuf source(buffer.makeView(0, 0));
+        NonOwningByteBufferViewIStreambuf source(buffer);
         char header[32];
         source.sgetn(header, sizeof(header));
     });
-    count("append to an adopted block", [&] { buffer.append(buffer.makeView(0, 1)); });
+    count("append to an adopted block", [&] { buffer.append(buffer.first(1)); });
 
     Catalogue catalogue;
     constexpr auto id = courier::hub::core::getTypeID<int>();
-    std::function const read = [](std::istream&) { return 1; };
     std::string const format = "a wire format with a long name";
-    catalogue.add(Deserialiser(format, id, GenericDeserialiser(read)));
+    addReader<int>(catalogue, format, [](std::istream&) { return 1; });
     count("ask", [&] { static_cast<void>(catalogue.hasDeserialiserFor(format, id)); });
     GenericDeserialiser const kept = catalogue.getDeserialiserFor(format, id); // once, and kept
 }

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program of docs/guides/modules.md: loads the module that it is told, and uses it.
+// The program of docs/guides/module.md: loads the module that it is told, and uses it.
 
 #include "Temperature.h"
 
 #include <courier/hub/serialisation/Catalogue.h>
-#include <courier/hub/serialisation/Streams.h>
+#include <courier/hub/serialisation/IOStreams.h>
 
 #include <dlfcn.h>
 
@@ -40,22 +40,29 @@ void registerModule(Module const& module, Catalogue& catalogue) {
 
 double decode(char const* path, ByteBufferView bytes) {
     Module const module = load(path); // destroyed last: everything below holds its code
-    Catalogue catalogue;              // destroyed after all that came out of it
+    Catalogue catalogue;              // destroyed after everything that it returns
     registerModule(module, catalogue);
 
     constexpr auto id = courier::hub::core::getTypeID<Temperature>();
-    ByteBufferIStreambuf source(bytes);
-    std::istream in(&source);
+    ByteBufferIStream in(bytes);
     auto const payload = catalogue.getDeserialiserFor("text", id)(in);
-    return payload.get<Temperature>(0).celsius; // a value leaves, and nothing of the module
+    return payload.get<Temperature>(0).celsius; // a value, with no code of the module
 }
 
 } // namespace
 
-int main(int, char** arguments) {
-    std::string const text = "21.5";
-    double const celsius = decode(arguments[1], ByteBufferView(text));
-    std::cout << celsius << " degrees\n";
+int main(int count, char** arguments) {
+    if (count != 2) {
+        std::cerr << "usage: host MODULE\n";
+        return 2;
+    }
+    try {
+        std::string const text = "21.5";
+        std::cout << decode(arguments[1], ByteBufferView(text)) << " degrees\n";
+    } catch (std::exception const& error) {
+        std::cerr << "host: " << error.what() << '\n';
+        return 1;
+    }
     bool const isLoaded = ::dlopen(arguments[1], RTLD_NOW | RTLD_NOLOAD) != nullptr;
     std::cout << (isLoaded ? "still loaded\n" : "unloaded\n");
 }

@@ -1,30 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
-// The module of docs/guides/modules.md: loaded at run time by host.cpp.
+// The module of docs/guides/module.md: loaded at run time by host.cpp.
 
 #include "Temperature.h"
 
-#include <courier/hub/serialisation/Catalogue.h>
+#include <courier/hub/serialisation/Registration.h>
 
-#include <functional>
+#include <array>
+#include <bit>
+#include <cstdint>
 #include <istream>
 #include <ostream>
 #include <stdexcept>
-#include <utility>
 
 using namespace courier::hub::serialisation;
 
 namespace {
 
-GenericSerialiser makeSerialiser(GenericPayloadView&& view, stop_source&& stop) {
-    auto write = [view = std::move(view)](stop_token const& token, std::ostream& out) {
-        if (!token.stop_requested()) {
-            out << view.get<Temperature>().celsius << '\n';
-        }
-    };
-    return GenericSerialiser(std::move(write), std::move(stop));
+void writeText(Temperature const& temperature, std::ostream& out) {
+    out << temperature.celsius << '\n';
 }
 
-Temperature readTemperature(std::istream& in) {
+Temperature readText(std::istream& in) {
     Temperature temperature{};
     if (!(in >> temperature.celsius)) {
         throw std::runtime_error("not a temperature");
@@ -32,13 +28,29 @@ Temperature readTemperature(std::istream& in) {
     return temperature;
 }
 
+// Eight bytes, the lowest first, whatever the machine.
+void writeBinary(Temperature const& temperature, std::ostream& out) {
+    auto bits = std::bit_cast<std::uint64_t>(temperature.celsius);
+    for (int i = 0; i < 8; ++i, bits >>= 8) {
+        out.put(static_cast<char>(bits & 0xFF));
+    }
+}
+
+Temperature readBinary(std::istream& in) {
+    std::array<char, 8> bytes{};
+    if (!in.read(bytes.data(), bytes.size())) {
+        throw std::runtime_error("the data ends too early");
+    }
+    std::uint64_t bits = 0;
+    for (std::size_t i = bytes.size(); i-- > 0;) {
+        bits = bits << 8 | static_cast<unsigned char>(bytes[i]);
+    }
+    return {std::bit_cast<double>(bits)};
+}
+
 } // namespace
 
 extern "C" [[gnu::visibility("default")]] void courier_register_module(Catalogue& catalogue) {
-    constexpr auto id = courier::hub::core::getTypeID<Temperature>();
-    auto const unstoppable = [](GenericPayloadView&& view) {
-        return makeSerialiser(std::move(view), stop_source());
-    };
-    catalogue.add(Serialiser("text", id, {id}, unstoppable, makeSerialiser, nullptr));
-    catalogue.add(Deserialiser("text", id, GenericDeserialiser(std::function(readTemperature))));
+    addFormat<Temperature>(catalogue, "text", writeText, readText);
+    addFormat<Temperature>(catalogue, "binary", writeBinary, readBinary);
 }

@@ -1,14 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The samples of docs/guides/streams.md.
 
-#include <courier/hub/serialisation/Streams.h>
+#include <courier/hub/serialisation/IOStreams.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <iostream>
 #include <istream>
 #include <memory>
-#include <new>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -18,13 +17,9 @@ using namespace courier::hub::serialisation;
 namespace {
 
 ByteBuffer write() {
-    ByteBufferOStreambuf sink;
-    std::ostream out(&sink);
-    out << 3 << ' ' << "apples" << '\n';
-    if (!out.flush()) { // memory ran out on the way
-        throw std::bad_alloc();
-    }
-    return sink.release(); // the block that was written to: no copy
+    ByteBufferOStream out;
+    out << 3 << ' ' << "apples" << '\n'; // throws if memory runs out
+    return out.release();                // the block that was written to: no copy
 }
 
 } // namespace
@@ -32,14 +27,13 @@ ByteBuffer write() {
 int main() {
     ByteBuffer buffer = write();
 
-    // Borrowed: the buffer outlives the reader.
+    // Borrowed: the buffer outlives the stream.
     {
-        NonOwningByteBufferViewIStreambuf source(buffer.makeView(0, 0));
-        std::istream in(&source);
+        ByteBufferIStream in{ByteBufferView(buffer)};
         int count = 0;
         std::string fruit;
         if (!(in >> count >> fruit)) {
-            std::cerr << "damaged\n";
+            std::cerr << "not a count and a fruit\n";
             return 1;
         }
         std::cout << fruit << ": " << count << '\n';
@@ -50,10 +44,9 @@ int main() {
     auto const lines = std::ranges::count(stream, std::byte{'\n'});
     std::cout << lines << " line\n";
 
-    // Owned: whoever gets the stream buffer needs nothing else.
-    ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(std::move(buffer)));
-    std::istream in(&source);
+    // Owned: the stream keeps the bytes alive.
+    ByteBufferIStream in(std::move(buffer));
     for (std::string word; in >> word;) {
-        std::cout << word << '\n';
+        std::cout << word << ", " << in.unread().size() << " bytes left\n";
     }
 }

@@ -2,7 +2,10 @@
 #ifndef COURIER_EXAMPLES_CEREAL_FORMAT_H
 #define COURIER_EXAMPLES_CEREAL_FORMAT_H
 
-#include "Registration.h"
+#include "ReadLimit.h"
+
+#include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Registration.h>
 
 #define CEREAL_FUTURE_EXPERIMENTAL // the adapter, which carries the limit
 #include <cereal/archives/adapters.hpp>
@@ -11,7 +14,6 @@
 #include <cstdint>
 #include <istream>
 #include <limits>
-#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -38,12 +40,14 @@ namespace courier::examples {
 ///     template <class Archive> void serialize(Archive& archive, Struct& value)
 ///
 /// in the namespace of the struct, and of cereal's headers one for each kind of member.
-template <class Struct> void registerStruct(hub::serialisation::Catalogue& catalogue,
-                                            std::shared_ptr<ReadLimit> const& limit) {
+template <class Struct>
+void registerStruct(hub::serialisation::Catalogue& catalogue, std::uint64_t readLimit) {
+    using namespace hub::serialisation;
     // The exceptions of cereal are classes of this module: see Module.h.
-    registerFormat<Struct>(
-        catalogue, "cereal", limit,
-        [](Struct const& value, StoppableStream& out) {
+    addFormat<Struct>(
+        catalogue, "cereal",
+        [](Struct const& value, std::ostream& target, stop_token const& stop) {
+            StoppableOStream out(stop, target);
             try {
                 cereal::PortableBinaryOutputArchive archive(out);
                 archive(value);
@@ -51,7 +55,7 @@ template <class Struct> void registerStruct(hub::serialisation::Catalogue& catal
                 throw std::runtime_error(error.what());
             }
         },
-        [](std::istream& in, ReadBudget budget) {
+        limited(readLimit, [](std::istream& in, ReadBudget budget) {
             Struct value;
             try {
                 cereal::UserDataAdapter<ReadBudget, cereal::PortableBinaryInputArchive> archive(
@@ -64,7 +68,7 @@ template <class Struct> void registerStruct(hub::serialisation::Catalogue& catal
                 throw std::runtime_error("bytes follow the end of the data");
             }
             return value;
-        });
+        }));
 }
 
 } // namespace courier::examples

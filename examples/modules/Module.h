@@ -4,13 +4,17 @@
 
 #include <courier/hub/serialisation/Catalogue.h>
 
-/// The one function that a module exports: registers all its records with the catalogue.
+#include <cstdint>
+
+/// The one function that a module exports. It registers the module's formats with the catalogue.
+/// Their readers throw std::length_error when one element would take more than `readLimit` bytes of
+/// memory.
 ///
-/// A module stays loaded until the catalogue, what it handed out and the elements that were read
-/// are gone: their code is in the module. For the same reason only exceptions of the standard
-/// library's own types leave a module, so that whoever catches one may unload the module first.
+/// A module must stay loaded until the catalogue, everything that it returned and the elements that
+/// were read are destroyed: their code is in the module. For the same reason a module throws only
+/// exceptions of the standard library, so that whoever catches one may unload the module first.
 extern "C" [[gnu::visibility("default")]] void
-courier_register_module(courier::hub::serialisation::Catalogue& catalogue);
+courier_register_module(courier::hub::serialisation::Catalogue& catalogue, std::uint64_t readLimit);
 
 namespace courier::examples {
 

@@ -2,35 +2,25 @@
 #ifndef COURIER_EXAMPLES_READ_LIMIT_H
 #define COURIER_EXAMPLES_READ_LIMIT_H
 
-#include <atomic>
 #include <cstdint>
+#include <istream>
 #include <stdexcept>
 #include <string>
 
 namespace courier::examples {
 
-/// How much memory the decoding of one element may take: a few damaged or hostile bytes can expand
-/// to any size. Each deserialiser of the example modules carries the limit of its module as its
-/// handle, so that a program can set it:
+/// What is left of the memory that reading one element may take: a few damaged or hostile bytes can
+/// expand to any size.
 ///
-///     std::static_pointer_cast<ReadLimit>(deserialiser.getHandle())->bytes = 1 << 30;
-///
-/// A blob counts its bytes, a document approximately what its values and texts take. Lengths that
-/// the data only claims take nothing. A decoder's own memory comes on top: less than a mebibyte,
+/// A blob counts its bytes, a document approximately what its values and texts take. A length that
+/// the data only claims takes nothing. A decoder's own memory comes on top: less than a mebibyte,
 /// and for zstd the window that the data asks for, up to the limit but no more than 128 MiB and,
-/// also below it, 8 MiB. Documents are refused that nest more than 500 levels deep.
-///
-/// Any thread may change it at any time; reads that begin afterwards see it.
-struct ReadLimit {
-    std::atomic<std::uint64_t> bytes{std::uint64_t{4} << 30};
-};
-
-/// What is left of a limit during one read.
+/// even below it, 8 MiB.
 class ReadBudget {
 public:
-    explicit ReadBudget(ReadLimit const& limit) noexcept : limit_(limit.bytes), left_(limit_) {}
+    explicit ReadBudget(std::uint64_t limit) noexcept : limit_(limit), left_(limit) {}
 
-    /// Throws std::length_error when the limit would be exceeded. Call it before taking memory.
+    /// Throws std::length_error if the limit would be exceeded. Call it before taking memory.
     void spend(std::uint64_t bytes) {
         if (bytes > left_) {
             throw std::length_error("it takes more memory than the read limit of " +
@@ -45,6 +35,11 @@ private:
     std::uint64_t limit_;
     std::uint64_t left_;
 };
+
+/// Makes a reader, for addFormat(), of one that takes a ReadBudget as well.
+template <class Read> auto limited(std::uint64_t limit, Read read) {
+    return [limit, read](std::istream& in) { return read(in, ReadBudget(limit)); };
+}
 
 } // namespace courier::examples
 

@@ -3,9 +3,10 @@
 
 #include "Blob.h"
 #include "Module.h"
-#include "Registration.h"
+#include "ReadLimit.h"
 
-#include <courier/hub/serialisation/Streams.h>
+#include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Registration.h>
 
 #define ZLIB_CONST // input is read-only
 #include <zlib.h>
@@ -29,7 +30,9 @@ namespace courier::examples {
 
 namespace {
 
-using hub::serialisation::ByteBufferOStreambuf;
+using hub::serialisation::ByteBufferOStream;
+using hub::serialisation::stop_token;
+using hub::serialisation::StoppableOStream;
 
 constexpr std::size_t chunkSize = std::size_t{256} << 10;
 
@@ -41,8 +44,9 @@ struct Step {
 };
 
 // Runs a compressor over all the bytes: Step compress(input, output, bool isLastInput).
-template <class Compress>
-void writeCompressed(Blob const& blob, StoppableStream& out, Compress compress) {
+template <class Compress> void writeCompressed(Blob const& blob, std::ostream& target,
+                                               stop_token const& stop, Compress compress) {
+    StoppableOStream out(stop, target);
     auto const bytes = blob.bytes();
     std::span<std::byte const> rest(bytes.data(), bytes.size());
     std::vector<char> output(chunkSize);
@@ -64,7 +68,7 @@ Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) 
     std::vector<char> buffer(chunkSize);
     std::vector<char> output(chunkSize);
     std::span<char const> input;
-    ByteBufferOStreambuf bytes;
+    ByteBufferOStream bytes;
     Step step{0, 0, false};
     while (!step.ended) {
         if (input.empty() && step.produced < output.size()) {
@@ -77,7 +81,7 @@ Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) 
         step = decompress(input, output);
         input = input.subspan(step.consumed);
         budget.spend(step.produced);
-        bytes.sputn(output.data(), static_cast<std::streamsize>(step.produced));
+        bytes.write(output.data(), static_cast<std::streamsize>(step.produced));
     }
     if (!input.empty() || in.peek() != std::istream::traits_type::eof()) {
         throw std::runtime_error("bytes follow the end of the data");
@@ -87,19 +91,20 @@ Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) 
 
 // raw: the bytes themselves
 
-void writeRaw(Blob const& blob, StoppableStream& out) {
+void writeRaw(Blob const& blob, std::ostream& target, stop_token const& stop) {
+    StoppableOStream out(stop, target);
     auto const bytes = blob.bytes();
-    // Passed on as they lie in memory: the stream cuts them into pieces.
+    // Passed on from where they are in memory: the stream cuts them into pieces.
     out.write(reinterpret_cast<char const*>(bytes.data()),
               static_cast<std::streamsize>(bytes.size()));
 }
 
 Blob readRaw(std::istream& in, ReadBudget budget) {
     std::vector<char> chunk(chunkSize);
-    ByteBufferOStreambuf bytes;
+    ByteBufferOStream bytes;
     while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())), in.gcount() > 0) {
         budget.spend(static_cast<std::uint64_t>(in.gcount()));
-        bytes.sputn(chunk.data(), in.gcount());
+        bytes.write(chunk.data(), in.gcount());
     }
     return Blob(bytes.release());
 }
@@ -115,13 +120,13 @@ void give(z_stream& zlib, std::span<Bytef const> input, std::span<char> output) 
     zlib.avail_out = static_cast<uInt>(output.size());
 }
 
-void writeDeflate(Blob const& blob, StoppableStream& out) {
+void writeDeflate(Blob const& blob, std::ostream& out, stop_token const& stop) {
     z_stream zlib{};
     if (deflateInit(&zlib, Z_DEFAULT_COMPRESSION) != Z_OK) {
         throw std::bad_alloc();
     }
     ZlibEnd const end(&zlib, deflateEnd);
-    writeCompressed(blob, out, [&](auto input, std::span<char> output, bool isLastInput) {
+    writeCompressed(blob, out, stop, [&](auto input, std::span<char> output, bool isLastInput) {
         give(zlib, {reinterpret_cast<Bytef const*>(input.data()), input.size()}, output);
         int const result = deflate(&zlib, isLastInput ? Z_FINISH : Z_NO_FLUSH);
         return Step{input.size() - zlib.avail_in, output.size() - zlib.avail_out,
@@ -167,13 +172,13 @@ void requireSuccess(std::size_t result) {
     }
 }
 
-void writeZstd(Blob const& blob, StoppableStream& out) {
+void writeZstd(Blob const& blob, std::ostream& out, stop_token const& stop) {
     std::unique_ptr<ZSTD_CCtx, FreeContext> const zstd(ZSTD_createCCtx());
     if (!zstd) {
         throw std::bad_alloc();
     }
     requireSuccess(ZSTD_CCtx_setParameter(zstd.get(), ZSTD_c_checksumFlag, 1));
-    writeCompressed(blob, out, [&](auto input, std::span<char> output, bool isLastInput) {
+    writeCompressed(blob, out, stop, [&](auto input, std::span<char> output, bool isLastInput) {
         ZSTD_inBuffer source{input.data(), input.size(), 0};
         ZSTD_outBuffer target{output.data(), output.size(), 0};
         std::size_t const left = ZSTD_compressStream2(zstd.get(), &target, &source,
@@ -205,10 +210,11 @@ Blob readZstd(std::istream& in, ReadBudget budget) {
 
 } // namespace courier::examples
 
-void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
+                             std::uint64_t readLimit) {
     using namespace courier::examples;
-    auto const limit = std::make_shared<ReadLimit>();
-    registerFormat<Blob>(catalogue, "raw", limit, writeRaw, readRaw);
-    registerFormat<Blob>(catalogue, "deflate", limit, writeDeflate, readDeflate);
-    registerFormat<Blob>(catalogue, "zstd", limit, writeZstd, readZstd);
+    using courier::hub::serialisation::addFormat;
+    addFormat<Blob>(catalogue, "raw", writeRaw, limited(readLimit, readRaw));
+    addFormat<Blob>(catalogue, "deflate", writeDeflate, limited(readLimit, readDeflate));
+    addFormat<Blob>(catalogue, "zstd", writeZstd, limited(readLimit, readZstd));
 }

@@ -3,10 +3,13 @@
 
 #include "Document.h"
 #include "Module.h"
-#include "Registration.h"
+#include "ReadLimit.h"
 
+#include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Registration.h>
+
+#include <cstdint>
 #include <istream>
-#include <memory>
 #include <ostream>
 #include <stdexcept>
 #include <streambuf>
@@ -185,21 +188,23 @@ constexpr WireFormat wireFormats[] = {
 
 } // namespace courier::examples
 
-void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
+                             std::uint64_t readLimit) {
     using namespace courier::examples;
-    auto const limit = std::make_shared<ReadLimit>();
+    using namespace courier::hub::serialisation;
     for (WireFormat const& format : wireFormats) {
-        registerFormat<Document>(
-            catalogue, format.name, limit,
-            [format](Document const& document, StoppableStream& out) {
+        addFormat<Document>(
+            catalogue, format.name,
+            [format](Document const& document, std::ostream& target, stop_token const& stop) {
+                StoppableOStream out(stop, target);
                 try {
                     format.write(document.value, out);
                 } catch (Json::exception const& error) {
                     throwStandard(error);
                 }
             },
-            [format](std::istream& in, ReadBudget budget) {
+            limited(readLimit, [format](std::istream& in, ReadBudget budget) {
                 return read(in, format.input, budget);
-            });
+            }));
     }
 }

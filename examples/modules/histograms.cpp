@@ -16,7 +16,7 @@ template <class Archive> void serialize(Archive& archive, Histogram& histogram) 
 
 } // namespace courier::examples
 
-void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
-    using namespace courier::examples;
-    registerStruct<Histogram>(catalogue, std::make_shared<ReadLimit>());
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
+                             std::uint64_t readLimit) {
+    courier::examples::registerStruct<courier::examples::Histogram>(catalogue, readLimit);
 }

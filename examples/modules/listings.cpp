@@ -5,7 +5,7 @@
 #include "Module.h"
 #include "ProtobufFormat.h"
 
-void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
-    using namespace courier::examples;
-    registerMessage<Listing>(catalogue, std::make_shared<ReadLimit>());
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
+                             std::uint64_t readLimit) {
+    courier::examples::registerMessage<courier::examples::Listing>(catalogue, readLimit);
 }

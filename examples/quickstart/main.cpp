@@ -1,39 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <courier/hub/serialisation/FanOut.h>
-#include <courier/hub/serialisation/Streams.h>
+#include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Registration.h>
 #include <iostream>
 using namespace courier::hub::serialisation;
 
 struct Price {
     int cents;
 };
+void writePrice(Price const& price, std::ostream& out) { out << price.cents << '\n'; }
+Price readPrice(std::istream& in) {
+    Price price{};
+    return in >> price.cents ? price : throw std::runtime_error("not a price");
+}
 
 int main() {
-    // A module registers how a type is written and read in a wire format.
-    Catalogue catalogue;
-    constexpr auto id = courier::hub::core::getTypeID<Price>();
-    auto const write = [](GenericPayloadView&& view) { // the view keeps the payload alive
-        return GenericSerialiser([view = std::move(view)](stop_token, std::ostream& out) {
-            out << view.get<Price>().cents << '\n';
-        });
-    };
-    std::function read = [](std::istream& in) { return Price{*std::istream_iterator<int>(in)}; };
-    catalogue.add(Serialiser("text", id, {id}, write, nullptr, nullptr));
-    catalogue.add(Deserialiser("text", id, GenericDeserialiser(read)));
+    Catalogue catalogue; // a module registers how a type is written and read in a wire format
+    addFormat<Price>(catalogue, "text", writePrice, readPrice);
 
-    // A sender turns a payload into one serialiser for each element.
-    courier::hub::core::GenericPayload payload;
-    payload.add(std::make_shared<Price>(Price{1999}));
-    auto [serialisers, sentinel] = createSerialisersFor(std::move(payload), catalogue, "text");
-    ByteBufferOStreambuf sink;
-    std::ostream out(&sink);
+    courier::hub::core::GenericPayload payload; // a sender gets one serialiser for each element
+    payload.emplace<Price>(Price{1999});
+    auto const serialisers = createSerialisersFor(std::move(payload), catalogue, "text").first;
+    ByteBufferOStream out;
     serialisers.front()(out);
-    serialisers.clear();
-    sentinel->wait(); // the payload's memory is free
 
-    // A receiver adopts the bytes and reads them in place.
-    ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(sink.release()));
-    std::istream in(&source);
-    auto const received = catalogue.getDeserialiserFor("text", id)(in);
-    std::cout << received.get<Price>(0).cents << " cents\n";
+    ByteBufferIStream in(out.release()); // a receiver reads the bytes in place
+    auto const read = catalogue.getDeserialiserFor("text", courier::hub::core::getTypeID<Price>());
+    std::cout << read(in).get<Price>(0).cents << " cents\n";
 }

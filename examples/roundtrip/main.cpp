@@ -61,7 +61,6 @@ int sendAndReceive(Options const& options, SerialisationCatalogue const& catalog
         printTypes(std::cout, catalogue);
         return 0;
     }
-    limitReads(catalogue, options.readLimit);
     auto const elements = loadAll(options.files, catalogue);
     auto const formats = resolveFormats(options.formats, elements, catalogue);
 
@@ -107,7 +106,8 @@ int main(int argc, char** argv) {
         ->type_name("MS");
     addReadLimit(app, options.readLimit);
     app.add_flag("--list", options.list, "Print the types, and the wire formats of each");
-    return run(app, argc, argv, "roundtrip", [&](auto const& catalogue, stop_source stop) {
-        return sendAndReceive(options, catalogue, std::move(stop));
-    });
+    return run(app, argc, argv, "roundtrip", options.readLimit,
+               [&](auto const& catalogue, stop_source stop) {
+                   return sendAndReceive(options, catalogue, std::move(stop));
+               });
 }

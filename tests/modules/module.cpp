@@ -2,14 +2,13 @@
 // Built by two compilers, under two values of WIRE_FORMAT. Registers that format and a "client of"
 // it, which does with the formats of every module what a client does, and writes how that went.
 #include "Module.h"
-#include "Registration.h"
 
 #include <courier/hub/serialisation/FanOut.h>
-#include <courier/hub/serialisation/Streams.h>
+#include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Registration.h>
 
 #include <map>
 
-using namespace courier::examples;
 using namespace courier::hub::core;
 using namespace courier::hub::serialisation;
 using Rows = std::map<std::string, std::uint64_t>; // each compiler spells it in its own way
@@ -25,7 +24,7 @@ void writeRows(Rows const& table, std::ostream& out) {
     }
 }
 
-Rows readRows(std::istream& in, ReadBudget const&) {
+Rows readRows(std::istream& in) {
     Rows table;
     for (std::string name; in >> name;) {
         in >> table[name];
@@ -38,16 +37,14 @@ void send(Rows const& table, Catalogue const& catalogue, std::ostream& out) {
         if (format.starts_with("client")) {
             continue;
         }
-        ByteBufferOStreambuf sink;
-        std::ostream bytes(&sink);
+        ByteBufferOStream bytes;
         auto const fanOut = [&](Rows const& rows, std::vector<std::string> const& formats) {
             GenericPayload payload;
             payload.add(std::make_shared<Rows>(rows));
             createSerialisersFor(std::move(payload), catalogue, formats).first.at(0)(bytes);
         };
         fanOut(table, {format});
-        ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(sink.release()));
-        std::istream in(&source);
+        ByteBufferIStream in(bytes.release());
         auto const payload = catalogue.getDeserialiserFor(format, getTypeID<Rows>())(in);
         out << format << (payload.get<Rows>(0) == table ? ": equal" : ": different");
         try {
@@ -65,11 +62,9 @@ void send(Rows const& table, Catalogue const& catalogue, std::ostream& out) {
 
 } // namespace
 
-void courier_register_module(Catalogue& catalogue) {
-    auto const limit = std::make_shared<ReadLimit>();
-    registerFormat<Rows>(catalogue, WIRE_FORMAT, limit, writeRows, readRows);
-    auto const sendToAll = [&](Rows const& table, std::ostream& out) {
-        send(table, catalogue, out);
-    };
-    registerFormat<Rows>(catalogue, "client of " WIRE_FORMAT, limit, sendToAll, readRows);
+void courier_register_module(Catalogue& catalogue, std::uint64_t) {
+    addFormat<Rows>(catalogue, WIRE_FORMAT, writeRows, readRows);
+    addWriter<Rows>(
+        catalogue, "client of " WIRE_FORMAT,
+        [&](Rows const& table, std::ostream& out) { send(table, catalogue, out); });
 }

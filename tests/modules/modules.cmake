@@ -1,19 +1,12 @@
 # SPDX-License-Identifier: Apache-2.0
 set(modules_dir ${CMAKE_CURRENT_BINARY_DIR}/modules)
-set(script ${PROJECT_SOURCE_DIR}/examples/modules/module.map)
-
-add_library(module_here MODULE modules/module.cpp)
+courier_add_module(module_here modules/module.cpp)
 target_compile_definitions(module_here PRIVATE WIRE_FORMAT="here")
 target_include_directories(module_here PRIVATE ${PROJECT_SOURCE_DIR}/examples/modules)
-target_link_libraries(module_here PRIVATE courier::hub::serialisation)
-target_link_options(module_here PRIVATE LINKER:--version-script=${script})
 set_target_properties(module_here PROPERTIES
-    PREFIX ""
     OUTPUT_NAME here
-    CXX_VISIBILITY_PRESET hidden
-    VISIBILITY_INLINES_HIDDEN ON
-    LINK_DEPENDS ${script}
     LIBRARY_OUTPUT_DIRECTORY ${modules_dir})
+get_target_property(script module_here LINK_DEPENDS)
 set(wire_formats "\"here\"")
 set(modules $<TARGET_FILE:module_here>)
 set(there ${modules_dir}/there.so)

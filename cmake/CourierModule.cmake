@@ -1,0 +1,23 @@
+# SPDX-License-Identifier: Apache-2.0
+
+# courier_add_module(<name> <source>...)
+# A module that a program loads at run time: <name>.so, linked with the library, which exports the
+# function courier_register_module and nothing else.
+#
+# Hidden visibility alone leaves the standard library's templates visible, and some of them as unique
+# symbols. The loader never unloads an object that has those; hence the version script.
+function(courier_add_module name)
+    add_library(${name} MODULE ${ARGN})
+    target_link_libraries(${name} PRIVATE courier::hub::serialisation)
+    set_target_properties(${name} PROPERTIES
+        PREFIX ""
+        CXX_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON)
+    if(UNIX AND NOT APPLE)
+        set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}.map)
+        file(CONFIGURE OUTPUT ${script}
+            CONTENT "{ global: courier_register_module; local: *; };\n")
+        target_link_options(${name} PRIVATE LINKER:--version-script=${script})
+        set_target_properties(${name} PROPERTIES LINK_DEPENDS ${script})
+    endif()
+endfunction()
