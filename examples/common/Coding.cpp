@@ -2,7 +2,6 @@
 #include "Coding.h"
 
 #include <istream>
-#include <ostream>
 #include <stdexcept>
 #include <system_error>
 
@@ -11,20 +10,15 @@ namespace courier::examples {
 using namespace hub::serialisation;
 using hub::core::GenericPayload;
 
-std::optional<ByteBuffer> encode(GenericSerialiser serialise, ByteBufferOStreambuf& sink) {
-    std::ostream out(&sink);
-    try {
-        serialise(out);
-    } catch (std::system_error const& error) {
-        if (error.code() == std::errc::operation_canceled) {
-            return std::nullopt;
-        }
-        throw;
-    }
-    if (!out) {
-        throw std::runtime_error("the stream failed");
-    }
-    return sink.release();
+ByteBuffer encode(GenericSerialiser serialise) {
+    ByteBufferOStream out;
+    serialise(out);
+    return out.release();
+}
+
+bool wasStopped(std::exception const& error) noexcept {
+    auto const* const failure = dynamic_cast<std::system_error const*>(&error);
+    return failure != nullptr && failure->code() == std::errc::operation_canceled;
 }
 
 GenericPayload decode(GenericDeserialiser const& deserialise, std::streambuf& source) {

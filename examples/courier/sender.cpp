@@ -104,19 +104,20 @@ private:
     void send() {
         for (std::size_t i = next_++; i < elements_.size() && !hasFailed_; i = next_++) {
             try {
-                ByteBufferOStreambuf sink;
-                // The serialiser goes with the call, and with the last one of them the payload.
-                auto const bytes = encode(std::move(serialisers_[i]), sink);
+                ByteBuffer const bytes = encode(std::move(serialisers_[i]));
                 sayWhenReleased();
-                if (bytes && publish(i, {bytes->data(), bytes->size()})) {
+                if (publish(i, ByteBufferView(bytes))) {
                     ++sent_;
                 }
             } catch (nats::Error const&) {
                 hasFailed_ = true; // nothing more will get through
                 throw;
             } catch (std::exception const& error) {
-                ++failed_;
                 sayWhenReleased();
+                if (wasStopped(error)) {
+                    continue;
+                }
+                ++failed_;
                 say(elements_[i].name + ": cannot be sent: " + error.what());
             }
         }
@@ -299,8 +300,9 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     app.add_flag("-v,--verbose", options.isVerbose,
                  "Print a line for each element: run, number, wire format, bytes, CRC-32, parts");
-    return run(app, argc, argv, "sender", [&](auto const& catalogue, stop_source stop) {
-        auto [elements, formats] = load(options, catalogue);
-        return Run(options, std::move(elements), std::move(formats), catalogue, stop).run();
-    });
+    return run(
+        app, argc, argv, "sender", defaultReadLimit, [&](auto const& catalogue, stop_source stop) {
+            auto [elements, formats] = load(options, catalogue);
+            return Run(options, std::move(elements), std::move(formats), catalogue, stop).run();
+        });
 }

@@ -178,9 +178,9 @@ int main(int argc, char** argv) {
         ->type_name("NAME")
         ->capture_default_str();
     addReadLimit(app, options.readLimit);
-    return run(app, argc, argv, options.name, [&](auto const& catalogue, stop_source const& stop) {
-        limitReads(catalogue, options.readLimit);
-        Worker(options, catalogue).run(stop.get_token());
-        return 0;
-    });
+    return run(app, argc, argv, options.name, options.readLimit,
+               [&](auto const& catalogue, stop_source const& stop) {
+                   Worker(options, catalogue).run(stop.get_token());
+                   return 0;
+               });
 }

@@ -4,7 +4,6 @@
 #include "Coding.h"
 
 #include <courier/hub/serialisation/FanOut.h>
-#include <courier/hub/serialisation/Streams.h>
 
 #include <algorithm>
 #include <future>
@@ -19,46 +18,23 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// Counts what passes, for the progress that the user sees.
-class CountingSink final : public ByteBufferOStreambuf {
-public:
-    explicit CountingSink(std::atomic<std::uint64_t>& count) : count_(count) {}
-
-protected:
-    std::streamsize xsputn(char const* bytes, std::streamsize n) override {
-        count_ += static_cast<std::uint64_t>(n);
-        return ByteBufferOStreambuf::xsputn(bytes, n);
-    }
-
-private:
-    std::atomic<std::uint64_t>& count_;
-};
-
-// Reads the block where it lies, and gives it back.
-GenericPayload read(GenericDeserialiser const& deserialise, ByteBuffer block) {
-    ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(std::move(block)));
-    return decode(deserialise, source);
-}
-
 // Throws what writing or reading throws; what was done until then is in the outcome.
 void roundTrip(Element const& element, GenericSerialiser&& serialise,
                GenericDeserialiser const& deserialise, stop_token const& stop, Progress& progress,
                Outcome& outcome) {
     auto start = Clock::now();
-    CountingSink sink(progress.bytesOut);
-    std::optional<ByteBuffer> block = encode(std::move(serialise), sink);
-    if (!block) {
-        return;
-    }
+    ByteBuffer block = encode(std::move(serialise));
     outcome.writing = Clock::now() - start;
-    outcome.bytesOut = block->size();
+    outcome.bytesOut = block.size();
     outcome.isWritten = true;
+    progress.bytesOut += block.size();
     ++progress.written;
     if (stop.stop_requested()) {
         return;
     }
     start = Clock::now();
-    GenericPayload const received = read(deserialise, *std::exchange(block, std::nullopt));
+    ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(std::move(block)));
+    GenericPayload const received = decode(deserialise, source);
     outcome.reading = Clock::now() - start;
     outcome.isRead = true;
     outcome.isIdentical = element.isAllOf(received);
@@ -92,7 +68,9 @@ Transfer transfer(std::vector<Element> const& elements, std::vector<std::string>
                 roundTrip(elements[i], std::move(made[i]), deserialisers[i], stop.get_token(),
                           progress, result.outcomes[i]);
             } catch (std::exception const& error) {
-                result.outcomes[i].error = error.what();
+                if (!wasStopped(error)) {
+                    result.outcomes[i].error = error.what();
+                }
             }
             ++progress.done;
         }
