@@ -8,6 +8,7 @@
 
 #include <courier/hub/core/GenericPayload.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -22,6 +23,7 @@ namespace golden {
 enum class Colour : unsigned char { red, green };
 struct Class {
     struct Nested;
+    int member;
 };
 template <class> struct Of {
     struct Nested;
@@ -29,6 +31,15 @@ template <class> struct Of {
 };
 template <class, unsigned = 3, Colour = Colour::green> struct Grid;
 template <auto> struct Value;
+template <int*> struct Address;
+template <int> struct Matrix { struct Row; };
+template <int, class, class> struct Mixed;
+template <class, int, class> struct Mixed2;
+template <class, class, int, int> struct Mixed3;
+template <class, class, class, int> struct Mixed4;
+template <int, int, class> struct Mixed5;
+inline int object, objects[2];
+inline void function() {}
 
 using namespace courier::hub::core;
 
@@ -104,6 +115,24 @@ GOLDEN(0x5330436FE023FEE1, "std::unique_ptr<golden::Class,std::default_delete<go
        std::unique_ptr<Class>);
 GOLDEN(0xA1D1568C46BE9A84, "std::function<void(" STRING " const &)>",
        std::function<void(std::string const&)>);
+GOLDEN(0xE225847D026CCF9C, "unsigned __int128", unsigned __int128);
+GOLDEN(0xA6A10575E2E320BA, "int volatile const*", int const volatile*);
+GOLDEN(0x2C7F455926157669, "golden::Of<int &&>", Of<int&&>);
+GOLDEN(0x07DBFD53B12B0455, "golden::Value<(long long)-9223372036854775808>",
+       Value<-9223372036854775807LL - 1>);
+GOLDEN(0xD4BAD1A821F4F45C, "golden::Value<(int*)&golden::object>", Value<&object>);
+GOLDEN(0x40F2EFC84475D1F5, "golden::Address<(int*)&golden::objects>", Address<objects>);
+GOLDEN(0xE513969315605EAB, "golden::Address<(int*)nullptr>", Address<nullptr>);
+GOLDEN(0x3AA22AADC0BC409F, "golden::Value<(void()*)&golden::function>", Value<&function>);
+GOLDEN(0x7C6CAA2B139DBA59, "golden::Value<(int golden::Class::*)&golden::Class::member>",
+       Value<&Class::member>);
+GOLDEN(0x83FDCA8143454BAB, "golden::Matrix<3>::Row", Matrix<3>::Row);
+GOLDEN(0xEB946ED05C08230F, "golden::Mixed<(int)1,int,char>", Mixed<1, int, char>);
+GOLDEN(0x2AA2B691FAD2B121, "golden::Mixed2<int,(int)2,char>", Mixed2<int, 2, char>);
+GOLDEN(0x9B676D7F8D4A5293, "golden::Mixed3<int,char,(int)1,(int)2>", Mixed3<int, char, 1, 2>);
+GOLDEN(0xEEC5D83515B4E2B7, "golden::Mixed4<int,char,long,(int)2>", Mixed4<int, char, long, 2>);
+GOLDEN(0x5F7CCF02EE5FA432, "golden::Mixed5<(int)1,(int)2,char>", Mixed5<1, 2, char>);
+GOLDEN(0xAA33D664E201641E, "std::chrono::system_clock", std::chrono::system_clock);
 #undef GOLDEN
 #undef STRING
 

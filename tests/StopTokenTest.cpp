@@ -3,6 +3,12 @@
 
 using namespace bedrock::concurrent::threadpool;
 
+namespace {
+struct Mine {}; // CoreTest.cpp has one, too
+} // namespace
+std::uint64_t idOfAnotherFilesMine();
+std::uint64_t idOfAnotherFilesMine() { return tests::getTypeID<Mine>(); }
+
 TEST(StopToken, SharesOneStateWithEverySource) {
     stop_token token = stop_source().get_token();
     EXPECT_TRUE(token.stop_possible() && !token.stop_requested()); // a source's end stops nothing

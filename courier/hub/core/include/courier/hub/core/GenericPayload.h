@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string_view>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
@@ -16,11 +17,52 @@
 /// The payload, and the identifiers of its elements' types.
 namespace courier::hub::core {
 
+/// Thrown when an element of a payload has another type than the one asked for, or no value. what()
+/// names the element and both identifiers. Copying does not throw.
+class BadElementType : public std::bad_cast {
+public:
+    BadElementType(std::size_t index, std::uint64_t present, std::uint64_t wanted) noexcept
+        : index_(index), present_(present), wanted_(wanted) {
+        add("Element ");
+        addNumber(index, 10);
+        add(" has type identifier 0x");
+        addNumber(present, 16);
+        add(present == wanted ? " but no value" : ", not 0x");
+        if (present != wanted) {
+            addNumber(wanted, 16);
+        }
+    }
+
+    [[nodiscard]] char const* what() const noexcept override { return text_; }
+
+    /// The position of the element in the payload.
+    [[nodiscard]] std::size_t index() const noexcept { return index_; }
+    /// The type identifier that the element has.
+    [[nodiscard]] std::uint64_t present() const noexcept { return present_; }
+    /// The type identifier that was asked for; equal to present() if the element has no value.
+    [[nodiscard]] std::uint64_t wanted() const noexcept { return wanted_; }
+
+private:
+    void add(std::string_view piece) noexcept { size_ += piece.copy(text_ + size_, piece.size()); }
+    void addNumber(std::uint64_t number, std::uint64_t base) noexcept {
+        if (number >= base) {
+            addNumber(number / base, base);
+        }
+        add(std::string_view("0123456789ABCDEF").substr(number % base, 1));
+    }
+
+    std::size_t index_;
+    std::uint64_t present_;
+    std::uint64_t wanted_;
+    std::size_t size_ = 0;
+    char text_[96] = {}; // the longest text has 91 characters
+};
+
 /// A type-erased payload of several elements, each with the identifier of its type. Element i has
 /// type identifier typeIDs[i] and value values[i].
 ///
-/// Move-only. A moved-from payload has empty sequences but keeps its elementCount. One payload
-/// belongs to one thread at a time; const access may run on several threads at once.
+/// Move-only. A moved-from payload has empty sequences but keeps its elementCount.
+/// Thread-compatible.
 struct GenericPayload {
     std::vector<std::uint64_t> typeIDs;           ///< type identifier of each element
     std::vector<std::shared_ptr<void>> values;    ///< value of each element
@@ -38,10 +80,11 @@ struct GenericPayload {
     GenericPayload& operator=(GenericPayload const&) = delete;
     ~GenericPayload() = default;
 
-    /// Appends one element of type T. Amortised constant. Throws std::bad_alloc; the payload is
-    /// then as before.
+    /// Appends one element of type T, which the payload shares. Amortised constant. Throws
+    /// std::bad_alloc; strong guarantee.
     template <class T> void add(std::shared_ptr<T> value) {
-        static_assert(!std::is_const_v<T>, "a payload gives mutable access to its elements");
+        static_assert(!std::is_const_v<T>, "a payload gives mutable access to its elements: add a "
+                                           "std::shared_ptr to a type that is not const");
         typeIDs.push_back(getTypeID<T>());
         try {
             values.push_back(std::move(value));
@@ -52,9 +95,18 @@ struct GenericPayload {
         elementCount = values.size(); // a moved-from payload still has its old count
     }
 
-    /// Element i, whose type must be T.
-    /// Throws std::out_of_range past the end; std::bad_cast when the element has another type, or
-    /// no value.
+    /// Constructs an element of type T at the end and returns it. The reference stays valid as long
+    /// as the payload keeps the element. Amortised constant. Throws std::bad_alloc and what the
+    /// constructor throws; strong guarantee.
+    template <class T, class... Arguments> T& emplace(Arguments&&... arguments) {
+        auto value = std::make_shared<T>(std::forward<Arguments>(arguments)...);
+        T& element = *value;
+        add(std::move(value));
+        return element;
+    }
+
+    /// Element i, whose type must be T. Throws std::out_of_range if i is not below the number of
+    /// elements, and BadElementType, a std::bad_cast, if the element has another type or no value.
     template <class T> [[nodiscard]] T& get(std::size_t i) { return *find<T>(i); }
 
     /// The same, read-only.
@@ -62,12 +114,16 @@ struct GenericPayload {
 
 private:
     template <class T> [[nodiscard]] T* find(std::size_t i) const {
-        bool const isSameType = typeIDs.at(i) == getTypeID<T>();
+        std::uint64_t const present = typeIDs.at(i);
         void* const value = values.at(i).get();
-        if (!isSameType || value == nullptr) {
-            throw std::bad_cast();
+        if (present != getTypeID<T>() || value == nullptr) {
+            throwBadElement(i, present, getTypeID<T>());
         }
         return static_cast<T*>(value);
+    }
+    [[noreturn]] static void throwBadElement(std::size_t i, std::uint64_t present,
+                                             std::uint64_t wanted) {
+        throw BadElementType(i, present, wanted);
     }
 };
 

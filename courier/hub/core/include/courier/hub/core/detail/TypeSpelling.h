@@ -2,7 +2,7 @@
 #ifndef COURIER_HUB_CORE_DETAIL_TYPE_SPELLING_H
 #define COURIER_HUB_CORE_DETAIL_TYPE_SPELLING_H
 
-// The one part of Boost.TypeIndex that is needed: <boost/type_index/ctti_type_index.hpp> would cost
+// The one part of Boost.TypeIndex that is needed. <boost/type_index/ctti_type_index.hpp> would cost
 // every includer half a second more.
 #include <boost/type_index/detail/compile_time_type_info.hpp>
 
@@ -15,52 +15,128 @@
 //
 //     char const*        int[4][3] (three of four)        void(int)*        int n::C::*
 //
-// Templates are written with all their arguments, defaults too, and numbers with their type:
-// `n::Grid<double,(unsigned int)3>`. Compilers leave out what they take for obvious, each something
-// else.
+// Templates are written with all their arguments, even the defaults, and numbers with their type:
+// `n::Grid<double,(unsigned int)3>`. Compilers leave out what they can infer, each something else.
 //
-// The pieces go to an Out, which has add(std::string_view).
+// The pieces are passed to an Out, which has add(std::string_view).
 namespace courier::hub::core::detail {
 
-/// The compiler's name of T without qualifiers or keywords in front.
-template <class T> constexpr std::string_view compilersName() noexcept {
-    // What Boost cuts out of the compiler's signature still ends in that signature's bracket.
-    std::string_view const name = boost::detail::ctti<T>::n();
-    return name.substr(0, name.rfind(']'));
-}
-
-/// The argument of a template with one.
-constexpr std::string_view argumentOf(std::string_view name) noexcept {
-    auto const first = name.find('<') + 1;
-    return name.substr(first, name.rfind('>') - first);
-}
-
-/// Whether the name says the same type in every file. It does not in an unnamed namespace, for a
-/// closure, for a class without a name or for one local to a function.
-constexpr bool isNameShared(std::string_view name) noexcept {
-    constexpr std::string_view marks[] = {
-        "{anonymous}", "(anonymous", "<unnamed", "(unnamed",    "<lambda",    "(lambda at",
-        ")::",         " const::",   "&::",      " volatile::", " requires ",
-    };
-    for (std::string_view const mark : marks) {
-        if (name.find(mark) != std::string_view::npos) {
+// The members of std::string_view that search are not constant expressions for g++ under
+// -fsanitize=undefined.
+constexpr bool startsWith(std::string_view text, std::string_view start) noexcept {
+    if (text.size() < start.size()) {
+        return false;
+    }
+    for (std::size_t i = 0; i < start.size(); ++i) {
+        if (text[i] != start[i]) {
             return false;
         }
     }
     return true;
 }
 
-/// Whether a template in the name has an argument that is neither a type nor a word: compilers
-/// spell numbers and addresses differently, and g++ writes 3 for 3U, which is another type.
-constexpr bool hasValueArgument(std::string_view name) noexcept {
-    char before = '\0';
-    for (char const c : name) {
-        bool const isFirst = before == '<' || before == ',';
-        if (c == '{' || c == '\'' ||
-            (isFirst && std::string_view("-0123456789(&").find(c) != std::string_view::npos)) {
+/// The position of the first `wanted` in the text; the text's size if there is none.
+constexpr std::size_t firstOf(std::string_view text, std::string_view wanted) noexcept {
+    std::size_t i = 0;
+    while (i < text.size() && !startsWith(text.substr(i), wanted)) {
+        ++i;
+    }
+    return i;
+}
+constexpr bool contains(std::string_view text, std::string_view wanted) noexcept {
+    return firstOf(text, wanted) != text.size();
+}
+
+/// The text in front of its last `end`.
+constexpr std::string_view before(std::string_view text, char end) noexcept {
+    while (!text.empty() && text.back() != end) {
+        text.remove_suffix(1);
+    }
+    return text.substr(0, text.size() - (text.empty() ? 0 : 1));
+}
+
+/// The compiler's name of T without qualifiers or keywords in front.
+template <class T> constexpr std::string_view compilersName() noexcept {
+    // What Boost cuts out of the compiler's signature still ends in that signature's bracket.
+    return before(boost::detail::ctti<T>::n(), ']');
+}
+
+/// The argument of a template with one.
+constexpr std::string_view argumentOf(std::string_view name) noexcept {
+    return before(name.substr(firstOf(name, "<") + 1), '>');
+}
+
+/// Whether the name contains any of the marks.
+template <std::size_t n>
+constexpr bool containsAny(std::string_view name, std::string_view const (&marks)[n]) noexcept {
+    for (std::string_view const mark : marks) {
+        if (contains(name, mark)) {
             return true;
         }
-        before = c == ' ' ? before : c;
+    }
+    return false;
+}
+
+/// Whether a part of the name is not a name: a closure, or a class without one.
+constexpr bool hasUnnamedPart(std::string_view name) noexcept {
+    constexpr std::string_view marks[] = {"<unnamed", "(unnamed",    "<lambda",
+                                          "(lambda",  "(anonymous ", "{unnamed"};
+    constexpr std::string_view unnamedNamespace = "(anonymous namespace)";
+    while (!name.empty()) { // clang's unnamed namespace begins like an unnamed class
+        std::size_t const end = firstOf(name, unnamedNamespace);
+        if (containsAny(name.substr(0, end), marks)) {
+            return true;
+        }
+        name.remove_prefix(end == name.size() ? end : end + unnamedNamespace.size());
+    }
+    return false;
+}
+
+/// Whether the name belongs to one file: it is in an unnamed namespace, or local to a function.
+constexpr bool isOfOneFile(std::string_view name) noexcept {
+    constexpr std::string_view marks[] = {
+        "{anonymous}", "(anonymous namespace)", ")::",         " const::",
+        "&::",         " volatile::",           " noexcept::", " requires "};
+    return containsAny(name, marks);
+}
+
+/// Whether an address is more than the name of an object, function or member.
+constexpr bool hasPartOfObject(std::string_view name) noexcept {
+    constexpr std::string_view marks[] = {"[", ".", "+", "(", "\"", "::operator", "*"};
+    return containsAny(name, marks);
+}
+
+/// Whether a template in the name has an argument that compilers spell in several ways: an object
+/// of a class, a part of an object, a floating-point number, an enumerator without a name, an
+/// operator, a character without a picture.
+constexpr bool hasUnspelledArgument(std::string_view name) noexcept {
+    constexpr std::string_view unnamedNamespace = "{anonymous}";
+    constexpr std::string_view marks[] = {"{", "'\\", "\"", "::operator"};
+    char last = '\0';
+    bool isInside = false;  // of a template's arguments
+    bool isAddress = false; // the argument is one
+    for (; !name.empty(); name.remove_prefix(1)) {
+        if (startsWith(name, unnamedNamespace)) {
+            name.remove_prefix(unnamedNamespace.size() - 1);
+            continue;
+        }
+        char const c = name.front();
+        bool const isFirst = last == '<' || last == ',';
+        bool const isCast = c == '(' && isFirst && !startsWith(name, "(& ") &&
+                            !startsWith(name, "(anonymous namespace)");
+        bool const isFraction = c == '.' && last >= '0' && last <= '9';
+        isInside = isInside || c == '<';
+        isAddress = isFirst ? c == '&' || c == '(' : isAddress && c != ',' && c != '>';
+        bool const isPart = isAddress && (c == '[' || c == '.');
+        if (isCast || isFraction || isPart) {
+            return true;
+        }
+        for (std::string_view const mark : marks) {
+            if (isInside && startsWith(name, mark)) {
+                return true;
+            }
+        }
+        last = c == ' ' ? last : c;
     }
     return false;
 }
@@ -79,15 +155,17 @@ template <std::size_t capacity> struct Text {
     std::size_t size = 0;
 
     constexpr void add(std::string_view piece) noexcept {
-        piece.copy(bytes + size, piece.size());
-        size += piece.size();
+        for (char const c : piece) {
+            bytes[size++] = c;
+        }
     }
     [[nodiscard]] constexpr std::string_view view() const noexcept { return {bytes, size}; }
 };
 
-/// Spells a compiler's name with blanks only between words, with the shorter names of the integers,
-/// without the inline namespaces of the standard libraries, which clang leaves out, and without the
-/// short names that libc++ has clang use for the strings. At most three times as long.
+/// Spells a compiler's name with blanks only between words, with the shorter names of the integers
+/// and with addresses as `&n::x`; without the inline namespaces of the standard libraries, which
+/// clang leaves out, and without the short names that libc++ has clang use for the strings. At most
+/// three times as long.
 template <std::size_t capacity>
 constexpr void spellName(std::string_view name, Text<capacity>& out) noexcept {
     constexpr std::string_view replacements[][2] = {
@@ -101,11 +179,25 @@ constexpr void spellName(std::string_view name, Text<capacity>& out) noexcept {
         {"__cxx11::", ""},
         {"_V2::", ""},
         {"__1::", ""},
+        {"(anonymous namespace)::", "{anonymous}::"},
         {"std::string", "std::basic_string<char>"},
         {"std::string_view", "std::basic_string_view<char>"},
     };
     bool isAfterWord = false;
+    bool isAddress = false; // of g++'s kind: (& n::x)
     while (!name.empty()) {
+        if (startsWith(name, "(& ")) {
+            out.add("&");
+            name.remove_prefix(3);
+            isAddress = true;
+            isAfterWord = false;
+            continue;
+        }
+        if (isAddress && name.front() == ')') {
+            name.remove_prefix(1);
+            isAddress = false;
+            continue;
+        }
         if (name.front() == ' ') {
             name.remove_prefix(1);
             if (isAfterWord && startsInWord(name)) {
@@ -120,8 +212,8 @@ constexpr void spellName(std::string_view name, Text<capacity>& out) noexcept {
         }
         std::string_view text = name.substr(0, length);
         for (auto const& [from, to] : replacements) {
-            if (from.front() == name.front() && name.starts_with(from) &&
-                (from.ends_with(':') || !startsInWord(name.substr(from.size())))) {
+            if (startsWith(name, from) &&
+                (from.back() == ':' || !startsInWord(name.substr(from.size())))) {
                 length = from.size();
                 text = to;
                 break;
@@ -142,20 +234,52 @@ template <class Out> constexpr void spellNumber(unsigned long long number, Out& 
 
 template <class T, class Out> constexpr void spellType(Out& out) noexcept;
 
-/// As C++ writes it with a cast, which enumerators without a name need anyway: (n::Colour)2.
+template <auto> struct OfValue;
+
+/// The name in a compiler's address of an object, function or member: n::x of `(& n::x)`, `&n::x`
+/// and `n::x`.
+constexpr std::string_view nameInAddress(std::string_view address) noexcept {
+    while (!address.empty() && !isInWord(address.front()) && address.front() != '{') {
+        address.remove_prefix(1);
+    }
+    while (!address.empty() && address.back() == ')') {
+        address.remove_suffix(1);
+    }
+    return address;
+}
+
+/// As C++ writes it with a cast, which enumerators without a name need anyway: (n::Colour)2,
+/// (int*)&n::x.
 template <auto value, class Out> constexpr void spellValue(Out& out) noexcept {
     using T = std::remove_const_t<decltype(value)>;
-    static_assert((std::is_integral_v<T> || std::is_enum_v<T>)&&sizeof(T) <= sizeof(long long),
-                  "of the values that a template may take, only numbers, characters, bool and "
-                  "enumerators have a spelling on which compilers agree");
     out.add("(");
     spellType<T>(out);
     out.add(")");
-    if constexpr (value < T{}) {
-        out.add("-");
-        spellNumber(0 - static_cast<unsigned long long>(value), out);
+    if constexpr ((std::is_integral_v<T> || std::is_enum_v<T>)&&sizeof(T) <= sizeof(long long)) {
+        if constexpr (value < T{}) {
+            out.add("-");
+            spellNumber(0 - static_cast<unsigned long long>(value), out);
+        } else {
+            spellNumber(static_cast<unsigned long long>(value), out);
+        }
     } else {
-        spellNumber(static_cast<unsigned long long>(value), out);
+        static_assert(std::is_pointer_v<T> || std::is_member_pointer_v<T> ||
+                          std::is_null_pointer_v<T>,
+                      "an object or a floating-point number as the argument of a template has no "
+                      "spelling on which compilers agree: use a type as the argument");
+        // Compared as text: for g++ under -fsanitize=undefined, comparing addresses is not
+        // constant.
+        constexpr std::string_view name =
+            nameInAddress(argumentOf(compilersName<OfValue<value>>()));
+        constexpr bool isNull = (name[0] >= '0' && name[0] <= '9') || startsWith(name, "nullptr");
+        static_assert(
+            isNull || (!hasUnnamedPart(name) && !isOfOneFile(name) && !hasPartOfObject(name)),
+            "the address of a part of an object, of an operator, or of what belongs to "
+            "one file has no spelling on which compilers agree: give it a name of its own");
+        Text<3 * name.size() + 1> text;
+        text.add("&");
+        spellName(name, text);
+        out.add(isNull ? std::string_view("nullptr") : text.view());
     }
 }
 
@@ -165,18 +289,19 @@ template <class Out, class... Spell> constexpr void spellList(Out& out, Spell...
     ((out.add(comma), spell(out), comma = ","), ...);
 }
 
-/// The name of T or, where T is Wrapped<a template>, of that template. Spelt once for each T, not
+/// The name of T or, if T is Wrapped<a template>, of that template. Spelled once for each T, not
 /// each time that T is part of another type: compilers are slow at this.
 template <class T, bool isTemplate> constexpr auto spelledName() noexcept {
     constexpr std::string_view name =
         isTemplate ? argumentOf(compilersName<T>()) : compilersName<T>();
     static_assert(
-        isNameShared(name),
-        "a type without a name outside its file has no identifier: two modules could each "
-        "have their own type under one identifier");
-    static_assert(!isNameShared(name) || !hasValueArgument(name),
-                  "a class inside a template that has a value for an argument has no identifier: "
-                  "compilers write that value in more ways than one");
+        !hasUnnamedPart(name),
+        "a closure, a class without a name, and what is inside of them have no identifier: "
+        "nothing tells one from another. Give the class a name outside of any lambda");
+    static_assert(
+        hasUnnamedPart(name) || !hasUnspelledArgument(name),
+        "a class inside a template has no identifier if compilers write an argument of the "
+        "template in more ways than one. Move the class out of the template");
     Text<3 * name.size()> text;
     spellName(name, text);
     return text;
@@ -240,6 +365,39 @@ struct Composite<Template<value, Type, Types...>> {
     template <class Out> static constexpr void spell(Out& out) noexcept {
         spellTemplate<OfValueAndTypes<Template>>(out, spellValue<value, Out>, spellType<Type, Out>,
                                                  spellType<Types, Out>...);
+    }
+};
+
+template <template <auto, auto, class...> class> struct OfValuesAndTypes;
+template <template <auto, auto, class...> class Template, auto first, auto second, class Type,
+          class... Types>
+struct Composite<Template<first, second, Type, Types...>> {
+    template <class Out> static constexpr void spell(Out& out) noexcept {
+        spellTemplate<OfValuesAndTypes<Template>>(out, spellValue<first, Out>,
+                                                  spellValue<second, Out>, spellType<Type, Out>,
+                                                  spellType<Types, Out>...);
+    }
+};
+
+template <template <class, auto, class...> class> struct OfTypeValueAndTypes;
+template <template <class, auto, class...> class Template, class First, auto value, class Type,
+          class... Types>
+struct Composite<Template<First, value, Type, Types...>> {
+    template <class Out> static constexpr void spell(Out& out) noexcept {
+        spellTemplate<OfTypeValueAndTypes<Template>>(out, spellType<First, Out>,
+                                                     spellValue<value, Out>, spellType<Type, Out>,
+                                                     spellType<Types, Out>...);
+    }
+};
+
+template <template <class, class, class, auto...> class> struct OfThreeTypesAndValues;
+template <template <class, class, class, auto...> class Template, class First, class Second,
+          class Third, auto value, auto... values>
+struct Composite<Template<First, Second, Third, value, values...>> {
+    template <class Out> static constexpr void spell(Out& out) noexcept {
+        spellTemplate<OfThreeTypesAndValues<Template>>(
+            out, spellType<First, Out>, spellType<Second, Out>, spellType<Third, Out>,
+            spellValue<value, Out>, spellValue<values, Out>...);
     }
 };
 
