@@ -196,9 +196,9 @@ struct Run {
             Model& model = models[i];
             requireSame(buffers[i], model.bytes, "");
             auto const* const place = std::to_address(buffers[i].begin());
-            bool const stays = model.place != nullptr && model.place == model.bytes.data();
+            bool const stays = !model.bytes.empty() && model.place == model.bytes.data();
             require(!stays || model.bufferPlace == place);
-            model.place = model.bytes.data();
+            model.place = model.bytes.empty() ? nullptr : model.bytes.data();
             model.bufferPlace = place;
             adopted += model.external ? 1 : 0;
         }

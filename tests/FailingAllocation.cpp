@@ -33,6 +33,31 @@ std::size_t allocations() { return made; }
 std::size_t unfreed() { return made - freed; }
 } // namespace tests
 
+// Stand in front of the library's own, which take memory from std::malloc. A DLL cannot be served
+// so.
+#if !defined(_WIN32) || defined(COURIER_HUB_SERIALISATION_STATIC_DEFINE)
+namespace courier::hub::serialisation::detail {
+GrownBytes GrownBytes::allocate(std::size_t size) {
+    return {static_cast<std::byte*>(::allocate(size)), size};
+}
+GrownBytes GrownBytes::allocateZeroed(std::size_t size) {
+    GrownBytes const bytes = allocate(size);
+    std::memset(bytes.start, 0, size);
+    return bytes;
+}
+void GrownBytes::grow(std::size_t size) {
+    GrownBytes larger = allocate(size); // elsewhere: an address that is kept too long shows
+    std::memcpy(larger.start, start, capacity);
+    free();
+    *this = larger;
+}
+void GrownBytes::free() noexcept {
+    release(start);
+    *this = {};
+}
+} // namespace courier::hub::serialisation::detail
+#endif
+
 // Those for arrays call these.
 void* operator new(std::size_t size) { return allocate(size); }
 void operator delete(void* block) noexcept { release(block); }

@@ -139,7 +139,7 @@ constexpr Operation operations[] = {
     DO(++w.character),
     DO(discard(w.source.begin())),
     DO(w.payload.add(w.element)),
-    DO(GenericPayloadWrapperPtr::make(std::move(w.payload))),
+    DO(discard(GenericPayloadWrapperPtr::make(std::move(w.payload)))),
     DO(GenericSerialiser made(w.write, stop_source(), longText, w.element)),
     DO(w.serialiser(w.sent)),
     DO(w.serialiser(stop_token(), w.sent)),

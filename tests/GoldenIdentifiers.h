@@ -38,6 +38,7 @@ template <class, int, class> struct Mixed2;
 template <class, class, int, int> struct Mixed3;
 template <class, class, class, int> struct Mixed4;
 template <int, int, class> struct Mixed5;
+__extension__ typedef unsigned __int128 Widest;
 inline int object, objects[2];
 inline void function() {}
 
@@ -115,7 +116,7 @@ GOLDEN(0x5330436FE023FEE1, "std::unique_ptr<golden::Class,std::default_delete<go
        std::unique_ptr<Class>);
 GOLDEN(0xA1D1568C46BE9A84, "std::function<void(" STRING " const &)>",
        std::function<void(std::string const&)>);
-GOLDEN(0xE225847D026CCF9C, "unsigned __int128", unsigned __int128);
+GOLDEN(0xE225847D026CCF9C, "unsigned __int128", Widest);
 GOLDEN(0xA6A10575E2E320BA, "int volatile const*", int const volatile*);
 GOLDEN(0x2C7F455926157669, "golden::Of<int &&>", Of<int&&>);
 GOLDEN(0x07DBFD53B12B0455, "golden::Value<(long long)-9223372036854775808>",

@@ -198,10 +198,10 @@ class Printer:
 
 class ByteBuffer(Printer):
     def summary(self):
-        start = int(self.value["start_"])
-        if start != 0:
-            return "external form, " + content(start, int(self.value["external_"]["size"]))
-        return "vector form, " + content(*vector(self.value["owned_"]))
+        storage = self.value["storage_"]
+        is_external = int(storage["start"]) != 0 and int(storage["capacity"]) == 0
+        return (("external" if is_external else "vector") + " form, " +
+                content(int(self.value["data_"]), int(self.value["size_"])))
 
 
 class ByteBufferView(Printer):

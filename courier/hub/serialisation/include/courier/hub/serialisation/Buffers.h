@@ -3,6 +3,7 @@
 #define COURIER_HUB_SERIALISATION_BUFFERS_H
 
 #include <courier/hub/serialisation/Export.h>
+#include <courier/hub/serialisation/detail/GrownBytes.h>
 
 #include <compare>
 #include <concepts>
@@ -17,8 +18,8 @@
 #include <utility>
 #include <vector>
 
-// On a function or parameter: what comes out refers to this object or argument. clang then warns
-// where the result outlives a temporary or a local variable.
+// On a function or parameter: the result refers to this object or argument. clang then warns if the
+// result outlives a temporary or a local variable.
 #if defined(__clang__)
 #define COURIER_HUB_SERIALISATION_LIFETIMEBOUND [[clang::lifetimebound]]
 #else
@@ -34,14 +35,13 @@ class ByteBuffer;
 class ByteBufferView;
 
 namespace detail {
-// The throwing ends of inline checks, kept out of line so that the checks inline well.
+// Throw out of line, so that the checks inline well.
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwOutOfRange(char const* message);
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwIncompatibleIterators();
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwBlockWithoutDeleter();
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwTooLong();
 
-// The most bytes that a buffer holds. Lengths are compared with it before anything is added to
-// them, so that no sum wraps, and so that the standard library's own message is never seen.
+// The largest size. Checked before any addition, so that no sum wraps.
 inline constexpr std::size_t longest = PTRDIFF_MAX;
 
 template <class T, class... Types>
@@ -49,18 +49,23 @@ concept OneOf = (std::same_as<std::remove_cvref_t<T>, Types> || ...);
 template <class T>
 concept ByteOrCharacterReference = OneOf<T, std::byte, char, signed char, unsigned char, char8_t>;
 
-// Neither a view, which has its copy constructor, nor an array of characters, which may be a
-// literal with a 0 at its end.
+// An array of bytes, but not of characters: that may be a literal with a 0 at its end.
 template <class Range>
-concept ByteRange =
-    !std::derived_from<Range, ByteBufferView> &&
-    (!std::is_array_v<Range> ||
-     OneOf<std::remove_extent_t<Range>, std::byte, unsigned char>)&&requires(Range const& range) {
+concept NoCharacterArray =
+    !std::is_array_v<Range> || OneOf<std::remove_extent_t<Range>, std::byte, unsigned char>;
+
+template <class Range>
+concept ContiguousBytes = requires(Range const& range) {
     { *std::ranges::data(range) } -> ByteOrCharacterReference;
     { std::ranges::size(range) } -> std::convertible_to<std::size_t>;
 };
 
-// Its bytes do not go with it: a std::string_view, a std::span.
+// Not a view, which has its copy constructor.
+template <class Range>
+concept ByteRange =
+    !std::derived_from<Range, ByteBufferView> && NoCharacterArray<Range> && ContiguousBytes<Range>;
+
+// Ranges that do not own their bytes, such as std::string_view and std::span.
 template <class Range>
 concept BorrowedByteRange = ByteRange<Range> && std::ranges::enable_borrowed_range<Range>;
 template <class Range>
@@ -70,14 +75,17 @@ concept OwningByteRange = ByteRange<Range> && !std::ranges::enable_borrowed_rang
 /// The iterator of ByteBuffer and ByteBufferView: contiguous, with T = std::byte for mutable and
 /// T = std::byte const for read-only access.
 ///
-/// A position is either a raw pointer (external blocks and views) or a position in the buffer's own
-/// vector. Positions of different forms are never equal; taking their difference, or comparing
-/// their order, throws std::runtime_error "Attempting to take difference between incompatible
-/// MessageIterators".
+/// A position is in pointer form (external blocks and views) or in vector form (a buffer's own
+/// bytes). Positions of different forms are never equal; subtracting them or comparing their order
+/// throws std::runtime_error "Attempting to take difference between incompatible MessageIterators".
 ///
-/// A plain value that owns nothing. Every operation takes constant time, allocates nothing and,
-/// but for the difference, throws nothing. Dereferencing or advancing past the end is not checked.
-/// Several threads may walk one buffer while nobody changes it.
+/// A plain value that owns nothing. Every operation takes constant time and allocates nothing. Does
+/// not throw, except for subtraction and ordering. Dereferencing or advancing past the end is not
+/// checked. Several threads may iterate over one buffer while nobody changes it.
+///
+/// Loops over it are loops over a plain pointer. But the algorithms of this standard library's
+/// `std` namespace copy only its own iterators and pointers by std::memmove: to copy many bytes,
+/// pass a std::span<std::byte const> of the buffer or view instead.
 template <class T> class ByteBufferIterator {
     static_assert(std::is_same_v<std::remove_const_t<T>, std::byte>);
     using VectorPosition =
@@ -85,7 +93,7 @@ template <class T> class ByteBufferIterator {
                            std::vector<std::byte>::iterator>;
 
 public:
-    /// As the standard library asks for.
+    /// Required by std::iterator_traits.
     using iterator_concept = std::contiguous_iterator_tag;
     using iterator_category = std::random_access_iterator_tag;
     using value_type = std::byte;
@@ -140,14 +148,13 @@ public:
     /// The number of bytes from b to a. Throws std::runtime_error for positions of different forms.
     [[nodiscard]] friend difference_type operator-(ByteBufferIterator const& a,
                                                    ByteBufferIterator const& b) {
-        // No vector that has bytes has a null address: such a pair is that of a null view.
-        if (a.inVector_ != b.inVector_ || !a.address_ != !b.address_) {
+        if (a.inVector_ != b.inVector_) {
             detail::throwIncompatibleIterators();
         }
         return a.address_ - b.address_;
     }
 
-    /// Whether both are one position of one form.
+    /// True if both are the same position in the same form.
     [[nodiscard]] friend bool operator==(ByteBufferIterator const& a,
                                          ByteBufferIterator const& b) noexcept {
         return a.address_ == b.address_ && a.inVector_ == b.inVector_;
@@ -167,10 +174,8 @@ private:
     ByteBufferIterator(T* address, bool inVector) noexcept
         : address_(address), inVector_(inVector) {}
 
-    // The address serves both forms: a loop over it is a loop over a plain pointer, and the form
-    // is asked only where two positions meet.
     T* address_ = nullptr;
-    bool inVector_ = true; // the form; true of a null pointer, too
+    bool inVector_ = true; // the form; a null pointer is in vector form
 };
 
 static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>>);
@@ -178,30 +183,40 @@ static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>>)
 
 /// A pointer and a length: contiguous bytes that somebody else owns.
 ///
-/// Pass it by value. It keeps nothing alive: use it only while the bytes stay where they are, and
-/// adopt or copy them into a ByteBuffer to keep them longer. It gives mutable access also when it
-/// was made from a pointer to const bytes; do not write through such a view.
+/// Pass it by value, for the length of a call. To keep the bytes longer, adopt or copy them into a
+/// ByteBuffer: a view keeps nothing alive, and is valid while the bytes stay where they are. It
+/// gives mutable access even if it was made from a pointer to const bytes; do not write through
+/// such a view.
 ///
-/// A view with a null start and a length other than 0 can be made, but it is no use: the operations
-/// that copy its bytes refuse it, and of its iterators only the comparison for equality and the
-/// difference, which throws, are defined.
+/// A view with a null start and a length other than 0 can be constructed but is useless: operations
+/// that copy its bytes throw; its iterators may only be compared for equality or subtracted, which
+/// throws.
 ///
-/// Unless a comment says otherwise, every operation takes constant time, allocates nothing and
-/// throws nothing; one that throws leaves the view as it was. A view may be read and copied on
-/// several threads at once; whether its bytes may is up to their owner.
+/// Unless a comment says otherwise, operations take constant time, allocate nothing and do not
+/// throw; one that throws gives the strong guarantee. Thread-compatible; whether the bytes may be
+/// read on several threads is up to their owner.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferView {
 public:
+    /// The names that standard containers have.
+    using value_type = std::byte;
+    using size_type = std::size_t;
+    using difference_type = std::ptrdiff_t;
+    using reference = std::byte&;
+    using const_reference = std::byte const&;
+    using iterator = ByteBufferIterator<std::byte>;
+    using const_iterator = ByteBufferIterator<std::byte const>;
+
     /// A view of no bytes: null start, length 0.
     ByteBufferView() noexcept = default;
 
-    /// The `size` bytes from `data` on. Nothing is checked.
+    /// The `size` bytes that start at `data`. Nothing is checked.
     ByteBufferView(std::byte* data, std::size_t size) noexcept : start_(data), length_(size) {}
     ByteBufferView(std::byte const* data, std::size_t size) noexcept
         : start_(const_cast<std::byte*>(data)), length_(size) {}
 
     /// The elements of contiguous bytes or characters: a ByteBuffer, a std::span, a std::string, a
-    /// std::string_view, a std::vector or std::array of std::byte or any type of character. Not of
-    /// a literal: say std::string_view.
+    /// std::string_view, a std::vector or std::array of std::byte or any type of character. String
+    /// literals are rejected: wrap them in std::string_view.
     template <detail::BorrowedByteRange Range> explicit ByteBufferView(Range range) noexcept
         : ByteBufferView(reinterpret_cast<std::byte const*>(std::ranges::data(range)),
                          std::size_t{std::ranges::size(range)}) {}
@@ -210,8 +225,8 @@ public:
         : ByteBufferView(reinterpret_cast<std::byte const*>(std::ranges::data(range)),
                          std::size_t{std::ranges::size(range)}) {}
 
-    /// Whether both have the same bytes, wherever those are. Linear, one block comparison. A null
-    /// view with a length equals only its like.
+    /// True if both have the same bytes, wherever those are. Linear, one block comparison. A null
+    /// view with a length equals only another one of that length.
     [[nodiscard]] friend bool operator==(ByteBufferView const& a,
                                          ByteBufferView const& b) noexcept {
         return a.length_ == b.length_ && (a.length_ == 0 || a.start_ == b.start_ ||
@@ -228,51 +243,63 @@ public:
     /// Whether there are none.
     [[nodiscard]] bool empty() const noexcept { return length_ == 0; }
 
-    /// Byte i, unchecked: i must be below size().
+    /// Byte i, unchecked. Precondition: i is below size().
     [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return start_[i]; }
     [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept { return start_[i]; }
 
     /// Byte i. Throws std::out_of_range "Attempt to access position beyond the end of the
-    /// ByteBufferView" when i is not below size().
-    [[nodiscard]] std::byte& at(std::size_t i) { return start_[checked(i)]; }
-    [[nodiscard]] std::byte const& at(std::size_t i) const { return start_[checked(i)]; }
+    /// ByteBufferView" if i is not below size().
+    std::byte& at(std::size_t i) { return start_[checked(i)]; }
+    std::byte const& at(std::size_t i) const { return start_[checked(i)]; }
 
     /// The first byte. Throws std::out_of_range "ByteBufferView is empty".
-    [[nodiscard]] std::byte& front() { return *nonEmpty(); }
-    [[nodiscard]] std::byte const& front() const { return *nonEmpty(); }
+    std::byte& front() { return *nonEmpty(); }
+    std::byte const& front() const { return *nonEmpty(); }
 
-    /// Iterators into the viewed bytes: valid as long as those are, whatever becomes of the view.
+    /// Iterators over the viewed bytes. They are valid while the bytes are, whatever happens to the
+    /// view. A view and a const view have all eight functions, as a buffer has.
     [[nodiscard]] ByteBufferIterator<std::byte> begin() noexcept {
-        return {start_, start_ == nullptr};
+        return ByteBufferIterator<std::byte>(start_);
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> begin() const noexcept {
-        return {start_, start_ == nullptr};
+        return ByteBufferIterator<std::byte const>(start_);
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
         return std::as_const(*this).begin();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
     [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
-        return {endAddress(), start_ == nullptr};
+        return ByteBufferIterator<std::byte>(endAddress());
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> end() const noexcept {
-        return {endAddress(), start_ == nullptr};
+        return ByteBufferIterator<std::byte const>(endAddress());
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
         return std::as_const(*this).end();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
 
-    /// Makes this the view of no bytes. Like every change of a view, it touches no byte.
+    /// Makes this a view of no bytes. Like every change of a view, it changes no byte.
     void clear() noexcept { *this = ByteBufferView(); }
 
-    /// Drops the first n bytes from the view; one that ends up empty has a null start. Throws
-    /// std::out_of_range "Requested to remove more bytes than exist" when n is above size().
+    /// Removes the first, or the last, n bytes from the view. A view that becomes empty has a null
+    /// start. Throws std::out_of_range "Requested to remove more bytes than exist" if n is above
+    /// size().
     void trimFront(std::size_t n);
+    void trimBack(std::size_t n);
 
-    /// The `count` bytes from `offset` on; a count of 0 reaches to the end, and at the end gives
-    /// the view of no bytes. Throws std::out_of_range "Invalid range requested" when the range
-    /// leaves the view.
+    /// The first, or the last, n bytes. Throws std::out_of_range "Invalid range requested" if n is
+    /// above size().
+    [[nodiscard]] ByteBufferView first(std::size_t n) const { return subview(0, n); }
+    [[nodiscard]] ByteBufferView last(std::size_t n) const;
+
+    /// The bytes from `offset` to the end, or `count` of them; a count of 0 means no bytes. Throws
+    /// std::out_of_range "Invalid range requested" if the range exceeds the view.
+    [[nodiscard]] ByteBufferView subview(std::size_t offset) const;
+    [[nodiscard]] ByteBufferView subview(std::size_t offset, std::size_t count) const;
+
+    /// The same, but a count of 0 means up to the end; at the end it gives a view of no bytes. For
+    /// a count that may be 0, use subview().
     [[nodiscard]] ByteBufferView makeView(std::size_t offset, std::size_t count) const;
 
     /// A new buffer with the viewed bytes followed by those of the argument; of a vector of
@@ -285,6 +312,7 @@ public:
     [[nodiscard]] ByteBuffer append(std::vector<ByteBuffer>&& others);
     [[nodiscard]] ByteBuffer append(std::vector<ByteBuffer> const& others);
     [[nodiscard]] ByteBuffer append(std::vector<std::byte>&& bytes);
+    [[nodiscard]] ByteBuffer append(std::vector<std::byte> const& bytes);
     [[nodiscard]] ByteBuffer append(ByteBufferView view);
 
     /// A new buffer with a copy of the bytes; throws as the buffer's constructor does.
@@ -304,7 +332,8 @@ private:
         }
         return start_;
     }
-    // Pointer arithmetic on null is undefined, but a null view with a length needs an end as well.
+    // Pointer arithmetic on null is undefined, but a null view with a length has an end as well: an
+    // address, which is therefore in pointer form.
     [[nodiscard]] std::byte* endAddress() const noexcept {
         return start_ != nullptr ? start_ + length_
                                  : reinterpret_cast<std::byte*>(std::uintptr_t{length_});
@@ -316,58 +345,71 @@ private:
 
 static_assert(std::is_trivially_copyable_v<ByteBufferView>);
 
-/// A sequence of bytes with exactly one owner, kept in one of two forms:
+/// A sequence of bytes with exactly one owner, in one of two forms:
 ///
 ///     vector form                          external form
-///     start: null                          block ──▶ ┌─────────┬────────────────────┬───┐
-///     owned ──▶ ┌──────────────┬───────┐             │ trimmed │ live bytes         │ … │
-///               │ bytes        │ spare │             └─────────┴────────────────────┴───┘
-///               └──────────────┴───────┘   start ──────────────▶◀─────── size ───────▶
+///     data ──▶ ┌──────────────┬───────┐    block ──▶ ┌─────────┬────────────────────┬───┐
+///              │ bytes        │ spare │              │ trimmed │ live bytes         │ … │
+///              └──────────────┴───────┘              └─────────┴────────────────────┴───┘
+///              ◀─── size ────▶                  data ──────────▶◀─────── size ───────▶
+///              ◀────── capacity ──────▶
 ///
 /// In external form the bytes are a block that was allocated elsewhere and adopted together with
-/// the routine that frees it: received data is not copied. The deleter is called exactly once, with
-/// the address that was handed over, when the block is no longer needed: by clear(), the first
-/// append(), push_back() or resize(), a move assignment into the buffer, or the destructor. A
-/// buffer that has given its block back keeps the deleter and what that captured: they go along
-/// when it is moved, and end when something else is moved in or the buffer ends. The deleter runs
-/// on the thread that gives the block back, must not be empty and must not throw:
+/// the routine that frees it: received data is not copied. adopt() makes such a buffer of any owner
+/// of bytes. Use a ByteBufferView instead to pass bytes on for the length of a call, or if nobody
+/// gives them away.
+///
+/// Move-only; clone() copies. A moved-from buffer is empty and may be used again. The deleter is
+/// called exactly once, with the block's address, on the thread that releases the block: by
+/// clear(), by the first append(), push_back(), resize() or reserve(), by a move assignment into
+/// the buffer, or by the destructor. It must not be empty and must not throw. The buffer then keeps
+/// the deleter, and what it captured, until it is assigned to, moved from or destroyed; a deleter
+/// that captures an owner should reset it.
 ///
 ///     ByteBuffer good({std::malloc(n), [](void* p) { std::free(p); }}, n);
 ///     ByteBuffer bad({borrowed, [](void*) {}}, n);  // nobody keeps `borrowed` alive: use a view
 ///
-/// Move-only; clone() copies. A moved-from buffer is empty and may be used again. Use a
-/// ByteBufferView to pass bytes on for the length of a call.
+/// Operations give the strong guarantee unless a comment says otherwise. Moving, clear(), the
+/// destructor and the queries do not throw. Thread-compatible.
 ///
-/// Moving, clear(), the destructor and the queries take constant time (but for freeing), allocate
-/// nothing and throw nothing, unless a comment says otherwise. An operation that throws leaves the
-/// content as it was. No operation locks: a buffer belongs to one thread at a time, and const
-/// operations may run on several threads while nobody changes it.
+/// Moving, clear(), the destructor and the queries take constant time, except for freeing, and
+/// allocate nothing. The queries do the same in both forms, without a branch.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBuffer {
 public:
+    /// The names that standard containers have.
+    using value_type = std::byte;
+    using size_type = std::size_t;
+    using difference_type = std::ptrdiff_t;
+    using reference = std::byte&;
+    using const_reference = std::byte const&;
+    using iterator = ByteBufferIterator<std::byte>;
+    using const_iterator = ByteBufferIterator<std::byte const>;
+
     /// The routine that frees a block.
     using Deleter = std::function<void(void*)>;
     /// A block together with the routine that frees it.
     using Block = std::unique_ptr<void, Deleter>;
 
-    /// An empty buffer; nothing is allocated.
-    ByteBuffer() noexcept : owned_() {}
+    /// An empty buffer in vector form. Allocates nothing.
+    ByteBuffer() noexcept : deleter_() {}
 
-    /// n bytes of value 0. Throws std::length_error "vector too long" above 2^63 - 1,
-    /// std::bad_alloc.
+    /// n bytes of value 0. Memory that comes fresh from the system is not touched. Throws
+    /// std::length_error "vector too long" above 2^63 - 1, std::bad_alloc.
     explicit ByteBuffer(std::size_t n);
 
-    /// Takes the vector over without copying its bytes.
-    explicit ByteBuffer(std::vector<std::byte> bytes) noexcept : owned_(std::move(bytes)) {}
+    /// Takes the vector over without copying its bytes. It is kept as it is until the buffer grows.
+    explicit ByteBuffer(std::vector<std::byte> bytes) noexcept;
 
-    /// Adopts the first n bytes of a block without copying them. n is trusted. A null block gives
-    /// an empty buffer, whatever n is. Throws std::invalid_argument for a block with an empty
+    /// Adopts the first n bytes of a block without copying them. n is not checked. A null block
+    /// gives an empty buffer, whatever n is. Throws std::invalid_argument for a block with an empty
     /// deleter; the block is then left to the caller, who still has its address.
     ByteBuffer(Block block, std::size_t n)
-        : deleter_(takeDeleter(block.get_deleter())),
-          start_(static_cast<std::byte*>(block.get())), external_{block.release(), n} {
-        if (start_ == nullptr) {
-            std::construct_at(&owned_);
-        } else if (!deleter_) { // let go by now: what cannot be freed would end the process
+        : data_(n != 0 ? static_cast<std::byte*>(block.get()) : nullptr),
+          size_(block ? n : 0), storage_{static_cast<std::byte*>(block.get()), 0},
+          deleter_(takeDeleter(block.get_deleter())) {
+        // Released before anything throws: a pointer without a deleter ends the process.
+        if (block.release() != nullptr && !deleter_) {
+            storage_ = {};
             detail::throwBlockWithoutDeleter();
         }
     }
@@ -377,68 +419,69 @@ public:
     /// a length, std::length_error "vector too long" above 2^63 - 1 bytes, std::bad_alloc.
     explicit ByteBuffer(ByteBufferView const& view);
 
-    /// Takes over what the other buffer held, and leaves it empty.
-    ByteBuffer(ByteBuffer&& other) noexcept
-        : deleter_(takeDeleter(other.deleter_)), start_(other.start_) {
-        takeBytes(other);
-    }
+    /// Takes over the other buffer's content and leaves it empty.
+    ByteBuffer(ByteBuffer&& other) noexcept { takeFrom(other); }
 
-    /// Frees what this buffer held, the block by its own deleter, before it returns.
+    /// Releases this buffer's previous content, a block by its own deleter, before it returns.
     ByteBuffer& operator=(ByteBuffer&& other) noexcept {
-        if (start_ != nullptr || deleter_) {
-            // What goes with a block may own `other`, or look at this buffer: it goes last.
+        if (!isGiven() && (isExternal() || deleter_)) {
+            // The old deleter may own `other` or inspect this buffer: it runs last.
             ByteBuffer taken(std::move(other));
             ByteBuffer const former(std::move(*this));
-            replaceBy(taken);
+            assign(taken);
         } else if (this != &other) {
-            replaceBy(other);
+            assign(other);
         }
         return *this;
     }
 
     ~ByteBuffer() {
-        releaseBlock();
-        std::destroy_at(&owned_);
+        releaseStorage();
+        std::destroy_at(&deleter_);
     }
 
     /// The number of bytes.
-    [[nodiscard]] std::size_t size() const noexcept {
-        return start_ != nullptr ? external_.size : owned_.size();
-    }
-    /// Whether there are none.
-    [[nodiscard]] bool empty() const noexcept { return size() == 0; }
+    [[nodiscard]] std::size_t size() const noexcept { return size_; }
+    /// True if there are none.
+    [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
+
+    /// The number of bytes that this buffer can hold without allocating; 0 in external form, in
+    /// which nothing can be added.
+    [[nodiscard]] std::size_t capacity() const noexcept { return storage_.capacity; }
 
     /// The first byte; null when empty.
     [[nodiscard]] std::byte* data() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return empty() ? nullptr : base();
+        return data_;
     }
     [[nodiscard]] std::byte const* data() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return empty() ? nullptr : base();
+        return data_;
     }
 
-    /// Byte i, unchecked: i must be below size().
-    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return base()[i]; }
-    [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept { return base()[i]; }
+    /// Byte i, unchecked. Precondition: i is below size().
+    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return data_[i]; }
+    [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept { return data_[i]; }
 
     /// Byte i. Throws std::out_of_range "Attempt to access position beyond the end of the
-    /// ByteBuffer" when i is not below size().
-    [[nodiscard]] std::byte& at(std::size_t i) { return base()[checked(i)]; }
-    [[nodiscard]] std::byte const& at(std::size_t i) const { return base()[checked(i)]; }
+    /// ByteBuffer" if i is not below size().
+    std::byte& at(std::size_t i) { return data_[checked(i)]; }
+    std::byte const& at(std::size_t i) const { return data_[checked(i)]; }
 
     /// The first byte. Throws std::out_of_range "ByteBuffer is empty".
-    [[nodiscard]] std::byte& front() { return *nonEmpty(); }
-    [[nodiscard]] std::byte const& front() const { return *nonEmpty(); }
+    std::byte& front() { return *nonEmpty(); }
+    std::byte const& front() const { return *nonEmpty(); }
 
-    /// Iterators are invalid after anything that moves or frees the bytes: append(), push_back(),
-    /// resize(), clear(), trimFront() in vector form, a move assignment into this buffer, the end
-    /// of the buffer. A move out of it hands them to the other buffer.
+    /// Iterators over the bytes. Everything that moves or frees the bytes invalidates them:
+    /// append(), push_back(), resize(), reserve(), clear(), trimFront() in vector form, a move
+    /// assignment into this buffer, and its destruction. After a move out of this buffer they refer
+    /// to the bytes of the other one. The non-const cbegin() and cend() exist because a view has
+    /// them as well.
     [[nodiscard]] ByteBufferIterator<std::byte>
     begin() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return {base(), start_ == nullptr};
+        return {data_, !isExternal()};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const>
     begin() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return {base(), start_ == nullptr};
+        return {data_, !isExternal()};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
         return std::as_const(*this).begin();
@@ -446,18 +489,18 @@ public:
     [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
     [[nodiscard]] ByteBufferIterator<std::byte>
     end() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return {base() + size(), start_ == nullptr};
+        return {data_ + size_, !isExternal()};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const>
     end() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return {base() + size(), start_ == nullptr};
+        return {data_ + size_, !isExternal()};
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
         return std::as_const(*this).end();
     }
     [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
 
-    /// Whether both have the same bytes, in whatever form. Linear, one block comparison.
+    /// True if both have the same bytes, in whatever form. Linear, one block comparison.
     [[nodiscard]] friend bool operator==(ByteBuffer const& a, ByteBuffer const& b) noexcept {
         return ByteBufferView(a) == ByteBufferView(b);
     }
@@ -465,152 +508,221 @@ public:
         return ByteBufferView(a) == b;
     }
 
-    /// Empties the buffer and frees its block, if it has one; a vector keeps its capacity.
+    /// Empties the buffer. A block is released; in vector form the capacity stays.
     void clear() noexcept;
 
     /// Adds a copy of the argument's bytes at the end, of a vector of buffers element after
-    /// element; the argument does not change, also where it is an rvalue. An empty argument changes
-    /// nothing; any other, a list of empty buffers too, leaves the buffer in vector form. The
-    /// argument may be, hold or view this buffer's own bytes: they count as they were before the
-    /// call.
+    /// element. The argument does not change, even if it is an rvalue. An empty argument changes
+    /// nothing; any other, even a list of empty buffers, leaves the buffer in vector form. This
+    /// buffer, or a view of its bytes, may be passed as the argument: its bytes are those from
+    /// before the call.
     ///
-    /// Linear in the bytes added, amortised: when it must enlarge, it makes room for half as much
-    /// again in one allocation, and the first append to an external block moves that block's bytes.
-    /// Throws std::length_error "vector too long" where that room would exceed 2^63 - 1 bytes,
+    /// Amortised linear in the bytes added: when it must enlarge, it makes room for half as much
+    /// again. The first append in external form copies the block's bytes as well. Throws
+    /// std::length_error "vector too long" if that room would exceed 2^63 - 1 bytes,
     /// std::bad_alloc, and for a null view with a length std::runtime_error "Attempting to take
-    /// difference between incompatible MessageIterators" (an external block has then been
-    /// exchanged for a vector with the same bytes).
-    ByteBuffer& append(ByteBuffer&& other) { return append(std::as_const(other)); }
-    ByteBuffer& append(ByteBuffer const& other);
+    /// difference between incompatible MessageIterators" (a buffer in external form is then in
+    /// vector form, with the same bytes).
+    ByteBuffer& append(ByteBuffer&& other) { return append(ByteBufferView(other)); }
+    ByteBuffer& append(ByteBuffer const& other) { return append(ByteBufferView(other)); }
     ByteBuffer& append(std::vector<ByteBuffer>&& others) { return append(std::as_const(others)); }
     ByteBuffer& append(std::vector<ByteBuffer> const& others);
-    ByteBuffer& append(std::vector<std::byte>&& bytes);
+    ByteBuffer& append(std::vector<std::byte>&& bytes) { return append(ByteBufferView(bytes)); }
+    ByteBuffer& append(std::vector<std::byte> const& bytes) {
+        return append(ByteBufferView(bytes));
+    }
     ByteBuffer& append(ByteBufferView view) {
-        if (start_ == nullptr && view.size() <= owned_.capacity() - owned_.size() &&
-            view.data() != nullptr && !isOwn(view.data())) {
-            owned_.insert(owned_.end(), view.data(), view.data() + view.size());
+        std::size_t const needed = size_ + view.size(); // less than size_ if it wraps
+        if (needed > size_ && needed <= storage_.capacity && storage_.start != nullptr &&
+            view.data() != nullptr) {
+            std::memcpy(storage_.start + size_, view.data(), view.size());
+            data_ = storage_.start;
+            size_ = needed;
         } else {
-            appendBeyondRoom(view);
+            appendSlowly(view);
         }
         return *this;
     }
 
-    /// Adds one byte at the end; afterwards the buffer is in vector form. Amortised constant, but
-    /// the first one moves an external block's bytes. Throws std::length_error "vector too long",
-    /// std::bad_alloc.
+    /// Adds one byte at the end; the buffer is then in vector form. Amortised constant, but the
+    /// first call in external form copies the block's bytes. Throws std::length_error "vector too
+    /// long", std::bad_alloc.
     void push_back(std::byte&& b) { push_back(std::as_const(b)); }
     void push_back(std::byte const& b);
 
-    /// Drops bytes at the end or adds bytes of value 0; afterwards the buffer is in vector form.
-    /// Enlarging makes room for half as much again in one allocation. Throws std::length_error
-    /// "vector too long" where that room would exceed 2^63 - 1 bytes, std::bad_alloc.
+    /// Removes bytes at the end or adds bytes of value 0; the buffer is then in vector form. When
+    /// it must enlarge, it makes room for half as much again. Throws std::length_error "vector too
+    /// long" if that room would exceed 2^63 - 1 bytes, std::bad_alloc.
     void resize(std::size_t n);
 
-    /// Removes the first n bytes. Constant in external form, where no byte moves; in vector form
+    /// Makes the capacity at least n; the buffer is then in vector form. Linear in size() if it has
+    /// to allocate. Throws std::length_error "vector too long" if n is above 2^63 - 1,
+    /// std::bad_alloc.
+    void reserve(std::size_t n);
+
+    /// Removes the first n bytes. Constant in external form, in which no byte moves; in vector form
     /// the remaining bytes move once. Throws std::out_of_range "Requested to remove more bytes than
-    /// exist" when n is above size().
+    /// exist" if n is above size().
     void trimFront(std::size_t n);
+
+    /// Removes the last n bytes. Constant; no byte moves. Throws std::out_of_range "Requested to
+    /// remove more bytes than exist" if n is above size().
+    void trimBack(std::size_t n);
 
     /// A new buffer in vector form with a copy of the bytes, allocated to the exact size. Throws
     /// std::length_error "vector too long", std::bad_alloc.
-    [[nodiscard]] ByteBuffer clone() const;
+    [[nodiscard]] ByteBuffer clone() const { return ByteBuffer(ByteBufferView(*this)); }
 
-    /// A view of the `count` bytes from `offset` on; a count of 0 reaches to the end, and at the
-    /// end gives the view of no bytes. It is valid as long as an iterator would be. Throws
-    /// std::out_of_range "Invalid range requested" when the range leaves the buffer.
+    /// Views of some of the bytes, as ByteBufferView has them. They are valid as long as an
+    /// iterator would be.
+    [[nodiscard]] ByteBufferView
+    first(std::size_t n) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return ByteBufferView(*this).first(n);
+    }
+    [[nodiscard]] ByteBufferView last(std::size_t n) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return ByteBufferView(*this).last(n);
+    }
+    [[nodiscard]] ByteBufferView
+    subview(std::size_t offset) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return ByteBufferView(*this).subview(offset);
+    }
+    [[nodiscard]] ByteBufferView
+    subview(std::size_t offset, std::size_t count) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return ByteBufferView(*this).subview(offset, count);
+    }
     [[nodiscard]] ByteBufferView
     makeView(std::size_t offset, std::size_t count) COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return std::as_const(*this).makeView(offset, count);
+        return ByteBufferView(*this).makeView(offset, count);
     }
     [[nodiscard]] ByteBufferView
-    makeView(std::size_t offset, std::size_t count) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND;
+    makeView(std::size_t offset, std::size_t count) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return ByteBufferView(*this).makeView(offset, count);
+    }
 
 private:
-    [[nodiscard]] std::byte* base() noexcept { return start_ != nullptr ? start_ : owned_.data(); }
-    [[nodiscard]] std::byte const* base() const noexcept {
-        return start_ != nullptr ? start_ : owned_.data();
+    [[nodiscard]] bool isExternal() const noexcept {
+        return storage_.start != nullptr && storage_.capacity == 0;
     }
+    [[nodiscard]] bool isGiven() const noexcept {
+        return storage_.start == nullptr && storage_.capacity != 0;
+    }
+
     [[nodiscard]] std::size_t checked(std::size_t i) const {
-        if (i >= size()) {
+        if (i >= size_) {
             detail::throwOutOfRange("Attempt to access position beyond the end of the ByteBuffer");
         }
         return i;
     }
-    [[nodiscard]] std::byte* nonEmpty() {
-        return const_cast<std::byte*>(std::as_const(*this).nonEmpty());
-    }
-    [[nodiscard]] std::byte const* nonEmpty() const {
-        if (empty()) {
+    [[nodiscard]] std::byte* nonEmpty() const {
+        if (size_ == 0) {
             detail::throwOutOfRange("ByteBuffer is empty");
         }
-        return base();
+        return data_;
     }
 
-    // Whether p points into the vector's bytes, or right behind them.
-    [[nodiscard]] bool isOwn(std::byte const* p) const noexcept {
-        std::less_equal<> const notAfter;
-        return notAfter(owned_.data(), p) && notAfter(p, owned_.data() + owned_.size());
-    }
-
-    // A moved-from std::function may still hold what it held.
+    // A moved-from std::function is not empty with every standard library.
     [[nodiscard]] static Deleter takeDeleter(Deleter& from) noexcept {
         Deleter taken = std::move(from);
         from = nullptr;
         return taken;
     }
 
-    // Leaves the buffer in vector form, which the deleter finds if it looks.
-    void releaseBlock() noexcept {
-        if (start_ != nullptr) {
-            void* const block = external_.block;
-            start_ = nullptr;
-            std::construct_at(&owned_);
-            deleter_(block);
-        }
-    }
-
-    // To be called where start_ is the other's already, and neither member of the union lives.
-    void takeBytes(ByteBuffer& other) noexcept {
-        if (start_ != nullptr) {
-            external_ = other.external_;
-            other.start_ = nullptr;
-            std::construct_at(&other.owned_);
+    // Precondition: neither member of the union is alive. Leaves `other` empty, with an empty
+    // deleter.
+    void takeFrom(ByteBuffer& other) noexcept {
+        data_ = std::exchange(other.data_, nullptr);
+        size_ = std::exchange(other.size_, 0);
+        storage_ = std::exchange(other.storage_, {});
+        if (isGiven()) {
+            std::construct_at(&given_, std::move(other.given_));
+            std::destroy_at(&other.given_);
+            std::construct_at(&other.deleter_);
         } else {
-            std::construct_at(&owned_, std::move(other.owned_));
+            std::construct_at(&deleter_, takeDeleter(other.deleter_));
         }
     }
 
-    // To be called without a block and a deleter.
-    void replaceBy(ByteBuffer& other) noexcept {
-        std::destroy_at(&owned_);
-        // Half the cost of an assignment, which swaps with a std::function of its own.
+    // Precondition: no block, and `other` is another buffer.
+    void assign(ByteBuffer& other) noexcept {
+        releaseStorage();
         std::destroy_at(&deleter_);
-        std::construct_at(&deleter_, takeDeleter(other.deleter_));
-        start_ = other.start_;
-        takeBytes(other);
+        takeFrom(other);
     }
 
-    void appendBeyondRoom(ByteBufferView view);
-    [[nodiscard]] std::vector<std::byte> copyWithRoomFor(std::size_t n) const;
-    void becomeVector(std::vector<std::byte>&& bytes) noexcept;
-    template <class ForEachPiece> void appendPieces(std::size_t added, ForEachPiece forEachPiece);
+    // Leaves the buffer empty and in vector form, with the deleter alive, before a deleter runs.
+    void releaseStorage() noexcept {
+        if (storage_.start != nullptr || storage_.capacity != 0) {
+            releaseAny();
+        }
+    }
+    void releaseAny() noexcept;
 
-    struct External {
-        void* block; // as it was handed over
-        std::size_t size;
-    };
+    void set(detail::GrownBytes storage, std::size_t size) noexcept;
+    void setSize(std::size_t size) noexcept;
+    void appendSlowly(ByteBufferView view);
+    void moveTo(detail::GrownBytes fresh, std::size_t size) noexcept;
+    template <class Fill> void extend(std::size_t added, Fill fill);
 
-    Deleter deleter_;
-    std::byte* start_ = nullptr; // first live byte of the block; null in vector form
-    union {                      // external_ lives while start_ is not null, owned_ otherwise
-        External external_;
-        std::vector<std::byte> owned_;
+    // What keeps the bytes, and which member of the union is alive:
+    //
+    //                          storage_.start     storage_.capacity   alive
+    //     nothing              null               0                   deleter_
+    //     bytes of its own     where they are     their room          deleter_
+    //     a vector given       null               its capacity        given_
+    //     a block              as handed over     0                   deleter_
+    //
+    // The deleter is that of the block, or of an earlier one.
+    std::byte* data_ = nullptr; // null when empty
+    std::size_t size_ = 0;
+    detail::GrownBytes storage_;
+    union {
+        Deleter deleter_;
+        std::vector<std::byte> given_; // never empty of capacity
     };
 };
 
 static_assert(std::is_nothrow_move_constructible_v<ByteBuffer>);
 static_assert(std::is_nothrow_move_assignable_v<ByteBuffer>);
 static_assert(!std::is_copy_constructible_v<ByteBuffer> && !std::is_copy_assignable_v<ByteBuffer>);
+
+namespace detail {
+COURIER_HUB_SERIALISATION_EXPORT void requireBytes(ByteBufferView view);
+
+template <class Owner> ByteBuffer adopt(ByteBufferView view, std::unique_ptr<Owner> owner) {
+    requireBytes(view);
+    if (view.data() == nullptr) {
+        return ByteBuffer(); // there is no block for which a deleter would be called
+    }
+    ByteBuffer::Deleter free = [kept = owner.get()](void*) { delete kept; };
+    static_cast<void>(owner.release());
+    return ByteBuffer(ByteBuffer::Block(view.data(), std::move(free)), view.size());
+}
+} // namespace detail
+
+/// A buffer in external form over the bytes of their owner: a std::string, a std::vector<char>, any
+/// type whose bytes a ByteBufferView can show. The owner is moved to the heap, with one allocation;
+/// no byte is copied unless the owner's move copies it, as that of a short std::string does.
+///
+///     ByteBuffer message = adopt(std::string("text"));
+///
+/// The owner is destroyed when the block is released, on that thread, exactly once. An owner
+/// without any bytes may be destroyed before the call returns. Its destructor must not throw.
+/// Throws std::bad_alloc and what moving the owner throws; the owner passed in is then destroyed.
+template <detail::OwningByteRange Owner> [[nodiscard]] ByteBuffer adopt(Owner owner) {
+    auto kept = std::make_unique<Owner>(std::move(owner));
+    ByteBufferView const view(*kept); // of the owner in its final place
+    return detail::adopt(view, std::move(kept));
+}
+
+/// The same for an owner that keeps the bytes of `view` alive in another way: a std::shared_ptr, a
+/// mapping, a message of a library. Moving the owner must not move the bytes. Also throws
+/// std::runtime_error "Attempting to take difference between incompatible MessageIterators" for a
+/// null view with a length.
+///
+///     ByteBuffer bytes = adopt(ByteBufferView(message->text), message); // a std::shared_ptr
+template <class Owner> [[nodiscard]] ByteBuffer adopt(ByteBufferView view, Owner owner) {
+    return detail::adopt(view, std::make_unique<Owner>(std::move(owner)));
+}
 
 } // namespace courier::hub::serialisation
 
