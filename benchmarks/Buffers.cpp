@@ -94,12 +94,33 @@ template <class Message> void addMoves(char const* who, Message (*make)(Bytes co
 // Grows an empty target by pieces, up to `total` bytes, and destroys it.
 template <class Target, class Append>
 void addAppend(std::size_t piece, std::size_t total, char const* who, Append append) {
-    add(name("append" + std::to_string(piece), total, who), [=] {
+    std::string const work = "append" + std::to_string(piece);
+    add(name(work, total, who), [=] {
         return [=, source = Bytes(total, Bytes::source), size = opaque(piece)] {
             Target target;
             for (std::size_t done = 0; done < source.size(); done += size) {
                 append(target, source.data() + done, size);
             }
+            escape(&target);
+        };
+    });
+    // One piece again and again: a source as large would be memory that is not cold.
+    coldOperations().push_back({name("cold_" + work, total, who), [=] {
+                                    std::vector<std::byte> const source(piece, std::byte{1});
+                                    Target target;
+                                    for (std::size_t done = 0; done < total; done += piece) {
+                                        append(target, source.data(), piece);
+                                    }
+                                    escape(&target);
+                                }});
+}
+
+// Memory of value 0 that nobody has looked at yet.
+template <class Target> void addZeroed(char const* who) {
+    constexpr std::size_t size = std::size_t{64} << 20;
+    add(name("zeroed", size, who), [] {
+        return [n = opaque(size)] {
+            Target const target(n);
             escape(&target);
         };
     });
@@ -156,6 +177,8 @@ Family const buffers([] {
     addMoves<ByteBuffer>("courier", adopt);
     addMoves<ZmqMessage>("zmq", [](Bytes const& bytes) { return ZmqMessage(bytes); });
 
+    addZeroed<ByteBuffer>("courier");
+    addZeroed<std::vector<std::byte>>("vector");
     for (std::size_t const piece : {16U, 256U}) {
         for (std::size_t const total : {4096U, 65536U, 1048576U}) {
             addAppends(piece, total);

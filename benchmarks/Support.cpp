@@ -3,6 +3,8 @@
 
 #include <malloc.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -95,7 +97,31 @@ std::vector<Counted>& countedOperations() {
     return operations;
 }
 
+std::vector<Cold>& coldOperations() {
+    static std::vector<Cold> operations;
+    return operations;
+}
+
 namespace {
+
+// In a process that has done nothing else, and so never freed a large block. Prints the median of
+// fifteen times.
+int measureCold(std::string const& name) {
+    for (Cold const& operation : coldOperations()) {
+        if (operation.name == name) {
+            std::array<double, 15> times{};
+            for (double& time : times) {
+                double const start = processorSeconds();
+                operation.run();
+                time = processorSeconds() - start;
+            }
+            std::sort(times.begin(), times.end());
+            std::printf("%.0f\n", 1e9 * times[times.size() / 2]);
+            return EXIT_SUCCESS;
+        }
+    }
+    return EXIT_FAILURE;
+}
 
 // Under callgrind, dumps the instructions of each counted operation twice, for few and for many
 // times: the difference is free of what making it cost.
@@ -133,6 +159,9 @@ void grow() {
 } // namespace benchmarks
 
 int main(int argc, char** argv) {
+    if (argc == 3 && std::strcmp(argv[1], "--cold") == 0) {
+        return benchmarks::measureCold(argv[2]);
+    }
     benchmarks::grow();
     if (argc == 2 && std::strcmp(argv[1], "--instructions") == 0) {
         return benchmarks::countInstructions();

@@ -16,8 +16,14 @@
 #include <vector>
 
 /// A loop's speed depends on where its code happens to lie, by up to a factor of two: before a
-/// function, makes it stand by itself at the start of a cache line.
+/// function, puts it at the start of a cache line of its own. The compiler must know nothing of
+/// what calls it, as for a function in another file: g++ would otherwise pass the members of a
+/// small argument instead of its address, and see more of what overlaps.
+#if defined(__clang__)
 #define BENCHMARK_ALONE [[gnu::noinline, gnu::aligned(64)]]
+#else
+#define BENCHMARK_ALONE [[gnu::noipa, gnu::aligned(64)]]
+#endif
 
 namespace benchmarks {
 
@@ -113,6 +119,14 @@ addCounted(std::string const& fullName, Make make, double operations = 1, bool i
     }
     return add(fullName, make, operations);
 }
+
+/// An operation that is measured in a process of its own: main() does it when it is called with
+/// `--cold` and the name, and prints the processor time in nanoseconds.
+struct Cold {
+    std::string name;
+    std::function<void()> run;
+};
+[[nodiscard]] std::vector<Cold>& coldOperations();
 
 /// A family registers its benchmarks by an object at namespace scope.
 struct Family {

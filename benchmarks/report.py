@@ -74,6 +74,18 @@ def run_benchmarks(build, quick):
     return figures
 
 
+def run_cold(build, quick):
+    """What a process does that has done nothing before; for each piece."""
+    times = {}
+    for _ in range(3 if quick else 25):
+        for who in ("courier", "vector", "string"):
+            name = f"cold_append256/1048576/{who}"
+            run = subprocess.run([build / PROGRAMS[0], "--cold", name], capture_output=True,
+                                 text=True, check=True)
+            times.setdefault(name, []).append(float(run.stdout) / (1048576 / 256))
+    return {name: figure(values) for name, values in times.items()}
+
+
 def count_instructions(build):
     """Instructions for each operation, from two counts that differ in the number of operations."""
     if not shutil.which("valgrind"):
@@ -266,7 +278,8 @@ def main():
     if options.last:
         run = json.loads(saved.read_text())
     else:
-        f = {**run_benchmarks(build, options.quick), **count_instructions(build),
+        f = {**run_benchmarks(build, options.quick), **run_cold(build, options.quick),
+             **count_instructions(build),
              **is_immediate(build), **include_costs(config, options.quick)}
         run = {"quick": options.quick, "figures": f,
                "date": datetime.date.today().isoformat(), "machine": machine()}
