@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The catalogue against a list of its records that is searched from the first one on.
-#include "../courier/hub/serialisation/src/HashIndex.h"
 #include "../tests/Support.h"
 #include "Input.h"
 
@@ -10,14 +9,6 @@ namespace {
 
 using namespace tests;
 using fuzz::require;
-
-// Lists and names that are made so that the catalogue's hash cannot tell them apart.
-constexpr std::uint64_t two = 2; // the length of a list
-IDs const twins[] = {{3, 4}, {5, 4 ^ stir(two ^ 3) ^ stir(two ^ 5)}};
-std::string twin(std::uint64_t first) {
-    std::uint64_t const words[] = {first, std::rotl(stir(16 ^ first), 32)};
-    return {reinterpret_cast<char const*>(words), sizeof(words)};
-}
 
 constexpr std::uint64_t voidID = getTypeID<void>();
 constexpr std::uint64_t anyFormatIDs[] = {getTypeID<std::istream>(), getTypeID<GenericPayload>()};
@@ -74,7 +65,7 @@ struct Run {
 
     std::string format() {
         std::size_t const n = input.below(40);
-        std::string const some[] = {"", "*", "**", twin(1), twin(2), std::string("\0", 1)};
+        std::string const some[] = {"", "*", "**", "a*", "*a", std::string("\0", 1)};
         return n < std::size(some) ? some[n]
                : n < 16            ? std::string(1, static_cast<char>(n + 'A'))
                                    : std::string(3 * n, 'x') + std::to_string(n % 2);
@@ -87,7 +78,7 @@ struct Run {
         std::size_t const n = input.below(8);
         IDs list(n % 4);
         std::ranges::generate(list, [this] { return id(); });
-        return n < 6 ? list : twins[n - 6];
+        return list;
     }
 
     void step(std::string const& format, std::uint64_t id, IDs const& ids) {

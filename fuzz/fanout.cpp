@@ -78,8 +78,8 @@ struct Run {
         std::vector<GenericSerialiser> made;
         std::string said;
         try {
-            auto const create = [&](auto const& formats, auto const&... stop) {
-                return createSerialisersFor(std::move(payload), catalogue, formats, stop...);
+            auto const create = [&](auto const& wanted, auto const&... stop) {
+                return createSerialisersFor(std::move(payload), catalogue, wanted, stop...);
             };
             auto result =
                 isOneForAll ? (hasSource ? create(wireFormats[0], source) : create(wireFormats[0]))

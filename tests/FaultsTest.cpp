@@ -171,7 +171,6 @@ constexpr Operation operations[] = {
     DO(discard(w.catalogue.getSerialiserFor("0", w.view()))),
     DO(discard(w.catalogue.getSerialiserFor("0", w.view(), stop_source()))),
     DO(discard(w.catalogue.getDeserialiserFor("0", 0))),
-    DO(discard(w.catalogue.getDeserialiserFor("0", getTypeID<void>()))),
     DO(discard(w.catalogue.getSupportedWireFormats(elementID))),
     DO(discard(w.catalogue.getSupportedWireFormats(IDs{elementID}))),
     DO(discard(w.catalogue.getSupportedDeserialisationWireFormats(0))),

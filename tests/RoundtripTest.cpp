@@ -51,6 +51,7 @@ struct StoppingSink : std::streambuf { // asks for a stop in the third mebibyte,
         }
         return n;
     }
+    int_type overflow(int_type c) override { return xsputn(nullptr, 1), traits_type::not_eof(c); }
     stop_source stop;
     std::size_t count = 0;
 };

@@ -2,7 +2,7 @@
 # Every C++ sample in the README and the guides is a run of whole lines out of a program that is
 # compiled and run: indented as there, or by four spaces less. And
 # the README asks for the version that this is. Needs SOURCE_DIR and VERSION.
-file(GLOB programs ${SOURCE_DIR}/examples/guides/*.cpp)
+file(GLOB programs ${SOURCE_DIR}/examples/guides/*.cpp ${SOURCE_DIR}/examples/guides/*.h)
 set(code "")
 foreach(program IN LISTS programs ITEMS ${SOURCE_DIR}/examples/quickstart/main.cpp)
     file(READ ${program} text)

@@ -23,7 +23,7 @@ struct Sheet {
     std::vector<int> rows;
 };
 
-void write(Sheet const& sheet, std::ostream& out, stop_token const& token) {
+void writeSheet(Sheet const& sheet, std::ostream& out, stop_token const& token) {
     for (int const row : sheet.rows) {
         throwIfStopped(token);
         out << row << '\n';
@@ -78,7 +78,7 @@ void stopWriting(Catalogue const& catalogue) {
 
 int main() {
     Catalogue catalogue;
-    addWriter<Sheet>(catalogue, "text", write);
+    addWriter<Sheet>(catalogue, "text", writeSheet);
     writeOnThreads(catalogue);
     stopWriting(catalogue);
 }

@@ -23,11 +23,11 @@ struct Customer {
     std::string name;
 };
 
-void write(Order const& order, Customer const& customer, std::ostream& out) {
+void writeOrder(Order const& order, Customer const& customer, std::ostream& out) {
     out << order.number << ' ' << customer.name << '\n';
 }
 
-std::tuple<Order, Customer> read(std::istream& in) {
+std::tuple<Order, Customer> readOrder(std::istream& in) {
     Order order{};
     Customer customer;
     if (!(in >> order.number >> customer.name)) {
@@ -58,15 +58,15 @@ void receive(Catalogue const& catalogue, ByteBuffer bytes) {
               << '\n';
 }
 
-// A payload of one element more is not written as if it had two.
+// A payload with one element more is not written as if it had two.
 void sendTooMuch(Catalogue const& catalogue) {
     GenericPayload payload = makePayload();
     payload.emplace<Customer>(Customer{"Grace"});
     try {
         ByteBufferOStream out;
         catalogue.getSerialiserFor("line", std::move(payload))(out);
-    } catch (std::invalid_argument const& error) {
-        std::cout << error.what() << '\n';
+    } catch (LookUpError const& error) {
+        std::cout << error.what() << " and " << error.typeIDs().size() << " elements\n";
     }
 }
 
@@ -74,7 +74,7 @@ void sendTooMuch(Catalogue const& catalogue) {
 
 int main() {
     Catalogue catalogue;
-    addFormat<Order, Customer>(catalogue, "line", write, read);
+    addFormat<Order, Customer>(catalogue, "line", writeOrder, readOrder);
     receive(catalogue, send(catalogue));
     sendTooMuch(catalogue);
 }

@@ -14,7 +14,7 @@ JSON = rf'"json", type {ID} of \[{ID}\]'
 TEXT = (
     rf'"text", type {ID} of \[{ID}, {ID}\], view factory calls .*makeWriter\(.*GenericPayloadView&&\)'
 )
-READS = r"calls .*GenericDeserialiser::wrap<Price>\(.*lambda.*"
+READS = r"calls .*GenericDeserialiser::wrap<.*Price.*"
 
 shown = {
     "view": rf"ByteBufferView, {HELLO}",

@@ -8,11 +8,11 @@
 
 #include <boost/current_function.hpp>
 
+#include <algorithm>
 #include <forward_list>
 #include <iosfwd>
-#include <mutex>
-#include <shared_mutex>
 #include <stdexcept>
+#include <tuple>
 
 namespace courier::hub::serialisation {
 
@@ -31,12 +31,16 @@ struct RecordKeys {
 
 namespace {
 
-// The wire formats, each kept once: entries name theirs by address, and a search that compares a
-// name finds it in the processor's cache, however many records there are.
+// The wire formats, interned: entries refer to theirs by address, and a search that compares a name
+// finds it in the processor's cache, however many records there are.
 using Format = std::string const*;
 class Formats {
 public:
-    // Throws std::bad_alloc; a format without records tells nobody anything.
+    using Enlarged = HashIndex<Format>;
+    [[nodiscard]] Enlarged enlarged() const { return index_.enlarged(); }
+    void exchange(Enlarged& larger) noexcept { index_.exchange(larger); }
+
+    // Precondition: there is room. Throws std::bad_alloc; an unused format is harmless.
     Format findOrAdd(std::string const& name) {
         std::uint64_t const hash = hashOf(name);
         Format const* const found =
@@ -44,7 +48,6 @@ public:
         if (found != nullptr) {
             return *found;
         }
-        index_.reserveOne([](Format format) { return hashOf(*format); });
         Format const added = &names_.emplace_front(name);
         index_.insert(hash, added);
         return added;
@@ -55,10 +58,10 @@ private:
     HashIndex<Format> index_;
 };
 
-// What is looked for: a key and a wire format. Hashing comes before the lock is taken.
+// What is looked for: a key and a wire format. Hashed before the lock is taken.
 template <class Key> struct Query {
     Query(Key const& k, std::string const& f) noexcept
-        : key(k), wireFormat(f), hash(stir(hashOf(k) ^ hashOf(f))) {}
+        : key(k), wireFormat(f), hash(mix(hashOf(k) ^ hashOf(f))) {}
     Key const& key;
     std::string const& wireFormat;
     std::uint64_t hash;
@@ -111,13 +114,15 @@ public:
         return find(Query<Key>(keyOf(record), RecordKeys::wireFormat(record)));
     }
 
-    // Makes room for one more record, so that add() cannot fail. Throws std::bad_alloc.
-    void reserveOne() {
-        chains_.reserveOne([](Chain const& chain) { return hashOf(look(chain.key)); });
-        exacts_.reserveOne(
-            [](Exact const& exact) { return Query<Key>(look(exact.key), *exact.format).hash; });
+    // Larger indices, which are made while others still search these.
+    struct Enlarged;
+    [[nodiscard]] Enlarged enlarged() const { return {chains_.enlarged(), exacts_.enlarged()}; }
+    void exchange(Enlarged& larger) noexcept {
+        chains_.exchange(larger.chains);
+        exacts_.exchange(larger.exacts);
     }
 
+    // Precondition: there is room.
     void add(Node<Record>& node) noexcept {
         Key const& key = keyOf(node.record);
         if (Chain* const chain = chains_.find(hashOf(key), is(key)); chain != nullptr) {
@@ -132,14 +137,16 @@ public:
 private:
     using Held = decltype(hold(std::declval<Key const&>()));
     struct Chain {
-        Held key;
-        Node<Record>* first;
-        Node<Record>* last;
+        Held key{};
+        Node<Record>* first = nullptr;
+        Node<Record>* last = nullptr;
+        explicit operator bool() const noexcept { return first != nullptr; }
     };
     struct Exact {
-        Held key;
-        Format format;
-        Node<Record> const* node;
+        Held key{};
+        Format format = nullptr;
+        Node<Record> const* node = nullptr;
+        explicit operator bool() const noexcept { return node != nullptr; }
     };
 
     static auto is(Key const& key) noexcept {
@@ -147,6 +154,12 @@ private:
     }
     HashIndex<Chain> chains_;
     HashIndex<Exact> exacts_;
+
+public:
+    struct Enlarged {
+        HashIndex<Chain> chains;
+        HashIndex<Exact> exacts;
+    };
 };
 
 template <class Record> using ByTypeID =
@@ -156,7 +169,7 @@ using ByTypeIDs = Order<Serialiser, std::vector<std::uint64_t>, &RecordKeys::typ
 
 // The records of one kind, the orders in which they are found, and their lock.
 template <class Record> struct RecordSet {
-    mutable StripedMutex mutex;
+    StripedMutex mutex;
     Formats formats;
     std::forward_list<Node<Record>> nodes;
     ByTypeID<Record> byTypeID;
@@ -165,6 +178,11 @@ struct SerialiserSet : RecordSet<Serialiser> {
     ByTypeIDs byTypeIDs;
 };
 using DeserialiserSet = RecordSet<Deserialiser>;
+
+std::vector<std::uint64_t> listOf(std::uint64_t typeID) { return {typeID}; }
+std::vector<std::uint64_t> const& listOf(std::vector<std::uint64_t> const& typeIDs) {
+    return typeIDs;
+}
 
 template <class Record>
 auto const& orderOf(RecordSet<Record> const& set, std::uint64_t /*typeID*/) noexcept {
@@ -186,15 +204,8 @@ Serialiser const* findAny(SerialiserSet const& set, Query<Key> const& query) noe
     return order.find(query);
 }
 
-Serialiser const& orThrow(Serialiser const* found, std::string const& wireFormat) {
-    if (found == nullptr) {
-        throw std::runtime_error("No serialiser found for " + wireFormat);
-    }
-    return *found;
-}
-
-template <class Set, class Key>
-std::vector<std::string> wireFormats(Set const& set, Key const& key) {
+template <class Set, class Key> std::vector<std::string> wireFormats(Set& set, Key const& key) {
+    StripedMutex::Reader const reading(set.mutex);
     std::vector<std::string> formats;
     auto const& order = orderOf(set, key);
     for (auto const* node = order.first(key); node != nullptr; node = order.after(*node)) {
@@ -203,21 +214,57 @@ std::vector<std::string> wireFormats(Set const& set, Key const& key) {
     return formats;
 }
 
-// Adds a record to every order of its set, unless one of them holds another under the same key and
-// wire format: that one is returned, and nothing has been moved out of the argument. When memory
-// runs out, the set is as before.
-template <class Record, class... Orders>
-Record const* insert(RecordSet<Record>& set, Record& record, Orders&... orders) {
+// Finds a record and uses it, which may run users' code, under the lock. If there is none, throws
+// what `fail` returns, which is made without the lock.
+template <class Set, class Find, class Use, class Fail>
+auto lookUp(Set& set, Find find, Use use, Fail fail) {
+    {
+        StripedMutex::Reader const reading(set.mutex);
+        if (auto const* const found = find()) {
+            StripedMutex::UserCode const running(set.mutex);
+            return use(*found);
+        }
+    }
+    throw fail();
+}
+
+// The look-ups of serialisers by one key.
+template <class Key, class Use>
+auto lookUpSerialiser(SerialiserSet& set, Key const& key, std::string const& wireFormat, Use use) {
+    Query const query(key, wireFormat);
+    return lookUp(
+        set, [&] { return findAny(set, query); }, use,
+        [&] {
+            return LookUpError("No serialiser found for ", wireFormat, listOf(key),
+                               wireFormats(set, key));
+        });
+}
+
+// Adds a record to every order of its set. If one of them holds another under the same key and wire
+// format, that one is passed to `refuse`, and nothing is moved out of the argument. If memory is
+// exhausted, the set is unchanged. What takes long, enlarging the indices, comes before readers are
+// excluded.
+template <class Record, class Refuse, class... Orders>
+void insert(RecordSet<Record>& set, Record& record, Refuse refuse, Orders&... orders) {
+    if (set.mutex.isReadHere()) {
+        throw std::logic_error("A factory cannot register in the catalogue that has called it");
+    }
+    StripedMutex::Preparation const preparing(set.mutex);
+    Formats::Enlarged formats = set.formats.enlarged();
+    std::tuple<typename Orders::Enlarged...> larger(orders.enlarged()...);
+
+    StripedMutex::Writer const writing(set.mutex, preparing);
     Record const* blocking = nullptr;
     static_cast<void>(((blocking = orders.find(record)) || ...));
     if (blocking != nullptr) {
-        return blocking;
+        refuse(*blocking);
+        return;
     }
+    set.formats.exchange(formats);
+    (orders.exchange(std::get<typename Orders::Enlarged>(larger)), ...);
     Format const format = set.formats.findOrAdd(RecordKeys::wireFormat(record));
-    (orders.reserveOne(), ...);
     Node<Record>& added = set.nodes.emplace_front(std::move(record), format);
     (orders.add(added), ...);
-    return nullptr;
 }
 
 Serialiser makeVoidSerialiser(std::string const& wireFormat) {
@@ -235,6 +282,36 @@ struct Catalogue::Records {
     DeserialiserSet deserialisers;
 };
 
+struct LookUpError::Details {
+    std::string wireFormat;
+    std::vector<std::uint64_t> typeIDs;
+    std::vector<std::string> supported;
+};
+
+LookUpError::LookUpError(std::string const& what, std::string wireFormat,
+                         std::vector<std::uint64_t> typeIDs, std::vector<std::string> supported)
+    : std::runtime_error(what + wireFormat),
+      details_(std::make_shared<Details>(
+          Details{std::move(wireFormat), std::move(typeIDs), std::move(supported)})) {}
+
+LookUpError::LookUpError(LookUpError const&) noexcept = default;
+LookUpError& LookUpError::operator=(LookUpError const&) noexcept = default;
+LookUpError::~LookUpError() = default;
+
+std::string const& LookUpError::wireFormat() const noexcept { return details_->wireFormat; }
+
+std::vector<std::uint64_t> const& LookUpError::typeIDs() const noexcept {
+    return details_->typeIDs;
+}
+
+std::uint64_t LookUpError::typeID() const noexcept {
+    return details_->typeIDs.empty() ? 0 : details_->typeIDs.front();
+}
+
+std::vector<std::string> const& LookUpError::supportedWireFormats() const noexcept {
+    return details_->supported;
+}
+
 SerialisationCatalogue::~SerialisationCatalogue() = default;
 
 Catalogue::Catalogue() : records_(std::make_unique<Records>()) {}
@@ -243,40 +320,40 @@ Catalogue::~Catalogue() = default;
 
 void Catalogue::add(Serialiser serialiser) {
     SerialiserSet& set = records_->serialisers;
-    std::lock_guard const lock(set.mutex);
-    auto const* const blocking = insert(set, serialiser, set.byTypeID, set.byTypeIDs);
-    if (blocking != nullptr && bedrock_diag_terminate()) {
-        bedrock::core::diag::terminate("Attempted to add duplicate serialiser for " +
-                                           RecordKeys::wireFormat(*blocking),
-                                       __FILE__, __LINE__, BOOST_CURRENT_FUNCTION);
-    }
+    auto const refuse = [function = BOOST_CURRENT_FUNCTION](Serialiser const& blocking) {
+        if (bedrock_diag_terminate()) {
+            std::string const message =
+                "Attempted to add duplicate serialiser for " + RecordKeys::wireFormat(blocking);
+            bedrock::core::diag::terminate(message, __FILE__, __LINE__, function);
+        }
+    };
+    insert(set, serialiser, refuse, set.byTypeID, set.byTypeIDs);
 }
 
 void Catalogue::add(Deserialiser deserialiser) {
     DeserialiserSet& set = records_->deserialisers;
-    std::lock_guard const lock(set.mutex);
-    auto const* const blocking = insert(set, deserialiser, set.byTypeID);
-    if (blocking != nullptr && bedrock_diag_terminate()) {
-        bedrock::core::diag::terminate("Attempted to add duplicate deserialiser for " +
-                                           RecordKeys::wireFormat(*blocking),
-                                       __FILE__, __LINE__, BOOST_CURRENT_FUNCTION);
-    }
+    auto const refuse = [function = BOOST_CURRENT_FUNCTION](Deserialiser const& blocking) {
+        if (bedrock_diag_terminate()) {
+            std::string const message =
+                "Attempted to add duplicate deserialiser for " + RecordKeys::wireFormat(blocking);
+            bedrock::core::diag::terminate(message, __FILE__, __LINE__, function);
+        }
+    };
+    insert(set, deserialiser, refuse, set.byTypeID);
 }
 
 Serialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                        std::vector<std::uint64_t> const& typeIDs) const {
-    Query const query(typeIDs, wireFormat);
-    std::shared_lock const lock(records_->serialisers.mutex.mine());
-    return orThrow(findAny(records_->serialisers, query), wireFormat);
+    return lookUpSerialiser(records_->serialisers, typeIDs, wireFormat,
+                            [](Serialiser const& found) { return found; });
 }
 
 Serialiser Catalogue::getSerialiserFor(std::string const& wireFormat, std::uint64_t typeID) const {
     if (typeID == core::getTypeID<void>()) {
         return makeVoidSerialiser(wireFormat);
     }
-    Query const query(typeID, wireFormat);
-    std::shared_lock const lock(records_->serialisers.mutex.mine());
-    return orThrow(findAny(records_->serialisers, query), wireFormat);
+    return lookUpSerialiser(records_->serialisers, typeID, wireFormat,
+                            [](Serialiser const& found) { return found; });
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
@@ -284,46 +361,58 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
     if (payload.values.empty()) {
         return GenericSerialiser();
     }
+    SerialiserSet& set = records_->serialisers;
     Query const query(payload.typeIDs, wireFormat);
-    std::shared_lock const lock(records_->serialisers.mutex.mine());
-    Serialiser const* found = findAny(records_->serialisers, query);
-    if (found == nullptr) {
-        found = findAny(records_->serialisers, Query(payload.typeIDs.at(0), wireFormat));
-    }
-    return orThrow(found, wireFormat).getSerialiser(std::move(payload));
+    return lookUp(
+        set,
+        [&] {
+            Serialiser const* const found = findAny(set, query);
+            return found != nullptr ? found
+                                    : findAny(set, Query(payload.typeIDs.at(0), wireFormat));
+        },
+        [&](Serialiser const& found) { return found.getSerialiser(std::move(payload)); },
+        [&] {
+            std::vector<std::string> supported = wireFormats(set, payload.typeIDs);
+            for (std::string& format : wireFormats(set, payload.typeIDs.front())) {
+                if (std::find(supported.begin(), supported.end(), format) == supported.end()) {
+                    supported.push_back(std::move(format));
+                }
+            }
+            return LookUpError("No serialiser found for ", wireFormat, payload.typeIDs,
+                               std::move(supported));
+        });
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view,
                                               stop_source stopSource) const {
-    std::uint64_t const typeID = view.getTypeID();
-    Query const query(typeID, wireFormat);
-    std::shared_lock const lock(records_->serialisers.mutex.mine());
-    return orThrow(findAny(records_->serialisers, query), wireFormat)
-        .getSerialiser(std::move(view), std::move(stopSource));
+    return lookUpSerialiser(records_->serialisers, view.getTypeID(), wireFormat,
+                            [&](Serialiser const& found) {
+                                return found.getSerialiser(std::move(view), std::move(stopSource));
+                            });
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view) const {
-    std::uint64_t const typeID = view.getTypeID();
-    Query const query(typeID, wireFormat);
-    std::shared_lock const lock(records_->serialisers.mutex.mine());
-    return orThrow(findAny(records_->serialisers, query), wireFormat)
-        .getSerialiser(std::move(view));
+    return lookUpSerialiser(
+        records_->serialisers, view.getTypeID(), wireFormat,
+        [&](Serialiser const& found) { return found.getSerialiser(std::move(view)); });
 }
 
 GenericDeserialiser Catalogue::getDeserialiserFor(std::string const& wireFormat,
                                                   std::uint64_t typeID) const {
     if (typeID == core::getTypeID<void>()) {
-        return GenericDeserialiser(std::function<void(std::istream&)>([](std::istream&) {}));
+        return GenericDeserialiser([](std::istream&) {});
     }
+    DeserialiserSet& set = records_->deserialisers;
     Query const query(typeID, wireFormat);
-    std::shared_lock const lock(records_->deserialisers.mutex.mine());
-    Deserialiser const* const found = records_->deserialisers.byTypeID.find(query);
-    if (found == nullptr) {
-        throw std::runtime_error("No deserialiser found for " + wireFormat);
-    }
-    return found->getDeserialiser();
+    return lookUp(
+        set, [&] { return set.byTypeID.find(query); },
+        [](Deserialiser const& found) { return found.getDeserialiser(); },
+        [&] {
+            return LookUpError("No deserialiser found for ", wireFormat, {typeID},
+                               wireFormats(set, typeID));
+        });
 }
 
 bool Catalogue::hasDeserialiserFor(std::string const& wireFormat, std::uint64_t typeID) const {
@@ -331,13 +420,12 @@ bool Catalogue::hasDeserialiserFor(std::string const& wireFormat, std::uint64_t 
         return true;
     }
     Query const query(typeID, wireFormat);
-    std::shared_lock const lock(records_->deserialisers.mutex.mine());
+    StripedMutex::Reader const reading(records_->deserialisers.mutex);
     return records_->deserialisers.byTypeID.find(query) != nullptr;
 }
 
 std::vector<std::string>
 Catalogue::getSupportedWireFormats(std::vector<std::uint64_t> const& typeIDs) const {
-    std::shared_lock const lock(records_->serialisers.mutex.mine());
     return wireFormats(records_->serialisers, typeIDs);
 }
 
@@ -345,7 +433,6 @@ std::vector<std::string> Catalogue::getSupportedWireFormats(std::uint64_t typeID
     if (typeID == core::getTypeID<void>()) {
         return {"builtin"};
     }
-    std::shared_lock const lock(records_->serialisers.mutex.mine());
     return wireFormats(records_->serialisers, typeID);
 }
 
@@ -358,7 +445,6 @@ Catalogue::getSupportedDeserialisationWireFormats(std::uint64_t typeID) const {
         typeID == core::getTypeID<std::istream>()) {
         return {"*"};
     }
-    std::shared_lock const lock(records_->deserialisers.mutex.mine());
     return wireFormats(records_->deserialisers, typeID);
 }
 

@@ -12,19 +12,20 @@
 
 namespace courier::hub::serialisation {
 
-/// Spreads what differs anywhere in x over the upper bits of the result, and back over the lower
-/// ones, for more to come.
-constexpr std::uint64_t stir(std::uint64_t x) noexcept {
-    x *= 0x9E3779B97F4A7C15;
+/// Mixes all bits into the upper half and folds them back into the lower. Keys and texts are mixed
+/// by different multipliers, so that no key undoes what a text did.
+constexpr std::uint64_t mix(std::uint64_t x,
+                            std::uint64_t multiplier = 0x9E3779B97F4A7C15) noexcept {
+    x *= multiplier;
     return x ^ (x >> 32);
 }
 
-inline std::uint64_t hashOf(std::uint64_t x) noexcept { return stir(x); }
+inline std::uint64_t hashOf(std::uint64_t x) noexcept { return mix(x); }
 
 inline std::uint64_t hashOf(std::vector<std::uint64_t> const& list) noexcept {
     std::uint64_t hash = list.size();
     for (std::uint64_t const x : list) {
-        hash = stir(hash ^ x);
+        hash = mix(hash ^ x);
     }
     return hash;
 }
@@ -37,11 +38,12 @@ template <class Word> std::uint64_t load(char const* from) noexcept {
 }
 
 inline std::uint64_t hashOf(std::string_view text) noexcept {
+    constexpr std::uint64_t multiplier = 0xD6E8FEB86659FD93;
     std::uint64_t hash = text.size();
     for (; text.size() > 8; text.remove_prefix(8)) {
-        hash = stir(hash ^ load<std::uint64_t>(text.data()));
+        hash = mix(hash ^ load<std::uint64_t>(text.data()), multiplier);
     }
-    if (text.size() >= 4) { // the two loads overlap where it is shorter than 8
+    if (text.size() >= 4) { // the two loads overlap if it is shorter than 8
         hash ^= load<std::uint32_t>(text.data()) << 32 |
                 load<std::uint32_t>(text.data() + text.size() - 4);
     } else {
@@ -49,19 +51,19 @@ inline std::uint64_t hashOf(std::string_view text) noexcept {
             hash = hash << 8 ^ static_cast<unsigned char>(c);
         }
     }
-    return stir(hash);
+    return mix(hash, multiplier);
 }
 
-/// A flat hash table of small entries, which are only ever added. It knows hashes, not keys:
-/// whoever searches says what is equal. Open addressing, at most a quarter full, so that a search
-/// mostly ends where it began. Where all hashes collide a search is linear: keys come from the
-/// modules of a program, not from the bytes that these read.
+/// A flat hash table of small entries, which are only ever added. It knows hashes, not keys: the
+/// caller decides what is equal. An entry converts to false if it is empty. Open addressing, at
+/// most a quarter full, so that a search mostly ends where it began. If all hashes collide, a
+/// search is linear: keys come from the modules of a program, not from the bytes that they read.
 template <class Entry> class HashIndex {
 public:
     /// The entry with this hash that `matches`, or null. Constant on average; allocates nothing.
     template <class Matches>
     [[nodiscard]] Entry const* find(std::uint64_t hash, Matches matches) const noexcept {
-        for (std::size_t i = hash >> shift_; slots_[i].taken; i = next(i)) {
+        for (std::size_t i = hash >> shift_; slots_[i].entry; i = next(i)) {
             if (matches(slots_[i].entry)) {
                 return &slots_[i].entry;
             }
@@ -73,28 +75,35 @@ public:
         return const_cast<Entry*>(std::as_const(*this).find(hash, matches));
     }
 
-    /// Makes room for one more entry; `hashOfEntry` gives the hash under which one was inserted.
-    /// Throws std::bad_alloc; nothing has then changed.
-    template <class HashOfEntry> void reserveOne(HashOfEntry hashOfEntry) {
+    /// A copy of twice the size, if there is no room for one more entry; one without any slots
+    /// otherwise. Looks at no key. Throws std::bad_alloc.
+    [[nodiscard]] HashIndex enlarged() const {
         if (4 * (used_ + 1) <= slots_.size()) {
-            return;
+            return HashIndex(0);
         }
         HashIndex larger(2 * slots_.size());
         for (Slot const& slot : slots_) {
-            if (slot.taken) {
-                larger.insert(hashOfEntry(slot.entry), slot.entry);
+            if (slot.entry) {
+                larger.insert(slot.hash, slot.entry);
             }
         }
-        *this = std::move(larger);
+        return larger;
     }
 
-    /// Adds an entry, for which there is room.
+    /// Takes the place of this table, if it has slots: the smaller one is then freed with it.
+    void exchange(HashIndex& larger) noexcept {
+        if (!larger.slots_.empty()) {
+            std::swap(*this, larger);
+        }
+    }
+
+    /// Adds an entry. Precondition: there is room.
     void insert(std::uint64_t hash, Entry entry) noexcept {
         std::size_t i = hash >> shift_;
-        while (slots_[i].taken) {
+        while (slots_[i].entry) {
             i = next(i);
         }
-        slots_[i] = {entry, true};
+        slots_[i] = {hash, entry};
         ++used_;
     }
 
@@ -102,12 +111,13 @@ public:
 
 private:
     struct Slot {
+        std::uint64_t hash = 0;
         Entry entry{};
-        bool taken = false;
     };
 
     explicit HashIndex(std::size_t size)
-        : slots_(size), shift_(64 - static_cast<std::size_t>(std::bit_width(size - 1))) {}
+        : slots_(size),
+          shift_(size == 0 ? 0 : 64 - static_cast<std::size_t>(std::bit_width(size - 1))) {}
 
     [[nodiscard]] std::size_t next(std::size_t i) const noexcept {
         return (i + 1) & (slots_.size() - 1);

@@ -41,8 +41,8 @@ namespace detail {
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwBlockWithoutDeleter();
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwTooLong();
 
-// Copies bytes as std::memcpy does. Short pieces, of 8 to 16 bytes, are copied without a call, as two
-// words that may overlap: a call costs as much again as the copy.
+// Copies bytes as std::memcpy does. Short pieces, of 8 to 16 bytes, are copied without a call, as
+// two words that may overlap: a call costs as much again as the copy.
 inline void copyPiece(std::byte* to, std::byte const* from, std::size_t count) noexcept {
     if (count - 8 <= 8) {
         std::uint64_t first = 0;

@@ -9,23 +9,52 @@
 
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace courier::hub::serialisation {
 
+/// Thrown by a look-up that finds nothing. what() is "No serialiser found for " or "No deserialiser
+/// found for ", followed by the wire format asked for. Copying does not throw.
+class COURIER_HUB_SERIALISATION_EXPORT LookUpError : public std::runtime_error {
+public:
+    /// For implementations of a catalogue: `what` is the text in front of the wire format. Throws
+    /// std::bad_alloc.
+    LookUpError(std::string const& what, std::string wireFormat, std::vector<std::uint64_t> typeIDs,
+                std::vector<std::string> supported);
+    LookUpError(LookUpError const&) noexcept;
+    LookUpError& operator=(LookUpError const&) noexcept;
+    ~LookUpError() override;
+
+    /// The wire format asked for.
+    [[nodiscard]] std::string const& wireFormat() const noexcept;
+
+    /// The type identifier asked for; of several, the first, and 0 if there was none.
+    [[nodiscard]] std::uint64_t typeID() const noexcept;
+    /// All type identifiers asked for: those of the list or payload, or the one.
+    [[nodiscard]] std::vector<std::uint64_t> const& typeIDs() const noexcept;
+
+    /// The wire formats that would have been found instead, in order of registration.
+    [[nodiscard]] std::vector<std::string> const& supportedWireFormats() const noexcept;
+
+private:
+    struct Details;
+    std::shared_ptr<Details const> details_;
+};
+
 /// What clients see of a catalogue: look-ups by wire format and type identifier, and queries for
 /// what is registered.
 ///
-/// Wire formats are compared byte for byte. "*" asks getSerialiserFor() for any wire format, and
-/// gets the record registered first; no other operation gives it a meaning. The identifier of
-/// `void` is answered without any record: by serialisers that only flush, a deserialiser that reads
-/// nothing, and the wire format "builtin".
+/// Wire formats are compared byte for byte. In getSerialiserFor() "*" matches any wire format, and
+/// the earliest registration wins; elsewhere it is an ordinary name. The identifier of `void` needs
+/// no record in the look-ups and queries by a single identifier: they answer with serialisers that
+/// only flush, a deserialiser that reads nothing, and the wire format "builtin". The look-ups by a
+/// list, a view or a payload treat it like any other.
 ///
-/// All operations may be called on several threads at once. What they return belongs to the caller.
-/// Look up once and keep what you got, where a hot path allows it. A failed look-up throws
-/// std::runtime_error "No serialiser found for " or "No deserialiser found for ", followed by the
-/// wire format asked for. Arguments taken by value are destroyed with the call, whatever happens.
+/// What the operations return belongs to the caller. Arguments taken by value are destroyed with
+/// the call, even if it throws. A look-up that finds nothing throws LookUpError. Thread-safe. On a
+/// hot path, look up once and keep the result.
 class COURIER_HUB_SERIALISATION_EXPORT SerialisationCatalogue {
 public:
     SerialisationCatalogue() = default;
@@ -37,27 +66,29 @@ public:
     getSerialiserFor(std::string const& wireFormat,
                      std::vector<std::uint64_t> const& typeIDs) const = 0;
 
-    /// A copy of the record registered under this type identifier. For `void`, a record under the
-    /// wire format asked for whose serialisers only flush.
+    /// A copy of the record registered under this type identifier. For `void`, a record in the wire
+    /// format asked for whose serialisers only flush.
     [[nodiscard]] virtual Serialiser getSerialiserFor(std::string const& wireFormat,
                                                       std::uint64_t typeID) const = 0;
 
-    /// The serialiser of a whole payload: by its whole list of type identifiers or, where nothing
-    /// is registered for that, by its first one. A payload without values gets a serialiser that
-    /// only flushes, in any wire format. Throws std::out_of_range when the payload has values but
-    /// no type identifier, std::bad_function_call when the record has no payload factory, and what
-    /// the factory throws.
+    /// The serialiser of a whole payload: by its whole list of type identifiers or, if there is no
+    /// record for that, by its first one. The payload factory then gets the whole payload, so one
+    /// for a single element must check that there is no other, as those of addFormat() do. A
+    /// payload without values gets a serialiser that only flushes, in any wire format. Throws
+    /// std::out_of_range if the payload has values but no type identifier, std::bad_function_call
+    /// if the record has no payload factory, and what the factory throws.
     [[nodiscard]] virtual GenericSerialiser
     getSerialiserFor(std::string const& wireFormat, core::GenericPayload payload) const = 0;
 
-    /// The serialiser of the element that the view names, for a write that the caller can stop.
-    /// Throws std::out_of_range when the view's index is past the payload's type identifiers,
-    /// std::bad_function_call when the record has no such factory, and what the factory throws.
+    /// The serialiser of the element that the view refers to, for a write that the caller can stop.
+    /// Throws std::out_of_range if the view's index is not below the number of the payload's type
+    /// identifiers, std::bad_function_call if the record has no such factory, and what the factory
+    /// throws.
     [[nodiscard]] virtual GenericSerialiser getSerialiserFor(std::string const& wireFormat,
                                                              GenericPayloadView view,
                                                              stop_source stopSource) const = 0;
 
-    /// The same, for a write that cannot be stopped.
+    /// The same without a stop source: the write can be stopped only by a token given to it.
     [[nodiscard]] virtual GenericSerialiser getSerialiserFor(std::string const& wireFormat,
                                                              GenericPayloadView view) const = 0;
 
@@ -65,12 +96,12 @@ public:
     [[nodiscard]] virtual GenericDeserialiser getDeserialiserFor(std::string const& wireFormat,
                                                                  std::uint64_t typeID) const = 0;
 
-    /// Whether getDeserialiserFor() succeeds with these arguments. Once true, it stays true.
+    /// True if getDeserialiserFor() succeeds with these arguments. Once true, it stays true.
     [[nodiscard]] virtual bool hasDeserialiserFor(std::string const& wireFormat,
                                                   std::uint64_t typeID) const = 0;
 
     /// The wire formats in which exactly this list of types can be written, in order of
-    /// registration; none when nothing is registered.
+    /// registration; none if nothing is registered.
     [[nodiscard]] virtual std::vector<std::string>
     getSupportedWireFormats(std::vector<std::uint64_t> const& typeIDs) const = 0;
 
@@ -88,33 +119,41 @@ public:
 
 /// The catalogue in which modules register how they write and read payload types.
 ///
-/// Make one in main() and hand it to each module. Records stay until the catalogue is destroyed,
-/// and what it hands out holds copies of their routines: a module must stay loaded until the
-/// catalogue and everything that came out of it is gone. Nobody may use a catalogue while it is
-/// destroyed.
+/// Make one in main() and pass it to each module. <courier/hub/serialisation/Registration.h> has
+/// the functions by which a module registers.
 ///
-/// Serialisers and deserialisers are kept apart, each set under a reader-writer lock of its own:
-/// look-ups run in parallel and wait only for a registration of the same kind, which waits only for
-/// those that began before it, so that neither starves. A look-up searches in constant time on
-/// average, allocates nothing to search, and holds the lock for the search and the copy or the
-/// factory's call. A factory must therefore not register serialisers, look them up or ask for their
-/// wire formats in the same catalogue; the answers for `void` and for a payload without values take
-/// no lock, so it may ask for those. Memory exhausted or a callable that throws leaves the
-/// catalogue as it was.
+/// Neither copied nor moved. Records stay until the catalogue is destroyed, and what it returns
+/// holds copies of their routines: a module must stay loaded until the catalogue and everything
+/// that came out of it are destroyed.
+///
+/// Operations give the strong guarantee, even if memory is exhausted or users' code throws.
+///
+/// Thread-safe, except for the destructor. Serialisers and deserialisers are two sets, each under a
+/// reader-writer lock of its own. Look-ups run in parallel and wait only for a registration of the
+/// same kind. A look-up holds the lock while it searches, and while it copies the record or calls
+/// the factory.
+///  - A factory may look up in the same catalogue, even while a registration waits. It cannot
+///    register there: add() of the same kind throws std::logic_error.
+///  - A registration waits for the factories that are running, and look-ups that come later wait
+///    behind it. So keep factories short, and do the work in the serialiser's routine.
+///
+/// A look-up searches in constant time on average and allocates nothing to search.
 class COURIER_HUB_SERIALISATION_EXPORT Catalogue : public SerialisationCatalogue {
 public:
     /// An empty catalogue. Throws std::bad_alloc.
     Catalogue();
     ~Catalogue() override;
 
-    /// Registers a serialiser, after every one registered before. It is a duplicate when one with
-    /// the same wire format has the same type identifier or the same list of them. A duplicate ends
-    /// the process with a diagnostic if bedrock_diag_terminate() says so, and is ignored otherwise.
-    /// Amortised constant. Throws std::bad_alloc. Any thread may call it.
+    /// Registers a serialiser. It is a duplicate if one in the same wire format has the same type
+    /// identifier or the same list of them; two empty lists are the same. A duplicate ends the
+    /// process with a diagnostic if bedrock_diag_terminate() returns true, and is ignored
+    /// otherwise. Amortised constant. Throws std::bad_alloc, and std::logic_error if a factory of a
+    /// serialiser of this catalogue is running on this thread.
     void add(Serialiser serialiser);
 
-    /// Registers a deserialiser. It is a duplicate when one with the same wire format has the same
-    /// type identifier. Otherwise as for serialisers.
+    /// Registers a deserialiser. It is a duplicate if one in the same wire format has the same type
+    /// identifier. Otherwise as for serialisers; throws std::logic_error while a routine of this
+    /// catalogue's deserialisers is copied on this thread.
     void add(Deserialiser deserialiser);
 
     [[nodiscard]] Serialiser
