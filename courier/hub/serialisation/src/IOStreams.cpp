@@ -5,6 +5,7 @@
 #include <ios>
 #include <memory>
 #include <system_error>
+#include <typeinfo>
 #include <utility>
 
 namespace courier::hub::serialisation {
@@ -88,8 +89,13 @@ void ByteBufferIStream::skip(std::size_t n) {
 
 namespace {
 
+// A class derived from one of these may have more bytes than those at hand.
 detail::ReadOnlyStreambuf* readOnlyStreambuf(std::istream& in) {
-    return in.fail() ? nullptr : dynamic_cast<detail::ReadOnlyStreambuf*>(in.rdbuf());
+    std::streambuf* const source = in.rdbuf();
+    bool const isWhole = source != nullptr && !in.fail() &&
+                         (typeid(*source) == typeid(ByteBufferIStreambuf) ||
+                          typeid(*source) == typeid(NonOwningByteBufferViewIStreambuf));
+    return isWhole ? static_cast<detail::ReadOnlyStreambuf*>(source) : nullptr;
 }
 
 } // namespace

@@ -128,8 +128,9 @@ private:
 };
 
 /// The bytes that `in` has not read yet, in place, for a decoder that takes a block. Empty if `in`
-/// reads through anything but a read stream buffer of Streams.h, or has failed (`!in`); such a
-/// stream is read as any std::istream is:
+/// reads through anything but a read stream buffer of Streams.h itself (a class derived from one
+/// may have more bytes than those at hand), or has failed (`!in`). Such a stream is read as any
+/// std::istream is:
 ///
 ///     if (std::optional<ByteBufferView> const block = unread(in)) {
 ///         std::size_t const used = parse(block->data(), block->size());
@@ -138,8 +139,7 @@ private:
 ///         parse(in);
 ///     }
 ///
-/// Reads nothing. The view is valid while the bytes are. Takes constant time, with one
-/// dynamic_cast.
+/// Reads nothing. The view is valid while the bytes are. Constant time.
 [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT std::optional<ByteBufferView>
 unread(std::istream& in);
 
