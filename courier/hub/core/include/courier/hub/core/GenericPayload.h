@@ -4,6 +4,7 @@
 
 #include <courier/hub/core/TypeID.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -33,7 +34,7 @@ public:
         }
     }
 
-    [[nodiscard]] char const* what() const noexcept override { return text_; }
+    [[nodiscard]] char const* what() const noexcept override { return text_.data(); }
 
     /// The position of the element in the payload.
     [[nodiscard]] std::size_t index() const noexcept { return index_; }
@@ -43,7 +44,11 @@ public:
     [[nodiscard]] std::uint64_t wanted() const noexcept { return wanted_; }
 
 private:
-    void add(std::string_view piece) noexcept { size_ += piece.copy(text_ + size_, piece.size()); }
+    void add(std::string_view piece) noexcept {
+        for (char const c : piece) {
+            text_[size_++] = c;
+        }
+    }
     void addNumber(std::uint64_t number, std::uint64_t base) noexcept {
         if (number >= base) {
             addNumber(number / base, base);
@@ -55,7 +60,7 @@ private:
     std::uint64_t present_;
     std::uint64_t wanted_;
     std::size_t size_ = 0;
-    char text_[96] = {}; // the longest text has 91 characters
+    std::array<char, 96> text_{}; // the longest text has 91 characters
 };
 
 /// A type-erased payload of several elements, each with the identifier of its type. Element i has

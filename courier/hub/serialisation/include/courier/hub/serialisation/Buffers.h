@@ -18,6 +18,11 @@
 #include <utility>
 #include <vector>
 
+// The code below handles raw bytes, bounds included.
+#if defined(__clang__) && __clang_major__ >= 16
+#pragma clang unsafe_buffer_usage begin
+#endif
+
 // On a function or parameter: the result refers to this object or argument. clang then warns if the
 // result outlives a temporary or a local variable.
 #if defined(__clang__)
@@ -744,5 +749,9 @@ template <class Owner> [[nodiscard]] ByteBuffer adopt(ByteBufferView view, Owner
 // The iterators of a view outlive it.
 template <> inline constexpr bool
     std::ranges::enable_borrowed_range<courier::hub::serialisation::ByteBufferView> = true;
+
+#if defined(__clang__) && __clang_major__ >= 16
+#pragma clang unsafe_buffer_usage end
+#endif
 
 #endif

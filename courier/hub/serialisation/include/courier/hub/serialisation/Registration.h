@@ -164,11 +164,11 @@ template <class T> std::shared_ptr<T> requireElement(std::shared_ptr<T> element)
     return element;
 }
 
-template <class... Elements, class F> Deserialiser
-makeDeserialiser(std::string const& wireFormat, F const& read, std::shared_ptr<void> handle) {
+template <class... Elements, class F>
+Deserialiser makeDeserialiser(std::string const& wireFormat, F read, std::shared_ptr<void> handle) {
     using Element = typename Read<Elements...>::Type;
     using Result = std::invoke_result_t<F const&, std::istream&>;
-    auto routine = [reader = std::move(read)](std::istream& in) {
+    auto routine = [reader = std::move(read)](std::istream& in) -> core::GenericPayload {
         core::GenericPayload payload;
         if constexpr (sizeof...(Elements) > 1) {
             auto const add = [&payload](Elements&... each) {

@@ -12,6 +12,11 @@
 #include <type_traits>
 #include <utility>
 
+// The code below handles raw bytes, bounds included.
+#if defined(__clang__) && __clang_major__ >= 16
+#pragma clang unsafe_buffer_usage begin
+#endif
+
 // Two ways to read bytes in place, and one to write them:
 //
 //   ByteStream            byte by byte, from any source, by input iterators
@@ -448,5 +453,9 @@ private:
 };
 
 } // namespace courier::hub::serialisation
+
+#if defined(__clang__) && __clang_major__ >= 16
+#pragma clang unsafe_buffer_usage end
+#endif
 
 #endif

@@ -6,6 +6,7 @@
 // every includer half a second more.
 #include <boost/type_index/detail/compile_time_type_info.hpp>
 
+#include <array>
 #include <cstddef>
 #include <string_view>
 #include <type_traits>
@@ -151,7 +152,7 @@ constexpr bool startsInWord(std::string_view text) noexcept {
 
 /// A text of at most `capacity` bytes, put together at compile time.
 template <std::size_t capacity> struct Text {
-    char bytes[capacity] = {};
+    std::array<char, capacity> bytes{};
     std::size_t size = 0;
 
     constexpr void add(std::string_view piece) noexcept {
@@ -159,15 +160,15 @@ template <std::size_t capacity> struct Text {
             bytes[size++] = c;
         }
     }
-    [[nodiscard]] constexpr std::string_view view() const noexcept { return {bytes, size}; }
+    [[nodiscard]] constexpr std::string_view view() const noexcept { return {bytes.data(), size}; }
 };
 
 /// Spells a compiler's name with blanks only between words, with the shorter names of the integers
 /// and with addresses as `&n::x`; without the inline namespaces of the standard libraries, which
 /// clang leaves out, and without the short names that libc++ has clang use for the strings. At most
 /// three times as long.
-template <std::size_t capacity>
-constexpr void spellName(std::string_view name, Text<capacity>& out) noexcept {
+template <std::size_t capacity> constexpr Text<capacity> spellName(std::string_view name) noexcept {
+    Text<capacity> out;
     constexpr std::string_view replacements[][2] = {
         {"long long unsigned int", "unsigned long long"},
         {"long long int", "long long"},
@@ -223,6 +224,7 @@ constexpr void spellName(std::string_view name, Text<capacity>& out) noexcept {
         isAfterWord = isInWord(name[length - 1]);
         name.remove_prefix(length);
     }
+    return out;
 }
 
 template <class Out> constexpr void spellNumber(unsigned long long number, Out& out) noexcept {
@@ -276,10 +278,12 @@ template <auto value, class Out> constexpr void spellValue(Out& out) noexcept {
             isNull || (!hasUnnamedPart(name) && !isOfOneFile(name) && !hasPartOfObject(name)),
             "the address of a part of an object, of an operator, or of what belongs to "
             "one file has no spelling on which compilers agree: give it a name of its own");
-        Text<3 * name.size() + 1> text;
-        text.add("&");
-        spellName(name, text);
-        out.add(isNull ? std::string_view("nullptr") : text.view());
+        if constexpr (isNull) {
+            out.add("nullptr");
+        } else {
+            out.add("&");
+            out.add(spellName<3 * name.size()>(name).view());
+        }
     }
 }
 
@@ -289,7 +293,7 @@ template <class Out, class... Spell> constexpr void spellList(Out& out, Spell...
     ((out.add(comma), spell(out), comma = ","), ...);
 }
 
-/// The name of T or, if T is Wrapped<a template>, of that template. Spelled once for each T, not
+/// The name of T or, if T wraps a template, of that template. Spelled once for each T, not
 /// each time that T is part of another type: compilers are slow at this.
 template <class T, bool isTemplate> constexpr auto spelledName() noexcept {
     constexpr std::string_view name =
@@ -302,9 +306,7 @@ template <class T, bool isTemplate> constexpr auto spelledName() noexcept {
         hasUnnamedPart(name) || !hasUnspelledArgument(name),
         "a class inside a template has no identifier if compilers write an argument of the "
         "template in more ways than one. Move the class out of the template");
-    Text<3 * name.size()> text;
-    spellName(name, text);
-    return text;
+    return spellName<3 * name.size()>(name);
 }
 template <class T, bool isTemplate> inline constexpr auto nameOf = spelledName<T, isTemplate>();
 
