@@ -14,6 +14,20 @@ static_assert(std::input_iterator<ByteStreamCharIterator>);
 
 ByteStreamImpl::~ByteStreamImpl() = default;
 
+ByteBufferByteStreamImpl::ByteBufferByteStreamImpl(ByteBufferByteStreamImpl&& other) noexcept
+    : buffer_(std::move(other.buffer_)), next_(std::exchange(other.next_, nullptr)),
+      end_(std::exchange(other.end_, nullptr)) {}
+
+// The old buffer is freed last, because its deleter may inspect this source. A source that is
+// assigned to itself gets back what std::exchange takes from it.
+ByteBufferByteStreamImpl&
+ByteBufferByteStreamImpl::operator=(ByteBufferByteStreamImpl&& other) noexcept {
+    next_ = std::exchange(other.next_, nullptr);
+    end_ = std::exchange(other.end_, nullptr);
+    buffer_ = std::move(other.buffer_);
+    return *this;
+}
+
 ByteBufferByteStreamImpl::~ByteBufferByteStreamImpl() = default;
 
 ByteStreamIterator ByteBufferByteStreamImpl::begin() { return ByteStreamIterator(*this); }
@@ -47,7 +61,7 @@ ReadOnlyStreambuf::int_type ReadOnlyStreambuf::underflow() {
     if (gptr() < eback() || gptr() >= egptr()) {
         return traits_type::eof();
     }
-    return traits_type::to_int_type(*gptr()); // bytes from 0x80 on are not end of file
+    return traits_type::to_int_type(*gptr()); // unsigned: 0xFF is not end of file
 }
 
 std::streamsize ReadOnlyStreambuf::xsgetn(char* s, std::streamsize n) {

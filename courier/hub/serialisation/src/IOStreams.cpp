@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <courier/hub/serialisation/IOStreams.h>
+
+#include <algorithm>
+#include <ios>
+#include <memory>
+#include <system_error>
+#include <utility>
+
+namespace courier::hub::serialisation {
+
+// Each stream first constructs its base without a stream buffer, because its own does not exist
+// yet.
+
+ByteBufferOStream::ByteBufferOStream(std::size_t reserve)
+    : std::ostream(nullptr), buffer_(reserve) {
+    std::ostream::rdbuf(&buffer_);
+    exceptions(std::ios_base::badbit);
+}
+
+ByteBufferOStream::ByteBufferOStream(ByteBufferOStream&& other) noexcept : ByteBufferOStream() {
+    swap(other);
+}
+
+ByteBufferOStream& ByteBufferOStream::operator=(ByteBufferOStream&& other) noexcept {
+    ByteBufferOStream taken(std::move(other)); // this stream's own content, if it is `other`
+    swap(taken);
+    return *this;
+}
+
+ByteBufferOStream::~ByteBufferOStream() = default;
+
+void ByteBufferOStream::swap(ByteBufferOStream& other) noexcept {
+    std::ostream::swap(other); // all but the stream buffer
+    std::swap(buffer_, other.buffer_);
+}
+
+ByteBuffer ByteBufferOStream::release() {
+    if (!good()) {
+        throw std::ios_base::failure("ByteBufferOStream holds only a part of what was written");
+    }
+    return buffer_.release();
+}
+
+ByteBufferIStream::ByteBufferIStream(ByteBuffer&& buffer)
+    : std::istream(nullptr), buffer_(std::make_unique<ByteBuffer>(std::move(buffer))) {
+    std::istream::rdbuf(&buffer_);
+    exceptions(std::ios_base::badbit);
+}
+
+ByteBufferIStream::ByteBufferIStream(ByteBuffer const& buffer)
+    : ByteBufferIStream(ByteBufferView(buffer)) {}
+
+ByteBufferIStream::ByteBufferIStream(ByteBufferView view) : std::istream(nullptr), buffer_(view) {
+    std::istream::rdbuf(&buffer_);
+    exceptions(std::ios_base::badbit);
+}
+
+ByteBufferIStream::ByteBufferIStream(ByteBufferIStream&& other) noexcept
+    : ByteBufferIStream(ByteBufferView()) {
+    swap(other);
+}
+
+ByteBufferIStream& ByteBufferIStream::operator=(ByteBufferIStream&& other) noexcept {
+    ByteBufferIStream taken(std::move(other)); // this stream's own content, if it is `other`
+    swap(taken);
+    return *this;
+}
+
+ByteBufferIStream::~ByteBufferIStream() = default;
+
+void ByteBufferIStream::swap(ByteBufferIStream& other) noexcept {
+    std::istream::swap(other); // all but the stream buffer
+    std::swap(buffer_, other.buffer_);
+}
+
+ByteBufferView ByteBufferIStream::unread() const {
+    if (fail()) {
+        throw std::ios_base::failure("ByteBufferIStream has failed");
+    }
+    return buffer_.unread();
+}
+
+void ByteBufferIStream::skip(std::size_t n) {
+    static_cast<void>(unread());
+    buffer_.skip(n);
+}
+
+namespace {
+
+detail::ReadOnlyStreambuf* readOnlyStreambuf(std::istream& in) {
+    return in.fail() ? nullptr : dynamic_cast<detail::ReadOnlyStreambuf*>(in.rdbuf());
+}
+
+} // namespace
+
+std::optional<ByteBufferView> unread(std::istream& in) {
+    detail::ReadOnlyStreambuf const* const source = readOnlyStreambuf(in);
+    return source != nullptr ? std::optional(source->unread()) : std::nullopt;
+}
+
+void skip(std::istream& in, std::size_t n) {
+    if (detail::ReadOnlyStreambuf* const source = readOnlyStreambuf(in)) {
+        source->skip(n);
+    } else if (n != 0) {
+        detail::throwOutOfRange("Requested to skip more bytes than exist");
+    }
+}
+
+StoppableOStream::StoppableOStream(stop_token token, std::ostream& target)
+    : std::ostream(nullptr), buffer_(std::move(token), target) {
+    rdbuf(&buffer_);
+    exceptions(std::ios_base::badbit);
+}
+
+StoppableOStream::~StoppableOStream() = default;
+
+StoppableOStream::Buffer::Buffer(stop_token token, std::ostream& target)
+    : token_(std::move(token)), target_(target) {}
+
+StoppableOStream::Buffer::~Buffer() = default;
+
+void StoppableOStream::Buffer::throwStopped() {
+    throw std::system_error(std::make_error_code(std::errc::operation_canceled));
+}
+
+// To the target's stream buffer rather than by the target's own functions: those cost as much again
+// for a short write, and swallow what the stream buffer throws.
+template <class Write> void StoppableOStream::Buffer::passOn(Write write) {
+    throwIfStopped();
+    try {
+        if (!target_.good() || !write(*target_.rdbuf())) {
+            throw std::ios_base::failure("The target of a StoppableOStream takes no more bytes");
+        }
+    } catch (...) {
+        try {
+            target_.setstate(std::ios_base::badbit);
+        } catch (std::ios_base::failure const&) {
+            // The target's exceptions() ask for it, but the first exception says more.
+        }
+        throw;
+    }
+}
+
+StoppableOStream::Buffer::int_type StoppableOStream::Buffer::overflow(int_type c) {
+    if (!traits_type::eq_int_type(c, traits_type::eof())) {
+        char const character = traits_type::to_char_type(c);
+        passOn([character](std::streambuf& to) {
+            return !traits_type::eq_int_type(to.sputc(character), traits_type::eof());
+        });
+    }
+    return traits_type::not_eof(c);
+}
+
+std::streamsize StoppableOStream::Buffer::xsputn(char const* s, std::streamsize n) {
+    if (n <= 0) {
+        return 0;
+    }
+    constexpr std::streamsize largestPiece = 65536;
+    std::streamsize left = n;
+    for (; left > largestPiece; left -= largestPiece, s += largestPiece) {
+        passOn([s](auto& to) { return to.sputn(s, largestPiece) == largestPiece; });
+    }
+    passOn([s, left](auto& to) { return to.sputn(s, left) == left; });
+    return n;
+}
+
+int StoppableOStream::Buffer::sync() { return target_.flush() ? 0 : -1; }
+
+} // namespace courier::hub::serialisation
