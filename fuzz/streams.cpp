@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a ByteBufferOStreambuf writes, read by both read stream buffers and by the byte iterators,
-// against the standard library's string streams and a plain position.
+// What a ByteBufferOStream writes, with and without a StoppableOStream in front of it, read through
+// both read stream buffers, a ByteBufferIStream and the byte iterators, against the standard
+// library's string streams and a plain position.
 #include "../tests/Support.h"
 #include "Input.h"
+
+#include <courier/hub/serialisation/IOStreams.h>
 
 #include <optional>
 
@@ -15,29 +18,47 @@ using fuzz::require;
 std::streamsize size(std::string const& text) { return static_cast<std::streamsize>(text.size()); }
 
 ByteBuffer write(Input& input) {
-    ByteBufferOStreambuf sink(input.length());
-    std::ostream out(&sink);
+    ByteBufferOStream out(input.length());
+    StoppableOStream stoppable(stop_token(), out);
     std::ostringstream model;
-    ByteBuffer written;
     for (bool more = true; more; more = input && !input.oneIn(32)) {
         std::size_t const n = input.length();
         std::string const bytes = input.fresh(n);
-        auto const both = [&](auto put) { put(out), put(model); };
+        bool const direct = input.flag();
+        auto const both = [&](auto put) {
+            put(direct ? static_cast<std::ostream&>(out) : stoppable), put(model);
+        };
         input.oneOf([&] { both([&](std::ostream& to) { to.put(static_cast<char>(n)); }); },
                     [&] { both([&](std::ostream& to) { to.write(bytes.data(), size(bytes)); }); },
                     [&] { both([&](std::ostream& to) { to << n << ' ' << bytes << std::endl; }); },
                     [&] {
-                        ByteBufferOStreambuf taken(std::move(sink));
-                        require(sink.size() == 0 && sink.sputc('x') == 'x');
-                        sink = std::move(taken);
+                        ByteBufferOStream taken(std::move(out));
+                        require(out.size() == 0 && out.put('x').good() && out.size() == 1);
+                        out = std::move(taken);
                     },
                     [&] {
-                        require(text(sink.release()) == model.str());
+                        stop_source source;
+                        StoppableOStream stopped(source.get_token(), out);
+                        source.request_stop();
+                        require(messageOf<std::system_error>([&] { stopped << n; }) ==
+                                messageOf<std::system_error>([&] { stopped.throwIfStopped(); }));
+                    },
+                    [&] {
+                        out.setstate(std::ios::failbit);
+                        require(messageOf<std::ios::failure>([&] { discard(out.release()); }) ==
+                                std::ios::failure("ByteBufferOStream holds only a part of what "
+                                                  "was written")
+                                    .what());
+                        out.clear();
+                    },
+                    [&] {
+                        require(text(out.release()) == model.str());
                         model.str({});
                     });
-        require(out.good() && sink.size() == model.str().size());
+        require(out.good() && stoppable.good() && out.size() == model.str().size());
     }
-    require(text(written = sink.release()) == model.str());
+    ByteBuffer written = out.release();
+    require(text(written) == model.str());
     return written;
 }
 
@@ -45,6 +66,17 @@ ByteBuffer write(Input& input) {
 // it.
 using Count = std::streamsize;
 using Act = Count (*)(std::istream& in, std::string& got, char byte);
+// Whether n bytes can be skipped, which is then done. The model has a foreign stream buffer.
+Count skipped(std::istream& in, std::size_t n) {
+    auto const most = in ? static_cast<std::size_t>(in.rdbuf()->in_avail()) : 0;
+    if (dynamic_cast<std::istringstream*>(&in) == nullptr) {
+        std::string const said = messageOf<std::out_of_range>([&] { skip(in, n); });
+        require(said == (n <= most ? "no exception" : "Requested to skip more bytes than exist"));
+    } else if (n <= most) {
+        in.rdbuf()->pubseekoff(static_cast<Count>(n), std::ios::cur, std::ios::in);
+    }
+    return Count(n <= most);
+}
 constexpr Act acts[] = {
     [](auto& in, auto& got, char) { return Count(!in.read(got.data(), size(got))); },
     [](auto& in, auto& got, char) { return in.readsome(got.data(), size(got)); },
@@ -62,11 +94,17 @@ constexpr Act acts[] = {
     [](auto& in, auto&, char) { return Count(in.rdbuf()->sungetc()); },
     [](auto& in, auto&, char byte) { return Count(in.rdbuf()->sputbackc(byte)); },
     [](auto& in, auto&, char byte) { return Count(in.rdbuf()->sputc(byte)); },
+    [](auto& in, auto& got, char) { return skipped(in, got.size()); },
 };
 
 std::string act(Act act, std::istream& in, std::size_t n) {
     std::string got(n, '-');
-    std::string said = std::to_string(act(in, got, static_cast<char>(n)));
+    std::string said;
+    try {
+        said = std::to_string(act(in, got, static_cast<char>(n)));
+    } catch (std::ios::failure const&) {
+        said = "bad"; // an attempt to put back before the first byte
+    }
     for (std::streamsize const each :
          {in.gcount(), std::streamsize(in.rdstate()), in.rdbuf()->in_avail()}) {
         said += ' ' + std::to_string(each);
@@ -74,38 +112,54 @@ std::string act(Act act, std::istream& in, std::size_t n) {
     return said + got;
 }
 
-void read(Input& input, ByteBufferView content) {
+void read(Input& input, ByteBuffer const& content) {
     Blocks blocks;
     ByteBufferIStreambuf owner(std::make_unique<ByteBuffer>(blocks.adopt(text(content))));
-    ByteBufferIStreambuf borrower(content);
     NonOwningByteBufferViewIStreambuf viewer(content);
     std::istringstream model(text(content));
-    std::istream in[] = {std::istream(&owner), std::istream(&borrower), std::istream(&viewer)};
+    std::istream ofOwner(&owner), ofViewer(&viewer);
+    ByteBufferIStream whole(blocks.adopt(text(content))), borrower(content);
+    std::istream* const in[] = {&ofOwner, &ofViewer, &whole, &borrower};
+    for (std::istream* const stream : {in[0], in[1], static_cast<std::istream*>(&model)}) {
+        stream->exceptions(std::ios::badbit);
+    }
     while (input && !input.oneIn(32)) {
         auto const& does = acts[input.below(std::size(acts))];
         std::size_t const n = input.length();
         bool const clear = input.flag();
         std::string const expected = act(does, model, n);
-        for (std::istream& stream : in) {
-            require(act(does, stream, n) == expected);
-            require(stream.rdbuf()->pubseekoff(0, std::ios::beg) == std::streampos(-1));
+        std::string_view rest = model.view();
+        rest.remove_prefix(rest.size() - static_cast<std::size_t>(model.rdbuf()->in_avail()));
+        for (std::istream* const stream : in) {
+            require(act(does, *stream, n) == expected);
+            require(stream->rdbuf()->pubseekoff(0, std::ios::beg) == std::streampos(-1));
+            std::optional<ByteBufferView> const shown = unread(*stream);
+            require(shown.has_value() == !stream->fail());
+            require(!shown || *shown == ByteBufferView(rest));
             if (clear) {
-                stream.clear();
-                model.clear();
+                stream->clear();
             }
+        }
+        if (clear) {
+            model.clear();
         }
         if (input.flag()) {
             ByteBufferIStreambuf taken(std::move(owner));
             require(owner.sgetc() == std::char_traits<char>::eof());
             owner = std::move(taken);
+            require(taken.sgetc() == std::char_traits<char>::eof());
             NonOwningByteBufferViewIStreambuf same(std::move(viewer));
             require(same.sgetc() == viewer.sgetc() && same.in_avail() == viewer.in_avail());
             viewer = std::move(same);
+            ByteBufferIStream moved(std::move(whole));
+            require(whole.unread().empty());
+            whole = std::move(moved);
         }
     }
     require(blocks.freed == 0);
     owner = ByteBufferIStreambuf(content);
-    require(blocks.freed == 1);
+    whole = ByteBufferIStream(content);
+    require(blocks.freed == 2);
 }
 
 // An iterator has the place of the byte that it designates, a character iterator also that of the
@@ -163,7 +217,7 @@ void iterate(Input& input, ByteBuffer source) {
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     Input input(data, size);
     ByteBuffer written = write(input);
-    read(input, written.makeView(0, 0));
+    read(input, written);
     iterate(input, std::move(written));
     return 0;
 }

@@ -12,6 +12,30 @@ TEST(ByteStream, IsAtItsEndWithoutASource) {
     EXPECT_ERROR(std::out_of_range, "ByteStream has no source", none.getByte());
 }
 
+TEST(ByteStream, LeavesAMovedFromSourceAtItsEnd) {
+    for (MakeBuffer make : kinds) {
+        Blocks blocks;
+        ByteBufferByteStreamImpl source(make(blocks, "abc")), other(make(blocks, "other"));
+        source.getByte();
+        EXPECT_EQ(passOn(source, other, [](auto& from) { return from ? "more" : "end"; }), "end");
+        EXPECT_EQ(blocks.freed, blocks.made / 2);
+        EXPECT_EQ(other.getByte(), std::byte{'b'});
+        EXPECT_ERROR(std::out_of_range,
+                     "Attempt to access position beyond the end of the ByteBuffer",
+                     source.getByte());
+    }
+}
+
+TEST(ByteStream, IteratorsAreEqualOverOneSource) {
+    ByteBufferByteStreamImpl source(ByteBuffer(bytes("abcdef"))), same(ByteBuffer(bytes("abcdef")));
+    ByteStreamIterator const a = source, b = source, other = same;
+    EXPECT_EQ(a, b);
+    EXPECT_NE(a, other);
+    ByteStreamCharIterator const charA = a, charB = b, charOther = other;
+    EXPECT_EQ(charA, charB);
+    EXPECT_NE(charA, charOther);
+}
+
 TEST(IStreambuf, RefusesWhatIsNotThere) {
     EXPECT_THROW(ByteBufferIStreambuf(std::unique_ptr<ByteBuffer>()), std::invalid_argument);
     ByteBufferView const null(static_cast<std::byte*>(nullptr), 3);
@@ -27,11 +51,47 @@ TEST(IStreambuf, ReadsForAClassDerivedFromIt) { // which may call these though b
     struct Opened : NonOwningByteBufferViewIStreambuf {
         using NonOwningByteBufferViewIStreambuf::NonOwningByteBufferViewIStreambuf;
         using NonOwningByteBufferViewIStreambuf::uflow, ReadOnlyStreambuf::underflow;
-    } opened(ByteBufferView(std::string_view("ed")));
-    for (int const expected : {+'e', +'d', std::char_traits<char>::eof()}) {
+    } opened(ByteBufferView(std::string_view("\xFF\xFE")));
+    for (int const expected : {0xFF, 0xFE, std::char_traits<char>::eof()}) {
         EXPECT_EQ(opened.underflow(), expected);
         EXPECT_EQ(opened.uflow(), expected);
     }
+}
+
+template <class Streambuf> void showsWhatIsUnread(std::string const& movedFrom) {
+    static_assert(!std::is_constructible_v<Streambuf, ByteBuffer>);
+    static_assert(!std::is_constructible_v<Streambuf, ByteBuffer const>);
+    ByteBuffer const buffer(bytes("an example"));
+    Streambuf source(buffer), other(buffer);
+    source.sbumpc();
+    source.skip(2);
+    EXPECT_EQ(source.unread().data(), buffer.data() + 3);
+    EXPECT_ERROR(std::out_of_range, "Requested to skip more bytes than exist", source.skip(8));
+    EXPECT_EQ(passOn(source, other, [](auto& from) { return text(from.unread()); }), movedFrom);
+    EXPECT_EQ(text(other.unread()), "example");
+    other.skip(7);
+    EXPECT_EQ(other.sgetc(), std::char_traits<char>::eof());
+    EXPECT_EQ(other.sungetc(), 'e');
+}
+TEST(IStreambuf, ShowsWhatIsUnread) {
+    showsWhatIsUnread<ByteBufferIStreambuf>("");
+    showsWhatIsUnread<NonOwningByteBufferViewIStreambuf>("example");
+}
+
+TEST(OStreambuf, GrowsToTwiceItsSize) {
+    struct Opened : ByteBufferOStreambuf {
+        using ByteBufferOStreambuf::overflow;
+        bool isFull() const { return pptr() == epptr(); }
+    } sink, other;
+    EXPECT_NE(sink.overflow(std::char_traits<char>::eof()), std::char_traits<char>::eof());
+    int grown = 0;
+    for (int i = 0; i < 100'000; ++i) {
+        grown += sink.isFull() ? 1 : 0;
+        ASSERT_EQ(sink.sputc('\xFF'), 0xFF);
+    }
+    EXPECT_LE(grown, 9); // from 512 on
+    EXPECT_EQ(passOn(sink, other, [](auto& to) { return std::to_string(to.size()); }), "0");
+    EXPECT_EQ(other.size(), 100'000);
 }
 
 TEST(OStreambuf, HandsOutTheBlockThatItWroteTo) {

@@ -93,7 +93,7 @@ public:
     /// The byte here. Throws std::out_of_range "Attempt to dereference an invalid
     /// ByteStreamIterator" at the end.
     std::byte operator*() const {
-        if (!current_) {
+        if (source_ == nullptr) {
             detail::throwOutOfRange("Attempt to dereference an invalid ByteStreamIterator");
         }
         return *current_;
@@ -116,7 +116,7 @@ public:
 
     /// The same; returns the byte at the old position.
     PostIncrementHolder operator++(int) {
-        if (!current_) {
+        if (source_ == nullptr) {
             throwAtEnd();
         }
         PostIncrementHolder const holder(*current_);
