@@ -95,6 +95,39 @@ TEST(ByteBuffer, RefusesANullViewWithALength) {
     EXPECT_ERROR(std::runtime_error, incompatible, null.append(ByteBuffer(1)));
     EXPECT_ERROR(std::runtime_error, incompatible, std::vector(null.begin(), null.end()));
     EXPECT_NE(null.begin(), null.end());
+    ByteBuffer const vector(3);
+    EXPECT_ERROR(std::runtime_error, incompatible, std::as_const(null).end() - vector.begin());
+    EXPECT_EQ(std::as_const(null).begin(), ByteBufferIterator<std::byte const>());
+    EXPECT_ERROR(std::runtime_error, incompatible, adopt(null, 1));
+}
+
+TEST(Adopt, KeepsAnyOwnerUntilTheBlockIsReleased) {
+    auto const shared = std::make_shared<std::string>("shared");
+    ByteBuffer buffer = adopt(ByteBufferView(*shared), shared);
+    EXPECT_EQ(buffer.data(), static_cast<void*>(shared->data()));
+    EXPECT_EQ(shared.use_count(), 2);
+    ByteBuffer moved(std::move(buffer));
+    moved.trimFront(2);
+    EXPECT_EQ(shared.use_count(), 2);
+    moved.push_back(std::byte{'!'});
+    EXPECT_EQ(shared.use_count(), 1); // though the buffer has kept its deleter
+    EXPECT_EQ(text(moved), "ared!");
+
+    EXPECT_EQ(text(adopt(std::string("short"))), "short"); // moves with its owner
+    EXPECT_EQ(adopt(std::vector<char>()), ByteBuffer());
+    EXPECT_EQ(text(adopt(ByteBufferView(*shared), std::make_unique<int>(1))), "shared");
+    std::size_t const before = allocations();
+    ByteBuffer const one = adopt(std::vector<std::byte>());
+    EXPECT_EQ(allocations(), before + 1);
+}
+
+TEST(ByteBuffer, HasTheNamesOfContainers) {
+    ByteBuffer buffer;
+    std::ranges::copy(bytes("ab"), std::back_inserter(buffer));
+    EXPECT_EQ(testing::PrintToString(buffer), "{ 1-byte object <61>, 1-byte object <62> }");
+    EXPECT_EQ(testing::PrintToString(buffer.first(1)), testing::PrintToString(bytes("a")));
+    static_assert(std::ranges::contiguous_range<ByteBuffer>);
+    static_assert(std::same_as<std::ranges::range_value_t<ByteBufferView>, std::byte>);
 }
 
 template <class T> constexpr bool viewed = std::is_constructible_v<ByteBufferView, T>;
