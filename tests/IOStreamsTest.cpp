@@ -60,6 +60,7 @@ TEST(ByteBufferIStream, IsLikeANewOneWhenMovedFrom) {
         EXPECT_EQ(blocks.freed, blocks.made / 2);
         EXPECT_EQ(text(other.unread()), "oved");
         EXPECT_EQ(other.gcount(), 1);
+        EXPECT_EQ(other.exceptions(), ios_base::badbit);
     }
 }
 
