@@ -2,7 +2,7 @@
 // Reading bytes in place, through std::istream and byte by byte.
 #include "Support.h"
 
-#include <courier/hub/serialisation/Streams.h>
+#include <courier/hub/serialisation/IOStreams.h>
 
 #include <boost/iostreams/device/array.hpp>
 #include <boost/iostreams/stream.hpp>
@@ -26,9 +26,8 @@ using namespace courier::hub::serialisation;
 
 struct Courier {
     Courier(char const* data, std::size_t size)
-        : buffer(ByteBufferView(reinterpret_cast<std::byte const*>(data), size)), in(&buffer) {}
-    ByteBufferIStreambuf buffer;
-    std::istream in;
+        : in(ByteBufferView(reinterpret_cast<std::byte const*>(data), size)) {}
+    ByteBufferIStream in;
 };
 
 struct SpanStream {

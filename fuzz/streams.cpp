@@ -42,6 +42,9 @@ ByteBuffer write(Input& input) {
                         source.request_stop();
                         require(messageOf<std::system_error>([&] { stopped << n; }) ==
                                 messageOf<std::system_error>([&] { stopped.throwIfStopped(); }));
+                        require(out.bad());
+                        stopped.clear();
+                        out.clear();
                     },
                     [&] {
                         out.setstate(std::ios::failbit);

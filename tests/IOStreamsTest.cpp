@@ -60,6 +60,7 @@ TEST(ByteBufferIStream, IsLikeANewOneWhenMovedFrom) {
         EXPECT_EQ(blocks.freed, blocks.made / 2);
         EXPECT_EQ(text(other.unread()), "oved");
         EXPECT_EQ(other.gcount(), 1);
+        EXPECT_EQ(other.exceptions(), ios_base::badbit);
     }
 }
 
@@ -164,7 +165,7 @@ TEST(StoppableOStream, StopsBetweenPieces) {
         }
         EXPECT_EQ(code, std::errc::operation_canceled);
         EXPECT_EQ(target.got.size(), passedOn);
-        EXPECT_TRUE(target.stream.good());
+        EXPECT_TRUE(target.stream.bad());
         EXPECT_THROW(out.put('x'), ios_base::failure);
         EXPECT_ERROR(std::system_error, std::system_error(code).what(), out.throwIfStopped());
     }
@@ -188,6 +189,12 @@ TEST(StoppableOStream, ThrowsWhatIsWrongWithTheTarget) {
         }
         return result;
     };
+    Target target;
+    target.stream.exceptions(ios_base::badbit);
+    StoppableOStream(stop_token(), target.stream) << "part";
+    EXPECT_TRUE(target.stream.good());
+    StoppableOStream(stop_token(), target.stream).setstate(ios_base::failbit);
+    EXPECT_TRUE(target.stream.bad());
     std::string const failed =
         ios_base::failure("The target of a StoppableOStream takes no more bytes").what();
     auto const nothing = [](auto) -> std::streamsize { throw std::bad_alloc(); };

@@ -119,12 +119,24 @@ StoppableOStream::StoppableOStream(stop_token token, std::ostream& target)
     exceptions(std::ios_base::badbit);
 }
 
-StoppableOStream::~StoppableOStream() = default;
+StoppableOStream::~StoppableOStream() {
+    if (fail()) { // the encoder may have set it
+        buffer_.failTarget();
+    }
+}
 
 StoppableOStream::Buffer::Buffer(stop_token token, std::ostream& target)
     : token_(std::move(token)), target_(target) {}
 
 StoppableOStream::Buffer::~Buffer() = default;
+
+void StoppableOStream::Buffer::failTarget() noexcept {
+    try {
+        target_.setstate(std::ios_base::badbit);
+    } catch (std::ios_base::failure const&) {
+        // The target's exceptions() ask for it. What made it fail is on its way to the caller.
+    }
+}
 
 void StoppableOStream::Buffer::throwStopped() {
     throw std::system_error(std::make_error_code(std::errc::operation_canceled));
@@ -133,17 +145,13 @@ void StoppableOStream::Buffer::throwStopped() {
 // To the target's stream buffer rather than by the target's own functions: those cost as much again
 // for a short write, and swallow what the stream buffer throws.
 template <class Write> void StoppableOStream::Buffer::passOn(Write write) {
-    throwIfStopped();
     try {
+        throwIfStopped();
         if (!target_.good() || !write(*target_.rdbuf())) {
             throw std::ios_base::failure("The target of a StoppableOStream takes no more bytes");
         }
     } catch (...) {
-        try {
-            target_.setstate(std::ios_base::badbit);
-        } catch (std::ios_base::failure const&) {
-            // The target's exceptions() ask for it, but the first exception says more.
-        }
+        failTarget();
         throw;
     }
 }

@@ -38,7 +38,8 @@ using bedrock::concurrent::threadpool::stop_token;
 /// your own, use ByteBufferOStreambuf.
 ///
 /// Movable and swappable, as std::ostringstream is. A moved-from stream is like a new one. Seeking
-/// fails. The cost is that of ByteBufferOStreambuf, which also tells about spare room.
+/// fails. Costs what a ByteBufferOStreambuf costs; see there for the spare room of a released
+/// block.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferOStream : public std::ostream {
 public:
     /// Reserves `reserve` bytes; 0 allocates nothing until the first write. Throws std::bad_alloc,
@@ -75,12 +76,15 @@ private:
 /// A std::istream that reads a buffer in place:
 ///
 ///     ByteBufferIStream in(std::move(message)); // owned
-///     GenericPayload payload = deserialiser(in);
+///     int count = 0;
+///     if (!(in >> count)) {
+///         throw std::runtime_error("damaged message");
+///     }
 ///
-/// Reading past the end, or bytes that do not fit, sets failbit, as in every std::istream: look at
-/// the stream. exceptions() include badbit from the start, so that what a std::streambuf throws is
-/// not lost. in.rdbuf()->in_avail() is the number of bytes not read yet. Seeking fails, so tellg()
-/// is -1 on a good stream.
+/// Reading past the end, or bytes that do not fit, sets failbit, as in every std::istream.
+/// exceptions() include badbit from the start, so that what a user's own operator>> throws is not
+/// lost; putting back before the first byte sets badbit, too, and throws. unread().size() is the
+/// number of bytes not read yet. Seeking fails, so tellg() is -1 on a good stream.
 ///
 /// Movable and swappable, as std::istringstream is. A moved-from stream is like a new one without
 /// bytes. Owning a buffer allocates once; borrowing allocates nothing.
@@ -145,8 +149,8 @@ unread(std::istream& in);
 
 /// Counts the next n bytes of unread(in) as read. Throws std::out_of_range "Requested to skip more
 /// bytes than exist" when there are fewer; the position is then unchanged. Changes neither the
-/// state nor gcount(): unlike in.ignore(n), which may set eofbit behind the last byte, it leaves a
-/// stream good on which an empty message can follow.
+/// state nor gcount(). Preferable to in.ignore(n), which may set eofbit after the last byte, so
+/// that reading an empty message next would fail.
 COURIER_HUB_SERIALISATION_EXPORT void skip(std::istream& in, std::size_t n);
 
 /// A std::ostream in front of another one, the target, whose writes end when a stop is requested.
@@ -161,14 +165,15 @@ COURIER_HUB_SERIALISATION_EXPORT void skip(std::istream& in, std::size_t n);
 /// exceptions() include badbit from the start, so that these exceptions propagate through the
 /// encoder to the caller:
 ///
-/// - std::system_error with std::errc::operation_canceled on a stop. The target stays good.
-/// - What the target's stream buffer throws, std::bad_alloc for instance; std::ios_base::failure if
-///   it takes fewer bytes, or if the target is not good already. The target's badbit is then set.
+/// - std::system_error with std::errc::operation_canceled on a stop.
+/// - What the target's stream buffer throws, std::bad_alloc for instance.
+/// - std::ios_base::failure if that takes fewer bytes, or if the target is not good already.
 ///
-/// What was written before stays written. An encoder that swallows an exception gets
-/// std::ios_base::failure from its next write.
+/// What was written before stays written, and the target's badbit is then set, so that a part is
+/// not taken for the whole even if the encoder swallows the exception. An encoder that sets failbit
+/// or badbit itself has the same effect on the target, at the latest in the destructor.
 ///
-/// It holds no bytes back: there is nothing to flush at the end, and the destructor does nothing.
+/// It holds no bytes back: there is nothing to flush at the end.
 /// flush() flushes the target. It writes to the target's stream buffer directly, so the target's
 /// tie() and unitbuf have no effect, and its own formatting and locale are those of a new stream.
 /// Seeking fails. Not movable. The target must outlive it.
@@ -192,6 +197,7 @@ private:
         Buffer(stop_token token, std::ostream& target);
         ~Buffer() override;
 
+        void failTarget() noexcept;
         void throwIfStopped() const {
             if (token_.stop_requested()) {
                 throwStopped();
