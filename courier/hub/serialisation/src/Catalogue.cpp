@@ -61,7 +61,7 @@ private:
 // What is looked for: a key and a wire format. Hashed before the lock is taken.
 template <class Key> struct Query {
     Query(Key const& k, std::string const& f) noexcept
-        : key(k), wireFormat(f), hash(mix(hashOf(k) ^ hashOf(f))) {}
+        : key(k), wireFormat(f), hash(mix(bitsOf(k) ^ hashOf(f))) {}
     Key const& key;
     std::string const& wireFormat;
     std::uint64_t hash;
@@ -194,8 +194,8 @@ auto const& orderOf(SerialiserSet const& set, std::vector<std::uint64_t> const&)
 
 // The record under a key in a wire format; for the wildcard, the one registered first under the
 // key.
-template <class Key>
-Serialiser const* findAny(SerialiserSet const& set, Query<Key> const& query) noexcept {
+template <class Key> [[gnu::always_inline]] inline Serialiser const*
+findAny(SerialiserSet const& set, Query<Key> const& query) noexcept {
     auto const& order = orderOf(set, query.key);
     if (query.wireFormat.size() == 1 && query.wireFormat.front() == '*') {
         auto const* const node = order.first(query.key);
@@ -219,9 +219,8 @@ template <class Set, class Key> std::vector<std::string> wireFormats(Set& set, K
 template <class Set, class Find, class Use, class Fail>
 auto lookUp(Set& set, Find find, Use use, Fail fail) {
     {
-        StripedMutex::Reader const reading(set.mutex);
+        StripedMutex::CallingReader const reading(set.mutex);
         if (auto const* const found = find()) {
-            StripedMutex::UserCode const running(set.mutex);
             return use(*found);
         }
     }

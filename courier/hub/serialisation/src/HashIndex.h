@@ -21,6 +21,7 @@ constexpr std::uint64_t mix(std::uint64_t x,
 }
 
 inline std::uint64_t hashOf(std::uint64_t x) noexcept { return mix(x); }
+inline std::uint64_t bitsOf(std::uint64_t x) noexcept { return x; } // to be mixed with others
 
 inline std::uint64_t hashOf(std::vector<std::uint64_t> const& list) noexcept {
     std::uint64_t hash = list.size();
@@ -28,6 +29,9 @@ inline std::uint64_t hashOf(std::vector<std::uint64_t> const& list) noexcept {
         hash = mix(hash ^ x);
     }
     return hash;
+}
+inline std::uint64_t bitsOf(std::vector<std::uint64_t> const& list) noexcept {
+    return hashOf(list);
 }
 
 // A copy of fixed length is a single load.

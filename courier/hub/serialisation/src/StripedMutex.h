@@ -16,9 +16,9 @@ namespace courier::hub::serialisation {
 /// Neither readers nor writers starve, whichever of them the platform's locks prefer: from the
 /// moment that a writer waits, new readers wait behind it.
 ///
-/// A reader that calls users' code marks that by a UserCode. That code may then read again on its
-/// thread: it takes no lock, because the outer reader holds one, and does not wait for a writer,
-/// which would wait for the outer reader. It must not write: ask isReadHere() first.
+/// A reader that calls users' code is a CallingReader. That code may then read again on its thread:
+/// it takes no lock, because the outer reader holds one, and does not wait for a writer, which
+/// would wait for the outer reader. It must not write: ask isReadHere() first.
 class StripedMutex {
     struct Thread;
 
@@ -26,34 +26,39 @@ public:
     /// Holds the lock for reading. The constructor throws std::system_error.
     class Reader {
     public:
-        explicit Reader(StripedMutex& mutex) : stripe_(mutex.lockShared()) {}
+        explicit Reader(StripedMutex& mutex) : lock_(mutex.lockShared(current())) {}
         Reader(Reader const&) = delete;
         Reader& operator=(Reader const&) = delete;
-        ~Reader() {
-            if (stripe_ != nullptr) {
-                stripe_->unlock_shared();
-            }
-        }
+        ~Reader() { unlock(lock_); }
 
     private:
-        std::shared_mutex* stripe_; // null if an outer reader of this thread holds it
+        std::shared_mutex* lock_; // null if an outer reader of this thread holds it
     };
 
-    /// Lives while a reader of the mutex runs users' code on this thread.
-    class UserCode {
+    /// The same for a reader that runs users' code.
+    class CallingReader {
     public:
-        explicit UserCode(StripedMutex const& mutex) noexcept
-            : mutex_(&mutex), outer_(thread.innermost) {
-            thread.innermost = this;
+        explicit CallingReader(StripedMutex& mutex)
+            : mutex_(&mutex), thread_(current()), lock_(mutex.lockShared(thread_)),
+              outer_(thread_.innermost), stripe_(thread_.stripe) {
+            thread_.innermost = this;
+            thread_.stripe = 0; // so that readers look for this object
         }
-        UserCode(UserCode const&) = delete;
-        UserCode& operator=(UserCode const&) = delete;
-        ~UserCode() { thread.innermost = outer_; }
+        CallingReader(CallingReader const&) = delete;
+        CallingReader& operator=(CallingReader const&) = delete;
+        ~CallingReader() {
+            thread_.innermost = outer_;
+            thread_.stripe = stripe_;
+            unlock(lock_);
+        }
 
     private:
         friend class StripedMutex;
         StripedMutex const* mutex_;
-        UserCode const* outer_;
+        Thread& thread_;
+        std::shared_mutex* lock_;
+        CallingReader const* outer_;
+        std::size_t stripe_;
     };
 
     /// Excludes other writers, but no readers, for what a writer prepares. The constructor throws
@@ -79,15 +84,8 @@ public:
         StripedMutex& mutex_;
     };
 
-    /// True if users' code that a reader of this mutex called is running on this thread.
-    [[nodiscard]] bool isReadHere() const noexcept {
-        for (UserCode const* code = thread.innermost; code != nullptr; code = code->outer_) {
-            if (code->mutex_ == this) {
-                return true;
-            }
-        }
-        return false;
-    }
+    /// True if users' code that a reader of this mutex has called is running on this thread.
+    [[nodiscard]] bool isReadHere() const noexcept { return isReadBy(current()); }
 
 private:
     // A cache line each, and the adjacent one, which processors fetch together with it.
@@ -96,27 +94,61 @@ private:
     };
 
     struct Thread {
-        std::size_t stripe; // 0: none yet
-        UserCode const* innermost;
+        std::size_t stripe; // 0: it has none yet, or is running users' code
+        CallingReader const* innermost;
     };
-    static inline constinit thread_local Thread thread{};
 
-    [[nodiscard]] std::shared_mutex* lockShared() {
-        if (thread.innermost != nullptr && isReadHere()) {
-            return nullptr;
+    // Not inlined: finding a thread's variable is a call in a shared library, which the compiler
+    // would repeat rather than keep the address.
+    [[gnu::noinline]] static Thread& current() noexcept {
+        static constinit thread_local Thread thread{};
+        return thread;
+    }
+
+    [[nodiscard]] bool isReadBy(Thread const& reading) const noexcept {
+        for (auto const* outer = reading.innermost; outer != nullptr; outer = outer->outer_) {
+            if (outer->mutex_ == this) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    [[nodiscard]] std::shared_mutex* lockShared(Thread& reading) {
+        std::size_t stripe = reading.stripe;
+        if (stripe == 0) {
+            if (isReadBy(reading)) {
+                return nullptr;
+            }
+            stripe = stripeOf(reading);
         }
         // Relaxed suffices: a reader that sees this late gets in first, and the writer waits for
         // it.
         if (isWriterThere_.load(std::memory_order_relaxed)) {
             std::lock_guard<std::mutex> const behindIt(writer_);
         }
-        if (thread.stripe == 0) { // round-robin: as many threads as stripes never share one
-            static std::atomic<std::size_t> threads{0};
-            thread.stripe = 1 + threads.fetch_add(1, std::memory_order_relaxed);
-        }
-        std::shared_mutex& mine = stripes_[thread.stripe % stripes_.size()].mutex;
+        std::shared_mutex& mine = stripes_[stripe % stripes_.size()].mutex;
         mine.lock_shared();
         return &mine;
+    }
+
+    // Round-robin: as many threads as there are stripes never share one.
+    [[gnu::noinline]] static std::size_t stripeOf(Thread& reading) noexcept {
+        if (reading.innermost != nullptr) {
+            CallingReader const* outermost = reading.innermost;
+            while (outermost->outer_ != nullptr) {
+                outermost = outermost->outer_;
+            }
+            return outermost->stripe_;
+        }
+        static std::atomic<std::size_t> threads{0};
+        return reading.stripe = 1 + threads.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    static void unlock(std::shared_mutex* lock) noexcept {
+        if (lock != nullptr) {
+            lock->unlock_shared();
+        }
     }
 
     void lockAll() {

@@ -40,7 +40,7 @@ using bedrock::concurrent::threadpool::stop_token;
 /// Movable and swappable, as std::ostringstream is. A moved-from stream is like a new one. Seeking
 /// fails. Costs what a ByteBufferOStreambuf costs; see there for the spare room of a released
 /// block.
-class COURIER_HUB_SERIALISATION_EXPORT ByteBufferOStream : public std::ostream {
+class COURIER_HUB_SERIALISATION_EXPORT ByteBufferOStream final : public std::ostream {
 public:
     /// Reserves `reserve` bytes; 0 allocates nothing until the first write. Throws std::bad_alloc,
     /// std::length_error "vector too long" above 2^63 - 1.
@@ -88,7 +88,7 @@ private:
 ///
 /// Movable and swappable, as std::istringstream is. A moved-from stream is like a new one without
 /// bytes. Owning a buffer allocates once; borrowing allocates nothing.
-class COURIER_HUB_SERIALISATION_EXPORT ByteBufferIStream : public std::istream {
+class COURIER_HUB_SERIALISATION_EXPORT ByteBufferIStream final : public std::istream {
 public:
     /// Takes ownership of the buffer. Throws std::bad_alloc; the buffer is then unchanged.
     explicit ByteBufferIStream(ByteBuffer&& buffer);
@@ -180,7 +180,7 @@ COURIER_HUB_SERIALISATION_EXPORT void skip(std::istream& in, std::size_t n);
 ///
 /// Allocates nothing. A write costs one more virtual call and one atomic load than without it; an
 /// encoder that writes single characters notices.
-class COURIER_HUB_SERIALISATION_EXPORT StoppableOStream : public std::ostream {
+class COURIER_HUB_SERIALISATION_EXPORT StoppableOStream final : public std::ostream {
 public:
     /// An empty token never stops.
     StoppableOStream(stop_token token,

@@ -81,6 +81,8 @@ private:
     std::shared_ptr<void> keepAlive_; // reserved: part of the ABI, never set here
 };
 
+class GenericPayloadWrapperPtr;
+
 /// The reference count of the shared payload. It starts at 0: whoever makes an object takes the
 /// first reference, with a GenericPayloadWrapperPtr. The count is a plain integer under a mutex,
 /// not an atomic one, because modules share this layout. Thread-safe.
@@ -104,7 +106,8 @@ public:
     [[nodiscard]] std::shared_ptr<Sentinel> getSentinel() const;
 
 private:
-    std::uint32_t count_ = 0; // guarded by mutex_
+    friend class GenericPayloadWrapperPtr; // counts the first reference
+    std::uint32_t count_ = 0;              // guarded by mutex_
     std::shared_ptr<Sentinel> sentinel_;
     std::mutex mutex_;
 };
@@ -141,10 +144,9 @@ public:
     /// Moves the payload to the heap and refers to it: two allocations. Throws std::bad_alloc; the
     /// argument is then unchanged.
     [[nodiscard]] static GenericPayloadWrapperPtr make(core::GenericPayload&& payload) {
-        auto made = std::make_unique<GenericPayloadWrapper>(std::move(payload));
-        GenericPayloadWrapperPtr first(made.get());
-        static_cast<void>(made.release()); // owned by its references from here on
-        return first;
+        auto* const made = new GenericPayloadWrapper(std::move(payload));
+        made->count_ = 1; // no other thread can reach it yet: no lock
+        return GenericPayloadWrapperPtr(made, false);
     }
 
     /// Refers to the wrapper, which may be null. Adds a reference, unless addReference is false:
