@@ -37,21 +37,35 @@ struct Model {
         bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(n));
         bufferPlace += external ? n : 0;
     }
+    void trimBack(std::size_t n) { bytes.resize(bytes.size() - n); }
     Bytes bytes{};
     bool external = false;
     std::byte const* place = nullptr; // of these bytes after the last step, and of the buffer's
     std::byte const* bufferPlace = nullptr;
 };
 
-void trim(auto& holder, Model& model, std::size_t n) {
+void trim(auto& holder, Model& model, std::size_t n, bool atFront) {
+    auto const from = [&](auto& bytes) { atFront ? bytes.trimFront(n) : bytes.trimBack(n); };
     if (n <= model.bytes.size()) {
-        holder.trimFront(n);
-        model.trimFront(n);
+        from(holder);
+        from(model);
     } else {
         requireError<std::out_of_range>("Requested to remove more bytes than exist",
-                                        [&] { holder.trimFront(n); });
+                                        [&] { from(holder); });
     }
 }
+
+// Bytes that adopt() takes, counted as a block is.
+struct Owner : std::string {
+    Owner(std::string content, Blocks& counts) : std::string(std::move(content)), blocks(&counts) {
+        ++blocks->made;
+    }
+    Owner(Owner&& other) noexcept
+        : std::string(std::move(other)), blocks(std::exchange(other.blocks, nullptr)) {}
+    Owner& operator=(Owner&&) = delete;
+    ~Owner() { blocks != nullptr ? ++blocks->freed : 0; }
+    Blocks* blocks;
+};
 
 // What buffers and views have in common.
 void requireSame(auto&& holder, Bytes const& bytes, std::string const& name) {
@@ -88,6 +102,11 @@ struct Run {
                     [&] { buffer = ByteBuffer(std::move(own)); },
                     [&] { buffer = ByteBuffer(n), model = {Bytes(n)}; },
                     [&] { model = {}, buffer = ByteBuffer(ByteBuffer::Block(nullptr, never), n); },
+                    [&] { buffer = adopt(Owner(text(view), blocks)), model.external = true; },
+                    [&] {
+                        auto const owner = std::make_shared<Owner>(text(view), blocks);
+                        buffer = adopt(ByteBufferView(*owner), owner), model.external = true;
+                    },
                     [&] { buffer = blocks.adopt(text(view)), model.external = true; });
     }
 
@@ -97,15 +116,23 @@ struct Run {
         std::size_t const size = part.bytes.size();
         std::size_t const offset = input.length() % (size + 2);
         std::size_t const count = input.length() % (size + 2);
-        auto const makeView = [&] { return buffers[i].makeView(offset, count); };
+        ByteBuffer const& buffer = buffers[i];
+        bool const zeroIsAll = input.flag();
+        auto const take = [&] {
+            return zeroIsAll ? buffer.makeView(offset, count) : buffer.subview(offset, count);
+        };
         if (offset + count > size) {
-            requireError<std::out_of_range>("Invalid range requested", makeView);
+            requireError<std::out_of_range>("Invalid range requested", take);
+            requireError<std::out_of_range>("Invalid range requested",
+                                            [&] { return buffer.last(offset + count); });
             return {};
         }
-        ByteBufferView view = makeView();
+        ByteBufferView view = take();
+        require(zeroIsAll || view == buffer.first(offset + count).last(count));
+        require(buffer.subview(offset) == buffer.makeView(offset, 0));
         part.trimFront(offset);
-        part.bytes.resize(count == 0 ? size - offset : count);
-        trim(view, part, input.length() % (size + 2));
+        part.bytes.resize(zeroIsAll && count == 0 ? size - offset : count);
+        trim(view, part, input.length() % (size + 2), input.flag());
         requireSame(view, part.bytes, "View");
         return {view, part.bytes};
     }
@@ -143,7 +170,13 @@ struct Run {
         ByteBuffer& buffer = buffers[i];
         ByteBuffer& other = buffers[j];
         Model& model = models[i];
-        input.oneOf([&] { make(buffer, model, n); }, [&] { trim(buffer, model, n); },
+        input.oneOf([&] { make(buffer, model, n); }, [&] { trim(buffer, model, n, input.flag()); },
+                    [&] {
+                        if (std::exchange(model.external, false)) {
+                            model.bytes = Bytes(model.bytes);
+                        }
+                        model.bytes.reserve(n), buffer.reserve(n);
+                    },
                     [&] { model.makeRoom(n), model.bytes.resize(n), buffer.resize(n); },
                     [&] { model.makeRoom(0), model.bytes.clear(), buffer.clear(); },
                     [&] { model = {models[j].bytes}, buffer = other.clone(); },
@@ -195,6 +228,7 @@ struct Run {
         for (std::size_t i = 0; i < models.size(); ++i) {
             Model& model = models[i];
             requireSame(buffers[i], model.bytes, "");
+            require(buffers[i].capacity() == (model.external ? 0 : model.bytes.capacity()));
             auto const* const place = std::to_address(buffers[i].begin());
             bool const stays = model.place != nullptr && model.place == model.bytes.data();
             require(!stays || model.bufferPlace == place);

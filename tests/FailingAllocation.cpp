@@ -4,24 +4,56 @@
 #include <cstdlib>
 #include <utility>
 
+// Both operator new and the C library's functions, which the library calls too, are replaced; what
+// they call instead depends on what is between the program and the C library. NEXT(malloc) is that
+// function; REPLACED(malloc) is what calls of malloc reach.
+#if defined(_WIN32) // only if all is linked into one program, by --wrap
+#define NEXT(name) __real_##name
+#define REPLACED(name) __wrap_##name
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define NEXT(name) __interceptor_##name
+#define REPLACED(name) name
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define NEXT(name) __interceptor_##name
+#endif
+#define REPLACED(name) name
+#else
+#define REPLACED(name) name
+#endif
+#ifndef NEXT
+#define NEXT(name) __libc_##name
+#endif
+
+extern "C" {
+void* NEXT(malloc)(std::size_t size) noexcept;
+void* NEXT(calloc)(std::size_t count, std::size_t size) noexcept;
+void* NEXT(realloc)(void* block, std::size_t size) noexcept;
+void NEXT(free)(void* block) noexcept;
+}
+
 namespace {
 constexpr std::size_t never = static_cast<std::size_t>(-1);
 thread_local std::size_t countdown = never;
 thread_local std::size_t made = 0;
 thread_local std::size_t freed = 0;
 
-void* allocate(std::size_t size) {
-    void* const block = tests::isFault() ? nullptr : std::malloc(size);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    ++made;
+void* counted(void* block) {
+    made += block != nullptr;
     return block;
 }
 
 void release(void* block) noexcept {
     freed += block != nullptr;
-    std::free(block);
+    NEXT(free)(block);
+}
+
+void* allocate(std::size_t size) {
+    void* const block = tests::isFault() ? nullptr : counted(NEXT(malloc)(size));
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
 }
 } // namespace
 
@@ -32,6 +64,20 @@ bool isFault() { return countdown != never && countdown-- == 0; } // it is then 
 std::size_t allocations() { return made; }
 std::size_t unfreed() { return made - freed; }
 } // namespace tests
+
+extern "C" {
+void* REPLACED(malloc)(std::size_t size) noexcept {
+    return tests::isFault() ? nullptr : counted(NEXT(malloc)(size));
+}
+void* REPLACED(calloc)(std::size_t count, std::size_t size) noexcept {
+    return tests::isFault() ? nullptr : counted(NEXT(calloc)(count, size));
+}
+void* REPLACED(realloc)(void* block, std::size_t size) noexcept {
+    void* const larger = tests::isFault() ? nullptr : NEXT(realloc)(block, size);
+    return block == nullptr ? counted(larger) : larger;
+}
+void REPLACED(free)(void* block) noexcept { release(block); }
+}
 
 // Those for arrays call these.
 void* operator new(std::size_t size) { return allocate(size); }

@@ -198,10 +198,11 @@ class Printer:
 
 class ByteBuffer(Printer):
     def summary(self):
-        start = int(self.value["start_"])
-        if start != 0:
-            return "external form, " + content(start, int(self.value["external_"]["size"]))
-        return "vector form, " + content(*vector(self.value["owned_"]))
+        form = "external" if int(self.value["block_"]) != 0 else "vector"
+        start, size, capacity = (int(self.value["bytes_"][m]) for m in ("data_", "size_", "capacity_"))
+        if capacity != 0 and (size > capacity or form == "external"):
+            raise Garbage
+        return f"{form} form, " + content(start, size)
 
 
 class ByteBufferView(Printer):

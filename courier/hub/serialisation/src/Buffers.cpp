@@ -14,29 +14,35 @@ namespace {
 using detail::longest;
 using detail::throwTooLong;
 
+std::size_t checkedLength(std::size_t n) {
+    if (n > longest) {
+        throwTooLong();
+    }
+    return n;
+}
+
 std::size_t sum(std::size_t a, std::size_t b) {
-    if (a > longest || b > longest - a) {
+    if (b > longest - checkedLength(a)) {
         throwTooLong();
     }
     return a + b;
 }
 
-// Half as much again, so that later appends of similar size need no new storage.
-std::size_t growthTarget(std::size_t n) {
-    if (n > longest) {
-        throwTooLong();
-    }
-    return sum(n, n / 2);
+// Half as much again, so that later appends of similar size need no new memory.
+std::size_t growthTarget(std::size_t n) { return sum(n, n / 2); }
+
+// A copy of the viewed bytes in memory for `capacity` of them.
+detail::GrowingBytes copyOf(ByteBufferView view, std::size_t capacity) {
+    detail::GrowingBytes bytes(view.data(), view.size());
+    bytes.reallocate(capacity);
+    return bytes;
 }
 
-std::vector<std::byte> copyOf(ByteBufferView const& view) {
+detail::GrowingBytes copyOf(ByteBufferView view) {
     if (view.data() == nullptr && !view.empty()) {
         detail::throwIncompatibleIterators();
     }
-    if (view.size() > longest) {
-        throwTooLong();
-    }
-    return {view.data(), view.data() + view.size()};
+    return copyOf(view, checkedLength(view.size()));
 }
 
 } // namespace
@@ -67,14 +73,31 @@ void ByteBufferView::trimFront(std::size_t n) {
     start_ = start_ == nullptr || length_ == 0 ? nullptr : start_ + n;
 }
 
-ByteBufferView ByteBufferView::makeView(std::size_t offset, std::size_t count) const {
-    if (offset == length_ && count == 0) {
-        return {};
+void ByteBufferView::trimBack(std::size_t n) {
+    if (n > length_) {
+        detail::throwOutOfRange("Requested to remove more bytes than exist");
     }
+    length_ -= n;
+    start_ = length_ == 0 ? nullptr : start_;
+}
+
+ByteBufferView ByteBufferView::last(std::size_t n) const {
+    return subview(n > length_ ? n : length_ - n, n); // from n on, when that is past the end
+}
+
+ByteBufferView ByteBufferView::subview(std::size_t offset) const {
+    return subview(offset, offset > length_ ? 0 : length_ - offset);
+}
+
+ByteBufferView ByteBufferView::subview(std::size_t offset, std::size_t count) const {
     if (offset > length_ || count > length_ - offset) {
         detail::throwOutOfRange("Invalid range requested");
     }
-    return {start_ == nullptr ? nullptr : start_ + offset, count == 0 ? length_ - offset : count};
+    return {start_ == nullptr || count == 0 ? nullptr : start_ + offset, count};
+}
+
+ByteBufferView ByteBufferView::makeView(std::size_t offset, std::size_t count) const {
+    return count == 0 ? subview(offset) : subview(offset, count);
 }
 
 ByteBuffer ByteBufferView::append(ByteBuffer&& other) { return append(std::as_const(other)); }
@@ -96,7 +119,11 @@ ByteBuffer ByteBufferView::append(std::vector<ByteBuffer> const& others) {
 }
 
 ByteBuffer ByteBufferView::append(std::vector<std::byte>&& bytes) {
-    return append(ByteBufferView(bytes.data(), bytes.size()));
+    return append(ByteBufferView(bytes));
+}
+
+ByteBuffer ByteBufferView::append(std::vector<std::byte> const& bytes) {
+    return append(ByteBufferView(bytes));
 }
 
 ByteBuffer ByteBufferView::append(ByteBufferView view) {
@@ -105,26 +132,22 @@ ByteBuffer ByteBufferView::append(ByteBufferView view) {
     return result;
 }
 
-ByteBufferView::operator ByteBuffer() const { return ByteBuffer(copyOf(*this)); }
+ByteBufferView::operator ByteBuffer() const { return ByteBuffer(*this); }
 
 // ByteBuffer
 
-ByteBuffer::ByteBuffer(std::size_t n) : ByteBuffer() {
-    if (n > longest) {
-        throwTooLong();
-    }
-    owned_.resize(n);
-}
+ByteBuffer::ByteBuffer(std::size_t n)
+    : bytes_(detail::GrowingBytes::zeroed(n, checkedLength(n))), deleter_() {}
 
-ByteBuffer::ByteBuffer(ByteBufferView const& view) : owned_(copyOf(view)) {}
+ByteBuffer::ByteBuffer(ByteBufferView const& view) : bytes_(copyOf(view)), deleter_() {}
 
 void ByteBuffer::clear() noexcept {
-    releaseBlock();
-    owned_.clear();
-}
-
-ByteBuffer& ByteBuffer::append(ByteBuffer const& other) {
-    return append(ByteBufferView(other.data(), other.size()));
+    if (holdsVector()) {
+        resizeVector(0);
+    } else {
+        releaseBlock();
+        bytes_.trimBack(size());
+    }
 }
 
 ByteBuffer& ByteBuffer::append(std::vector<ByteBuffer> const& others) {
@@ -138,103 +161,151 @@ ByteBuffer& ByteBuffer::append(std::vector<ByteBuffer> const& others) {
     }
     appendPieces(added, [&](auto const& put) {
         for (ByteBuffer const& other : others) {
-            // This buffer grows as the pieces come in; as an element it counts as it was.
-            put(other.base(), &other == this ? held : other.size());
+            // This buffer grows as the pieces are added; as an element it has its former size.
+            put(other.bytes_.data(), &other == this ? held : other.size());
         }
     });
     return *this;
-}
-
-ByteBuffer& ByteBuffer::append(std::vector<std::byte>&& bytes) {
-    return append(ByteBufferView(bytes.data(), bytes.size()));
 }
 
 void ByteBuffer::appendBeyondRoom(ByteBufferView view) {
     if (view.empty()) {
         return;
     }
+    std::size_t const needed = sum(size(), view.size());
     if (view.data() == nullptr) {
-        appendPieces(view.size(), [](auto const&) {});
+        if (isExternal() || needed > capacity()) {
+            setCapacity(growthTarget(needed), size());
+        }
         detail::throwIncompatibleIterators();
     }
-    if (start_ == nullptr && !isOwn(view.data())) { // as below, without a second vector
-        owned_.reserve(growthTarget(sum(owned_.size(), view.size())));
-        owned_.insert(owned_.end(), view.data(), view.data() + view.size());
-        return;
+    std::less_equal<> const notAfter;
+    bool const isOwn =
+        notAfter(bytes_.data(), view.data()) && notAfter(view.data(), bytes_.data() + size());
+    if (isOwn || holdsVector()) {
+        appendPieces(view.size(), [&](auto const& put) { put(view.data(), view.size()); });
+    } else { // without a second block
+        setCapacity(growthTarget(needed), size());
+        bytes_.append(view.data(), view.size());
     }
-    appendPieces(view.size(), [&](auto const& put) { put(view.data(), view.size()); });
 }
 
-void ByteBuffer::push_back(std::byte const& b) {
-    std::byte const value = b; // b may lie in the block that goes
-    if (start_ != nullptr) {
-        becomeVector(copyOf(ByteBufferView(start_, external_.size)));
+void ByteBuffer::pushBackBeyondRoom(std::byte b) {
+    std::size_t const needed = sum(size(), 1);
+    if (holdsVector() && needed <= vector_.capacity()) {
+        resizeVector(needed);
+        bytes_.data()[needed - 1] = b;
+        return;
     }
-    owned_.push_back(value);
+    // Twice as much, as the standard library's vectors do.
+    setCapacity(std::max(needed, std::min(2 * size(), longest)), size());
+    bytes_.append(&b, 1);
+}
+
+void ByteBuffer::reserve(std::size_t n) {
+    if (isExternal() || n > capacity()) {
+        setCapacity(checkedLength(std::max(n, size())), size());
+    }
 }
 
 void ByteBuffer::resize(std::size_t n) {
-    if (start_ == nullptr && n <= owned_.capacity()) {
-        owned_.resize(n);
+    std::size_t const kept = std::min(n, size());
+    if (isExternal() || n > capacity()) {
+        std::size_t const target = growthTarget(n);
+        if (n - kept > kept) { // mostly zeros, which std::calloc need not write
+            detail::GrowingBytes bytes = detail::GrowingBytes::zeroed(n, target);
+            if (kept != 0) {
+                std::memcpy(bytes.data(), bytes_.data(), kept);
+            }
+            become(std::move(bytes));
+            return;
+        }
+        setCapacity(target, kept);
+    }
+    if (holdsVector()) {
+        resizeVector(n);
         return;
     }
-    std::vector<std::byte> bytes = copyWithRoomFor(n);
-    bytes.resize(n);
-    becomeVector(std::move(bytes));
+    bytes_.trimBack(size() - kept);
+    if (n > kept) {
+        std::memset(bytes_.extend(n - kept), 0, n - kept);
+    }
 }
 
 void ByteBuffer::trimFront(std::size_t n) {
     if (n > size()) {
         detail::throwOutOfRange("Requested to remove more bytes than exist");
     }
-    if (start_ != nullptr) {
-        start_ += n;
-        external_.size -= n;
+    if (holdsVector()) {
+        vector_.erase(vector_.begin(), vector_.begin() + static_cast<std::ptrdiff_t>(n));
+        resizeVector(vector_.size());
     } else {
-        owned_.erase(owned_.begin(), owned_.begin() + static_cast<std::ptrdiff_t>(n));
+        bytes_.trimFront(n);
     }
 }
 
-ByteBuffer ByteBuffer::clone() const { return ByteBuffer(ByteBufferView(base(), size())); }
-
-ByteBufferView ByteBuffer::makeView(std::size_t offset, std::size_t count) const {
-    return ByteBufferView(base(), size()).makeView(offset, count);
+void ByteBuffer::trimBack(std::size_t n) {
+    if (n > size()) {
+        detail::throwOutOfRange("Requested to remove more bytes than exist");
+    }
+    if (holdsVector()) {
+        resizeVector(size() - n);
+    } else {
+        bytes_.trimBack(n);
+    }
 }
 
-// The first n bytes, or all there are, in a vector whose capacity is the growth target of n.
-std::vector<std::byte> ByteBuffer::copyWithRoomFor(std::size_t n) const {
-    std::vector<std::byte> copy;
-    copy.reserve(growthTarget(n));
-    copy.insert(copy.end(), base(), base() + std::min(n, size()));
-    return copy;
+// Preconditions: holdsVector(), and n is at most its capacity.
+void ByteBuffer::resizeVector(std::size_t n) {
+    vector_.resize(n);
+    bytes_ = detail::GrowingBytes(vector_.data(), n);
 }
 
-void ByteBuffer::becomeVector(std::vector<std::byte>&& bytes) noexcept {
-    releaseBlock();
-    owned_ = std::move(bytes);
+// The first `kept` bytes in memory of this buffer's own, for exactly `capacity` of them. Those that
+// it owns already must all be kept.
+void ByteBuffer::setCapacity(std::size_t capacity, std::size_t kept) {
+    if (bytes_.isBorrowed()) {
+        become(copyOf(ByteBufferView(bytes_.data(), kept), capacity));
+    } else {
+        bytes_.reallocate(capacity);
+    }
 }
 
-// Adds `added` bytes, which forEachPiece hands piece by piece to the function that it is given.
-// Pieces may lie in this buffer's own bytes: new storage replaces the old one once all are read.
+// Replaces the content by bytes that it owns. The old block is released afterwards, so that its
+// deleter finds the new content.
+void ByteBuffer::become(detail::GrowingBytes bytes) noexcept {
+    bool const heldVector = holdsVector();
+    bytes_ = std::move(bytes);
+    if (heldVector) {
+        std::destroy_at(&vector_);
+        std::construct_at(&deleter_);
+    } else if (isExternal()) {
+        deleter_(std::exchange(block_, nullptr));
+    }
+}
+
+// Adds `added` bytes, which forEachPiece passes piece by piece to the function that it is given.
+// Pieces may lie in this buffer's own bytes: new memory replaces the old once all are read.
 template <class ForEachPiece>
 void ByteBuffer::appendPieces(std::size_t added, ForEachPiece forEachPiece) {
-    std::size_t const needed = sum(size(), added);
-    if (start_ == nullptr && needed <= owned_.capacity()) {
-        forEachPiece([this](std::byte const* piece, std::size_t count) {
-            if (!isOwn(piece)) {
-                owned_.insert(owned_.end(), piece, piece + count);
-                return;
+    auto const put = [](detail::GrowingBytes& to) {
+        return [&to](std::byte const* piece, std::size_t count) {
+            if (count != 0) {
+                to.append(piece, count);
             }
-            std::size_t const held = owned_.size(); // a vector refuses its own bytes in insert()
-            owned_.resize(held + count);
-            std::copy_n(piece, count, owned_.data() + held);
-        });
+        };
+    };
+    std::size_t const needed = sum(size(), added);
+    if (isExternal() || needed > capacity()) {
+        detail::GrowingBytes larger = copyOf(wholeView(), growthTarget(needed));
+        forEachPiece(put(larger));
+        become(std::move(larger));
+    } else if (holdsVector()) {
+        detail::GrowingBytes end(bytes_.data(), size());
+        resizeVector(needed);
+        forEachPiece(put(end));
     } else {
-        std::vector<std::byte> bytes = copyWithRoomFor(needed);
-        forEachPiece([&bytes](std::byte const* piece, std::size_t count) {
-            bytes.insert(bytes.end(), piece, piece + count);
-        });
-        becomeVector(std::move(bytes));
+        forEachPiece(put(bytes_));
     }
 }
 

@@ -3,6 +3,7 @@
 #define COURIER_HUB_SERIALISATION_BUFFERS_H
 
 #include <courier/hub/serialisation/Export.h>
+#include <courier/hub/serialisation/detail/GrowingBytes.h>
 
 #include <compare>
 #include <concepts>
@@ -17,8 +18,8 @@
 #include <utility>
 #include <vector>
 
-// On a function or parameter: what comes out refers to this object or argument. clang then warns
-// where the result outlives a temporary or a local variable.
+// On a function or parameter: the result refers to this object or argument. clang then warns when
+// it outlives a temporary or a local variable.
 #if defined(__clang__)
 #define COURIER_HUB_SERIALISATION_LIFETIMEBOUND [[clang::lifetimebound]]
 #else
@@ -34,14 +35,13 @@ class ByteBuffer;
 class ByteBufferView;
 
 namespace detail {
-// The throwing ends of inline checks, kept out of line so that the checks inline well.
+// Throw out of line, so that the checks inline well.
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwOutOfRange(char const* message);
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwIncompatibleIterators();
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwBlockWithoutDeleter();
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwTooLong();
 
-// The most bytes that a buffer holds. Lengths are compared with it before anything is added to
-// them, so that no sum wraps, and so that the standard library's own message is never seen.
+// The largest size. Checked before any addition, so that no sum wraps.
 inline constexpr std::size_t longest = PTRDIFF_MAX;
 
 template <class T, class... Types>
@@ -49,18 +49,21 @@ concept OneOf = (std::same_as<std::remove_cvref_t<T>, Types> || ...);
 template <class T>
 concept ByteOrCharacterReference = OneOf<T, std::byte, char, signed char, unsigned char, char8_t>;
 
-// Neither a view, which has its copy constructor, nor an array of characters, which may be a
-// literal with a 0 at its end.
+// Not an array of characters, which may be a literal with a 0 at its end.
 template <class Range>
-concept ByteRange =
-    !std::derived_from<Range, ByteBufferView> &&
-    (!std::is_array_v<Range> ||
-     OneOf<std::remove_extent_t<Range>, std::byte, unsigned char>)&&requires(Range const& range) {
+concept NoLiteral =
+    !std::is_array_v<Range> || OneOf<std::remove_extent_t<Range>, std::byte, unsigned char>;
+template <class Range>
+concept HasBytes = requires(Range const& range) {
     { *std::ranges::data(range) } -> ByteOrCharacterReference;
     { std::ranges::size(range) } -> std::convertible_to<std::size_t>;
 };
+// Not a view, which has its copy constructor.
+template <class Range>
+concept ByteRange =
+    !std::derived_from<Range, ByteBufferView> && NoLiteral<Range> && HasBytes<Range>;
 
-// Its bytes do not go with it: a std::string_view, a std::span.
+// Ranges that do not own their bytes, such as a std::string_view or a std::span.
 template <class Range>
 concept BorrowedByteRange = ByteRange<Range> && std::ranges::enable_borrowed_range<Range>;
 template <class Range>
@@ -70,14 +73,13 @@ concept OwningByteRange = ByteRange<Range> && !std::ranges::enable_borrowed_rang
 /// The iterator of ByteBuffer and ByteBufferView: contiguous, with T = std::byte for mutable and
 /// T = std::byte const for read-only access.
 ///
-/// A position is either a raw pointer (external blocks and views) or a position in the buffer's own
-/// vector. Positions of different forms are never equal; taking their difference, or comparing
-/// their order, throws std::runtime_error "Attempting to take difference between incompatible
-/// MessageIterators".
+/// A position is either a raw pointer (external blocks and views) or a position in a buffer in
+/// vector form. Positions of different forms are never equal; subtracting or ordering them throws
+/// std::runtime_error "Attempting to take difference between incompatible MessageIterators".
 ///
-/// A plain value that owns nothing. Every operation takes constant time, allocates nothing and,
-/// but for the difference, throws nothing. Dereferencing or advancing past the end is not checked.
-/// Several threads may walk one buffer while nobody changes it.
+/// A plain value that owns nothing. Every operation takes constant time, allocates nothing and
+/// does not throw, except for subtraction and ordering. Dereferencing or advancing past the end is
+/// not checked. Several threads may iterate over one buffer while none changes it.
 template <class T> class ByteBufferIterator {
     static_assert(std::is_same_v<std::remove_const_t<T>, std::byte>);
     using VectorPosition =
@@ -85,7 +87,7 @@ template <class T> class ByteBufferIterator {
                            std::vector<std::byte>::iterator>;
 
 public:
-    /// As the standard library asks for.
+    /// Required by std::iterator_traits.
     using iterator_concept = std::contiguous_iterator_tag;
     using iterator_category = std::random_access_iterator_tag;
     using value_type = std::byte;
@@ -97,10 +99,11 @@ public:
     ByteBufferIterator() noexcept = default;
 
     /// A position in memory.
-    explicit ByteBufferIterator(T* p) noexcept : address_(p), inVector_(p == nullptr) {}
+    explicit ByteBufferIterator(T* p) noexcept : address_(p) {}
 
     /// A position in a vector.
-    explicit ByteBufferIterator(VectorPosition p) noexcept : address_(std::to_address(p)) {}
+    explicit ByteBufferIterator(VectorPosition p) noexcept
+        : address_(std::to_address(p)), inVector_(true) {}
 
     /// The read-only iterator at the position of a mutable one.
     template <std::same_as<std::byte> Mutable>
@@ -140,17 +143,16 @@ public:
     /// The number of bytes from b to a. Throws std::runtime_error for positions of different forms.
     [[nodiscard]] friend difference_type operator-(ByteBufferIterator const& a,
                                                    ByteBufferIterator const& b) {
-        // No vector that has bytes has a null address: such a pair is that of a null view.
-        if (a.inVector_ != b.inVector_ || !a.address_ != !b.address_) {
+        if (a.isVectorForm() != b.isVectorForm()) {
             detail::throwIncompatibleIterators();
         }
         return a.address_ - b.address_;
     }
 
-    /// Whether both are one position of one form.
+    /// True when both are the same position in the same form.
     [[nodiscard]] friend bool operator==(ByteBufferIterator const& a,
                                          ByteBufferIterator const& b) noexcept {
-        return a.address_ == b.address_ && a.inVector_ == b.inVector_;
+        return a.address_ == b.address_ && (a.inVector_ == b.inVector_ || a.address_ == nullptr);
     }
 
     /// Throws std::runtime_error for positions of different forms.
@@ -167,30 +169,41 @@ private:
     ByteBufferIterator(T* address, bool inVector) noexcept
         : address_(address), inVector_(inVector) {}
 
+    [[nodiscard]] bool isVectorForm() const noexcept { return inVector_ || address_ == nullptr; }
+
     // The address serves both forms: a loop over it is a loop over a plain pointer, and the form
-    // is asked only where two positions meet.
+    // is read only when two positions are compared or subtracted.
     T* address_ = nullptr;
-    bool inVector_ = true; // the form; true of a null pointer, too
+    bool inVector_ = false; // a null address is in vector form whatever this is
 };
 
 static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>>);
 static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>>);
 
-/// A pointer and a length: contiguous bytes that somebody else owns.
+/// A pointer and a length: contiguous bytes that another object owns.
 ///
 /// Pass it by value. It keeps nothing alive: use it only while the bytes stay where they are, and
-/// adopt or copy them into a ByteBuffer to keep them longer. It gives mutable access also when it
+/// adopt or copy them into a ByteBuffer to keep them longer. It gives mutable access even when it
 /// was made from a pointer to const bytes; do not write through such a view.
 ///
-/// A view with a null start and a length other than 0 can be made, but it is no use: the operations
-/// that copy its bytes refuse it, and of its iterators only the comparison for equality and the
-/// difference, which throws, are defined.
+/// A view with a null start and a length other than 0 can be constructed but is useless: operations
+/// that copy its bytes throw; its iterators may only be compared for equality or subtracted, which
+/// throws.
 ///
 /// Unless a comment says otherwise, every operation takes constant time, allocates nothing and
-/// throws nothing; one that throws leaves the view as it was. A view may be read and copied on
-/// several threads at once; whether its bytes may is up to their owner.
+/// throws nothing; one that throws leaves the view unchanged. Thread-compatible; whether the bytes
+/// may be read on several threads depends on their owner.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferView {
 public:
+    /// As in standard containers.
+    using value_type = std::byte;
+    using size_type = std::size_t;
+    using difference_type = std::ptrdiff_t;
+    using reference = std::byte&;
+    using const_reference = std::byte const&;
+    using iterator = ByteBufferIterator<std::byte>;
+    using const_iterator = ByteBufferIterator<std::byte const>;
+
     /// A view of no bytes: null start, length 0.
     ByteBufferView() noexcept = default;
 
@@ -200,8 +213,8 @@ public:
         : start_(const_cast<std::byte*>(data)), length_(size) {}
 
     /// The elements of contiguous bytes or characters: a ByteBuffer, a std::span, a std::string, a
-    /// std::string_view, a std::vector or std::array of std::byte or any type of character. Not of
-    /// a literal: say std::string_view.
+    /// std::string_view, a std::vector or std::array of std::byte or any type of character. String
+    /// literals are rejected: wrap them in std::string_view.
     template <detail::BorrowedByteRange Range> explicit ByteBufferView(Range range) noexcept
         : ByteBufferView(reinterpret_cast<std::byte const*>(std::ranges::data(range)),
                          std::size_t{std::ranges::size(range)}) {}
@@ -210,8 +223,8 @@ public:
         : ByteBufferView(reinterpret_cast<std::byte const*>(std::ranges::data(range)),
                          std::size_t{std::ranges::size(range)}) {}
 
-    /// Whether both have the same bytes, wherever those are. Linear, one block comparison. A null
-    /// view with a length equals only its like.
+    /// True when both have the same bytes, wherever those are. Linear, one block comparison. A null
+    /// view with a length equals only another one of the same length.
     [[nodiscard]] friend bool operator==(ByteBufferView const& a,
                                          ByteBufferView const& b) noexcept {
         return a.length_ == b.length_ && (a.length_ == 0 || a.start_ == b.start_ ||
@@ -219,13 +232,13 @@ public:
                                            std::memcmp(a.start_, b.start_, a.length_) == 0));
     }
 
-    /// The first byte; null for an empty view that refers to nothing.
+    /// A pointer to the first byte; null for an empty view that refers to nothing.
     [[nodiscard]] std::byte* data() noexcept { return start_; }
     [[nodiscard]] std::byte const* data() const noexcept { return start_; }
 
     /// The number of bytes.
     [[nodiscard]] std::size_t size() const noexcept { return length_; }
-    /// Whether there are none.
+    /// True when there are none.
     [[nodiscard]] bool empty() const noexcept { return length_ == 0; }
 
     /// Byte i, unchecked: i must be below size().
@@ -234,50 +247,47 @@ public:
 
     /// Byte i. Throws std::out_of_range "Attempt to access position beyond the end of the
     /// ByteBufferView" when i is not below size().
-    [[nodiscard]] std::byte& at(std::size_t i) { return start_[checked(i)]; }
-    [[nodiscard]] std::byte const& at(std::size_t i) const { return start_[checked(i)]; }
+    std::byte& at(std::size_t i) { return start_[checked(i)]; }
+    std::byte const& at(std::size_t i) const { return start_[checked(i)]; }
 
     /// The first byte. Throws std::out_of_range "ByteBufferView is empty".
-    [[nodiscard]] std::byte& front() { return *nonEmpty(); }
-    [[nodiscard]] std::byte const& front() const { return *nonEmpty(); }
+    std::byte& front() { return *nonEmpty(); }
+    std::byte const& front() const { return *nonEmpty(); }
 
-    /// Iterators into the viewed bytes: valid as long as those are, whatever becomes of the view.
-    [[nodiscard]] ByteBufferIterator<std::byte> begin() noexcept {
-        return {start_, start_ == nullptr};
-    }
-    [[nodiscard]] ByteBufferIterator<std::byte const> begin() const noexcept {
-        return {start_, start_ == nullptr};
-    }
-    [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
-        return std::as_const(*this).begin();
-    }
-    [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
-    [[nodiscard]] ByteBufferIterator<std::byte> end() noexcept {
-        return {endAddress(), start_ == nullptr};
-    }
-    [[nodiscard]] ByteBufferIterator<std::byte const> end() const noexcept {
-        return {endAddress(), start_ == nullptr};
-    }
-    [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
-        return std::as_const(*this).end();
-    }
-    [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
+    /// Iterators in pointer form. They stay valid while the bytes do, whatever happens to the view.
+    [[nodiscard]] iterator begin() noexcept { return {start_, false}; }
+    [[nodiscard]] const_iterator begin() const noexcept { return {start_, false}; }
+    [[nodiscard]] const_iterator cbegin() noexcept { return std::as_const(*this).begin(); }
+    [[nodiscard]] const_iterator cbegin() const noexcept { return begin(); }
+    [[nodiscard]] iterator end() noexcept { return {endAddress(), false}; }
+    [[nodiscard]] const_iterator end() const noexcept { return {endAddress(), false}; }
+    [[nodiscard]] const_iterator cend() noexcept { return std::as_const(*this).end(); }
+    [[nodiscard]] const_iterator cend() const noexcept { return end(); }
 
     /// Makes this the view of no bytes. Like every change of a view, it touches no byte.
     void clear() noexcept { *this = ByteBufferView(); }
 
-    /// Drops the first n bytes from the view; one that ends up empty has a null start. Throws
-    /// std::out_of_range "Requested to remove more bytes than exist" when n is above size().
+    /// Removes the first, or the last, n bytes from the view; one that becomes empty has a null
+    /// start. Throws std::out_of_range "Requested to remove more bytes than exist" when n is above
+    /// size().
     void trimFront(std::size_t n);
+    void trimBack(std::size_t n);
 
-    /// The `count` bytes from `offset` on; a count of 0 reaches to the end, and at the end gives
-    /// the view of no bytes. Throws std::out_of_range "Invalid range requested" when the range
-    /// leaves the view.
+    /// The first, or the last, n bytes; the bytes from `offset` to the end, or `count` of them: as
+    /// in std::span, a count of 0 is no bytes, which gives the view of none. Throw
+    /// std::out_of_range "Invalid range requested" when the range exceeds the view.
+    [[nodiscard]] ByteBufferView first(std::size_t n) const { return subview(0, n); }
+    [[nodiscard]] ByteBufferView last(std::size_t n) const;
+    [[nodiscard]] ByteBufferView subview(std::size_t offset) const;
+    [[nodiscard]] ByteBufferView subview(std::size_t offset, std::size_t count) const;
+
+    /// As subview(offset, count), except that a count of 0 means up to the end. When the count is a
+    /// length that may be 0, use subview().
     [[nodiscard]] ByteBufferView makeView(std::size_t offset, std::size_t count) const;
 
     /// A new buffer with the viewed bytes followed by those of the argument; of a vector of
-    /// buffers, element after element. Neither the view nor the argument changes. Linear in the
-    /// bytes. Throws std::runtime_error "Attempting to take difference between incompatible
+    /// buffers, of one element after the other. Neither the view nor the argument changes. Linear
+    /// in the bytes. Throws std::runtime_error "Attempting to take difference between incompatible
     /// MessageIterators" for a null view with a length, std::length_error "vector too long",
     /// std::bad_alloc.
     [[nodiscard]] ByteBuffer append(ByteBuffer&& other);
@@ -285,6 +295,7 @@ public:
     [[nodiscard]] ByteBuffer append(std::vector<ByteBuffer>&& others);
     [[nodiscard]] ByteBuffer append(std::vector<ByteBuffer> const& others);
     [[nodiscard]] ByteBuffer append(std::vector<std::byte>&& bytes);
+    [[nodiscard]] ByteBuffer append(std::vector<std::byte> const& bytes);
     [[nodiscard]] ByteBuffer append(ByteBufferView view);
 
     /// A new buffer with a copy of the bytes; throws as the buffer's constructor does.
@@ -304,7 +315,7 @@ private:
         }
         return start_;
     }
-    // Pointer arithmetic on null is undefined, but a null view with a length needs an end as well.
+    // Arithmetic on a null pointer is undefined, and a null view with a length needs an end too.
     [[nodiscard]] std::byte* endAddress() const noexcept {
         return start_ != nullptr ? start_ + length_
                                  : reinterpret_cast<std::byte*>(std::uintptr_t{length_});
@@ -318,58 +329,83 @@ static_assert(std::is_trivially_copyable_v<ByteBufferView>);
 
 /// A sequence of bytes with exactly one owner, kept in one of two forms:
 ///
-///     vector form                          external form
-///     start: null                          block ──▶ ┌─────────┬────────────────────┬───┐
-///     owned ──▶ ┌──────────────┬───────┐             │ trimmed │ live bytes         │ … │
-///               │ bytes        │ spare │             └─────────┴────────────────────┴───┘
-///               └──────────────┴───────┘   start ──────────────▶◀─────── size ───────▶
+///     vector form                            external form
+///     data ──▶ ┌──────────────┬───────┐      block ──▶ ┌─────────┬────────────────────┬───┐
+///              │ bytes        │ spare │                │ trimmed │ bytes              │ … │
+///              └──────────────┴───────┘                └─────────┴────────────────────┴───┘
+///              ◀─── size ────▶                data ──────────────▶◀─────── size ──────▶
+///              ◀───── capacity ──────▶
 ///
-/// In external form the bytes are a block that was allocated elsewhere and adopted together with
-/// the routine that frees it: received data is not copied. The deleter is called exactly once, with
-/// the address that was handed over, when the block is no longer needed: by clear(), the first
-/// append(), push_back() or resize(), a move assignment into the buffer, or the destructor. A
-/// buffer that has given its block back keeps the deleter and what that captured: they go along
-/// when it is moved, and end when something else is moved in or the buffer ends. The deleter runs
-/// on the thread that gives the block back, must not be empty and must not throw:
+/// In vector form the buffer allocated the bytes itself, or took over a std::vector, which it keeps
+/// until it needs more than that vector's capacity. In external form the bytes are a block that was
+/// allocated elsewhere and adopted together with the routine that frees it: received data is not
+/// copied. The deleter is called exactly once, with the address that was passed in, when the block
+/// is released: by clear(), by the first append(), push_back(), reserve() or resize(), by a move
+/// assignment into the buffer, or by the destructor. It runs on the thread that releases the block,
+/// must not be empty and must not throw:
 ///
 ///     ByteBuffer good({std::malloc(n), [](void* p) { std::free(p); }}, n);
-///     ByteBuffer bad({borrowed, [](void*) {}}, n);  // nobody keeps `borrowed` alive: use a view
+///     ByteBuffer bad({borrowed, [](void*) {}}, n);  // nothing keeps `borrowed` alive: use a view
 ///
-/// Move-only; clone() copies. A moved-from buffer is empty and may be used again. Use a
-/// ByteBufferView to pass bytes on for the length of a call.
+/// After releasing its block the buffer keeps the deleter, and what it captured, until it is
+/// assigned to, moved from or destroyed. To keep an object alive for as long as its bytes, and no
+/// longer, use adopt().
 ///
-/// Moving, clear(), the destructor and the queries take constant time (but for freeing), allocate
-/// nothing and throw nothing, unless a comment says otherwise. An operation that throws leaves the
-/// content as it was. No operation locks: a buffer belongs to one thread at a time, and const
-/// operations may run on several threads while nobody changes it.
+/// Move-only; clone() copies. A moved-from buffer is empty and may be used again. To pass bytes for
+/// the duration of a call, use a ByteBufferView.
+///
+/// Moves, clear(), the destructor and the queries take constant time (except for freeing), allocate
+/// nothing and throw nothing, unless a comment says otherwise. Other operations give the strong
+/// guarantee for the content. Thread-compatible: const operations may run on several threads while
+/// none changes the buffer.
+///
+/// To copy bytes out, use std::span<std::byte const>(buffer): the standard algorithms and
+/// containers turn its iterators into one block copy, which some standard libraries do for no
+/// others.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBuffer {
 public:
+    /// As in standard containers.
+    using value_type = std::byte;
+    using size_type = std::size_t;
+    using difference_type = std::ptrdiff_t;
+    using reference = std::byte&;
+    using const_reference = std::byte const&;
+    using iterator = ByteBufferIterator<std::byte>;
+    using const_iterator = ByteBufferIterator<std::byte const>;
+
     /// The routine that frees a block.
     using Deleter = std::function<void(void*)>;
     /// A block together with the routine that frees it.
     using Block = std::unique_ptr<void, Deleter>;
 
     /// An empty buffer; nothing is allocated.
-    ByteBuffer() noexcept : owned_() {}
+    ByteBuffer() noexcept : deleter_() {}
 
-    /// n bytes of value 0. Throws std::length_error "vector too long" above 2^63 - 1,
-    /// std::bad_alloc.
+    /// n bytes of value 0. Large ones come from the system as zeros and are not touched. Throws
+    /// std::length_error "vector too long" above 2^63 - 1, std::bad_alloc.
     explicit ByteBuffer(std::size_t n);
 
     /// Takes the vector over without copying its bytes.
-    explicit ByteBuffer(std::vector<std::byte> bytes) noexcept : owned_(std::move(bytes)) {}
+    explicit ByteBuffer(std::vector<std::byte> bytes) noexcept
+        : bytes_(bytes.data(), bytes.size()) {
+        if (bytes_.isBorrowed()) {
+            std::construct_at(&vector_, std::move(bytes));
+        } else {
+            std::construct_at(&deleter_);
+        }
+    }
 
-    /// Adopts the first n bytes of a block without copying them. n is trusted. A null block gives
-    /// an empty buffer, whatever n is. Throws std::invalid_argument for a block with an empty
-    /// deleter; the block is then left to the caller, who still has its address.
+    /// Adopts the first n bytes of a block without copying them. n is not checked. A null block
+    /// gives an empty buffer, whatever n is. Throws std::invalid_argument for a block with an empty
+    /// deleter; the block is then not freed.
     ByteBuffer(Block block, std::size_t n)
-        : deleter_(takeDeleter(block.get_deleter())),
-          start_(static_cast<std::byte*>(block.get())), external_{block.release(), n} {
-        if (start_ == nullptr) {
-            std::construct_at(&owned_);
-        } else if (!deleter_) { // let go by now: what cannot be freed would end the process
+        : bytes_(static_cast<std::byte*>(block.get()), block != nullptr ? n : 0) {
+        if (block != nullptr && !block.get_deleter()) {
+            static_cast<void>(block.release()); // without a deleter its destructor terminates
             detail::throwBlockWithoutDeleter();
         }
+        block_ = block.release();
+        std::construct_at(&deleter_, takeDeleter(block.get_deleter()));
     }
 
     /// A copy of the viewed bytes, allocated to the exact size. Throws std::runtime_error
@@ -377,87 +413,87 @@ public:
     /// a length, std::length_error "vector too long" above 2^63 - 1 bytes, std::bad_alloc.
     explicit ByteBuffer(ByteBufferView const& view);
 
-    /// Takes over what the other buffer held, and leaves it empty.
+    /// Takes over the other buffer's content and leaves it empty.
     ByteBuffer(ByteBuffer&& other) noexcept
-        : deleter_(takeDeleter(other.deleter_)), start_(other.start_) {
-        takeBytes(other);
-    }
+        : ByteBuffer(detail::GrowingBytes(std::move(other.bytes_)),
+                     std::exchange(other.block_, nullptr), other) {}
 
     /// Frees what this buffer held, the block by its own deleter, before it returns.
     ByteBuffer& operator=(ByteBuffer&& other) noexcept {
-        if (start_ != nullptr || deleter_) {
-            // What goes with a block may own `other`, or look at this buffer: it goes last.
+        if (bytes_.data() != nullptr || deleter_) {
+            // The old deleter may own `other` or inspect this buffer: it runs last.
             ByteBuffer taken(std::move(other));
             ByteBuffer const former(std::move(*this));
-            replaceBy(taken);
-        } else if (this != &other) {
-            replaceBy(other);
+            take(taken);
+        } else { // to itself, this changes nothing
+            take(other);
         }
         return *this;
     }
 
     ~ByteBuffer() {
-        releaseBlock();
-        std::destroy_at(&owned_);
+        if (holdsVector()) {
+            std::destroy_at(&vector_);
+        } else {
+            releaseBlock();
+            std::destroy_at(&deleter_);
+        }
     }
 
     /// The number of bytes.
-    [[nodiscard]] std::size_t size() const noexcept {
-        return start_ != nullptr ? external_.size : owned_.size();
-    }
-    /// Whether there are none.
+    [[nodiscard]] std::size_t size() const noexcept { return bytes_.size(); }
+    /// True when there are none.
     [[nodiscard]] bool empty() const noexcept { return size() == 0; }
 
-    /// The first byte; null when empty.
+    /// How many bytes fit before the next allocation, as in std::vector; 0 in external form.
+    [[nodiscard]] std::size_t capacity() const noexcept {
+        return holdsVector() ? vector_.capacity() : bytes_.capacity();
+    }
+
+    /// A pointer to the first byte; null when empty.
     [[nodiscard]] std::byte* data() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return empty() ? nullptr : base();
+        return empty() ? nullptr : bytes_.data();
     }
     [[nodiscard]] std::byte const* data() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return empty() ? nullptr : base();
+        return empty() ? nullptr : bytes_.data();
     }
 
     /// Byte i, unchecked: i must be below size().
-    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return base()[i]; }
-    [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept { return base()[i]; }
+    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return bytes_.data()[i]; }
+    [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept {
+        return bytes_.data()[i];
+    }
 
     /// Byte i. Throws std::out_of_range "Attempt to access position beyond the end of the
     /// ByteBuffer" when i is not below size().
-    [[nodiscard]] std::byte& at(std::size_t i) { return base()[checked(i)]; }
-    [[nodiscard]] std::byte const& at(std::size_t i) const { return base()[checked(i)]; }
+    std::byte& at(std::size_t i) { return bytes_.data()[checked(i)]; }
+    std::byte const& at(std::size_t i) const { return bytes_.data()[checked(i)]; }
 
     /// The first byte. Throws std::out_of_range "ByteBuffer is empty".
-    [[nodiscard]] std::byte& front() { return *nonEmpty(); }
-    [[nodiscard]] std::byte const& front() const { return *nonEmpty(); }
+    std::byte& front() { return *nonEmpty(); }
+    std::byte const& front() const { return *nonEmpty(); }
 
-    /// Iterators are invalid after anything that moves or frees the bytes: append(), push_back(),
-    /// resize(), clear(), trimFront() in vector form, a move assignment into this buffer, the end
-    /// of the buffer. A move out of it hands them to the other buffer.
-    [[nodiscard]] ByteBufferIterator<std::byte>
-    begin() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return {base(), start_ == nullptr};
+    /// Iterators are invalidated by whatever moves or frees the bytes: append(), push_back(),
+    /// reserve(), resize(), clear(), trimFront() in vector form, a move assignment into this
+    /// buffer, its destruction. When this buffer is moved from, they belong to the other one.
+    [[nodiscard]] iterator begin() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return {bytes_.data(), !isExternal()};
     }
-    [[nodiscard]] ByteBufferIterator<std::byte const>
-    begin() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return {base(), start_ == nullptr};
+    [[nodiscard]] const_iterator begin() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return {bytes_.data(), !isExternal()};
     }
-    [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() noexcept {
-        return std::as_const(*this).begin();
+    [[nodiscard]] const_iterator cbegin() noexcept { return std::as_const(*this).begin(); }
+    [[nodiscard]] const_iterator cbegin() const noexcept { return begin(); }
+    [[nodiscard]] iterator end() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return {bytes_.data() + size(), !isExternal()};
     }
-    [[nodiscard]] ByteBufferIterator<std::byte const> cbegin() const noexcept { return begin(); }
-    [[nodiscard]] ByteBufferIterator<std::byte>
-    end() noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return {base() + size(), start_ == nullptr};
+    [[nodiscard]] const_iterator end() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return {bytes_.data() + size(), !isExternal()};
     }
-    [[nodiscard]] ByteBufferIterator<std::byte const>
-    end() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return {base() + size(), start_ == nullptr};
-    }
-    [[nodiscard]] ByteBufferIterator<std::byte const> cend() noexcept {
-        return std::as_const(*this).end();
-    }
-    [[nodiscard]] ByteBufferIterator<std::byte const> cend() const noexcept { return end(); }
+    [[nodiscard]] const_iterator cend() noexcept { return std::as_const(*this).end(); }
+    [[nodiscard]] const_iterator cend() const noexcept { return end(); }
 
-    /// Whether both have the same bytes, in whatever form. Linear, one block comparison.
+    /// True when both have the same bytes, in either form. Linear, one block comparison.
     [[nodiscard]] friend bool operator==(ByteBuffer const& a, ByteBuffer const& b) noexcept {
         return ByteBufferView(a) == ByteBufferView(b);
     }
@@ -465,70 +501,114 @@ public:
         return ByteBufferView(a) == b;
     }
 
-    /// Empties the buffer and frees its block, if it has one; a vector keeps its capacity.
+    /// Empties the buffer and releases its block, if it has one; in vector form the capacity stays.
     void clear() noexcept;
 
-    /// Adds a copy of the argument's bytes at the end, of a vector of buffers element after
-    /// element; the argument does not change, also where it is an rvalue. An empty argument changes
-    /// nothing; any other, a list of empty buffers too, leaves the buffer in vector form. The
-    /// argument may be, hold or view this buffer's own bytes: they count as they were before the
-    /// call.
+    /// Adds a copy of the argument's bytes at the end; of a vector of buffers, of one element after
+    /// the other. The argument does not change, even when it is an rvalue. An empty argument
+    /// changes nothing; any other, even a list of empty buffers, leaves the buffer in vector form.
+    /// This buffer, or a view of its bytes, may be the argument or one of the buffers in it: its
+    /// bytes are those from before the call.
     ///
-    /// Linear in the bytes added, amortised: when it must enlarge, it makes room for half as much
-    /// again in one allocation, and the first append to an external block moves that block's bytes.
-    /// Throws std::length_error "vector too long" where that room would exceed 2^63 - 1 bytes,
+    /// Amortised linear in the bytes added: when it must enlarge, it makes room for half as much
+    /// again in one allocation; the first append in external form copies the block's bytes. Throws
+    /// std::length_error "vector too long" when that room would exceed 2^63 - 1 bytes,
     /// std::bad_alloc, and for a null view with a length std::runtime_error "Attempting to take
-    /// difference between incompatible MessageIterators" (an external block has then been
-    /// exchanged for a vector with the same bytes).
+    /// difference between incompatible MessageIterators" (the buffer is then in vector form).
     ByteBuffer& append(ByteBuffer&& other) { return append(std::as_const(other)); }
-    ByteBuffer& append(ByteBuffer const& other);
+    ByteBuffer& append(ByteBuffer const& other) { return append(ByteBufferView(other)); }
     ByteBuffer& append(std::vector<ByteBuffer>&& others) { return append(std::as_const(others)); }
     ByteBuffer& append(std::vector<ByteBuffer> const& others);
-    ByteBuffer& append(std::vector<std::byte>&& bytes);
+    ByteBuffer& append(std::vector<std::byte>&& bytes) { return append(std::as_const(bytes)); }
+    ByteBuffer& append(std::vector<std::byte> const& bytes) {
+        return append(ByteBufferView(bytes));
+    }
     ByteBuffer& append(ByteBufferView view) {
-        if (start_ == nullptr && view.size() <= owned_.capacity() - owned_.size() &&
-            view.data() != nullptr && !isOwn(view.data())) {
-            owned_.insert(owned_.end(), view.data(), view.data() + view.size());
+        if (view.size() - 1 < bytes_.room() && view.data() != nullptr) { // 0 - 1 is no less
+            bytes_.append(view.data(), view.size());
         } else {
             appendBeyondRoom(view);
         }
         return *this;
     }
 
-    /// Adds one byte at the end; afterwards the buffer is in vector form. Amortised constant, but
-    /// the first one moves an external block's bytes. Throws std::length_error "vector too long",
-    /// std::bad_alloc.
+    /// Adds one byte at the end; afterwards the buffer is in vector form. Amortised constant,
+    /// except that the first one in external form copies the block's bytes. Throws
+    /// std::length_error "vector too long", std::bad_alloc.
     void push_back(std::byte&& b) { push_back(std::as_const(b)); }
-    void push_back(std::byte const& b);
+    void push_back(std::byte const& b) {
+        if (bytes_.room() != 0) {
+            bytes_.append(&b, 1);
+        } else {
+            pushBackBeyondRoom(b);
+        }
+    }
+
+    /// Makes the capacity at least n, exactly n when it must enlarge; afterwards the buffer is in
+    /// vector form. The content stays. Throws std::length_error "vector too long" above 2^63 - 1,
+    /// std::bad_alloc.
+    void reserve(std::size_t n);
 
     /// Drops bytes at the end or adds bytes of value 0; afterwards the buffer is in vector form.
-    /// Enlarging makes room for half as much again in one allocation. Throws std::length_error
-    /// "vector too long" where that room would exceed 2^63 - 1 bytes, std::bad_alloc.
+    /// When it must enlarge, it makes room for half as much again in one allocation. Throws
+    /// std::length_error "vector too long" when that room would exceed 2^63 - 1 bytes,
+    /// std::bad_alloc.
     void resize(std::size_t n);
 
     /// Removes the first n bytes. Constant in external form, where no byte moves; in vector form
     /// the remaining bytes move once. Throws std::out_of_range "Requested to remove more bytes than
     /// exist" when n is above size().
     void trimFront(std::size_t n);
+    /// Removes the last n bytes, in either form without moving any; the form and the capacity stay.
+    /// Throws as trimFront() does.
+    void trimBack(std::size_t n);
 
     /// A new buffer in vector form with a copy of the bytes, allocated to the exact size. Throws
     /// std::length_error "vector too long", std::bad_alloc.
-    [[nodiscard]] ByteBuffer clone() const;
+    [[nodiscard]] ByteBuffer clone() const { return ByteBuffer(wholeView()); }
 
-    /// A view of the `count` bytes from `offset` on; a count of 0 reaches to the end, and at the
-    /// end gives the view of no bytes. It is valid as long as an iterator would be. Throws
-    /// std::out_of_range "Invalid range requested" when the range leaves the buffer.
+    /// A view of the first, or of the last, n bytes; of the bytes from `offset` to the end, or of
+    /// `count` of them: as in std::span, a count of 0 is no bytes. It is valid as long as an
+    /// iterator would be. Throw std::out_of_range "Invalid range requested" when the range exceeds
+    /// the buffer.
     [[nodiscard]] ByteBufferView
-    makeView(std::size_t offset, std::size_t count) COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
-        return std::as_const(*this).makeView(offset, count);
+    first(std::size_t n) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return wholeView().first(n);
+    }
+    [[nodiscard]] ByteBufferView last(std::size_t n) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return wholeView().last(n);
     }
     [[nodiscard]] ByteBufferView
-    makeView(std::size_t offset, std::size_t count) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND;
+    subview(std::size_t offset) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return wholeView().subview(offset);
+    }
+    [[nodiscard]] ByteBufferView
+    subview(std::size_t offset, std::size_t count) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return wholeView().subview(offset, count);
+    }
+
+    /// As subview(offset, count), except that a count of 0 means up to the end. When the count is a
+    /// length that may be 0, use subview().
+    [[nodiscard]] ByteBufferView
+    makeView(std::size_t offset, std::size_t count) COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return wholeView().makeView(offset, count);
+    }
+    [[nodiscard]] ByteBufferView
+    makeView(std::size_t offset, std::size_t count) const COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return wholeView().makeView(offset, count);
+    }
 
 private:
-    [[nodiscard]] std::byte* base() noexcept { return start_ != nullptr ? start_ : owned_.data(); }
-    [[nodiscard]] std::byte const* base() const noexcept {
-        return start_ != nullptr ? start_ : owned_.data();
+    ByteBuffer(detail::GrowingBytes bytes, void* block, ByteBuffer& other) noexcept
+        : block_(block), bytes_(std::move(bytes)) {
+        takeOwner(other);
+    }
+
+    [[nodiscard]] bool isExternal() const noexcept { return block_ != nullptr; }
+    [[nodiscard]] bool holdsVector() const noexcept { return !isExternal() && bytes_.isBorrowed(); }
+
+    [[nodiscard]] ByteBufferView wholeView() const noexcept {
+        return {bytes_.data(), bytes_.size()};
     }
     [[nodiscard]] std::size_t checked(std::size_t i) const {
         if (i >= size()) {
@@ -536,81 +616,119 @@ private:
         }
         return i;
     }
-    [[nodiscard]] std::byte* nonEmpty() {
-        return const_cast<std::byte*>(std::as_const(*this).nonEmpty());
-    }
-    [[nodiscard]] std::byte const* nonEmpty() const {
+    [[nodiscard]] std::byte* nonEmpty() const {
         if (empty()) {
             detail::throwOutOfRange("ByteBuffer is empty");
         }
-        return base();
+        return bytes_.data();
     }
 
-    // Whether p points into the vector's bytes, or right behind them.
-    [[nodiscard]] bool isOwn(std::byte const* p) const noexcept {
-        std::less_equal<> const notAfter;
-        return notAfter(owned_.data(), p) && notAfter(p, owned_.data() + owned_.size());
-    }
-
-    // A moved-from std::function may still hold what it held.
+    // A moved-from std::function may still hold its target.
     [[nodiscard]] static Deleter takeDeleter(Deleter& from) noexcept {
         Deleter taken = std::move(from);
         from = nullptr;
         return taken;
     }
 
-    // Leaves the buffer in vector form, which the deleter finds if it looks.
+    // Leaves the buffer empty, as the deleter finds it. Precondition: holdsVector() is false.
     void releaseBlock() noexcept {
-        if (start_ != nullptr) {
-            void* const block = external_.block;
-            start_ = nullptr;
-            std::construct_at(&owned_);
-            deleter_(block);
+        if (block_ != nullptr) {
+            bytes_.forget();
+            deleter_(std::exchange(block_, nullptr));
         }
     }
 
-    // To be called where start_ is the other's already, and neither member of the union lives.
-    void takeBytes(ByteBuffer& other) noexcept {
-        if (start_ != nullptr) {
-            external_ = other.external_;
-            other.start_ = nullptr;
-            std::construct_at(&other.owned_);
+    // Preconditions: block_ and bytes_ have been taken over already; neither member of the union is
+    // alive.
+    void takeOwner(ByteBuffer& other) noexcept {
+        if (holdsVector()) {
+            std::construct_at(&vector_, std::move(other.vector_));
+            std::destroy_at(&other.vector_);
+            std::construct_at(&other.deleter_);
         } else {
-            std::construct_at(&owned_, std::move(other.owned_));
+            std::construct_at(&deleter_, takeDeleter(other.deleter_));
         }
     }
 
-    // To be called without a block and a deleter.
-    void replaceBy(ByteBuffer& other) noexcept {
-        std::destroy_at(&owned_);
-        // Half the cost of an assignment, which swaps with a std::function of its own.
-        std::destroy_at(&deleter_);
-        std::construct_at(&deleter_, takeDeleter(other.deleter_));
-        start_ = other.start_;
-        takeBytes(other);
+    // Precondition: this buffer is as default-constructed, so that nothing need be destroyed.
+    void take(ByteBuffer& other) noexcept {
+        detail::GrowingBytes bytes(std::move(other.bytes_));
+        block_ = std::exchange(other.block_, nullptr);
+        std::construct_at(&bytes_, std::move(bytes));
+        takeOwner(other);
     }
 
     void appendBeyondRoom(ByteBufferView view);
-    [[nodiscard]] std::vector<std::byte> copyWithRoomFor(std::size_t n) const;
-    void becomeVector(std::vector<std::byte>&& bytes) noexcept;
+    void pushBackBeyondRoom(std::byte b);
+    void resizeVector(std::size_t n);
+    void setCapacity(std::size_t capacity, std::size_t kept);
+    void become(detail::GrowingBytes bytes) noexcept;
     template <class ForEachPiece> void appendPieces(std::size_t added, ForEachPiece forEachPiece);
 
-    struct External {
-        void* block; // as it was handed over
-        std::size_t size;
-    };
-
-    Deleter deleter_;
-    std::byte* start_ = nullptr; // first live byte of the block; null in vector form
-    union {                      // external_ lives while start_ is not null, owned_ otherwise
-        External external_;
-        std::vector<std::byte> owned_;
+    void* block_ = nullptr;      // as it was passed in; null in vector form
+    detail::GrowingBytes bytes_; // the content, in every form; borrowed from a block or vector_
+    union {
+        Deleter deleter_;               // alive unless vector_ is
+        std::vector<std::byte> vector_; // alive in vector form while bytes_ borrows its bytes
     };
 };
 
 static_assert(std::is_nothrow_move_constructible_v<ByteBuffer>);
 static_assert(std::is_nothrow_move_assignable_v<ByteBuffer>);
 static_assert(!std::is_copy_constructible_v<ByteBuffer> && !std::is_copy_assignable_v<ByteBuffer>);
+
+namespace detail {
+template <class Owner>
+[[nodiscard]] ByteBuffer adoptHeld(ByteBufferView bytes, std::unique_ptr<Owner> owner) {
+    if (bytes.data() == nullptr) {
+        return ByteBuffer();
+    }
+    ByteBuffer::Deleter destroyOwner = [held = owner.get()](void*) { delete held; };
+    ByteBuffer::Block block(bytes.data(), std::move(destroyOwner));
+    static_cast<void>(owner.release());
+    return ByteBuffer(std::move(block), bytes.size());
+}
+
+// A pointer, a std::span or a std::string_view keeps nothing alive.
+template <class Owner>
+concept KeepsBytes =
+    std::is_object_v<Owner> && !std::is_pointer_v<Owner> && !std::is_array_v<Owner> &&
+    !std::ranges::enable_borrowed_range<Owner> && !std::same_as<Owner, std::nullptr_t>;
+} // namespace detail
+
+/// A buffer in external form over the bytes of an object that owns them, such as a std::string or a
+/// std::vector of characters. The owner is moved into the buffer, or copied when it is an lvalue:
+///
+///     ByteBuffer text = adopt(std::move(string));
+///
+/// The owner is destroyed when the block is released, on that thread, and not later; its destructor
+/// must not throw. An owner without bytes gives an empty buffer. One allocation, for the owner.
+/// Throws std::bad_alloc, and what moving the owner throws; the owner is then left to the caller.
+template <class Owner>
+requires detail::KeepsBytes<std::remove_cvref_t<Owner>> &&
+    detail::OwningByteRange<std::remove_cvref_t<Owner>>
+[[nodiscard]] ByteBuffer adopt(Owner&& owner) {
+    auto held = std::make_unique<std::remove_cvref_t<Owner>>(std::forward<Owner>(owner));
+    ByteBufferView const bytes(*held); // of a short string, they have moved with it
+    return detail::adoptHeld(bytes, std::move(held));
+}
+
+/// The same over bytes that any object keeps alive: a std::shared_ptr, a mapping, a message. They
+/// must stay where they are when the owner is moved; those of a short std::string do not:
+///
+///     ByteBuffer bytes = adopt(ByteBufferView(file.data(), file.size()), std::move(file));
+///
+/// Also throws std::runtime_error "Attempting to take difference between incompatible
+/// MessageIterators" for a null view with a length.
+template <class Owner>
+requires detail::KeepsBytes<std::remove_cvref_t<Owner>>
+[[nodiscard]] ByteBuffer adopt(ByteBufferView bytes, Owner&& owner) {
+    if (bytes.data() == nullptr && !bytes.empty()) {
+        detail::throwIncompatibleIterators();
+    }
+    return detail::adoptHeld(
+        bytes, std::make_unique<std::remove_cvref_t<Owner>>(std::forward<Owner>(owner)));
+}
 
 } // namespace courier::hub::serialisation
 
