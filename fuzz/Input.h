@@ -29,13 +29,6 @@ public:
         return root * root / 64;
     }
 
-    /// A length near 0 or near a power of two at which arithmetic goes wrong.
-    std::size_t huge() noexcept {
-        constexpr std::size_t bases[] = {0, std::size_t{1} << 31, std::size_t{1} << 32,
-                                         std::size_t{1} << 63};
-        return bases[below(4)] + below(8) - 4;
-    }
-
     /// Does one of these.
     template <class... Actions> void oneOf(Actions const&... actions) {
         std::size_t skip = below(sizeof...(actions));

@@ -4,59 +4,83 @@
 #include <cstdlib>
 #include <utility>
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SANITIZED
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define SANITIZED
+#endif
+#endif
+
+// This replaces operator new and the C library's functions, as the library calls both.
+// REPLACED(malloc) is what a call of malloc reaches, NEXT(malloc) what it would have reached.
+#if defined(_WIN32) // by --wrap, which takes a program without DLLs
+#define REPLACED(name) __wrap_##name
+#define NEXT(name) __real_##name
+#elif defined(SANITIZED)
+#define REPLACED(name) name
+#define NEXT(name) __interceptor_##name
+#else
+#define REPLACED(name) name
+#define NEXT(name) __libc_##name
+#endif
+
+// ThreadSanitizer calls them before it is ready for code that it has instrumented.
+#define EARLY __attribute__((no_sanitize("thread")))
+
+extern "C" {
+void* NEXT(malloc)(std::size_t size) noexcept;
+void* NEXT(calloc)(std::size_t count, std::size_t size) noexcept;
+void* NEXT(realloc)(void* block, std::size_t size) noexcept;
+void NEXT(free)(void* block) noexcept;
+}
+
 namespace {
 constexpr std::size_t never = static_cast<std::size_t>(-1);
 thread_local std::size_t countdown = never;
 thread_local std::size_t made = 0;
 thread_local std::size_t freed = 0;
 
-void* allocate(std::size_t size) {
-    void* const block = tests::isFault() ? nullptr : std::malloc(size);
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    ++made;
+EARLY void* counted(void* block) {
+    made += block != nullptr;
     return block;
 }
 
-void release(void* block) noexcept {
+EARLY void release(void* block) noexcept {
     freed += block != nullptr;
-    std::free(block);
+    NEXT(free)(block);
+}
+
+void* allocate(std::size_t size) {
+    void* const block = tests::isFault() ? nullptr : counted(NEXT(malloc)(size));
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
 }
 } // namespace
 
 namespace tests {
 void failAfter(std::size_t n) { countdown = n; }
 bool stopFailing() { return std::exchange(countdown, never) == never; }
-bool isFault() { return countdown != never && countdown-- == 0; } // it is then `never`
+EARLY bool isFault() { return countdown != never && countdown-- == 0; } // it is then `never`
 std::size_t allocations() { return made; }
 std::size_t unfreed() { return made - freed; }
 } // namespace tests
 
-// Stand in front of the library's own, which take memory from std::malloc. A DLL cannot be served
-// so.
-#if !defined(_WIN32) || defined(COURIER_HUB_SERIALISATION_STATIC_DEFINE)
-namespace courier::hub::serialisation::detail {
-GrownBytes GrownBytes::allocate(std::size_t size) {
-    return {static_cast<std::byte*>(::allocate(size)), size};
+extern "C" {
+EARLY void* REPLACED(malloc)(std::size_t size) noexcept {
+    return tests::isFault() ? nullptr : counted(NEXT(malloc)(size));
 }
-GrownBytes GrownBytes::allocateZeroed(std::size_t size) {
-    GrownBytes const bytes = allocate(size);
-    std::memset(bytes.start, 0, size);
-    return bytes;
+EARLY void* REPLACED(calloc)(std::size_t count, std::size_t size) noexcept {
+    return tests::isFault() ? nullptr : counted(NEXT(calloc)(count, size));
 }
-void GrownBytes::grow(std::size_t size) {
-    GrownBytes larger = allocate(size); // elsewhere: an address that is kept too long shows
-    std::memcpy(larger.start, start, capacity);
-    free();
-    *this = larger;
+EARLY void* REPLACED(realloc)(void* block, std::size_t size) noexcept {
+    void* const larger = tests::isFault() ? nullptr : NEXT(realloc)(block, size);
+    return block == nullptr ? counted(larger) : larger;
 }
-void GrownBytes::free() noexcept {
-    release(start);
-    *this = {};
+EARLY void REPLACED(free)(void* block) noexcept { release(block); }
 }
-} // namespace courier::hub::serialisation::detail
-#endif
 
 // Those for arrays call these.
 void* operator new(std::size_t size) { return allocate(size); }

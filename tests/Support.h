@@ -128,6 +128,7 @@ inline constexpr MakeBuffer kinds[] = {
         vector.reserve(1000);
         return ByteBuffer(std::move(vector));
     },
+    [](Blocks&, std::string_view content) { return ByteBuffer(ByteBufferView(content)); },
     [](Blocks& blocks, std::string_view content) { return blocks.adopt(content); },
     [](Blocks& blocks, std::string_view content) {
         ByteBuffer buffer = blocks.adopt("xyz" + std::string(content));

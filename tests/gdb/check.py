@@ -21,6 +21,7 @@ shown = {
     "nullView": r"ByteBufferView, 3 bytes at null",
     "vectorForm": rf"ByteBuffer, vector form, {HELLO}",
     "externalForm": r'ByteBuffer, external form, 5 bytes: 68 65 6c 6c 6f "hello"',
+    "handedIn": r'ByteBuffer, vector form, 1 byte: 68 "h"',
     "empty": r"ByteBuffer, vector form, empty",
     "inVector": rf"ByteBufferIterator, vector form, {AT}: 0x68 'h'",
     "inView": rf"ByteBufferIterator, pointer form, {AT}: 0x65 'e'",

@@ -29,6 +29,7 @@ int main() {
     ByteBufferView const nullView(static_cast<std::byte*>(nullptr), 3);
     ByteBuffer const vectorForm(view);
     ByteBuffer const externalForm(ByteBuffer::Block(bytes, [](void*) {}), 5);
+    ByteBuffer const handedIn(std::vector<std::byte>(bytes, bytes + 1));
     ByteBuffer const empty;
     [[maybe_unused]] ByteBufferIterator const inVector = vectorForm.begin();
     [[maybe_unused]] ByteBufferIterator const inView = view.begin() + 1;

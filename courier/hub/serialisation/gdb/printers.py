@@ -198,10 +198,11 @@ class Printer:
 
 class ByteBuffer(Printer):
     def summary(self):
-        storage = self.value["storage_"]
-        is_external = int(storage["start"]) != 0 and int(storage["capacity"]) == 0
-        return (("external" if is_external else "vector") + " form, " +
-                content(int(self.value["data_"]), int(self.value["size_"])))
+        form = "external" if int(self.value["block_"]) != 0 else "vector"
+        start, size, capacity = (int(self.value["bytes_"][m]) for m in ("data_", "size_", "capacity_"))
+        if capacity != 0 and (size > capacity or form == "external"):
+            raise Garbage
+        return f"{form} form, " + content(start, size)
 
 
 class ByteBufferView(Printer):

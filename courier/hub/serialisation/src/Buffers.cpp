@@ -11,32 +11,38 @@ static_assert(std::contiguous_iterator<ByteBufferIterator<std::byte const>>);
 
 namespace {
 
-using detail::GrownBytes;
 using detail::longest;
 using detail::throwTooLong;
 
+std::size_t checkedLength(std::size_t n) {
+    if (n > longest) {
+        throwTooLong();
+    }
+    return n;
+}
+
 std::size_t sum(std::size_t a, std::size_t b) {
-    if (a > longest || b > longest - a) {
+    if (b > longest - checkedLength(a)) {
         throwTooLong();
     }
     return a + b;
 }
 
-// Half as much again, so that later appends of similar size need no new storage.
+// Half as much again, so that later appends of similar size need no new memory.
 std::size_t growthTarget(std::size_t n) { return sum(n, n / 2); }
 
-void copy(std::byte const* from, std::size_t count, std::byte* to) noexcept {
-    if (count != 0) { // std::memcpy takes no null, even to copy nothing
-        std::memcpy(to, from, count);
-    }
+// A copy of the viewed bytes in memory for `capacity` of them.
+detail::GrowingBytes copyOf(ByteBufferView view, std::size_t capacity) {
+    detail::GrowingBytes bytes(view.data(), view.size());
+    bytes.reallocate(capacity);
+    return bytes;
 }
 
-GrownBytes allocate(std::size_t n) { return n != 0 ? GrownBytes::allocate(n) : GrownBytes(); }
-
-// True if p points into [start, start + size), whatever object that is.
-bool isWithin(std::byte const* p, std::byte const* start, std::size_t size) noexcept {
-    std::less<> const before;
-    return !before(p, start) && before(p, start + size);
+detail::GrowingBytes copyOf(ByteBufferView view) {
+    if (view.data() == nullptr && !view.empty()) {
+        detail::throwIncompatibleIterators();
+    }
+    return copyOf(view, checkedLength(view.size()));
 }
 
 } // namespace
@@ -53,12 +59,6 @@ void throwTooLong() { throw std::length_error("vector too long"); }
 
 void throwBlockWithoutDeleter() {
     throw std::invalid_argument("ByteBuffer needs a deleter for its block");
-}
-
-void requireBytes(ByteBufferView view) {
-    if (view.data() == nullptr && !view.empty()) {
-        throwIncompatibleIterators();
-    }
 }
 
 } // namespace detail
@@ -82,36 +82,31 @@ void ByteBufferView::trimBack(std::size_t n) {
 }
 
 ByteBufferView ByteBufferView::last(std::size_t n) const {
-    if (n > length_) {
-        detail::throwOutOfRange("Invalid range requested");
-    }
-    return subview(length_ - n, n);
+    return subview(n > length_ ? n : length_ - n, n); // from n on, when that is past the end
 }
 
 ByteBufferView ByteBufferView::subview(std::size_t offset) const {
-    if (offset > length_) {
-        detail::throwOutOfRange("Invalid range requested");
-    }
-    return subview(offset, length_ - offset);
+    return subview(offset, offset > length_ ? 0 : length_ - offset);
 }
 
 ByteBufferView ByteBufferView::subview(std::size_t offset, std::size_t count) const {
     if (offset > length_ || count > length_ - offset) {
         detail::throwOutOfRange("Invalid range requested");
     }
-    return {start_ == nullptr ? nullptr : start_ + offset, count};
+    return {start_ == nullptr || count == 0 ? nullptr : start_ + offset, count};
 }
 
 ByteBufferView ByteBufferView::makeView(std::size_t offset, std::size_t count) const {
-    if (offset == length_ && count == 0) {
-        return {};
-    }
     return count == 0 ? subview(offset) : subview(offset, count);
 }
 
-ByteBuffer ByteBufferView::append(ByteBuffer&& other) { return append(ByteBufferView(other)); }
+ByteBuffer ByteBufferView::append(ByteBuffer&& other) { return append(std::as_const(other)); }
 
-ByteBuffer ByteBufferView::append(ByteBuffer const& other) { return append(ByteBufferView(other)); }
+ByteBuffer ByteBufferView::append(ByteBuffer const& other) {
+    ByteBuffer result(*this);
+    result.append(other);
+    return result;
+}
 
 ByteBuffer ByteBufferView::append(std::vector<ByteBuffer>&& others) {
     return append(std::as_const(others));
@@ -141,38 +136,17 @@ ByteBufferView::operator ByteBuffer() const { return ByteBuffer(*this); }
 
 // ByteBuffer
 
-ByteBuffer::ByteBuffer(std::size_t n) : ByteBuffer() {
-    if (n > longest) {
-        throwTooLong();
-    }
-    if (n != 0) {
-        set(GrownBytes::allocateZeroed(n), n);
-    }
-}
+ByteBuffer::ByteBuffer(std::size_t n)
+    : bytes_(detail::GrowingBytes::zeroed(n, checkedLength(n))), deleter_() {}
 
-ByteBuffer::ByteBuffer(std::vector<std::byte> bytes) noexcept : ByteBuffer() {
-    if (bytes.capacity() != 0) {
-        std::destroy_at(&deleter_);
-        std::construct_at(&given_, std::move(bytes));
-        storage_.capacity = given_.capacity();
-        setSize(given_.size());
-    }
-}
-
-ByteBuffer::ByteBuffer(ByteBufferView const& view) : ByteBuffer() {
-    detail::requireBytes(view);
-    if (view.size() > longest) {
-        throwTooLong();
-    }
-    set(allocate(view.size()), view.size());
-    copy(view.data(), view.size(), data_);
-}
+ByteBuffer::ByteBuffer(ByteBufferView const& view) : bytes_(copyOf(view)), deleter_() {}
 
 void ByteBuffer::clear() noexcept {
-    if (isExternal()) {
-        releaseAny();
+    if (holdsVector()) {
+        resizeVector(0);
     } else {
-        setSize(0);
+        releaseBlock();
+        bytes_.trimBack(size());
     }
 }
 
@@ -180,163 +154,158 @@ ByteBuffer& ByteBuffer::append(std::vector<ByteBuffer> const& others) {
     if (others.empty()) {
         return *this;
     }
-    std::size_t const held = size_;
+    std::size_t const held = size();
     std::size_t added = 0;
     for (ByteBuffer const& other : others) {
         added = sum(added, other.size());
     }
-    extend(added, [&](std::byte* to) {
+    appendPieces(added, [&](auto const& put) {
         for (ByteBuffer const& other : others) {
-            std::size_t const count = &other == this ? held : other.size();
-            copy(other.data_, count, to);
-            to += count;
+            // This buffer grows as the pieces are added; as an element it has its former size.
+            put(other.bytes_.data(), &other == this ? held : other.size());
         }
     });
     return *this;
 }
 
-void ByteBuffer::appendSlowly(ByteBufferView view) {
+void ByteBuffer::appendBeyondRoom(ByteBufferView view) {
     if (view.empty()) {
         return;
     }
+    std::size_t const needed = sum(size(), view.size());
     if (view.data() == nullptr) {
-        extend(view.size(), [](std::byte*) {});
-        trimBack(view.size());
+        if (isExternal() || needed > capacity()) {
+            setCapacity(growthTarget(needed), size());
+        }
         detail::throwIncompatibleIterators();
     }
-    bool const isOwn = isWithin(view.data(), data_, size_);
-    std::size_t const offset = isOwn ? static_cast<std::size_t>(view.data() - data_) : 0;
-    extend(view.size(),
-           [&](std::byte* to) { copy(isOwn ? data_ + offset : view.data(), view.size(), to); });
-}
-
-void ByteBuffer::push_back(std::byte const& b) {
-    std::byte const value = b; // b may lie in what is released
-    if (isExternal() || size_ == storage_.capacity) {
-        std::size_t const least = sum(size_, 1);
-        reserve(std::max(least, std::min(2 * size_, longest)));
+    std::less_equal<> const notAfter;
+    bool const isOwn =
+        notAfter(bytes_.data(), view.data()) && notAfter(view.data(), bytes_.data() + size());
+    if (isOwn || holdsVector()) {
+        appendPieces(view.size(), [&](auto const& put) { put(view.data(), view.size()); });
+    } else { // without a second block
+        setCapacity(growthTarget(needed), size());
+        bytes_.append(view.data(), view.size());
     }
-    setSize(size_ + 1);
-    data_[size_ - 1] = value;
 }
 
-void ByteBuffer::resize(std::size_t n) {
-    std::size_t const held = std::min(n, size_);
-    if (isExternal() || n > storage_.capacity) {
-        std::size_t const target = growthTarget(n);
-        if (storage_.start != nullptr && !isExternal() && held != 0) {
-            storage_.grow(target); // may move its pages, without touching them
-            setSize(n);
-            std::memset(data_ + held, 0, n - held);
-        } else {
-            GrownBytes const fresh =
-                target != 0 ? GrownBytes::allocateZeroed(target) : GrownBytes();
-            copy(data_, held, fresh.start);
-            moveTo(fresh, n);
-        }
+void ByteBuffer::pushBackBeyondRoom(std::byte b) {
+    std::size_t const needed = sum(size(), 1);
+    if (holdsVector() && needed <= vector_.capacity()) {
+        resizeVector(needed);
+        bytes_.data()[needed - 1] = b;
         return;
     }
-    setSize(n);
-    if (n > held && !isGiven()) { // a vector has done so
-        std::memset(data_ + held, 0, n - held);
-    }
+    // Twice as much, as the standard library's vectors do.
+    setCapacity(std::max(needed, std::min(2 * size(), longest)), size());
+    bytes_.append(&b, 1);
 }
 
 void ByteBuffer::reserve(std::size_t n) {
-    if (n > longest) {
-        throwTooLong();
+    if (isExternal() || n > capacity()) {
+        setCapacity(checkedLength(std::max(n, size())), size());
     }
-    if (isExternal() || n > storage_.capacity) {
-        std::size_t const target = std::max(n, size_);
-        if (storage_.start != nullptr && !isExternal()) {
-            storage_.grow(target);
-            setSize(size_);
-        } else {
-            GrownBytes const fresh = allocate(target);
-            copy(data_, size_, fresh.start);
-            moveTo(fresh, size_);
+}
+
+void ByteBuffer::resize(std::size_t n) {
+    std::size_t const kept = std::min(n, size());
+    if (isExternal() || n > capacity()) {
+        std::size_t const target = growthTarget(n);
+        if (n - kept > kept) { // mostly zeros, which std::calloc need not write
+            detail::GrowingBytes bytes = detail::GrowingBytes::zeroed(n, target);
+            if (kept != 0) {
+                std::memcpy(bytes.data(), bytes_.data(), kept);
+            }
+            become(std::move(bytes));
+            return;
         }
+        setCapacity(target, kept);
+    }
+    if (holdsVector()) {
+        resizeVector(n);
+        return;
+    }
+    bytes_.trimBack(size() - kept);
+    if (n > kept) {
+        std::memset(bytes_.extend(n - kept), 0, n - kept);
     }
 }
 
 void ByteBuffer::trimFront(std::size_t n) {
-    if (n > size_) {
+    if (n > size()) {
         detail::throwOutOfRange("Requested to remove more bytes than exist");
     }
-    if (isExternal()) {
-        size_ -= n;
-        data_ = size_ == 0 ? nullptr : data_ + n;
-    } else if (n != 0) {
-        std::memmove(data_, data_ + n, size_ - n);
-        setSize(size_ - n);
+    if (holdsVector()) {
+        vector_.erase(vector_.begin(), vector_.begin() + static_cast<std::ptrdiff_t>(n));
+        resizeVector(vector_.size());
+    } else {
+        bytes_.trimFront(n);
     }
 }
 
 void ByteBuffer::trimBack(std::size_t n) {
-    if (n > size_) {
+    if (n > size()) {
         detail::throwOutOfRange("Requested to remove more bytes than exist");
     }
-    if (isExternal()) {
-        size_ -= n;
-        data_ = size_ == 0 ? nullptr : data_;
+    if (holdsVector()) {
+        resizeVector(size() - n);
     } else {
-        setSize(size_ - n);
+        bytes_.trimBack(n);
     }
 }
 
-// Releases whatever keeps the bytes. Precondition: there is something.
-void ByteBuffer::releaseAny() noexcept {
-    data_ = nullptr;
-    size_ = 0;
-    GrownBytes released = std::exchange(storage_, {});
-    if (released.start == nullptr) {
-        std::destroy_at(&given_);
+// Preconditions: holdsVector(), and n is at most its capacity.
+void ByteBuffer::resizeVector(std::size_t n) {
+    vector_.resize(n);
+    bytes_ = detail::GrowingBytes(vector_.data(), n);
+}
+
+// The first `kept` bytes in memory of this buffer's own, for exactly `capacity` of them. Those that
+// it owns already must all be kept.
+void ByteBuffer::setCapacity(std::size_t capacity, std::size_t kept) {
+    if (bytes_.isBorrowed()) {
+        become(copyOf(ByteBufferView(bytes_.data(), kept), capacity));
+    } else {
+        bytes_.reallocate(capacity);
+    }
+}
+
+// Replaces the content by bytes that it owns. The old block is released afterwards, so that its
+// deleter finds the new content.
+void ByteBuffer::become(detail::GrowingBytes bytes) noexcept {
+    bool const heldVector = holdsVector();
+    bytes_ = std::move(bytes);
+    if (heldVector) {
+        std::destroy_at(&vector_);
         std::construct_at(&deleter_);
-    } else if (released.capacity != 0) {
-        released.free();
-    } else {
-        deleter_(released.start); // last: it may look at this buffer
+    } else if (isExternal()) {
+        deleter_(std::exchange(block_, nullptr));
     }
 }
 
-// Precondition: nothing keeps bytes.
-void ByteBuffer::set(GrownBytes storage, std::size_t size) noexcept {
-    storage_ = storage;
-    setSize(size);
-}
-
-// Precondition: in vector form, and size is at most the capacity.
-void ByteBuffer::setSize(std::size_t size) noexcept {
-    if (isGiven()) {
-        given_.resize(size); // within its capacity
-    }
-    size_ = size;
-    data_ = size == 0 ? nullptr : isGiven() ? given_.data() : storage_.start;
-}
-
-// Exchanges what keeps the bytes for storage that has a copy of them.
-void ByteBuffer::moveTo(GrownBytes fresh, std::size_t size) noexcept {
-    releaseStorage();
-    set(fresh, size);
-}
-
-// Enlarges the buffer by `added` bytes, which `fill` writes. When it is called, the bytes held are
-// at data_, and a block or vector that they came from has not been released yet.
-template <class Fill> void ByteBuffer::extend(std::size_t added, Fill fill) {
-    std::size_t const held = size_;
-    std::size_t const needed = sum(held, added);
-    if (!isExternal() && needed <= storage_.capacity) {
-        setSize(needed);
-        fill(data_ + held);
-    } else if (storage_.start != nullptr && !isExternal()) {
-        storage_.grow(growthTarget(needed));
-        setSize(needed);
-        fill(data_ + held);
+// Adds `added` bytes, which forEachPiece passes piece by piece to the function that it is given.
+// Pieces may lie in this buffer's own bytes: new memory replaces the old once all are read.
+template <class ForEachPiece>
+void ByteBuffer::appendPieces(std::size_t added, ForEachPiece forEachPiece) {
+    auto const put = [](detail::GrowingBytes& to) {
+        return [&to](std::byte const* piece, std::size_t count) {
+            if (count != 0) {
+                to.append(piece, count);
+            }
+        };
+    };
+    std::size_t const needed = sum(size(), added);
+    if (isExternal() || needed > capacity()) {
+        detail::GrowingBytes larger = copyOf(wholeView(), growthTarget(needed));
+        forEachPiece(put(larger));
+        become(std::move(larger));
+    } else if (holdsVector()) {
+        detail::GrowingBytes end(bytes_.data(), size());
+        resizeVector(needed);
+        forEachPiece(put(end));
     } else {
-        GrownBytes const fresh = allocate(growthTarget(needed));
-        copy(data_, held, fresh.start);
-        fill(fresh.start + held);
-        moveTo(fresh, needed);
+        forEachPiece(put(bytes_));
     }
 }
 

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_HUB_SERIALISATION_DETAIL_GROWINGBYTES_H
+#define COURIER_HUB_SERIALISATION_DETAIL_GROWINGBYTES_H
+
+#include <courier/hub/serialisation/Export.h>
+
+#include <cstddef>
+#include <cstring>
+#include <utility>
+
+#if defined(__clang__) && __clang_major__ >= 16
+#pragma clang unsafe_buffer_usage begin
+#endif
+
+namespace courier::hub::serialisation::detail {
+
+// A range of bytes that grows. The bytes either belong to this object, in memory from std::malloc,
+// or to somebody else, until they are first enlarged:
+//
+//     capacity > 0: owned           data ──▶ │ bytes ─ size ─▶ │ room           │
+//                                            ◀─────────── capacity ────────────▶
+//     capacity = 0: borrowed        data ──▶ │ bytes ─ size ─▶ │
+//
+// Memory from std::malloc, because std::realloc moves a large block's pages instead of copying
+// them, and std::calloc gets zeroed pages without touching them.
+//
+// Move-only; a moved-from object is empty. An operation that throws changes nothing.
+class GrowingBytes {
+public:
+    GrowingBytes() noexcept = default;
+
+    // Borrows bytes, which must stay until they have been replaced.
+    GrowingBytes(std::byte* data, std::size_t size) noexcept : GrowingBytes(data, size, 0) {}
+
+    // Owns n bytes of value 0. Throws std::bad_alloc. Precondition: n <= capacity.
+    COURIER_HUB_SERIALISATION_EXPORT static GrowingBytes zeroed(std::size_t n,
+                                                                std::size_t capacity);
+
+    GrowingBytes(GrowingBytes&& other) noexcept
+        : GrowingBytes(other.data_, other.size_, other.capacity_) {
+        other.forget();
+    }
+    GrowingBytes& operator=(GrowingBytes&& other) noexcept {
+        GrowingBytes taken(std::move(other));
+        std::swap(data_, taken.data_);
+        std::swap(size_, taken.size_);
+        std::swap(capacity_, taken.capacity_);
+        return *this;
+    }
+    ~GrowingBytes() {
+        if (capacity_ != 0) {
+            release(data_);
+        }
+    }
+
+    [[nodiscard]] std::byte* data() const noexcept { return data_; }
+    [[nodiscard]] std::size_t size() const noexcept { return size_; }
+    // 0 when the bytes are borrowed.
+    [[nodiscard]] std::size_t capacity() const noexcept { return capacity_; }
+    [[nodiscard]] bool isBorrowed() const noexcept { return capacity_ == 0 && data_ != nullptr; }
+
+    // How many bytes can be added without a new allocation.
+    [[nodiscard]] std::size_t room() const noexcept {
+        return capacity_ > size_ ? capacity_ - size_ : 0;
+    }
+
+    // Owns the bytes in memory for exactly `capacity` of them. Throws std::bad_alloc.
+    // Precondition: size() <= capacity.
+    COURIER_HUB_SERIALISATION_EXPORT void reallocate(std::size_t capacity);
+
+    // Has no bytes any more, and frees none.
+    void forget() noexcept {
+        data_ = nullptr;
+        size_ = 0;
+        capacity_ = 0;
+    }
+
+    // Adds n bytes of any value at the end; returns the first. Precondition: n <= room().
+    std::byte* extend(std::size_t n) noexcept {
+        size_ += n;
+        return data_ + (size_ - n);
+    }
+    // Adds n bytes, which may be some of these. Preconditions: 0 < n <= room(), p is not null.
+    void append(std::byte const* p, std::size_t n) noexcept {
+        std::byte* const to = extend(n);
+        if (n - 16 <= 16) { // two overlapping halves, without a call
+            std::memcpy(to, p, 16);
+            std::memcpy(to + n - 16, p + n - 16, 16);
+        } else {
+            std::memcpy(to, p, n);
+        }
+    }
+
+    // Removes the first, or the last, n bytes. Bytes that are borrowed stay where they are; of
+    // those that are owned, the remaining ones move to the front. Precondition: n <= size().
+    COURIER_HUB_SERIALISATION_EXPORT void trimFront(std::size_t n) noexcept;
+    void trimBack(std::size_t n) noexcept { size_ -= n; }
+
+private:
+    GrowingBytes(std::byte* data, std::size_t size, std::size_t capacity) noexcept
+        : data_(data), size_(size), capacity_(capacity) {}
+
+    COURIER_HUB_SERIALISATION_EXPORT static void release(std::byte* data) noexcept;
+
+    std::byte* data_ = nullptr;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = 0;
+};
+
+} // namespace courier::hub::serialisation::detail
+
+#if defined(__clang__) && __clang_major__ >= 16
+#pragma clang unsafe_buffer_usage end
+#endif
+
+#endif
