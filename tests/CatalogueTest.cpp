@@ -90,7 +90,7 @@ struct ReentrantTest : testing::Test {
         catalogue.add(Serialiser("outer", 2, {}, factory, nullptr, nullptr));
         return written(catalogue.getSerialiserFor("outer", viewOf({2}, 0)));
     }
-    void lookUpEverything() {
+    void lookUpEverything() const {
         EXPECT_EQ(written(catalogue.getSerialiserFor("inner", viewOf({1}, 0))), "inner view");
         EXPECT_EQ(catalogue.getSerialiserFor("*", 1).getWireFormat(), "inner");
         EXPECT_EQ(catalogue.getSupportedWireFormats(IDs{1}), Formats{"inner"});
@@ -146,8 +146,10 @@ TEST_F(ReentrantTest, RefusesToRegisterAndStaysUsable) {
     catalogue.add(record("new", 4, {4}, ""));
     EXPECT_EQ(catalogue.getSupportedWireFormats(4), Formats{"new"});
     EXPECT_TRUE(catalogue.hasDeserialiserFor("new", 4));
+}
 
-    struct CopyLooksUp { // runs while a record is copied out
+TEST_F(ReentrantTest, LooksUpWhileARecordIsCopiedOut) {
+    struct CopyLooksUp {
         CopyLooksUp(ReentrantTest& t) : test(&t) {}
         CopyLooksUp(CopyLooksUp const& from) : test(from.test), armed(from.armed) {
             if (*armed) {

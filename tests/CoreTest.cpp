@@ -71,7 +71,7 @@ TEST(GenericPayload, HoldsElementsByType) {
     EXPECT_STREQ(courier::hub::core::BadElementType(~std::size_t{0}, ~0ULL, ~0ULL - 1).what(),
                  "Element 18446744073709551615 has type identifier 0xFFFFFFFFFFFFFFFF, not "
                  "0xFFFFFFFFFFFFFFFE");
-    std::string& text = payload.emplace<std::string>(3, 'x');
+    auto& text = payload.emplace<std::string>(3, 'x');
     EXPECT_EQ(&payload.get<std::string>(2), &text);
     EXPECT_EQ(text, "xxx");
     EXPECT_THROW(discard(payload.get<int>(3)), std::out_of_range);

@@ -72,14 +72,14 @@ extern "C" {
 EARLY void* REPLACED(malloc)(std::size_t size) noexcept {
     return tests::isFault() ? nullptr : counted(NEXT(malloc)(size));
 }
-EARLY void* REPLACED(calloc)(std::size_t count, std::size_t size) noexcept {
-    return tests::isFault() ? nullptr : counted(NEXT(calloc)(count, size));
+EARLY void* REPLACED(calloc)(std::size_t nmemb, std::size_t size) noexcept {
+    return tests::isFault() ? nullptr : counted(NEXT(calloc)(nmemb, size));
 }
-EARLY void* REPLACED(realloc)(void* block, std::size_t size) noexcept {
-    void* const larger = tests::isFault() ? nullptr : NEXT(realloc)(block, size);
-    return block == nullptr ? counted(larger) : larger;
+EARLY void* REPLACED(realloc)(void* ptr, std::size_t size) noexcept {
+    void* const larger = tests::isFault() ? nullptr : NEXT(realloc)(ptr, size);
+    return ptr == nullptr ? counted(larger) : larger;
 }
-EARLY void REPLACED(free)(void* block) noexcept { release(block); }
+EARLY void REPLACED(free)(void* ptr) noexcept { release(ptr); }
 }
 
 // Those for arrays call these.

@@ -38,7 +38,7 @@ template <class, int, class> struct Mixed2;
 template <class, class, int, int> struct Mixed3;
 template <class, class, class, int> struct Mixed4;
 template <int, int, class> struct Mixed5;
-__extension__ typedef unsigned __int128 Widest;
+using Widest [[gnu::mode(TI)]] = unsigned;
 inline int object, objects[2];
 inline void function() {}
 

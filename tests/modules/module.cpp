@@ -64,7 +64,6 @@ void send(Rows const& table, Catalogue const& catalogue, std::ostream& out) {
 
 void courier_register_module(Catalogue& catalogue, std::uint64_t) {
     addFormat<Rows>(catalogue, WIRE_FORMAT, writeRows, readRows);
-    addWriter<Rows>(
-        catalogue, "client of " WIRE_FORMAT,
-        [&](Rows const& table, std::ostream& out) { send(table, catalogue, out); });
+    addWriter<Rows>(catalogue, "client of " WIRE_FORMAT,
+                    [&](Rows const& table, std::ostream& out) { send(table, catalogue, out); });
 }

@@ -82,6 +82,35 @@ concept ReaderOf = std::copy_constructible<Read> &&
 
 namespace detail {
 
+// Says at the call what is wrong with it. The result keeps the compiler from saying more.
+template <class Write, class... Elements> constexpr bool isWriter() {
+    constexpr bool areElements = (ElementType<Elements> && ...);
+    static_assert(areElements,
+                  "an element has an object type without const, volatile and reference");
+    if constexpr (areElements) {
+        static_assert(
+            WriterOf<Write, Elements...>,
+            "write is called as write(elements..., std::ostream&), or with a stop_token "
+            "const& behind, with const references to the elements, and as a const object. "
+            "It returns nothing: a failure is an exception, or a stream that has failed");
+        return WriterOf<Write, Elements...>;
+    }
+    return false;
+}
+template <class F, class... Elements> constexpr bool isReader() {
+    constexpr bool areElements = (ElementType<Elements> && ...);
+    static_assert(areElements,
+                  "an element has an object type without const, volatile and reference");
+    if constexpr (areElements) {
+        static_assert(ReaderOf<F, Elements...>,
+                      "read is called as read(std::istream&), as a const object. It returns the "
+                      "element, or a std::tuple of several, by value, by std::unique_ptr or by "
+                      "std::shared_ptr, and not by reference");
+        return ReaderOf<F, Elements...>;
+    }
+    return false;
+}
+
 COURIER_HUB_SERIALISATION_EXPORT void requireName(std::string const& wireFormat);
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void
 throwOtherElements(core::GenericPayload const& payload, std::size_t expected);
@@ -209,10 +238,12 @@ Deserialiser makeDeserialiser(std::string const& wireFormat, F read, std::shared
 /// Catalogue::add() does. Throws std::invalid_argument if the wire format is empty or "*", which
 /// look-ups read as any wire format; std::bad_alloc; and what copying `write` throws. Strong
 /// guarantee. Thread-safe.
-template <ElementType Element, ElementType... More, WriterOf<Element, More...> Write>
+template <class Element, class... More, class Write>
 void addWriter(Catalogue& catalogue, std::string const& wireFormat, Write write) {
-    detail::requireName(wireFormat);
-    catalogue.add(detail::makeSerialiser<Element, More...>(wireFormat, std::move(write)));
+    if constexpr (detail::isWriter<Write, Element, More...>()) {
+        detail::requireName(wireFormat);
+        catalogue.add(detail::makeSerialiser<Element, More...>(wireFormat, std::move(write)));
+    }
 }
 
 /// Registers how elements of a type are read from one wire format. What `read` throws reaches the
@@ -223,18 +254,19 @@ void addWriter(Catalogue& catalogue, std::string const& wireFormat, Write write)
 /// getTypeID<std::tuple<Order, Customer>>())`.
 ///
 /// The handle is kept with the deserialiser and its copies. Otherwise as addWriter().
-template <ElementType Element, ElementType... More, ReaderOf<Element, More...> Read>
+template <class Element, class... More, class Read>
 void addReader(Catalogue& catalogue, std::string const& wireFormat, Read read,
                std::shared_ptr<void> handle = {}) {
-    detail::requireName(wireFormat);
-    catalogue.add(
-        detail::makeDeserialiser<Element, More...>(wireFormat, std::move(read), std::move(handle)));
+    if constexpr (detail::isReader<Read, Element, More...>()) {
+        detail::requireName(wireFormat);
+        catalogue.add(detail::makeDeserialiser<Element, More...>(wireFormat, std::move(read),
+                                                                 std::move(handle)));
+    }
 }
 
 /// Registers both, the writer first. If the registration of the reader throws, that of the writer
 /// stays.
-template <ElementType Element, ElementType... More, WriterOf<Element, More...> Write,
-          ReaderOf<Element, More...> Read>
+template <class Element, class... More, class Write, class Read>
 void addFormat(Catalogue& catalogue, std::string const& wireFormat, Write write, Read read,
                std::shared_ptr<void> handle = {}) {
     addWriter<Element, More...>(catalogue, wireFormat, std::move(write));
