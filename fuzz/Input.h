@@ -2,18 +2,47 @@
 #ifndef COURIER_FUZZ_INPUT_H
 #define COURIER_FUZZ_INPUT_H
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <string>
 
 namespace fuzz {
 
+/// Where a run is, for the message of a failure.
+struct Place {
+    std::string input = "the fuzzer's input";
+    std::size_t step = 0;
+    char const* operation = "the start";
+};
+inline Place place;
+
+inline std::ostream& operator<<(std::ostream& out, Place const& p) {
+    return out << p.input << ", step " << p.step << ", " << p.operation;
+}
+
+/// Ends the process if the library says something else than its model.
+#define SAME(library, model) fuzz::requireSame(#library, library, model, __FILE__, __LINE__)
+template <class Library, class Model>
+void requireSame(char const* asked, Library const& library, Model const& model, char const* file,
+                 int line) {
+    if (!(library == model)) {
+        std::cerr << file << ':' << line << ": " << place << ": " << asked << " is "
+                  << testing::PrintToString(library) << ", and by the model "
+                  << testing::PrintToString(model) << std::endl;
+        std::abort();
+    }
+}
+
 /// What a fuzzer wrote, taken byte by byte to decide what happens next. Past its end come zeros.
 class Input {
 public:
-    Input(std::uint8_t const* data, std::size_t size) noexcept : next_(data), end_(data + size) {}
+    Input(std::uint8_t const* data, std::size_t size) noexcept : next_(data), end_(data + size) {
+        place.step = 0;
+    }
 
     /// Whether there is more.
     explicit operator bool() const noexcept { return next_ != end_; }
@@ -28,11 +57,17 @@ public:
         std::size_t const root = byte();
         return root * root / 64;
     }
+    /// A length near 2^31, 2^32, 2^63 or 2^64.
+    std::size_t hugeLength() noexcept {
+        constexpr std::size_t one = 1;
+        constexpr std::size_t near[] = {one << 31, one << 32, one << 63, 0};
+        return near[below(4)] + byte() - 128;
+    }
 
-    /// Does one of these.
-    template <class... Actions> void oneOf(Actions const&... actions) {
-        std::size_t skip = below(sizeof...(actions));
-        static_cast<void>(((skip-- == 0 && (actions(), true)) || ...));
+    /// Does one of these actions, each behind its name.
+    template <class... Named> void oneOf(Named const&... named) {
+        ++place.step;
+        act(below(sizeof...(named) / 2), named...);
     }
 
     /// n bytes that take nothing from the input. They differ from those before, so that bytes in
@@ -47,18 +82,20 @@ public:
     }
 
 private:
+    template <class Action, class... More>
+    static void act(std::size_t skip, char const* name, Action const& action, More const&... more) {
+        if (skip == 0) {
+            place.operation = name;
+            action();
+        } else if constexpr (sizeof...(more) > 0) {
+            act(skip - 1, more...);
+        }
+    }
+
     std::uint8_t const* next_;
     std::uint8_t const* end_;
     std::uint64_t state_ = 0;
 };
-
-/// Ends the process, with the line that found it, where the library differs from its model.
-inline void require(bool same, char const* file = __builtin_FILE(), int line = __builtin_LINE()) {
-    if (!same) {
-        std::fprintf(stderr, "%s:%d: not what the model says\n", file, line);
-        std::abort();
-    }
-}
 
 } // namespace fuzz
 

@@ -1,25 +1,52 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs a fuzzer's target on every file of the directories named: inputs that once failed, and some
-// that together reach all its code.
+// Runs a fuzzer's target on every file of a directory: inputs that once failed, and some that
+// together reach all its code. Then on random inputs, whose seeds count up from the first one:
+//     replay_buffers CORPUS [INPUTS [FIRST-SEED]]
 #include "Input.h"
 
+#include <algorithm>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <iterator>
+#include <random>
 #include <vector>
 
+namespace {
+
+void run(std::string name, std::vector<std::uint8_t> const& bytes) {
+    fuzz::place = {std::move(name)};
+    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
-    int count = 0;
-    for (int i = 1; i < argc; ++i) {
-        for (auto const& entry : std::filesystem::directory_iterator(argv[i])) {
-            std::cout << entry.path().filename().string() << std::endl; // before it fails
-            std::ifstream in(entry.path(), std::ios::binary);
-            std::vector<std::uint8_t> const bytes{std::istreambuf_iterator<char>(in), {}};
-            LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
-            ++count;
-        }
+    auto const number = [&](int i, unsigned otherwise) {
+        return argc > i ? static_cast<unsigned>(std::stoul(argv[i])) : otherwise;
+    };
+    unsigned const inputs = number(2, 2000);
+    unsigned const first = number(3, 0);
+    std::signal(SIGSEGV, [](int) { // which nothing else reports
+        std::cerr << fuzz::place << ": invalid memory access" << std::endl;
+        std::_Exit(EXIT_FAILURE);
+    });
+    std::set_terminate([] {
+        std::cerr << fuzz::place << ": terminated" << std::endl;
+        std::abort();
+    });
+    std::size_t files = 0;
+    for (auto const& entry : std::filesystem::directory_iterator(argv[1])) {
+        std::ifstream in(entry.path(), std::ios::binary);
+        run(entry.path().filename().string(), {std::istreambuf_iterator<char>(in), {}});
+        ++files;
     }
-    std::cout << count << " inputs\n";
-    return count > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+    for (unsigned seed = first; seed < first + inputs; ++seed) {
+        std::mt19937 random(seed);
+        std::vector<std::uint8_t> bytes(random() % 400);
+        std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(random()); });
+        run("seed " + std::to_string(seed), bytes);
+    }
+    std::cout << files << " kept inputs, " << inputs << " random ones\n";
+    return files > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

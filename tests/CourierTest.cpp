@@ -14,10 +14,9 @@ nats::Message message(std::string const& bytes) {
     return Envelope{.run = "r", .wireFormat = "raw"}.toMessage({}, ByteBufferView(bytes));
 }
 
-// What a deserialiser reads from, to look where its bytes lie.
-template <class Streambuf> struct Opened : Streambuf {
-    using Streambuf::eback, Streambuf::egptr, Streambuf::gptr, Streambuf::Streambuf;
-};
+char const* unreadBytes(ByteBufferIStreambuf const& source) {
+    return reinterpret_cast<char const*>(source.unread().data());
+}
 
 // The library frees messages on a thread of its own, which without a connection nobody starts.
 struct CourierTest : testing::Test {
@@ -32,8 +31,6 @@ TEST_F(CourierTest, MessagesAreReadWhereTheyLie) {
         ByteBuffer buffer = adopt(std::move(received)); // whose end frees the message: see asan
         EXPECT_EQ(buffer.size(), size);
         EXPECT_TRUE(size == 0 || static_cast<void*>(buffer.data()) == bytes);
-        Opened<ByteBufferIStreambuf> source(std::make_unique<ByteBuffer>(std::move(buffer)));
-        EXPECT_TRUE(size == 0 || (source.eback() == bytes && source.egptr() == bytes + size));
     }
     EXPECT_EQ(adopt(nullptr).size(), 0);
 }
@@ -46,14 +43,14 @@ TEST_F(CourierTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
         bytes.push_back(natsMsg_GetData(received.get()));
         return adopt(std::move(received));
     };
-    Opened<PartsIStreambuf> source(parts.size(), get);
+    PartsIStreambuf source(parts.size(), get);
     EXPECT_TRUE(bytes.empty()); // nothing is asked for before it is read
     EXPECT_EQ(source.sgetc(), 'a');
-    EXPECT_EQ(source.gptr(), bytes.at(0));
+    EXPECT_EQ(unreadBytes(source), bytes.at(0));
     std::string text(6, '\0');
     EXPECT_EQ(source.sgetn(text.data(), 6), 6);
     EXPECT_EQ(text, "abcdef");
-    EXPECT_EQ(source.gptr(), bytes.at(3) + 2);
+    EXPECT_EQ(unreadBytes(source), bytes.at(3) + 2);
     EXPECT_EQ(source.sgetn(text.data(), 6), 2);
 
     PartsIStreambuf broken(2, [](std::size_t) -> ByteBuffer { throw std::runtime_error("lost"); });

@@ -144,14 +144,9 @@ Result Result::of(natsMsg* message) {
 }
 
 ByteBuffer adopt(nats::Message message) {
-    natsMsg* const owned = message.release();
-    auto const size = static_cast<std::size_t>(natsMsg_GetDataLength(owned));
-    // A buffer frees nothing where there is no block, so a message without bytes is one itself.
-    void* bytes = owned;
-    if (size > 0) {
-        bytes = const_cast<char*>(natsMsg_GetData(owned));
-    }
-    return {ByteBuffer::Block(bytes, [owned](void*) { natsMsg_Destroy(owned); }), size};
+    std::string_view const bytes(natsMsg_GetData(message.get()),
+                                 static_cast<std::size_t>(natsMsg_GetDataLength(message.get())));
+    return hub::serialisation::adopt(ByteBufferView(bytes), std::move(message));
 }
 
 PartsIStreambuf::PartsIStreambuf(std::size_t parts, Get get)
