@@ -109,13 +109,15 @@ def all_rows(compiler):
         "Buffers": [
             *counted("adopt a block and destroy it", "adopt/4096", "shared_ptr zmq cord",
                      faster(3, "shared_ptr", "zmq", "cord"), no_allocation),
-            *counted("move a buffer, assigning", "move/4096", "zmq", faster(2.5, "zmq"),
+            *counted("move a buffer, assigning", "move/4096", "zmq", faster(2, "zmq"),
                      no_allocation),
             *counted("move a buffer, constructing", "move_construct/4096", "zmq",
                      faster(2.5, "zmq"), no_allocation),
             *(Row(f"append {piece} B pieces up to {bytes_text(n)}", f"append{piece}/{n}",
-                  "vector string cord", faster(factor, "vector"))
+                  "vector string cord", faster(factor if n > 4096 else 1, "vector"))
               for piece, factor in ((16, 1.2), (256, 1.5)) for n in (4096, 65536, 1048576)),
+            Row("… among all the other benchmarks", "fragmented_append256/1048576",
+                "vector string"),
             Row("… in a process that never freed a large block",
                 "cold_append256/1048576", "vector string", faster(10, "vector")),
             Row("64 MiB of value 0", "zeroed/67108864", "vector", faster(20, "vector"))],

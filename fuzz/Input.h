@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <iostream>
 #include <string>
+#include <utility>
 
 namespace fuzz {
 
@@ -26,9 +27,9 @@ inline std::ostream& operator<<(std::ostream& out, Place const& p) {
 
 /// Ends the process if the library says something else than its model.
 #define SAME(library, model) fuzz::requireSame(#library, library, model, __FILE__, __LINE__)
-template <class Library, class Model>
-void requireSame(char const* asked, Library const& library, Model const& model, char const* file,
-                 int line) {
+template <class Library, class Model> void requireSame(char const* asked, Library const& library,
+                                                       Model const& model, char const* file,
+                                                       int line) {
     if (!(library == model)) {
         std::cerr << file << ':' << line << ": " << place << ": " << asked << " is "
                   << testing::PrintToString(library) << ", and by the model "
@@ -36,6 +37,9 @@ void requireSame(char const* asked, Library const& library, Model const& model, 
         std::abort();
     }
 }
+
+/// An action for Input::oneOf(). The message of a failure has its text.
+#define DO(...) std::pair(#__VA_ARGS__, [&] { __VA_ARGS__; })
 
 /// What a fuzzer wrote, taken byte by byte to decide what happens next. Past its end come zeros.
 class Input {
@@ -64,10 +68,17 @@ public:
         return near[below(4)] + byte() - 128;
     }
 
-    /// Does one of these actions, each behind its name.
-    template <class... Named> void oneOf(Named const&... named) {
+    /// Does one of these actions.
+    template <class... Actions> void oneOf(Actions const&... actions) {
         ++place.step;
-        act(below(sizeof...(named) / 2), named...);
+        std::size_t skip = below(sizeof...(actions));
+        auto const act = [&](auto const& action) {
+            if (skip-- == 0) {
+                place.operation = action.first;
+                action.second();
+            }
+        };
+        (act(actions), ...);
     }
 
     /// n bytes that take nothing from the input. They differ from those before, so that bytes in
@@ -82,16 +93,6 @@ public:
     }
 
 private:
-    template <class Action, class... More>
-    static void act(std::size_t skip, char const* name, Action const& action, More const&... more) {
-        if (skip == 0) {
-            place.operation = name;
-            action();
-        } else if constexpr (sizeof...(more) > 0) {
-            act(skip - 1, more...);
-        }
-    }
-
     std::uint8_t const* next_;
     std::uint8_t const* end_;
     std::uint64_t state_ = 0;

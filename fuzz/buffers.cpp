@@ -8,15 +8,13 @@
 namespace {
 
 using namespace tests;
-using fuzz::require;
 using Bytes = std::vector<std::byte>;
 
 constexpr auto incompatible = "Attempting to take difference between incompatible MessageIterators";
 std::string const pastEnd = "Attempt to access position beyond the end of the ByteBuffer";
 
-template <class Exception> void requireError(std::string const& message, auto action) {
-    require(messageOf<Exception>(action) == message);
-}
+#define SAME_ERROR(Exception, message, call)                                                       \
+    SAME(messageOf<Exception>([&] { static_cast<void>(call); }), message)
 
 // What a buffer holds and in which form. While this vector stays where it is, the buffer's must.
 struct Model {
@@ -27,6 +25,11 @@ struct Model {
             larger.insert(larger.end(), bytes.data(), bytes.data() + std::min(n, bytes.size()));
             bytes = std::move(larger);
             external = false;
+        }
+    }
+    void convert() {
+        if (external) {
+            *this = {Bytes(bytes)};
         }
     }
     void append(Bytes const& added) {
@@ -50,8 +53,7 @@ void trim(auto& holder, Model& model, std::size_t n, bool atFront) {
         from(holder);
         from(model);
     } else {
-        requireError<std::out_of_range>("Requested to remove more bytes than exist",
-                                        [&] { from(holder); });
+        SAME_ERROR(std::out_of_range, "Requested to remove more bytes than exist", from(holder));
     }
 }
 
@@ -70,20 +72,62 @@ struct Owner : std::string {
 // What buffers and views have in common.
 void requireSame(auto&& holder, Bytes const& bytes, std::string const& name) {
     auto const& constant = holder;
-    require(std::ranges::equal(holder, bytes) && std::ranges::equal(constant, bytes));
-    require(holder.size() == bytes.size() && holder.empty() == bytes.empty());
-    requireError<std::out_of_range>(pastEnd + name, [&] { discard(holder.at(bytes.size())); });
+    SAME(text(ByteBufferView(holder)), text(ByteBufferView(bytes)));
+    SAME(Bytes(holder.begin(), holder.end()), bytes);
+    SAME(Bytes(constant.cbegin(), constant.cend()), bytes);
+    SAME(holder.size(), bytes.size());
+    SAME(holder.empty(), bytes.empty());
+    SAME_ERROR(std::out_of_range, pastEnd + name, holder.at(bytes.size()));
+    SAME_ERROR(std::out_of_range, pastEnd + name, constant.at(~std::size_t{0}));
     if (bytes.empty()) {
-        require(constant.data() == nullptr);
-        requireError<std::out_of_range>("ByteBuffer" + name + " is empty",
-                                        [&] { discard(constant.front()); });
+        SAME(constant.data(), nullptr);
+        SAME(holder.data(), nullptr);
+        SAME_ERROR(std::out_of_range, "ByteBuffer" + name + " is empty", holder.front());
+        SAME_ERROR(std::out_of_range, "ByteBuffer" + name + " is empty", constant.front());
         return;
     }
     std::size_t const last = bytes.size() - 1;
-    for (auto* place : {&holder[last], &holder.at(last), &holder.front() + last,
-                        &holder.begin()[static_cast<std::ptrdiff_t>(last)], &*--holder.end()}) {
-        require(place == constant.data() + last);
+    for (std::byte const* const place : std::initializer_list<std::byte const*>{
+             &holder[last], &holder.at(last), &holder.front() + last, holder.data() + last,
+             &constant[last], &constant.at(last), &constant.front() + last}) {
+        SAME(place, constant.data() + last);
     }
+}
+
+// Parts of lengths that no memory has, against numbers. No byte is touched.
+void claim(fuzz::Input& input) {
+    static std::byte first{};
+    std::byte* const volatile start = &first; // no compiler knows how much is there
+    auto const length = [&] { return input.flag() ? input.length() : input.hugeLength(); };
+    std::size_t const size = input.hugeLength(), offset = length(), count = length();
+    auto const place = [](std::ptrdiff_t from, std::size_t n) {
+        return n == 0 ? "" : std::to_string(from) + " and " + std::to_string(n) + " bytes";
+    };
+    auto const part = [&](std::size_t from, std::size_t n) -> std::string {
+        bool const fits = from <= size && n <= size - from;
+        return fits ? place(static_cast<std::ptrdiff_t>(from), n) : "Invalid range requested";
+    };
+    auto const same = [&](auto taken, std::string const& expected) {
+        std::string shown;
+        std::string const error = messageOf<std::out_of_range>([&] {
+            ByteBufferView const view = taken();
+            shown = place(view.data() - start, view.size());
+        });
+        SAME(error == "no exception" ? shown : error, expected);
+    };
+    auto const ask = [&](auto&& of) {
+        same([&] { return of.makeView(offset, count); },
+             part(offset, count == 0 ? size - offset : count));
+        same([&] { return of.subview(offset, count); }, part(offset, count));
+        same([&] { return of.subview(offset); }, part(offset, size - offset));
+        same([&] { return of.first(count); }, part(0, count));
+        same([&] { return of.last(count); }, part(size - count, count));
+        std::string const tooMany = "Requested to remove more bytes than exist";
+        SAME_ERROR(std::out_of_range, count > size ? tooMany : "no exception", of.trimBack(count));
+        SAME(of.size(), count > size ? size : size - count);
+    };
+    ask(ByteBufferView(start, size));
+    ask(ByteBuffer(ByteBuffer::Block(start, [](void*) {}), size));
 }
 
 struct Run {
@@ -94,24 +138,22 @@ struct Run {
 
     void make(ByteBuffer& buffer, Model& model, std::size_t n) {
         Bytes own = bytes(input.fresh(n));
-        ByteBufferView const view(own.data(), n);
-        model = {own};
+        ByteBufferView const view(own);
+        auto const owner = std::make_shared<Owner>(text(view), blocks);
         auto const never = [](void*) { std::abort(); };
-        input.oneOf([&] { buffer = ByteBuffer(view); },
-                    [&] { buffer = view.operator ByteBuffer(); },
-                    [&] { buffer = ByteBuffer(std::move(own)); },
-                    [&] { buffer = ByteBuffer(n), model = {Bytes(n)}; },
-                    [&] { model = {}, buffer = ByteBuffer(ByteBuffer::Block(nullptr, never), n); },
-                    [&] { buffer = adopt(Owner(text(view), blocks)), model.external = true; },
-                    [&] {
-                        auto const owner = std::make_shared<Owner>(text(view), blocks);
-                        buffer = adopt(ByteBufferView(*owner), owner), model.external = true;
-                    },
-                    [&] { buffer = blocks.adopt(text(view)), model.external = true; });
+        model = {own};
+        input.oneOf(
+            DO(buffer = ByteBuffer(view)), DO(buffer = view.operator ByteBuffer()),
+            DO(own.reserve(n + 3), buffer = ByteBuffer(std::move(own)), model.bytes.reserve(n + 3)),
+            DO(buffer = ByteBuffer(n), model = {Bytes(n)}),
+            DO(buffer = ByteBuffer({nullptr, never}, n), model = {}),
+            DO(buffer = blocks.adopt(text(view)), model.external = true),
+            DO(buffer = adopt(Owner(text(view), blocks)), model.external = true),
+            DO(buffer = adopt(ByteBufferView(*owner), owner), model.external = true));
     }
 
     // A view of some of a buffer's bytes, and what it must show.
-    std::pair<ByteBufferView, Bytes> cut(std::size_t i) {
+    std::pair<ByteBufferView, Model> cut(std::size_t i) {
         Model part{models[i].bytes};
         std::size_t const size = part.bytes.size();
         std::size_t const offset = input.length() % (size + 2);
@@ -122,19 +164,17 @@ struct Run {
             return zeroIsAll ? buffer.makeView(offset, count) : buffer.subview(offset, count);
         };
         if (offset + count > size) {
-            requireError<std::out_of_range>("Invalid range requested", take);
-            requireError<std::out_of_range>("Invalid range requested",
-                                            [&] { return buffer.last(offset + count); });
+            SAME_ERROR(std::out_of_range, "Invalid range requested", take());
             return {};
         }
         ByteBufferView view = take();
-        require(zeroIsAll || view == buffer.first(offset + count).last(count));
-        require(buffer.subview(offset) == buffer.makeView(offset, 0));
+        SAME(zeroIsAll ? view : buffer.first(offset + count).last(count), view);
+        SAME(text(buffer.subview(offset)), text(buffer.makeView(offset, 0)));
         part.trimFront(offset);
         part.bytes.resize(zeroIsAll && count == 0 ? size - offset : count);
         trim(view, part, input.length() % (size + 2), input.flag());
         requireSame(view, part.bytes, "View");
-        return {view, part.bytes};
+        return {view, part};
     }
 
     // Appends something of any kind to a buffer, or to a view, which makes another buffer.
@@ -154,13 +194,24 @@ struct Run {
                 made = std::move(appended);
             }
         };
-        input.oneOf([&] { add(all, true, buffers); }, // the target is among them
-                    [&] { add(all, true, std::move(buffers)); },
-                    [&] { add(models[j].bytes, false, buffers[j]); },
-                    [&] { add(models[j].bytes, false, std::move(buffers[j])); },
-                    [&] { add(fresh, false, Bytes(fresh)); },
-                    [&] { add(piece.second, false, piece.first); });
+        std::vector<ByteBuffer> const none;
+        input.oneOf(DO(add(all, true, buffers)), // the target is among them
+                    DO(add(all, true, std::move(buffers))), DO(add({}, false, none)),
+                    DO(add(models[j].bytes, false, buffers[j])),
+                    DO(add(models[j].bytes, false, std::move(buffers[j]))),
+                    DO(add(fresh, false, fresh)), DO(add(fresh, false, Bytes(fresh))),
+                    DO(add(piece.second.bytes, false, piece.first)));
         return made;
+    }
+
+    void move(ByteBuffer& from, Model& fromModel, ByteBuffer& to, Model& toModel) {
+        ByteBuffer moved(std::move(from));
+        Model movedModel = std::exchange(fromModel, {});
+        SAME(from.size(), 0U);
+        to = std::move(moved);
+        toModel = std::move(movedModel);
+        ByteBuffer& itself = to;
+        to = std::move(itself);
     }
 
     void step() {
@@ -170,56 +221,42 @@ struct Run {
         ByteBuffer& buffer = buffers[i];
         ByteBuffer& other = buffers[j];
         Model& model = models[i];
-        input.oneOf([&] { make(buffer, model, n); }, [&] { trim(buffer, model, n, input.flag()); },
-                    [&] {
-                        if (std::exchange(model.external, false)) {
-                            model.bytes = Bytes(model.bytes);
-                        }
-                        model.bytes.reserve(n), buffer.reserve(n);
-                    },
-                    [&] { model.makeRoom(n), model.bytes.resize(n), buffer.resize(n); },
-                    [&] { model.makeRoom(0), model.bytes.clear(), buffer.clear(); },
-                    [&] { model = {models[j].bytes}, buffer = other.clone(); },
-                    [&] {
-                        ByteBuffer moved(std::move(other));
-                        Model movedModel = std::exchange(models[j], {});
-                        require(other.empty());
-                        buffer = std::move(moved);
-                        model = std::move(movedModel);
-                        buffer = std::move(buffers[i]); // to itself
-                    },
-                    [&] { // perhaps one of its own
-                        std::byte const spare{};
-                        std::byte const& b = other.empty() ? spare : other[n % other.size()];
-                        if (model.external) {
-                            model = {Bytes(model.bytes)};
-                        }
-                        model.bytes.push_back(b);
-                        buffer.push_back(b);
-                    },
-                    [&] { append(buffer, model, j); },
-                    [&] {
-                        auto [view, part] = cut(i);
-                        Model made{std::move(part)};
-                        buffer = append(view, made, j);
-                        model = std::move(made);
-                    },
-                    [&] { refuse(buffer, model, n + 1); });
+        std::byte const spare{};
+        std::byte const& b = other.empty() ? spare : other[n % other.size()];
+        auto part = cut(i);
+        input.oneOf(
+            DO(make(buffer, model, n)), DO(trim(buffer, model, n, input.flag())),
+            DO(model.convert(), model.bytes.reserve(n), buffer.reserve(n)),
+            DO(model.makeRoom(n), model.bytes.resize(n), buffer.resize(n)),
+            DO(model.makeRoom(0), model.bytes.clear(), buffer.clear()),
+            DO(buffer = other.clone(), model = {models[j].bytes}),
+            DO(move(other, models[j], buffer, model)),
+            DO(model.convert(), model.bytes.push_back(b), buffer.push_back(b)),
+            DO(model.convert(), model.bytes.push_back(spare), buffer.push_back(std::byte{})),
+            DO(append(buffer, model, j)),
+            DO(buffer = append(part.first, part.second, j), model = std::move(part.second)),
+            DO(claim(input)), DO(refuse(buffer, model, n + 1)));
         if (model.external != models[j].external) {
-            requireError<std::runtime_error>(incompatible,
-                                             [&] { return buffer.end() - other.end(); });
+            SAME_ERROR(std::runtime_error, incompatible, buffer.end() - other.end());
+            SAME_ERROR(std::runtime_error, incompatible, buffer.end() <=> other.end());
         }
+        SAME(buffer == other, model.bytes == models[j].bytes);
     }
 
     static void refuse(ByteBuffer& buffer, Model& model, std::size_t n) {
         constexpr std::size_t most = std::numeric_limits<std::size_t>::max();
-        for (std::size_t const tooLong : {most, most - n, most / 2 - n}) {
-            ByteBufferView const view(buffer.makeView(0, 0).data(), tooLong);
-            requireError<std::length_error>("vector too long", [&] { buffer.resize(tooLong); });
-            requireError<std::length_error>("vector too long", [&] { buffer.append(view); });
+        static std::byte foreign{};
+        std::byte* const volatile elsewhere = &foreign; // no compiler knows how much is there
+        for (std::size_t const tooLong : {most, most - n, most / 2 + n, most / 2 - n}) {
+            SAME_ERROR(std::length_error, "vector too long", buffer.resize(tooLong));
+            for (auto* const start : {buffer.data(), static_cast<std::byte*>(elsewhere)}) {
+                ByteBufferView const view(start, tooLong);
+                SAME_ERROR(std::length_error, "vector too long", buffer.append(view));
+            }
         }
+        SAME_ERROR(std::length_error, "vector too long", buffer.reserve(most / 2 + n));
         ByteBufferView const null(static_cast<std::byte*>(nullptr), n);
-        requireError<std::runtime_error>(incompatible, [&] { buffer.append(null); });
+        SAME_ERROR(std::runtime_error, incompatible, buffer.append(null));
         model.makeRoom(model.bytes.size() + n); // the block went before the view was looked at
     }
 
@@ -228,15 +265,16 @@ struct Run {
         for (std::size_t i = 0; i < models.size(); ++i) {
             Model& model = models[i];
             requireSame(buffers[i], model.bytes, "");
-            require(buffers[i].capacity() == (model.external ? 0 : model.bytes.capacity()));
+            SAME(buffers[i].capacity(), model.external ? 0 : model.bytes.capacity());
             auto const* const place = std::to_address(buffers[i].begin());
-            bool const stays = model.place != nullptr && model.place == model.bytes.data();
-            require(!stays || model.bufferPlace == place);
+            if (model.place != nullptr && model.place == model.bytes.data()) {
+                SAME(place, model.bufferPlace);
+            }
             model.place = model.bytes.data();
             model.bufferPlace = place;
             adopted += model.external ? 1 : 0;
         }
-        require(blocks.made - blocks.freed == adopted);
+        SAME(blocks.made - blocks.freed, adopted);
     }
 };
 
@@ -250,6 +288,6 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
         run.check();
     }
     run.buffers.clear();
-    require(run.blocks.freed == run.blocks.made);
+    SAME(run.blocks.freed, run.blocks.made);
     return 0;
 }

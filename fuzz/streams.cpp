@@ -13,9 +13,31 @@ namespace {
 
 using namespace tests;
 using fuzz::Input;
-using fuzz::require;
 
 std::streamsize size(std::string const& text) { return static_cast<std::streamsize>(text.size()); }
+
+void move(ByteBufferOStream& out) {
+    ByteBufferOStream taken(std::move(out));
+    out << 'x';
+    SAME(text(out.release()), "x");
+    out = std::move(taken);
+}
+void stop(ByteBufferOStream& out) {
+    stop_source source;
+    StoppableOStream stopped(source.get_token(), out);
+    source.request_stop();
+    SAME(messageOf<std::system_error>([&] { stopped << 1; }),
+         messageOf<std::system_error>([&] { stopped.throwIfStopped(); }));
+    SAME(out.bad(), true);
+    stopped.clear();
+    out.clear();
+}
+void fail(ByteBufferOStream& out) {
+    out.setstate(std::ios::failbit);
+    std::ios::failure const part("ByteBufferOStream holds only a part of what was written");
+    SAME(messageOf<std::ios::failure>([&] { discard(out.release()); }), part.what());
+    out.clear();
+}
 
 ByteBuffer write(Input& input) {
     ByteBufferOStream out(input.length());
@@ -28,40 +50,17 @@ ByteBuffer write(Input& input) {
         auto const both = [&](auto put) {
             put(direct ? static_cast<std::ostream&>(out) : stoppable), put(model);
         };
-        input.oneOf([&] { both([&](std::ostream& to) { to.put(static_cast<char>(n)); }); },
-                    [&] { both([&](std::ostream& to) { to.write(bytes.data(), size(bytes)); }); },
-                    [&] { both([&](std::ostream& to) { to << n << ' ' << bytes << std::endl; }); },
-                    [&] {
-                        ByteBufferOStream taken(std::move(out));
-                        require(out.size() == 0 && out.put('x').good() && out.size() == 1);
-                        out = std::move(taken);
-                    },
-                    [&] {
-                        stop_source source;
-                        StoppableOStream stopped(source.get_token(), out);
-                        source.request_stop();
-                        require(messageOf<std::system_error>([&] { stopped << n; }) ==
-                                messageOf<std::system_error>([&] { stopped.throwIfStopped(); }));
-                        require(out.bad());
-                        stopped.clear();
-                        out.clear();
-                    },
-                    [&] {
-                        out.setstate(std::ios::failbit);
-                        require(messageOf<std::ios::failure>([&] { discard(out.release()); }) ==
-                                std::ios::failure("ByteBufferOStream holds only a part of what "
-                                                  "was written")
-                                    .what());
-                        out.clear();
-                    },
-                    [&] {
-                        require(text(out.release()) == model.str());
-                        model.str({});
-                    });
-        require(out.good() && stoppable.good() && out.size() == model.str().size());
+        input.oneOf(DO(both([&](std::ostream& to) { to.put(static_cast<char>(n)); })),
+                    DO(both([&](std::ostream& to) { to.write(bytes.data(), size(bytes)); })),
+                    DO(both([&](std::ostream& to) { to << n << ' ' << bytes << std::endl; })),
+                    DO(move(out)), DO(stop(out)), DO(fail(out)),
+                    DO(SAME(text(out.release()), model.str()); model.str({})));
+        SAME(out.rdstate(), std::ios::goodbit);
+        SAME(stoppable.rdstate(), std::ios::goodbit);
+        SAME(out.size(), model.str().size());
     }
     ByteBuffer written = out.release();
-    require(text(written) == model.str());
+    SAME(text(written), model.str());
     return written;
 }
 
@@ -74,30 +73,34 @@ Count skipped(std::istream& in, std::size_t n) {
     auto const most = in ? static_cast<std::size_t>(in.rdbuf()->in_avail()) : 0;
     if (dynamic_cast<std::istringstream*>(&in) == nullptr) {
         std::string const said = messageOf<std::out_of_range>([&] { skip(in, n); });
-        require(said == (n <= most ? "no exception" : "Requested to skip more bytes than exist"));
+        SAME(said, n <= most ? "no exception" : "Requested to skip more bytes than exist");
     } else if (n <= most) {
         in.rdbuf()->pubseekoff(static_cast<Count>(n), std::ios::cur, std::ios::in);
     }
     return Count(n <= most);
 }
-constexpr Act acts[] = {
-    [](auto& in, auto& got, char) { return Count(!in.read(got.data(), size(got))); },
-    [](auto& in, auto& got, char) { return in.readsome(got.data(), size(got)); },
-    [](auto& in, auto& got, char) { return in.rdbuf()->sgetn(got.data(), size(got)); },
-    [](auto& in, auto& got, char byte) { return Count(!std::getline(in, got, byte)); },
-    [](auto& in, auto& got, char) { return Count(!(in >> got)); },
-    [](auto& in, auto& got, char c) { return Count(!in.ignore(size(got), std::uint8_t(c))); },
-    [](auto& in, auto&, char) { return Count(in.get()); },
-    [](auto& in, auto&, char) { return Count(in.peek()); },
-    [](auto& in, auto&, char) { return Count(!in.unget()); },
-    [](auto& in, auto&, char byte) { return Count(!in.putback(byte)); },
-    [](auto& in, auto&, char) { return Count(in.rdbuf()->sgetc()); },
-    [](auto& in, auto&, char) { return Count(in.rdbuf()->sbumpc()); },
-    [](auto& in, auto&, char) { return Count(in.rdbuf()->snextc()); },
-    [](auto& in, auto&, char) { return Count(in.rdbuf()->sungetc()); },
-    [](auto& in, auto&, char byte) { return Count(in.rdbuf()->sputbackc(byte)); },
-    [](auto& in, auto&, char byte) { return Count(in.rdbuf()->sputc(byte)); },
-    [](auto& in, auto& got, char) { return skipped(in, got.size()); },
+#define ACT(...)                                                                                   \
+    std::pair<char const*, Act>(#__VA_ARGS__,                                                      \
+                                [](std::istream& in, [[maybe_unused]] auto& got,                   \
+                                   [[maybe_unused]] char byte) { return Count(__VA_ARGS__); })
+constexpr std::pair<char const*, Act> acts[] = {
+    ACT(!in.read(got.data(), size(got))),
+    ACT(in.readsome(got.data(), size(got))),
+    ACT(in.rdbuf()->sgetn(got.data(), size(got))),
+    ACT(!std::getline(in, got, byte)),
+    ACT(!(in >> got)),
+    ACT(!in.ignore(size(got), std::uint8_t(byte))),
+    ACT(in.get()),
+    ACT(in.peek()),
+    ACT(!in.unget()),
+    ACT(!in.putback(byte)),
+    ACT(in.rdbuf()->sgetc()),
+    ACT(in.rdbuf()->sbumpc()),
+    ACT(in.rdbuf()->snextc()),
+    ACT(in.rdbuf()->sungetc()),
+    ACT(in.rdbuf()->sputbackc(byte)),
+    ACT(in.rdbuf()->sputc(byte)),
+    ACT(skipped(in, got.size())),
 };
 
 std::string act(Act act, std::istream& in, std::size_t n) {
@@ -127,18 +130,19 @@ void read(Input& input, ByteBuffer const& content) {
         stream->exceptions(std::ios::badbit);
     }
     while (input && !input.oneIn(32)) {
-        auto const& does = acts[input.below(std::size(acts))];
+        auto const& [name, does] = acts[input.below(std::size(acts))];
+        fuzz::place.operation = name;
         std::size_t const n = input.length();
         bool const clear = input.flag();
         std::string const expected = act(does, model, n);
         std::string_view rest = model.view();
         rest.remove_prefix(rest.size() - static_cast<std::size_t>(model.rdbuf()->in_avail()));
         for (std::istream* const stream : in) {
-            require(act(does, *stream, n) == expected);
-            require(stream->rdbuf()->pubseekoff(0, std::ios::beg) == std::streampos(-1));
+            SAME(act(does, *stream, n), expected);
+            SAME(stream->rdbuf()->pubseekoff(0, std::ios::beg), std::streampos(-1));
             std::optional<ByteBufferView> const shown = unread(*stream);
-            require(shown.has_value() == !stream->fail());
-            require(!shown || *shown == ByteBufferView(rest));
+            SAME(shown.has_value(), !stream->fail());
+            SAME(shown ? text(*shown) : rest, rest);
             if (clear) {
                 stream->clear();
             }
@@ -147,22 +151,24 @@ void read(Input& input, ByteBuffer const& content) {
             model.clear();
         }
         if (input.flag()) {
+            fuzz::place.operation = "move";
             ByteBufferIStreambuf taken(std::move(owner));
-            require(owner.sgetc() == std::char_traits<char>::eof());
+            SAME(owner.sgetc(), std::char_traits<char>::eof());
             owner = std::move(taken);
-            require(taken.sgetc() == std::char_traits<char>::eof());
+            SAME(taken.sgetc(), std::char_traits<char>::eof());
             NonOwningByteBufferViewIStreambuf same(std::move(viewer));
-            require(same.sgetc() == viewer.sgetc() && same.in_avail() == viewer.in_avail());
+            SAME(same.sgetc(), viewer.sgetc());
+            SAME(same.in_avail(), viewer.in_avail());
             viewer = std::move(same);
             ByteBufferIStream moved(std::move(whole));
-            require(whole.unread().empty());
+            SAME(whole.unread().size(), 0U);
             whole = std::move(moved);
         }
     }
-    require(blocks.freed == 0);
+    SAME(blocks.freed, 0);
     owner = ByteBufferIStreambuf(content);
     whole = ByteBufferIStream(content);
-    require(blocks.freed == 2);
+    SAME(blocks.freed, 2);
 }
 
 // An iterator has the place of the byte that it designates, a character iterator also that of the
@@ -178,9 +184,9 @@ void iterate(Input& input, ByteBuffer source) {
     auto const next = [&] { return position < bytes.size() ? Place(position++) : Place(); };
     auto const same = [&](Place place, std::string const& error, auto action) {
         if (place) {
-            require(static_cast<char>(action()) == bytes[*place]);
+            SAME(static_cast<char>(action()), bytes[*place]);
         } else {
-            require(messageOf<std::out_of_range>(action) == "Attempt to " + error);
+            SAME(messageOf<std::out_of_range>(action), "Attempt to " + error);
         }
     };
     while (input) {
@@ -188,30 +194,33 @@ void iterate(Input& input, ByteBuffer source) {
             auto const old = which;
             return post ? *which++ : (++which, *old);
         };
-        input.oneOf(
-            [&] { it = stream.begin(), at = next(); },
-            [&] {
-                same(next(), "access position beyond the end of the ByteBuffer",
-                     [&] { return stream.getByte(); });
-            },
-            [&] {
-                same(at, "increment the end ByteStreamIterator", [&] { return advance(it); });
-                at = at ? next() : at;
-            },
-            [&] {
-                character = ByteStreamCharIterator(it), characterAt = at, ahead = at ? next() : at;
-            },
-            [&] {
-                same(characterAt, "increment the end ByteStreamCharIterator",
-                     [&] { return advance(character); });
-                characterAt = std::exchange(ahead, ahead ? next() : ahead);
-            });
+        auto const getByte = [&] {
+            same(next(), "access position beyond the end of the ByteBuffer",
+                 [&] { return stream.getByte(); });
+        };
+        auto const advanceByte = [&] {
+            same(at, "increment the end ByteStreamIterator", [&] { return advance(it); });
+            at = at ? next() : at;
+        };
+        auto const advanceCharacter = [&] {
+            same(characterAt, "increment the end ByteStreamCharIterator",
+                 [&] { return advance(character); });
+            characterAt = std::exchange(ahead, ahead ? next() : ahead);
+        };
+        auto const moveStream = [&] {
+            ByteStream taken(std::move(stream));
+            SAME(static_cast<bool>(stream), false);
+            stream = std::move(taken);
+        };
+        input.oneOf(DO(it = stream.begin(), at = next()), DO(getByte()), DO(advanceByte()),
+                    DO(advanceCharacter()), DO(moveStream()),
+                    DO(character = it, characterAt = at, ahead = at ? next() : at));
         same(at, "dereference an invalid ByteStreamIterator", [&] { return *it; });
         same(characterAt, "dereference an invalid ByteStreamCharIterator",
              [&] { return *character; });
-        require((it == stream.end()) == !at &&
-                (character == decltype(character)()) == !characterAt);
-        require(static_cast<bool>(stream) == (position < bytes.size()));
+        SAME(it == stream.end(), !at);
+        SAME(character == decltype(character)(), !characterAt);
+        SAME(static_cast<bool>(stream), position < bytes.size());
     }
 }
 

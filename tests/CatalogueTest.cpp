@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "Support.h"
 
+#include <bedrock/core/diag/terminate.h>
+
+#include <csignal>
 #include <future>
 
 using namespace tests;
@@ -15,6 +18,14 @@ TEST(CatalogueDeathTest, EndsTheProcessOnADuplicate) {
                  "\\[courier/hub/serialisation/src/Catalogue.cpp:.+Catalogue::add");
     EXPECT_DEATH(catalogue.add(reader("wf", 1, 2)),
                  "^Attempted to add duplicate deserialiser for wf ");
+#ifndef _WIN32
+    EXPECT_EXIT(bedrock::core::diag::terminate("why", "file", 7, "function"),
+                testing::KilledBySignal(SIGABRT), "^why \\[file:7, function]\n$");
+#endif
+    EXPECT_TRUE(bedrock_diag_set_terminate(false)); // returns the value before
+    catalogue.add(reader("wf", 1, 2));
+    EXPECT_FALSE(bedrock_diag_set_terminate(true));
+    EXPECT_EQ(valueRead(catalogue.getDeserialiserFor("wf", 1)), 1);
 }
 
 TEST(CatalogueTest, AllocatesNothingToSearch) {
@@ -26,52 +37,63 @@ TEST(CatalogueTest, AllocatesNothingToSearch) {
     EXPECT_EQ(allocations(), before);
 }
 
-TEST(CatalogueTest, SaysWhatAFailedLookUpCouldHaveFound) {
+std::string said(GenericSerialiser const& made) { return written(made); }
+std::string said(GenericDeserialiser const& read) { return std::to_string(valueRead(read)); }
+std::string said(Serialiser const& found) { return said(found.getSerialiser(GenericPayload())); }
+std::string said(bool has) { return has ? "yes" : "no"; }
+template <class Item> std::string said(std::vector<Item> const& list) {
+    return testing::PrintToString(list);
+}
+
+struct LookUp {
+    char const* why;
+    std::string (*asked)(Catalogue const& c);
+    std::string expected;
+};
+#define ASK(...) [](Catalogue const& c) { return said(__VA_ARGS__); }
+
+LookUp const lookUps[] = {
+    {"an element in a format", ASK(c.getSerialiserFor("json", viewOf({9, 1}, 1))), "json view"},
+    {"the same, to be stopped", ASK(c.getSerialiserFor("json", viewOf({1}, 0), {})), "json stop"},
+    {"a record by identifier", ASK(c.getSerialiserFor("text", 1)), "pair payload"},
+    {"a payload by its list", ASK(c.getSerialiserFor("text", payloadOf({1, 2}))), "pair payload"},
+    {"a payload by its first element, if no record has the list",
+     ASK(c.getSerialiserFor("json", payloadOf({1, 9}))), "json payload"},
+    {"in any format: the first one", ASK(c.getSerialiserFor("*", viewOf({1}, 0))), "json view"},
+    {"in any format, by list", ASK(c.getSerialiserFor("*", IDs{1, 2})), "pair payload"},
+    {"in another format of that length", ASK(c.getSerialiserFor("text", viewOf({2}, 0))),
+     "No serialiser found for text: { 2 }, { \"bin\" }"},
+    {"in a format whose name begins with a star", ASK(c.getSerialiserFor("**", 1)),
+     "No serialiser found for **: { 1 }, { \"json\", \"text\" }"},
+    {"by a list in another order", ASK(c.getSerialiserFor("*", IDs{2, 1})),
+     "No serialiser found for *: { 2, 1 }, {}"},
+    {"by a payload of neither", ASK(c.getSerialiserFor("none", payloadOf({1, 2}))),
+     "No serialiser found for none: { 1, 2 }, { \"text\", \"json\" }"},
+    {"an element past the end", ASK(c.getSerialiserFor("json", viewOf({1}, 1))), "out of range"},
+    {"the formats of a type", ASK(c.getSupportedWireFormats(1)), "{ \"json\", \"text\" }"},
+    {"a reader", ASK(c.getDeserialiserFor("json", 1)), "10"},
+    {"a reader of any format", ASK(c.getDeserialiserFor("*", 1)),
+     "No deserialiser found for *: { 1 }, { \"json\" }"},
+    {"whether there is a reader of any format", ASK(c.hasDeserialiserFor("*", 1)), "no"},
+};
+
+TEST(CatalogueTest, LooksUp) {
     Catalogue catalogue;
-    catalogue.add(record("b", 1, {1, 2}, "both"));
-    catalogue.add(record("a", 1, {}, "one"));
-    catalogue.add(reader("r", 1, 1));
-    using LookUp = std::function<void()>;
-    struct Case {
-        char const* why;
-        LookUp asked;
-        IDs typeIDs;
-        Formats supported;
-    };
-    std::string const none = "none";
-    Case const cases[] = {
-        {"by identifier", [&] { discard(catalogue.getSerialiserFor(none, 1)); }, {1}, {"b", "a"}},
-        {"by list",
-         [&] {
-             discard(catalogue.getSerialiserFor(none, IDs{1, 2}));
-         },
-         {1, 2},
-         {"b"}},
-        {"by view",
-         [&] {
-             discard(catalogue.getSerialiserFor(none, viewOf({3, 1}, 1)));
-         },
-         {1},
-         {"b", "a"}},
-        {"by payload",
-         [&] {
-             discard(catalogue.getSerialiserFor(none, payloadOf({1, 2})));
-         },
-         {1, 2},
-         {"b", "a"}},
-        {"unknown list", [&] { discard(catalogue.getSerialiserFor(none, IDs{})); }, {}, {"a"}},
-        {"deserialiser", [&] { discard(catalogue.getDeserialiserFor(none, 1)); }, {1}, {"r"}},
-    };
-    for (auto const& [why, asked, typeIDs, supported] : cases) {
+    catalogue.add(record("json", 1, {1}, "json"));
+    catalogue.add(record("text", 1, {1, 2}, "pair"));
+    catalogue.add(record("bin", 2, {}, "bin"));
+    catalogue.add(reader("json", 1, 10));
+    for (auto const& [why, asked, expected] : lookUps) {
         SCOPED_TRACE(why);
         try {
-            asked();
-            FAIL() << "found";
+            EXPECT_EQ(asked(catalogue), expected);
         } catch (LookUpError const& error) {
-            EXPECT_EQ(error.wireFormat(), none);
-            EXPECT_EQ(error.typeIDs(), typeIDs);
-            EXPECT_EQ(error.typeID(), typeIDs.empty() ? 0 : typeIDs.front());
-            EXPECT_EQ(error.supportedWireFormats(), supported);
+            EXPECT_EQ(error.what() + (": " + said(error.typeIDs())) + ", " +
+                          said(error.supportedWireFormats()),
+                      expected);
+            EXPECT_EQ(error.typeID(), error.typeIDs().empty() ? 0 : error.typeIDs().front());
+        } catch (std::out_of_range const&) {
+            EXPECT_EQ("out of range", expected);
         }
     }
 }

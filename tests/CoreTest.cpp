@@ -4,6 +4,10 @@
 
 using namespace tests;
 
+inline int nullptrNot; // an address that begins like no address
+static_assert(getTypeID<golden::Value<&nullptrNot>>() !=
+              getTypeID<golden::Value<static_cast<int*>(nullptr)>>());
+
 std::uint64_t idOfAnotherFilesMine(); // in StopTokenTest.cpp
 
 namespace {
@@ -26,26 +30,24 @@ TEST(TypeID, GivesWhatBelongsToAFileAnIdentifierOfItsOwn) {
 #endif
 }
 
+// What compilers call what has no name, what belongs to one file, and what they spell in two ways.
 TEST(TypeID, KnowsNamesThatNothingTellsApart) {
     using namespace courier::hub::core::detail;
     for (auto const* const name :
          {"main()::<lambda(int)>", "(lambda at a.cpp:3:5)", "n::<unnamed struct>",
-          "n::(unnamed struct at a.cpp:3:5)", "n::Of<(anonymous namespace)::(unnamed at a.cpp:1)>",
-          "main()::<lambda()>::T", "(anonymous class)::T"}) {
+          "n::Of<(anonymous namespace)::(unnamed at a.cpp:1)>", "(anonymous class)::T"}) {
         EXPECT_TRUE(hasUnnamedPart(name)) << name;
     }
     for (auto const* const name :
-         {"{anonymous}::T", "(anonymous namespace)::T", "std::vector<{anonymous}::T>", "main()::T",
-          "n::S::f() const::T", "n::S::f() &&::T", "n::S::f() volatile::T",
-          "n::f() requires  true::T"}) {
+         {"{anonymous}::T", "(anonymous namespace)::T", "main()::T", "n::S::f() const::T",
+          "n::S::f() &&::T", "n::S::f() volatile::T", "n::f() requires  true::T"}) {
         EXPECT_TRUE(isOfOneFile(name)) << name;
         EXPECT_FALSE(hasUnnamedPart(name)) << name;
         EXPECT_FALSE(hasUnspelledArgument(name)) << name;
     }
     for (auto const* const name :
          {"n::anonymous::T", "void (n::S::*)() const", "std::function<void (int) const>::T",
-          "n::my_const::T", "int &(*)(long &&)", "n::V<int (&)[3], true>::T", "V<3>::T",
-          "V<int, -3>::T", "V<(& n::x)>::T", "V<&n::x>::T", "V<'a'>::T"}) {
+          "n::my_const::T", "int &(*)(long &&)", "V<int, -3>::T", "V<(& n::x)>::T", "V<'a'>::T"}) {
         EXPECT_FALSE(isOfOneFile(name)) << name;
         EXPECT_FALSE(hasUnspelledArgument(name)) << name;
     }
@@ -75,8 +77,14 @@ TEST(GenericPayload, HoldsElementsByType) {
     EXPECT_EQ(&payload.get<std::string>(2), &text);
     EXPECT_EQ(text, "xxx");
     EXPECT_THROW(discard(payload.get<int>(3)), std::out_of_range);
-    GenericPayload const taken(std::move(payload));
+    payload.objects.push_back(std::make_shared<int>());
+    GenericPayload taken;
+    taken = std::move(payload);
+    EXPECT_EQ(taken.objects.size(), 1U);
+    EXPECT_EQ(taken.elementCount, 3U);
     EXPECT_TRUE(payload.typeIDs.empty());
     EXPECT_TRUE(payload.values.empty());
-    EXPECT_EQ(payload.elementCount + taken.elementCount, 6U);
+    EXPECT_EQ(payload.elementCount, 3U);
+    payload.emplace<int>(1);
+    EXPECT_EQ(payload.elementCount, 1U);
 }

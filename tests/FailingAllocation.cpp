@@ -46,18 +46,6 @@ EARLY void* counted(void* block) {
     return block;
 }
 
-EARLY void release(void* block) noexcept {
-    freed += block != nullptr;
-    NEXT(free)(block);
-}
-
-void* allocate(std::size_t size) {
-    void* const block = tests::isFault() ? nullptr : counted(NEXT(malloc)(size));
-    if (block == nullptr) {
-        throw std::bad_alloc();
-    }
-    return block;
-}
 } // namespace
 
 namespace tests {
@@ -79,18 +67,24 @@ EARLY void* REPLACED(realloc)(void* ptr, std::size_t size) noexcept {
     void* const larger = tests::isFault() ? nullptr : NEXT(realloc)(ptr, size);
     return ptr == nullptr ? counted(larger) : larger;
 }
-EARLY void REPLACED(free)(void* ptr) noexcept { release(ptr); }
+EARLY void REPLACED(free)(void* ptr) noexcept {
+    freed += ptr != nullptr;
+    NEXT(free)(ptr);
+}
 }
 
 // Those for arrays call these.
-void* operator new(std::size_t size) { return allocate(size); }
-void operator delete(void* block) noexcept { release(block); }
-void operator delete(void* block, std::size_t) noexcept { release(block); }
+void* operator new(std::size_t size) {
+    void* const block = REPLACED(malloc)(size);
+    return block != nullptr ? block : throw std::bad_alloc();
+}
+void operator delete(void* block) noexcept { REPLACED(free)(block); }
+void operator delete(void* block, std::size_t) noexcept { REPLACED(free)(block); }
 
 // The start of the whole block lies before the aligned one.
 void* operator new(std::size_t size, std::align_val_t alignment) {
     auto const step = static_cast<std::size_t>(alignment);
-    auto* const block = static_cast<char*>(allocate(size + step));
+    auto* const block = static_cast<char*>(operator new(size + step));
     char* const aligned = block + step - reinterpret_cast<std::uintptr_t>(block) % step;
     std::memcpy(aligned - sizeof(block), &block, sizeof(block));
     return aligned;
@@ -99,7 +93,7 @@ void operator delete(void* aligned, std::align_val_t) noexcept {
     if (aligned != nullptr) {
         void* block = nullptr;
         std::memcpy(&block, static_cast<char*>(aligned) - sizeof(block), sizeof(block));
-        release(block);
+        operator delete(block);
     }
 }
 void operator delete(void* aligned, std::size_t, std::align_val_t alignment) noexcept {

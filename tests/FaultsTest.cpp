@@ -71,6 +71,7 @@ struct World {
         out << payload.values.size() << payload.typeIDs.size() << payload.elementCount;
         out << shared->get().values.size() << shared->getSentinel()->isReleased();
         out << written(serialiser) << valueRead(deserialiser) << record.getWireFormat();
+        out << (deserialiser.getHandle() == nullptr);
         out << readRecord.getWireFormat() << readRecord.getTypeID();
         out << valueRead(readRecord.getDeserialiser());
         deferred(out);
@@ -99,7 +100,7 @@ struct World {
     GenericSerialiser::Routine write = [mine = Careless()](auto, auto& to) { mine(to); };
     GenericSerialiser serialiser{write};
     GenericDeserialiser deserialiser = reading<int>([](auto&) { return 1; });
-    GenericDeserialiser source2 = carelessReader();
+    GenericDeserialiser source2 = reading<int>(Careless(), element);
     DeferredSerialiser deferred;
     Serialiser record = carelessRecord("old", 1);
     Serialiser newRecord = carelessRecord(longText, elementID + 8);
@@ -123,11 +124,9 @@ constexpr Operation operations[] = {
     DO(ByteBuffer made(w.buffer.makeView(0, 0))),
     DO(discard(w.buffer.clone())),
     DO(w.buffer.append(w.argument)),
-    DO(w.buffer.append(std::move(w.argument))),
     DO(w.buffer.append(w.buffer)),
     DO(w.buffer.append(w.list)),
-    DO(w.buffer.append(std::move(w.list))),
-    DO(w.buffer.append(std::move(w.vector))),
+    DO(w.buffer.append(w.vector)),
     DO(w.buffer.append(w.buffer.makeView(2, 3))),
     DO(w.buffer.push_back(w.buffer[1])),
     DO(w.buffer.reserve(2000)),
@@ -136,7 +135,6 @@ constexpr Operation operations[] = {
     DO(discard(adopt(std::move(w.vector)))),
     DO(discard(adopt(w.argument.first(2), w.element))),
     DO(discard(w.buffer.makeView(0, 0).append(w.list))),
-    DO(discard(w.buffer.makeView(0, 0).append(w.argument.makeView(0, 0)))),
     DO(ByteBufferIStreambuf made(std::make_unique<ByteBuffer>(w.buffer.clone()))),
     DO(++w.byte),
     DO(++w.character),
@@ -145,8 +143,6 @@ constexpr Operation operations[] = {
     DO(discard(GenericPayloadWrapperPtr::make(std::move(w.payload)))),
     DO(GenericSerialiser made(w.write, stop_source(), longText, w.element)),
     DO(w.serialiser(w.sent)),
-    DO(w.serialiser(stop_token(), w.sent)),
-    DO(w.serialiser = GenericSerialiser(w.write)),
     DO(discard(carelessReader())),
     DO(GenericDeserialiser made(w.source2)),
     DO(w.deserialiser = w.source2),

@@ -59,11 +59,15 @@ TEST(Deserialisers, WrapWhateverTheirRoutineReturns) {
     std::istringstream in("abcdef");
     EXPECT_EQ(reading<void>([](auto& stream) { stream.ignore(3); })(in).elementCount, 0U);
     EXPECT_EQ(in.tellg(), 3);
-    EXPECT_EQ(reading<int>([](auto& stream) { return stream.get(); })(in).get<int>(0), 'd');
+    GenericPayload const one = reading<int>([](auto& stream) { return stream.get(); })(in);
+    EXPECT_EQ(one.elementCount, 1U);
+    EXPECT_EQ(one.get<int>(0), 'd');
     auto const whole = reading<GenericPayload>([](auto&) { return payloadOf({7, 8}); });
     EXPECT_EQ(whole(in).typeIDs, (IDs{7, 8}));
     GenericDeserialiser const empty{std::function<void(std::istream&)>()};
     EXPECT_THROW(discard(empty(in)), std::bad_function_call);
+    GenericDeserialiser const null(static_cast<void (*)(std::istream&)>(nullptr));
+    EXPECT_THROW(discard(null(in)), std::bad_function_call);
 }
 
 TEST(Deserialisers, ShareTheirHandleWithCopiesAndHandItOverInMoves) {
@@ -82,16 +86,16 @@ TEST(Deserialisers, ShareTheirHandleWithCopiesAndHandItOverInMoves) {
 }
 
 TEST(DeferredSerialiser, CopiesAndMovesAsItsRoutine) {
-    auto const show = [](DeferredSerialiser const& held) {
-        std::ostringstream out;
-        return outcome([&] { return held(out), out.str(); });
-    };
     DeferredSerialiser counting([n = 0](std::ostream& stream) mutable { stream << ++n; });
-    EXPECT_EQ(show(DeferredSerialiser(counting)), "1");
-    EXPECT_EQ(show(counting), "1"); // not what its copy counts
     DeferredSerialiser object([](std::ostream& stream) { stream << "x"; });
-    EXPECT_EQ(show(object), "x");
-    passOn(object, counting, show); // what a std::function leaves behind is up to the library
+    std::ostringstream out;
+    DeferredSerialiser{counting}(out);
+    counting(out); // not what its copy counts
+    EXPECT_EQ(out.str(), "11");
+    passOn(object, counting, [](DeferredSerialiser const& held) {
+        std::ostringstream said;
+        return outcome([&] { return held(said), said.str(); });
+    }); // what a std::function leaves behind is up to the library
 }
 
 TEST(Records, CallTheFactoryForTheArgumentsAndNoOther) {
@@ -108,7 +112,12 @@ TEST(Records, CallTheFactoryForTheArgumentsAndNoOther) {
     GenericPayloadView view = viewOf({1}, 0);
     EXPECT_THROW(discard(object.getSerialiser(std::move(view), {})), std::bad_function_call);
     EXPECT_THROW(discard(object.getSerialiser(std::move(view))), std::bad_function_call);
-    EXPECT_TRUE(view.wrapper); // nothing was taken
+    EXPECT_TRUE(view.wrapper);                                       // nothing was taken
+    auto const make = [](auto&&...) { return GenericSerialiser(); }; // and no other stands in
+    Serialiser const viewed("", 0, {}, make, nullptr, make);
+    Serialiser const stoppable("", 0, {}, nullptr, make, make);
+    EXPECT_THROW(discard(viewed.getSerialiser(std::move(view), {})), std::bad_function_call);
+    EXPECT_THROW(discard(stoppable.getSerialiser(std::move(view))), std::bad_function_call);
     EXPECT_EQ(other.getTypeID(), 7U);
     EXPECT_EQ(other.getTypeIDs(), (IDs{7, 3, 7}));
 

@@ -35,6 +35,21 @@ TEST(SharedPayload, NamesItsElementsByView) {
     EXPECT_THROW(discard(view.getTypeID()), std::out_of_range);
 }
 
+TEST(SharedPayload, SentinelWakesAllThatWait) {
+    Sentinel sentinel;
+    std::atomic<int> waiting = 0;
+    std::vector<std::thread> threads(4);
+    for (std::thread& each : threads) {
+        each = std::thread([&] { ++waiting, sentinel.wait(); });
+    }
+    while (waiting < 4) {
+        std::this_thread::yield();
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // until they do
+    sentinel.notify();
+    std::ranges::for_each(threads, &std::thread::join);
+}
+
 TEST(SharedPayload, SentinelWaitsNoLongerThanAsked) {
     Sentinel sentinel;
     EXPECT_FALSE(sentinel.waitFor(std::chrono::milliseconds(1)));

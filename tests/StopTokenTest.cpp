@@ -30,7 +30,9 @@ TEST(StopToken, SharesOneStateWithEverySource) {
         EXPECT_EQ(written, 1);
     });
     written = 1;
+    EXPECT_FALSE(copy.stop_requested());
     EXPECT_TRUE(copy.request_stop());
+    EXPECT_TRUE(copy.stop_requested());
     observer.join();
     EXPECT_FALSE(other.request_stop());
 }

@@ -13,17 +13,13 @@ TEST(ByteStream, IsAtItsEndWithoutASource) {
 }
 
 TEST(ByteStream, LeavesAMovedFromSourceAtItsEnd) {
-    for (MakeBuffer make : kinds) {
-        Blocks blocks;
-        ByteBufferByteStreamImpl source(make(blocks, "abc")), other(make(blocks, "other"));
-        source.getByte();
-        EXPECT_EQ(passOn(source, other, [](auto& from) { return from ? "more" : "end"; }), "end");
-        EXPECT_EQ(blocks.freed, blocks.made / 2);
-        EXPECT_EQ(other.getByte(), std::byte{'b'});
-        EXPECT_ERROR(std::out_of_range,
-                     "Attempt to access position beyond the end of the ByteBuffer",
-                     source.getByte());
-    }
+    Blocks blocks;
+    ByteBufferByteStreamImpl source(blocks.adopt("abc")), other(blocks.adopt("other"));
+    source.getByte();
+    EXPECT_EQ(passOn(source, other, [](auto& from) { return from ? "more" : "end"; }), "end");
+    EXPECT_EQ(blocks.freed, 1);
+    EXPECT_EQ(other.getByte(), std::byte{'b'});
+    EXPECT_THROW(source.getByte(), std::out_of_range);
 }
 
 TEST(ByteStream, IteratorsAreEqualOverOneSource) {
@@ -58,24 +54,20 @@ TEST(IStreambuf, ReadsForAClassDerivedFromIt) { // which may call these though b
     }
 }
 
-template <class Streambuf> void showsWhatIsUnread(std::string const& movedFrom) {
+template <class Streambuf> void passesOnWhatIsUnread(std::string const& movedFrom) {
     static_assert(!std::is_constructible_v<Streambuf, ByteBuffer>);
     static_assert(!std::is_constructible_v<Streambuf, ByteBuffer const>);
     ByteBuffer const buffer(bytes("an example"));
     Streambuf source(buffer), other(buffer);
-    source.sbumpc();
-    source.skip(2);
-    EXPECT_EQ(source.unread().data(), buffer.data() + 3);
-    EXPECT_ERROR(std::out_of_range, "Requested to skip more bytes than exist", source.skip(8));
+    source.skip(3);
     EXPECT_EQ(passOn(source, other, [](auto& from) { return text(from.unread()); }), movedFrom);
-    EXPECT_EQ(text(other.unread()), "example");
+    EXPECT_EQ(other.unread().data(), buffer.data() + 3);
     other.skip(7);
-    EXPECT_EQ(other.sgetc(), std::char_traits<char>::eof());
-    EXPECT_EQ(other.sungetc(), 'e');
+    EXPECT_EQ(other.sungetc(), 'e'); // what was skipped can be put back
 }
-TEST(IStreambuf, ShowsWhatIsUnread) {
-    showsWhatIsUnread<ByteBufferIStreambuf>("");
-    showsWhatIsUnread<NonOwningByteBufferViewIStreambuf>("example");
+TEST(IStreambuf, PassesOnWhatIsUnread) {
+    passesOnWhatIsUnread<ByteBufferIStreambuf>("");
+    passesOnWhatIsUnread<NonOwningByteBufferViewIStreambuf>("example");
 }
 
 TEST(OStreambuf, GrowsToTwiceItsSize) {

@@ -273,7 +273,9 @@ template <auto value, class Out> constexpr void spellValue(Out& out) noexcept {
         // constant.
         constexpr std::string_view name =
             nameInAddress(argumentOf(compilersName<OfValue<value>>()));
-        constexpr bool isNull = (name[0] >= '0' && name[0] <= '9') || startsWith(name, "nullptr");
+        constexpr std::string_view null = "nullptr";
+        constexpr bool isNull = (name[0] >= '0' && name[0] <= '9') ||
+                                (name.size() == null.size() && startsWith(name, null));
         static_assert(
             isNull || (!hasUnnamedPart(name) && !isOfOneFile(name) && !hasPartOfObject(name)),
             "the address of a part of an object, of an operator, or of what belongs to "
