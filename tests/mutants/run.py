@@ -3,9 +3,9 @@
 """Seeds the faults of this directory's lists into a copy of the sources, one at a time, and runs
 the tests on each: a fault that no test notices shows a promise that nothing guards.
 
-A fault is tried on a plain build first, and under the sanitizers if it survives there. What does
-not compile is caught, by a static_assert. Faults that change nothing stand as [[same]], with the
-reason, and are not tried.
+A fault is tried on a plain build first, and under the sanitizers if it survives there; one that
+`needs` a sanitizer, under that one only. What does not compile is caught, by a static_assert. Faults
+that change nothing stand as [[same]], with the reason, and are not tried.
 """
 
 import argparse
@@ -16,8 +16,8 @@ import subprocess
 import tomllib
 
 PROGRAMS = ["replay_buffers", "replay_streams", "replay_catalogue", "courier_tests"]
-BUILDS = {  # the fastest compiler to build with, and under ThreadSanitizer the one that serves
-    "tests": ("clang++", "-O0 -g0"),
+BUILDS = {
+    "tests": ("g++", "-O0 -g0"),
     "asan": ("clang++", "-O1 -g0 -fsanitize=address,undefined -fno-sanitize-recover=all"),
     "tsan": ("g++", "-O1 -g0 -fsanitize=thread"),
 }
@@ -106,6 +106,8 @@ def main():
         if not target.exists() or target.read_bytes() != bytes_:
             target.parent.mkdir(parents=True, exist_ok=True)
             target.write_bytes(bytes_)
+    if options.tests_only:
+        faults = [fault for fault in faults if "needs" not in fault]
     trees = [Tree(name, source, options.directory, options.jobs)
              for name in (["tests"] if options.tests_only else BUILDS)]
     for tree in trees:
@@ -117,10 +119,11 @@ def main():
         target = source / fault["file"]
         text = target.read_text()
         target.write_text(text.replace(fault["old"], fault["new"]))
+        by = None
         try:
-            for tree in trees:
-                by = tree.catches(fault["file"])
-                if by:
+            needed = fault.get("needs")
+            for tree in [each for each in trees if needed in (None, each.name)]:
+                if by := tree.catches(fault["file"]):
                     break
         finally:
             target.write_text(text)
