@@ -39,33 +39,41 @@ def figure(values, **more):
 def run_benchmarks(build, quick):
     """The medians of all repetitions, each divided by the operations it was made of."""
     samples = {}
-    # Whether a block can grow in place depends on what else its process has allocated: what appends
-    # has a process of its own, and runs once more among all the others.
-    runs = ((PROGRAMS[0], "^append", ""), *((each, ".", "fragmented_") for each in PROGRAMS))
-    for program, chosen, prefix in runs:
+
+    def run(program, chosen, repetitions, prefix=""):
         with tempfile.NamedTemporaryFile(suffix=".json") as out:
-            print(f"running {program} ...", file=sys.stderr)
-            run = subprocess.run(
+            ran = subprocess.run(
                 [build / program, f"--benchmark_filter={chosen}",
                  "--benchmark_enable_random_interleaving=true",
-                 f"--benchmark_repetitions={3 if quick else 25}",
+                 f"--benchmark_repetitions={repetitions}",
                  f"--benchmark_min_time={0.01 if quick else 0.02}",
                  f"--benchmark_out={out.name}", "--benchmark_out_format=json"],
                 capture_output=True, text=True)
-            if run.returncode:
-                sys.exit(run.stderr)
-            runs = json.load(out)["benchmarks"]
-        for run in (run for run in runs if run["run_type"] == "iteration"):
-            clock = "real_time" if "_time" in run["run_name"] else "cpu_time"
-            name = re.match(r"[^/]+/\d+/\w+", run["run_name"])[0]
+            if ran.returncode:
+                sys.exit(ran.stderr)
+            results = json.load(out)["benchmarks"]
+        for result in (each for each in results if each["run_type"] == "iteration"):
+            clock = "real_time" if "_time" in result["run_name"] else "cpu_time"
+            name = re.match(r"[^/]+/\d+/\w+", result["run_name"])[0]
             if name.startswith("append"):
                 name = prefix + name
-            if run["threads"] > 1:
-                name += f"@{run['threads']}"
+            if result["threads"] > 1:
+                name += f"@{result['threads']}"
             one = samples.setdefault(name, {"times": [], "allocations": [], "bytes": []})
-            one["times"].append(run[clock] / run["operations"])
-            one["allocations"].append(run["allocations"])
-            one["bytes"].append(run.get("bytes", 0))
+            one["times"].append(result[clock] / result["operations"])
+            one["allocations"].append(result["allocations"])
+            one["bytes"].append(result.get("bytes", 0))
+
+    for program in PROGRAMS:
+        print(f"running {program} ...", file=sys.stderr)
+        run(program, ".", 3 if quick else 25, "fragmented_")
+    # Whether a block can grow in place depends on what else its process has allocated: what appends
+    # has run among all the others, and runs again in a process of its own.
+    appends = subprocess.run([build / PROGRAMS[0], "--benchmark_list_tests",
+                              "--benchmark_filter=^append"], capture_output=True, text=True)
+    for _ in range(3 if quick else 5):
+        for name in appends.stdout.split():
+            run(PROGRAMS[0], f"^{re.escape(name)}$", 1 if quick else 5)
     figures = {}
     for name, one in samples.items():
         figures[name] = figure(one["times"],

@@ -71,7 +71,8 @@ TEST(ByteBuffer, TakesOverWhatItsOwnBlockKeptAlive) {
 TEST(ByteBuffer, DestroysWhatItAdoptsExactlyOnce) {
     auto const alive = std::make_shared<int>();
     struct Owner : std::string {
-        Owner(char const* text, std::shared_ptr<int> count) : std::string(text), counted(count) {}
+        Owner(char const* text, std::shared_ptr<int> count)
+            : std::string(text), counted(std::move(count)) {}
         std::shared_ptr<int> counted;
     };
     ByteBuffer const buffer = adopt(Owner("short", alive));
