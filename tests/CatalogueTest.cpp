@@ -19,8 +19,8 @@ TEST(CatalogueDeathTest, EndsTheProcessOnADuplicate) {
     EXPECT_DEATH(catalogue.add(reader("wf", 1, 2)),
                  "^Attempted to add duplicate deserialiser for wf ");
 #ifndef _WIN32
-    EXPECT_EXIT(bedrock::core::diag::terminate("why", "file", 7, "function"),
-                testing::KilledBySignal(SIGABRT), "^why \\[file:7, function]\n$");
+    EXPECT_EXIT(bedrock::core::diag::terminate("50 %d", "file", 7, "function"),
+                testing::KilledBySignal(SIGABRT), "^50 %d \\[file:7, function]\n$");
 #endif
     EXPECT_TRUE(bedrock_diag_set_terminate(false)); // returns the value before
     catalogue.add(reader("wf", 1, 2));
@@ -55,6 +55,10 @@ struct LookUp {
 LookUp const lookUps[] = {
     {"an element in a format", ASK(c.getSerialiserFor("json", viewOf({9, 1}, 1))), "json view"},
     {"the same, to be stopped", ASK(c.getSerialiserFor("json", viewOf({1}, 0), {})), "json stop"},
+    {"the same, by nobody",
+     ASK(c.getSerialiserFor("json", viewOf({1}, 0),
+                            stop_source(bedrock::concurrent::threadpool::nostopstate))),
+     "json stop"},
     {"a record by identifier", ASK(c.getSerialiserFor("text", 1)), "pair payload"},
     {"a payload by its list", ASK(c.getSerialiserFor("text", payloadOf({1, 2}))), "pair payload"},
     {"a payload by its first element, if no record has the list",

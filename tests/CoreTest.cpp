@@ -70,12 +70,16 @@ TEST(GenericPayload, HoldsElementsByType) {
     EXPECT_ERROR(courier::hub::core::BadElementType,
                  "Element 1 has type identifier 0x4C3B1FACE658E2A8 but no value",
                  payload.get<double>(1));
+    EXPECT_STREQ(courier::hub::core::BadElementType(10, 16, 16).what(),
+                 "Element 10 has type identifier 0x10 but no value");
     EXPECT_STREQ(courier::hub::core::BadElementType(~std::size_t{0}, ~0ULL, ~0ULL - 1).what(),
                  "Element 18446744073709551615 has type identifier 0xFFFFFFFFFFFFFFFF, not "
                  "0xFFFFFFFFFFFFFFFE");
     auto& text = payload.emplace<std::string>(3, 'x');
     EXPECT_EQ(&payload.get<std::string>(2), &text);
     EXPECT_EQ(text, "xxx");
+    EXPECT_THROW(discard(payload.get<int>(3)), std::out_of_range);
+    payload.typeIDs.push_back(getTypeID<int>()); // without a value
     EXPECT_THROW(discard(payload.get<int>(3)), std::out_of_range);
     payload.objects.push_back(std::make_shared<int>());
     GenericPayload taken;

@@ -162,7 +162,8 @@ TEST(StoppableOStream, ThrowsWhatIsWrongWithTheTarget) {
             EXPECT_ERROR(ios_base::failure, failed, write(hasFailed));
             EXPECT_THROW(write(broken), std::bad_alloc);
             EXPECT_EQ(small.got + hasFailed.got, content == "x" ? "" : "lon");
-            EXPECT_EQ(small.stream.bad() + broken.stream.bad(), 2);
+            EXPECT_TRUE(small.stream.bad());
+            EXPECT_TRUE(broken.stream.bad());
         }
     }
     Target target;

@@ -156,12 +156,30 @@ TEST_F(RegistrationTest, TakesElementsByValueOrByOwningPointer) {
                  readAs("null", getTypeID<Price>()));
     EXPECT_EQ(readAs("value", getTypeID<Pair>()).get<Order>(1).number, 1);
     EXPECT_EQ(catalogue.getDeserialiserFor("value", getTypeID<Price>()).getHandle(), handle);
+    EXPECT_EQ(handle.use_count(), 2);
 }
 
 TEST_F(RegistrationTest, RefusesNamesThatNobodyCouldAskFor) {
     for (auto const* const name : {"", "*"}) {
         EXPECT_THROW(addWriter<Price>(catalogue, name, writePrice), std::invalid_argument) << name;
         EXPECT_THROW(addReader<Price>(catalogue, name, readPrice), std::invalid_argument) << name;
+    }
+    EXPECT_EQ(catalogue.getSupportedWireFormats(getTypeID<Price>()), Formats());
+    addWriter<Price>(catalogue, "*.csv", writePrice);
+}
+
+TEST_F(RegistrationTest, RegistersNoReaderWithoutItsWriter) {
+    constexpr auto id = getTypeID<Price>();
+    bool failed = true;
+    for (std::size_t n = 0; failed; ++n) {
+        Catalogue fresh;
+        failAfter(n);
+        try {
+            addFormat<Price>(fresh, "text", writePrice, readPrice);
+        } catch (std::bad_alloc const&) {
+        }
+        failed = stopFailing();
+        EXPECT_GE(fresh.getSupportedWireFormats(id).size(), fresh.hasDeserialiserFor("text", id));
     }
 }
 

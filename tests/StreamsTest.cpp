@@ -39,7 +39,8 @@ TEST(IStreambuf, RefusesWhatIsNotThere) {
     EXPECT_THROW(NonOwningByteBufferViewIStreambuf{null}, std::invalid_argument);
     char target = 'x';
     NonOwningByteBufferViewIStreambuf some(ByteBufferView(std::string_view("some")));
-    EXPECT_EQ(some.sgetn(&target, 0) + some.sgetn(&target, -1), 0);
+    EXPECT_EQ(some.sgetn(&target, 0), 0);
+    EXPECT_EQ(some.sgetn(&target, -1), 0);
     EXPECT_EQ(some.sgetc(), 's');
 }
 

@@ -75,11 +75,14 @@ TEST_F(Threads, UseEverythingThatTheyMayAtOnce) {
     };
     start(17, read); // more than the lock has stripes
     start(fanOuts, fanOut);
-    for (int id = 0; id < rounds; ++id) {
-        auto const typeID = static_cast<std::uint64_t>(id);
-        catalogue.add(reader(format(id), typeID, id));
-        catalogue.add(record(format(id), typeID, {typeID}, "r"));
-    }
+    std::atomic<int> next = 0;
+    start(2, [&] {
+        for (int id = next++; id < rounds; id = next++) {
+            auto const typeID = static_cast<std::uint64_t>(id);
+            catalogue.add(reader(format(id), typeID, id));
+            catalogue.add(record(format(id), typeID, {typeID}, "r"));
+        }
+    });
     join();
     EXPECT_EQ(found, 8 * 17 * rounds);
     EXPECT_EQ(sent, destroyed);
@@ -159,7 +162,8 @@ TEST_F(Threads, MoveAndCopyWhatIsBeingAssigned) {
             if (round % 2 == 1) {
                 moved = std::move(source);
             }
-            EXPECT_EQ(valueRead(*copy) + valueRead(moved), 14);
+            EXPECT_EQ(valueRead(*copy), 7);
+            EXPECT_EQ(valueRead(moved), 7);
         });
         target = source;
         join();
