@@ -173,20 +173,3 @@ TEST_F(ReentrantTest, RefusesToRegisterAndStaysUsable) {
     EXPECT_EQ(catalogue.getSupportedWireFormats(4), Formats{"new"});
     EXPECT_TRUE(catalogue.hasDeserialiserFor("new", 4));
 }
-
-TEST_F(ReentrantTest, LooksUpWhileARecordIsCopiedOut) {
-    struct CopyLooksUp {
-        CopyLooksUp(ReentrantTest& t) : test(&t) {}
-        CopyLooksUp(CopyLooksUp const& from) : test(from.test), armed(from.armed) {
-            if (*armed) {
-                test->lookUpEverything();
-            }
-        }
-        int operator()(std::istream&) const { return 1; }
-        ReentrantTest* test;
-        std::shared_ptr<bool> armed = std::make_shared<bool>(false);
-    } copied(*this);
-    catalogue.add(Deserialiser("copies", 7, reading<int>(copied)));
-    *copied.armed = true;
-    EXPECT_EQ(valueRead(catalogue.getDeserialiserFor("copies", 7)), 1);
-}

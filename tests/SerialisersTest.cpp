@@ -89,15 +89,9 @@ TEST(Deserialisers, ShareTheirHandleWithCopiesAndHandItOverInMoves) {
 }
 
 TEST(DeferredSerialiser, CopiesAndMovesAsItsRoutine) {
-    DeferredSerialiser counting([n = 0](std::ostream& stream) mutable { stream << ++n; });
     DeferredSerialiser object([](std::ostream& stream) { stream << "x"; });
-    std::ostringstream out;
-    DeferredSerialiser const empty{std::function<void(std::ostream&)>()};
-    EXPECT_THROW(empty(out), std::bad_function_call);
-    DeferredSerialiser{counting}(out);
-    counting(out); // not what its copy counts
-    EXPECT_EQ(out.str(), "11");
-    passOn(object, counting, [](DeferredSerialiser const& held) {
+    DeferredSerialiser other{std::function<void(std::ostream&)>()};
+    passOn(object, other, [](DeferredSerialiser const& held) {
         std::ostringstream said;
         return outcome([&] { return held(said), said.str(); });
     }); // what a std::function leaves behind is up to the library
