@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Modules that meet at run time, one of them built by the other compiler.
-#include "../examples/common/Modules.h"
 #include "Support.h"
+#include "examples/program/LoadedModules.h"
 
 #include <map>
 
@@ -28,7 +28,7 @@ TEST(ModulesTest, OfTwoCompilersServeEachOtherAndUnload) {
     }
     for (int round = 0; round < 2; ++round) {
         {
-            courier::examples::Modules modules;
+            courier::examples::LoadedModules modules;
             Catalogue catalogues[2];
             for (auto& catalogue : catalogues) {
                 modules.load(MODULE_DIR, catalogue, 0);

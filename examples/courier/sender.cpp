@@ -2,11 +2,12 @@
 // Sends files as the elements of one payload, one message for each, to whichever workers there are,
 // and says what became of them.
 
-#include "Coding.h"
 #include "Messages.h"
 #include "Options.h"
-#include "Program.h"
-#include "Text.h"
+#include "examples/program/Coding.h"
+#include "examples/program/Run.h"
+#include "examples/program/Sending.h"
+#include "examples/program/Text.h"
 
 #include <courier/hub/serialisation/FanOut.h>
 

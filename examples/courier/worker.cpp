@@ -2,11 +2,11 @@
 // Takes elements from a queue that it shares with other workers, and decodes each where it lies.
 // Prints a line for each: run, element, wire format, bytes, CRC-32, how often it was delivered.
 
-#include "Coding.h"
 #include "Messages.h"
 #include "Options.h"
-#include "Program.h"
-#include "Text.h"
+#include "examples/program/Coding.h"
+#include "examples/program/Run.h"
+#include "examples/program/Text.h"
 
 #include <unistd.h>
 

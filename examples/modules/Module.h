@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_MODULE_H
-#define COURIER_EXAMPLES_MODULE_H
+#ifndef COURIER_EXAMPLES_MODULES_MODULE_H
+#define COURIER_EXAMPLES_MODULES_MODULE_H
 
 #include <courier/hub/serialisation/Catalogue.h>
 

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The module of the element type Blob.
 
-#include "Blob.h"
-#include "Module.h"
-#include "ReadLimit.h"
+#include "examples/elements/Blob.h"
+#include "examples/formats/ReadLimit.h"
+#include "examples/modules/Module.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Registration.h>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The module of the element type Histogram, a plain struct.
 
-#include "CerealFormat.h"
-#include "Histogram.h"
-#include "Module.h"
+#include "examples/elements/Histogram.h"
+#include "examples/formats/CerealFormat.h"
+#include "examples/modules/Module.h"
 
 #include <cereal/types/string.hpp>
 #include <cereal/types/vector.hpp>

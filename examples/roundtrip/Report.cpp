@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Report.h"
+#include "examples/roundtrip/Report.h"
 
+#include <cstddef>
 #include <ostream>
-#include <sstream>
 
 namespace courier::examples {
 
@@ -53,14 +53,6 @@ void printOutcomes(std::ostream& out, std::vector<Element> const& elements,
                         result(outcome)});
     }
     printTable(out, rows, "<<<>>>>><");
-}
-
-void printProgress(std::ostream& out, Progress const& progress, std::size_t elements) {
-    std::ostringstream line; // written at once, so that it does not flicker
-    line << "\r\033[K" << grouped(progress.bytesOut / 1'000'000) << " MB written, "
-         << progress.written << " of " << counted(elements, "element") << " complete, "
-         << progress.done << " read back";
-    out << line.str() << std::flush;
 }
 
 } // namespace courier::examples

@@ -2,10 +2,9 @@
 #ifndef COURIER_EXAMPLES_ROUNDTRIP_REPORT_H
 #define COURIER_EXAMPLES_ROUNDTRIP_REPORT_H
 
-#include "Text.h"
-#include "Transfer.h"
+#include "examples/program/Text.h"
+#include "examples/roundtrip/Transfer.h"
 
-#include <cstddef>
 #include <iosfwd>
 #include <string>
 #include <vector>
@@ -19,9 +18,6 @@ void printTypes(std::ostream& out, hub::serialisation::SerialisationCatalogue co
 void printOutcomes(std::ostream& out, std::vector<Element> const& elements,
                    std::vector<std::string> const& wireFormats,
                    std::vector<Outcome> const& outcomes);
-
-/// How far the transfer is, over the line printed before.
-void printProgress(std::ostream& out, Progress const& progress, std::size_t elements);
 
 } // namespace courier::examples
 

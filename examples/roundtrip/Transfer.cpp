@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Transfer.h"
+#include "examples/roundtrip/Transfer.h"
 
-#include "Coding.h"
+#include "examples/program/Coding.h"
 
 #include <courier/hub/serialisation/FanOut.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <future>
 #include <memory>
 #include <utility>
@@ -20,15 +22,12 @@ namespace {
 
 // Throws what writing or reading throws; what was done until then is in the outcome.
 void roundTrip(Element const& element, GenericSerialiser&& serialise,
-               GenericDeserialiser const& deserialise, stop_token const& stop, Progress& progress,
-               Outcome& outcome) {
+               GenericDeserialiser const& deserialise, stop_token const& stop, Outcome& outcome) {
     auto start = Clock::now();
     ByteBuffer block = encode(std::move(serialise));
     outcome.writing = Clock::now() - start;
     outcome.bytesOut = block.size();
     outcome.isWritten = true;
-    progress.bytesOut += block.size();
-    ++progress.written;
     if (stop.stop_requested()) {
         return;
     }
@@ -44,7 +43,7 @@ void roundTrip(Element const& element, GenericSerialiser&& serialise,
 
 Transfer transfer(std::vector<Element> const& elements, std::vector<std::string> const& wireFormats,
                   SerialisationCatalogue const& catalogue, stop_source const& stop,
-                  std::size_t threads, std::function<void(Progress const&)> const& watch) {
+                  std::size_t threads) {
     // Looked up once and kept: the workers then share no lock.
     std::vector<GenericDeserialiser> deserialisers;
     GenericPayload payload;
@@ -60,19 +59,17 @@ Transfer transfer(std::vector<Element> const& elements, std::vector<std::string>
     auto [serialisers, sentinel] =
         createSerialisersFor(std::move(payload), catalogue, wireFormats, stop);
 
-    Progress progress;
     std::atomic<std::size_t> next{0};
     auto const work = [&, &made = serialisers] {
         for (std::size_t i = next++; i < elements.size(); i = next++) {
             try {
                 roundTrip(elements[i], std::move(made[i]), deserialisers[i], stop.get_token(),
-                          progress, result.outcomes[i]);
+                          result.outcomes[i]);
             } catch (std::exception const& error) {
                 if (!wasStopped(error)) {
                     result.outcomes[i].error = error.what();
                 }
             }
-            ++progress.done;
         }
     };
     std::vector<std::future<void>> workers;
@@ -80,15 +77,10 @@ Transfer transfer(std::vector<Element> const& elements, std::vector<std::string>
         workers.push_back(std::async(std::launch::async, work));
     }
 
-    constexpr std::chrono::milliseconds tick(20);
-    while (!sentinel->waitFor(tick)) {
-        watch(progress);
-    }
+    sentinel->wait();
     result.untilReleased = Clock::now() - start;
-    for (auto const& worker : workers) {
-        while (worker.wait_for(tick) != std::future_status::ready) {
-            watch(progress);
-        }
+    for (auto& worker : workers) {
+        worker.get();
     }
     return result;
 }

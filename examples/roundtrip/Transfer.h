@@ -2,16 +2,12 @@
 #ifndef COURIER_EXAMPLES_ROUNDTRIP_TRANSFER_H
 #define COURIER_EXAMPLES_ROUNDTRIP_TRANSFER_H
 
-#include "Elements.h"
-#include "Text.h"
+#include "examples/program/Element.h"
+#include "examples/program/Text.h"
 
 #include <courier/hub/serialisation/Catalogue.h>
 
-#include <atomic>
 #include <cstddef>
-#include <cstdint>
-#include <functional>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -25,33 +21,26 @@ struct Outcome {
     std::size_t bytesOut = 0;
     Seconds writing{};
     Seconds reading{};
-    std::string error; // empty where nothing failed
-};
-
-/// How far a transfer is; any thread may look at it at any time.
-struct Progress {
-    std::atomic<std::uint64_t> bytesOut{0};
-    std::atomic<std::size_t> written{0};
-    std::atomic<std::size_t> done{0};
+    std::string error; // empty if nothing failed
 };
 
 struct Transfer {
     std::vector<Outcome> outcomes; // one for each element
-    Seconds untilReleased{};       // from the start until the payload was gone
+    Seconds untilReleased{};       // from the start until the payload was destroyed
 };
 
 /// Sends the elements as one payload, element i in wire format i, on a number of threads; receives
-/// what was sent and compares. `watch` is called some fifty times a second on the calling thread.
+/// what was sent and compares.
 ///
 /// Each thread reads an element back as soon as it has written it, so that no more encoded and
 /// decoded elements are in memory at once than there are threads. An element whose write was
-/// stopped is not written; one that fails says so in its outcome, and the others go on. Throws what
-/// createSerialisersFor() and the look-ups of deserialisers throw, before anything is written.
+/// stopped is not written; one that fails has the error in its outcome and does not affect the
+/// others. Throws what createSerialisersFor() and the look-ups of deserialisers throw, before
+/// anything is written.
 [[nodiscard]] Transfer transfer(std::vector<Element> const& elements,
                                 std::vector<std::string> const& wireFormats,
                                 hub::serialisation::SerialisationCatalogue const& catalogue,
-                                hub::serialisation::stop_source const& stop, std::size_t threads,
-                                std::function<void(Progress const&)> const& watch);
+                                hub::serialisation::stop_source const& stop, std::size_t threads);
 
 } // namespace courier::examples
 

@@ -2,18 +2,15 @@
 // Sends files as one payload, receives them again and compares: an example of a program whose
 // serialisers come from modules.
 
-#include "Program.h"
-#include "Report.h"
-#include "Transfer.h"
+#include "examples/program/Run.h"
+#include "examples/program/Sending.h"
+#include "examples/roundtrip/Report.h"
+#include "examples/roundtrip/Transfer.h"
 
 #include <CLI/CLI.hpp>
 
-#include <unistd.h>
-
-#include <chrono>
 #include <cstdint>
 #include <iostream>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,7 +21,6 @@ using namespace courier::hub::serialisation;
 
 struct Options : Sending {
     std::uint64_t readLimit = defaultReadLimit;
-    std::optional<std::uint32_t> cancelAfter; // milliseconds
     bool list = false;
 };
 
@@ -43,7 +39,7 @@ int conclude(std::vector<Element> const& elements, Transfer const& result, bool 
     }
     std::string const all = " of " + counted(elements.size(), "element");
     std::cout << '\n'
-              << identical << all << " came back identical; the payload was gone after "
+              << identical << all << " came back identical; the payload was destroyed after "
               << static_cast<int>(result.untilReleased.count() * 1000) << " ms\n";
     if (identical == elements.size()) {
         return 0;
@@ -56,7 +52,7 @@ int conclude(std::vector<Element> const& elements, Transfer const& result, bool 
 }
 
 int sendAndReceive(Options const& options, SerialisationCatalogue const& catalogue,
-                   stop_source stop) {
+                   stop_source const& stop) {
     if (options.list) {
         printTypes(std::cout, catalogue);
         return 0;
@@ -64,30 +60,7 @@ int sendAndReceive(Options const& options, SerialisationCatalogue const& catalog
     auto const elements = loadAll(options.files, catalogue);
     auto const formats = resolveFormats(options.formats, elements, catalogue);
 
-    auto const deadline = std::chrono::steady_clock::now() +
-                          std::chrono::milliseconds(options.cancelAfter.value_or(0));
-    auto const cancelWhenDue = [&] {
-        if (options.cancelAfter && std::chrono::steady_clock::now() >= deadline) {
-            stop.request_stop();
-        }
-    };
-    cancelWhenDue(); // for 0, before anything is written
-
-    std::size_t total = 0;
-    for (Element const& element : elements) {
-        total += element.size;
-    }
-    bool const isProgressShown = total > std::size_t{64} << 20 && ::isatty(STDERR_FILENO) == 1;
-    Transfer const result = transfer(elements, formats, catalogue, stop, options.threads,
-                                     [&](Progress const& progress) {
-                                         cancelWhenDue();
-                                         if (isProgressShown) {
-                                             printProgress(std::cerr, progress, elements.size());
-                                         }
-                                     });
-    if (isProgressShown) {
-        std::cerr << "\r\033[K";
-    }
+    Transfer const result = transfer(elements, formats, catalogue, stop, options.threads);
     printOutcomes(std::cout, elements, formats, result.outcomes);
     return conclude(elements, result, stop.stop_requested());
 }
@@ -101,9 +74,6 @@ int main(int argc, char** argv) {
         "as a Document, any other as a Blob. Without files, takes some of this project.",
         "roundtrip");
     options.addTo(app, "write and read");
-    app.add_option("--cancel-after", options.cancelAfter, "Ask for a stop after this time")
-        ->check(CLI::NonNegativeNumber)
-        ->type_name("MS");
     addReadLimit(app, options.readLimit);
     app.add_flag("--list", options.list, "Print the types, and the wire formats of each");
     return run(app, argc, argv, "roundtrip", options.readLimit,

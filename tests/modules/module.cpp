@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Built by two compilers, under two values of WIRE_FORMAT. Registers that format and a "client of"
 // it, which does with the formats of every module what a client does, and writes how that went.
-#include "Module.h"
+#include "examples/modules/Module.h"
 
 #include <courier/hub/serialisation/FanOut.h>
 #include <courier/hub/serialisation/IOStreams.h>

@@ -2,7 +2,7 @@
 set(modules_dir ${CMAKE_CURRENT_BINARY_DIR}/modules)
 courier_add_module(module_here modules/module.cpp)
 target_compile_definitions(module_here PRIVATE WIRE_FORMAT="here")
-target_include_directories(module_here PRIVATE ${PROJECT_SOURCE_DIR}/examples/modules)
+target_include_directories(module_here PRIVATE ${PROJECT_SOURCE_DIR})
 set_target_properties(module_here PROPERTIES
     OUTPUT_NAME here
     LIBRARY_OUTPUT_DIRECTORY ${modules_dir})
@@ -37,7 +37,7 @@ else()
 endif()
 
 add_executable(modules_tests ModulesTest.cpp)
-target_include_directories(modules_tests PRIVATE ${PROJECT_SOURCE_DIR}/examples/modules)
+target_include_directories(modules_tests PRIVATE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(modules_tests PRIVATE
     MODULE_DIR="${modules_dir}" WIRE_FORMATS=${wire_formats})
 target_link_libraries(modules_tests

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Coding.h"
+#include "examples/program/Coding.h"
 
 #include <istream>
 #include <stdexcept>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Elements.h"
+#include "examples/program/Element.h"
 
 #include <courier/hub/serialisation/Streams.h>
 

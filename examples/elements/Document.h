@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_DOCUMENT_H
-#define COURIER_EXAMPLES_DOCUMENT_H
+#ifndef COURIER_EXAMPLES_ELEMENTS_DOCUMENT_H
+#define COURIER_EXAMPLES_ELEMENTS_DOCUMENT_H
 
 #include <nlohmann/json.hpp>
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_CEREAL_FORMAT_H
-#define COURIER_EXAMPLES_CEREAL_FORMAT_H
+#ifndef COURIER_EXAMPLES_FORMATS_CEREAL_FORMAT_H
+#define COURIER_EXAMPLES_FORMATS_CEREAL_FORMAT_H
 
-#include "ReadLimit.h"
+#include "examples/formats/ReadLimit.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Registration.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_BLOB_H
-#define COURIER_EXAMPLES_BLOB_H
+#ifndef COURIER_EXAMPLES_ELEMENTS_BLOB_H
+#define COURIER_EXAMPLES_ELEMENTS_BLOB_H
 
 #include <courier/hub/serialisation/Buffers.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_HISTOGRAM_H
-#define COURIER_EXAMPLES_HISTOGRAM_H
+#ifndef COURIER_EXAMPLES_ELEMENTS_HISTOGRAM_H
+#define COURIER_EXAMPLES_ELEMENTS_HISTOGRAM_H
 
 #include <cstdint>
 #include <string>

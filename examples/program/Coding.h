@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_COMMON_CODING_H
-#define COURIER_EXAMPLES_COMMON_CODING_H
+#ifndef COURIER_EXAMPLES_PROGRAM_CODING_H
+#define COURIER_EXAMPLES_PROGRAM_CODING_H
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Serialisers.h>

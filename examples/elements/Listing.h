@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_LISTING_H
-#define COURIER_EXAMPLES_LISTING_H
+#ifndef COURIER_EXAMPLES_ELEMENTS_LISTING_H
+#define COURIER_EXAMPLES_ELEMENTS_LISTING_H
 
 #include <Listing.pb.h>
 

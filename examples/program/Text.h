@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_COMMON_TEXT_H
-#define COURIER_EXAMPLES_COMMON_TEXT_H
+#ifndef COURIER_EXAMPLES_PROGRAM_TEXT_H
+#define COURIER_EXAMPLES_PROGRAM_TEXT_H
 
 #include <chrono>
 #include <cstddef>

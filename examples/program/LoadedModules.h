@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_COMMON_MODULES_H
-#define COURIER_EXAMPLES_COMMON_MODULES_H
+#ifndef COURIER_EXAMPLES_PROGRAM_LOADED_MODULES_H
+#define COURIER_EXAMPLES_PROGRAM_LOADED_MODULES_H
 
-#include "Module.h"
+#include "examples/modules/Module.h"
 
 #include <courier/hub/serialisation/Catalogue.h>
 
@@ -18,9 +18,9 @@
 
 namespace courier::examples {
 
-/// The modules that a program has loaded. They are unloaded when this object is destroyed, so
-/// declare it before the catalogue and before everything that comes out of it.
-class Modules {
+/// The modules that a program has loaded. Its destructor unloads them: declare it before the
+/// catalogue and before everything that the catalogue returns.
+class LoadedModules {
 public:
     /// Loads every module of the directory and lets it register with the catalogue; its readers
     /// take no more memory for one element than the limit. Throws std::runtime_error if there is no

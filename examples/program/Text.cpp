@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Text.h"
+#include "examples/program/Text.h"
 
 #include <algorithm>
 #include <iomanip>

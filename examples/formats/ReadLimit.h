@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_READ_LIMIT_H
-#define COURIER_EXAMPLES_READ_LIMIT_H
+#ifndef COURIER_EXAMPLES_FORMATS_READ_LIMIT_H
+#define COURIER_EXAMPLES_FORMATS_READ_LIMIT_H
 
 #include <cstdint>
 #include <istream>

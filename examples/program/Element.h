@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-#ifndef COURIER_EXAMPLES_COMMON_ELEMENTS_H
-#define COURIER_EXAMPLES_COMMON_ELEMENTS_H
+#ifndef COURIER_EXAMPLES_PROGRAM_ELEMENT_H
+#define COURIER_EXAMPLES_PROGRAM_ELEMENT_H
 
-#include "Blob.h"
-#include "Document.h"
-#include "Histogram.h"
-#include "Listing.h"
+#include "examples/elements/Blob.h"
+#include "examples/elements/Document.h"
+#include "examples/elements/Histogram.h"
+#include "examples/elements/Listing.h"
 
 #include <courier/hub/serialisation/Catalogue.h>
 

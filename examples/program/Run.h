@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: Apache-2.0
+#ifndef COURIER_EXAMPLES_PROGRAM_RUN_H
+#define COURIER_EXAMPLES_PROGRAM_RUN_H
+
+#include <courier/hub/serialisation/Catalogue.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace courier::examples {
+
+/// The option that sets how much memory reading one element may take.
+void addReadLimit(CLI::App& app, std::uint64_t& bytes);
+inline constexpr std::uint64_t defaultReadLimit = std::uint64_t{4} << 30;
+
+/// What a program does once it has read its command line. Returns the exit status.
+using Program = std::function<int(hub::serialisation::SerialisationCatalogue const& catalogue,
+                                  hub::serialisation::stop_source stop)>;
+
+/// Reads the command line, loads the modules that were built with this program, which get the
+/// read limit, and runs it.
+///
+/// Requests a stop at the first Control-C, or the first request to terminate. A second one, a
+/// second later or more, ends the program at once. Call this before any other thread starts: those
+/// started later must not take the signals themselves. What `program` throws is printed to standard
+/// error after the name, which an option may set. Returns the exit status.
+[[nodiscard]] int run(CLI::App& app, int argc, char** argv, std::string const& name,
+                      std::uint64_t const& readLimit, Program const& program);
+
+/// The file of the running program.
+[[nodiscard]] std::filesystem::path programFile();
+
+} // namespace courier::examples
+
+#endif
