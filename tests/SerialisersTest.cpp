@@ -91,6 +91,8 @@ TEST(Deserialisers, ShareTheirHandleWithCopiesAndHandItOverInMoves) {
 TEST(DeferredSerialiser, CopiesAndMovesAsItsRoutine) {
     DeferredSerialiser object([](std::ostream& stream) { stream << "x"; });
     DeferredSerialiser other{std::function<void(std::ostream&)>()};
+    std::ostringstream out;
+    EXPECT_THROW(other(out), std::bad_function_call);
     passOn(object, other, [](DeferredSerialiser const& held) {
         std::ostringstream said;
         return outcome([&] { return held(said), said.str(); });

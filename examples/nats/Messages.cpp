@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "Messages.h"
+#include "examples/nats/Messages.h"
 
+#include <nlohmann/json.hpp>
 #include <zlib.h>
 
 #include <algorithm>
 #include <charconv>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -16,7 +18,6 @@ using hub::serialisation::ByteBufferView;
 
 namespace {
 
-// One place for the names, as both ends need them.
 constexpr char runKey[] = "Courier-Run";
 constexpr char elementKey[] = "Courier-Element";
 constexpr char wireFormatKey[] = "Courier-Wire-Format";
@@ -26,8 +27,6 @@ constexpr char crc32Key[] = "Courier-CRC32";
 constexpr char partKey[] = "Courier-Part";
 constexpr char partsKey[] = "Courier-Parts";
 constexpr char workerKey[] = "Courier-Worker";
-constexpr char deliveryKey[] = "Courier-Delivery";
-constexpr char nanosecondsKey[] = "Courier-Nanoseconds";
 
 class Writer {
 public:
@@ -88,13 +87,58 @@ private:
 
 } // namespace
 
+nats::Stream Place::elements() const { return {stream, {stream + ".>"}, replicas, maxBytes}; }
+
+nats::Stream Place::results() const {
+    std::string const name = stream + "-results";
+    return {name, {name + ".>", notices()}, replicas};
+}
+
+std::string Place::notices() const {
+    return "$JS.EVENT.ADVISORY.CONSUMER.MAX_DELIVERIES." + stream + ".workers";
+}
+
+nats::Queue Place::workers() const {
+    return {.stream = stream,
+            .name = "workers",
+            .subject = stream + ".*.element.*",
+            .patience = redeliverAfter,
+            .attempts = attempts};
+}
+
+namespace {
+
+nats::Queue ofOneRun(std::string stream, std::string name, std::string subject) {
+    return {.stream = std::move(stream),
+            .name = std::move(name),
+            .subject = std::move(subject),
+            .acknowledged = js_AckAll,
+            .lifeTime = std::chrono::hours(1)};
+}
+
+} // namespace
+
+nats::Queue Place::reportsOf(std::string const& run) const {
+    return ofOneRun(results().name, "reports-" + run, inResults(run, "report.>"));
+}
+
+nats::Queue Place::takenOf(std::string const& run) const {
+    return ofOneRun(results().name, "taken-" + run, inResults(run, "taken.>"));
+}
+
+nats::Queue Place::givenUpDuring(std::string const& run) const {
+    nats::Queue queue = ofOneRun(results().name, "given-up-" + run, notices());
+    queue.isNewOnly = true;
+    return queue;
+}
+
 std::string Envelope::what() const {
     auto const number = std::to_string(element);
     return part == 0 ? "element." + number : "part." + number + '.' + std::to_string(part);
 }
 
 nats::Message Envelope::toMessage(Place const& place, ByteBufferView bytes) const {
-    return Writer(place.subject(run, what()), bytes)
+    return Writer(place.inElements(run, what()), bytes)
         .set(runKey, run)
         .set(elementKey, element)
         .set(wireFormatKey, wireFormat)
@@ -118,34 +162,56 @@ Envelope Envelope::of(natsMsg* message) {
             reader.number<std::size_t>(partsKey)};
 }
 
-nats::Message Result::toMessage(Place const& place) const {
-    return Writer(place.subject(run, what()),
-                  {reinterpret_cast<std::byte const*>(error.data()), error.size()})
+nats::Message Report::toMessage(Place const& place, std::string const& id) const {
+    auto list = nlohmann::json::array();
+    for (Result const& each : results) {
+        list.push_back(
+            {each.element, each.size, each.crc32, each.delivery, each.time.count(), each.error});
+    }
+    auto const text = list.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return Writer(place.inResults(run, "report." + id), ByteBufferView(text))
         .set(runKey, run)
-        .set(elementKey, element)
         .set(workerKey, worker)
-        .set(sizeKey, size)
-        .set(crc32Key, crc32)
-        .set(deliveryKey, delivery)
-        .set(nanosecondsKey, static_cast<std::uint64_t>(time.count()))
         .take();
 }
 
-Result Result::of(natsMsg* message) {
+Report Report::of(natsMsg* message) {
     Reader const reader(message);
-    return {reader.text(runKey),
-            reader.number<std::size_t>(elementKey),
-            reader.text(workerKey),
-            reader.number<std::uint64_t>(sizeKey),
-            reader.number<std::uint32_t>(crc32Key),
-            reader.number<std::uint64_t>(deliveryKey),
-            std::chrono::nanoseconds(reader.number<std::int64_t>(nanosecondsKey)),
-            {natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))}};
+    Report report{reader.text(runKey), reader.text(workerKey), {}};
+    for (auto const& each : nlohmann::json::parse(contentOf(message))) {
+        report.results.push_back({each.at(0), each.at(1), each.at(2), each.at(3),
+                                  std::chrono::nanoseconds(each.at(4)), each.at(5)});
+    }
+    return report;
+}
+
+nats::Message Taken::toMessage(Place const& place, std::string const& id) const {
+    std::string text;
+    for (std::size_t const element : elements) {
+        text += std::to_string(element) + ' ';
+    }
+    return Writer(place.inResults(run, "taken." + id), ByteBufferView(text))
+        .set(runKey, run)
+        .set(workerKey, worker)
+        .take();
+}
+
+Taken Taken::of(natsMsg* message) {
+    Reader const reader(message);
+    Taken taken{reader.text(runKey), reader.text(workerKey), {}};
+    std::istringstream text{std::string(contentOf(message))};
+    for (std::size_t element = 0; text >> element;) {
+        taken.elements.push_back(element);
+    }
+    return taken;
+}
+
+std::string_view contentOf(natsMsg* message) {
+    return {natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))};
 }
 
 ByteBuffer adopt(nats::Message message) {
-    std::string_view const bytes(natsMsg_GetData(message.get()),
-                                 static_cast<std::size_t>(natsMsg_GetDataLength(message.get())));
+    std::string_view const bytes = contentOf(message.get());
     return hub::serialisation::adopt(ByteBufferView(bytes), std::move(message));
 }
 
@@ -171,7 +237,7 @@ std::streamsize PartsIStreambuf::xsgetn(char* target, std::streamsize count) {
 
 std::uint32_t crc32(std::uint32_t before, ByteBufferView bytes) {
     if (bytes.empty()) {
-        return before; // zlib takes null for the wish to begin anew
+        return before; // zlib takes null for the start of a checksum
     }
     return static_cast<std::uint32_t>(
         ::crc32_z(before, reinterpret_cast<Bytef const*>(bytes.data()), bytes.size()));

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// The messages of the courier, without a server.
+// The messages of the NATS programs, without a server.
 
-#include "Messages.h"
+#include "examples/nats/Messages.h"
 #include "Support.h"
 
 using namespace courier::examples;
@@ -19,12 +19,12 @@ char const* unreadBytes(ByteBufferIStreambuf const& source) {
 }
 
 // The library frees messages on a thread of its own, which without a connection nobody starts.
-struct CourierTest : testing::Test {
+struct NatsTest : testing::Test {
     static void SetUpTestSuite() { ASSERT_EQ(nats_Open(-1), NATS_OK); }
     static void TearDownTestSuite() { nats_CloseAndWait(0); }
 };
 
-TEST_F(CourierTest, MessagesAreReadWhereTheyLie) {
+TEST_F(NatsTest, MessagesAreReadWhereTheyLie) {
     for (std::size_t const size : {0U, 1U, 1000U, 1U << 20}) {
         auto received = message(std::string(size, 'x'));
         char const* const bytes = natsMsg_GetData(received.get());
@@ -35,7 +35,7 @@ TEST_F(CourierTest, MessagesAreReadWhereTheyLie) {
     EXPECT_EQ(adopt(nullptr).size(), 0);
 }
 
-TEST_F(CourierTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
+TEST_F(NatsTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
     std::vector<char const*> bytes;
     std::vector<std::string> const parts{"abc", "", "d", "efgh"};
     auto const get = [&](std::size_t part) {
@@ -59,11 +59,11 @@ TEST_F(CourierTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
     EXPECT_THROW(in.get(), std::runtime_error);
 }
 
-TEST_F(CourierTest, HeadersComeThroughOrAreRefused) {
+TEST_F(NatsTest, HeadersComeThroughOrAreRefused) {
     Envelope const sent{"r", 1, "a format", ~0ULL, ~0ULL, ~0U, 2, 3};
     auto received = sent.toMessage({}, {});
     EXPECT_EQ(Envelope::of(received.get()), sent);
-    EXPECT_STREQ(natsMsg_GetSubject(received.get()), "courier.r.part.1.2");
+    EXPECT_STREQ(natsMsg_GetSubject(received.get()), "elements.r.part.1.2");
     for (char const* const wrong : {"", "x", "1x", "-1", "99999999999999999999"}) {
         natsMsgHeader_Set(received.get(), "Courier-Type", wrong);
         EXPECT_THROW(discard(Envelope::of(received.get())), std::runtime_error) << wrong;

@@ -12,22 +12,19 @@ import cluster
 
 def main():
     parser = argparse.ArgumentParser(
-        prog="./dev courier",
+        prog="./dev nats",
         description="Sends files as one payload, an element in each message, to some workers. "
                     "Starts three servers on this machine for it, and stops them afterwards.",
-        epilog="All other options and the files go to the sender: "
-               "build/release/examples/courier/sender --help lists them. Without any, it sends "
+        epilog="All other options and the files are passed to the sender: "
+               "build/release/examples/nats/sender --help lists them. Without any, it sends "
                "90 elements of its own. To take part from another machine, run "
-               "build/release/examples/courier/worker --url URL there.")
-    parser.add_argument("--url", help="use this cluster instead of one of its own")
+               "build/release/examples/nats/worker --url URL there.")
+    parser.add_argument("--url", help="use this cluster instead")
     parser.add_argument("--workers", type=int, default=2, metavar="N",
                         help="workers to start on this machine (default: 2)")
-    parser.add_argument("--programs", default="build/release/examples/courier",
-                        help=argparse.SUPPRESS)
-    parser.add_argument("--state", default="build/courier", help=argparse.SUPPRESS)
     options, rest = parser.parse_known_args()
-    programs = pathlib.Path(options.programs).resolve()
-    state = pathlib.Path(options.state).resolve()
+    programs = pathlib.Path("build/release/examples/nats").resolve()
+    state = pathlib.Path("build/nats").resolve()
     state.mkdir(parents=True, exist_ok=True)
 
     with contextlib.ExitStack() as stack:

@@ -1,0 +1,344 @@
+// SPDX-License-Identifier: Apache-2.0
+// Takes elements from a queue that it shares with other workers, and decodes each in place. Prints
+// a line for each: run, element, wire format, bytes, CRC-32, how often it was delivered.
+
+#include "examples/nats/Messages.h"
+#include "examples/nats/Options.h"
+#include "examples/program/Coding.h"
+#include "examples/program/Run.h"
+#include "examples/program/Text.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <deque>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace courier::examples;
+using namespace courier::hub::serialisation;
+using namespace std::chrono_literals;
+using nats::Clock;
+
+struct Options {
+    Place place;
+    std::string name;
+    std::uint64_t readLimit = defaultReadLimit;
+    int patience = 600; // seconds that decoding one element may take
+};
+
+// This worker cannot decode the element now; it, or another one, may succeed later.
+struct Again : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Tells the servers that this worker is still at work on the elements in its hands, until one of
+// them takes longer than the worker's patience. From then on they go to others.
+class Heartbeat {
+public:
+    Heartbeat(nats::Session const& session, Clock::duration interval, Clock::duration patience)
+        : session_(session), interval_(interval), patience_(patience),
+          beating_([this](std::stop_token const& stop) { beat(stop); }) {}
+
+    void take(std::vector<nats::Message> const& messages) {
+        std::lock_guard const lock(mutex_);
+        for (auto const& message : messages) {
+            inHand_.push_back(nats::replySubject(message.get()));
+        }
+        since_ = Clock::now();
+    }
+
+    /// Lets go of the first element, which is done; the next one's time begins.
+    void next() {
+        std::lock_guard const lock(mutex_);
+        inHand_.pop_front();
+        since_ = Clock::now();
+    }
+
+private:
+    void beat(std::stop_token const& stop) {
+        std::unique_lock lock(mutex_);
+        while (!stop.stop_requested()) {
+            changed_.wait_for(lock, stop, interval_, [] { return false; });
+            if (Clock::now() - since_ < patience_) {
+                for (auto const& reply : inHand_) {
+                    session_.answer(reply, "+WPI");
+                }
+            }
+        }
+    }
+
+    nats::Session const& session_;
+    Clock::duration const interval_;
+    Clock::duration const patience_;
+    std::mutex mutex_;
+    std::condition_variable_any changed_;
+    std::deque<std::string> inHand_; // their reply subjects
+    Clock::time_point since_;        // the start of the first one
+    std::jthread beating_;
+};
+
+class Worker {
+public:
+    Worker(Options const& options, SerialisationCatalogue const& catalogue)
+        : options_(options), catalogue_(catalogue), session_(options.place.access),
+          queue_(joinWorkers(session_, options.place)),
+          heartbeat_(session_, options.place.redeliverAfter / 3,
+                     std::chrono::seconds(options.patience)) {}
+
+    void run(stop_token const& stop) {
+        std::cerr << options_.name << ": ready\n";
+        int ahead = 1; // elements to take at once
+        while (!stop.stop_requested()) {
+            auto messages = queue_.take(ahead);
+            heartbeat_.take(messages);
+            record(messages);
+            auto const start = Clock::now();
+            for (auto& message : messages) {
+                if (stop.stop_requested()) {
+                    session_.answer(nats::replySubject(message.get()), "-NAK");
+                } else {
+                    handle(std::move(message));
+                }
+                heartbeat_.next();
+                if (Clock::now() - reported_ > share) {
+                    report();
+                }
+            }
+            report();
+            if (!messages.empty()) {
+                auto const each = (Clock::now() - start) / messages.size();
+                auto const affordable = share / std::max<Clock::duration>(each, 1us);
+                ahead = static_cast<int>(
+                    std::clamp<std::int64_t>(affordable, 1, std::min(2 * ahead, most)));
+            }
+        }
+        session_.settle(1min);
+        session_.flush();
+    }
+
+private:
+    // A worker takes as many elements as it decodes in this time, so that none waits here for long
+    // while another worker is idle, and reports as often.
+    static constexpr auto share = 200ms;
+    static constexpr int most = 256;
+
+    static nats::Subscriber joinWorkers(nats::Session const& session, Place const& place) {
+        prepare(session, place);
+        return session.join(place.workers());
+    }
+
+    // Leaves word of what this worker is about to decode, before anything can crash it.
+    void record(std::vector<nats::Message> const& messages) {
+        std::map<std::string, Taken> byRun;
+        for (auto const& message : messages) {
+            try {
+                Envelope const envelope = Envelope::of(message.get());
+                Taken& taken = byRun[envelope.run];
+                taken.run = envelope.run;
+                taken.elements.push_back(envelope.element);
+            } catch (std::runtime_error const&) { // handle() reports it
+            }
+        }
+        for (auto& [run, taken] : byRun) {
+            taken.worker = options_.name;
+            session_.publish(taken.toMessage(options_.place, newID()), [](auto) {});
+        }
+        if (!byRun.empty()) {
+            session_.flush();
+        }
+    }
+
+    void handle(nats::Message message) {
+        std::string const reply = nats::replySubject(message.get());
+        std::optional<Envelope> envelope;
+        try {
+            envelope = Envelope::of(message.get());
+        } catch (std::runtime_error const& error) {
+            std::cerr << options_.name << ": not an element: " << error.what() << '\n';
+            session_.answer(reply, "+TERM"); // nobody else can read it either
+            return;
+        }
+        Result result{.element = envelope->element, .delivery = nats::deliveries(message.get())};
+        auto const start = Clock::now();
+        try {
+            auto const source = open(*envelope, std::move(message), result);
+            if (result.delivery > 1) {
+                readInChild(*envelope, *source, result);
+            } else {
+                read(*envelope, *source, result);
+            }
+        } catch (nats::Error const&) {
+            throw;
+        } catch (Again const& error) {
+            std::cerr << options_.name << ": element " << result.element << ": " << error.what()
+                      << '\n';
+            session_.answer(reply, R"(-NAK {"delay": 1000000000})");
+            return;
+        } catch (std::exception const& error) {
+            result.error = error.what(); // it would fail anywhere: the sender must know
+        }
+        result.time = Clock::now() - start;
+        std::cout << (result.error.empty() ? "decoded " : "failed ") << envelope->run << ' '
+                  << result.element << ' ' << envelope->wireFormat << ' ' << result.size << ' '
+                  << result.crc32 << ' ' << result.delivery << std::endl;
+        auto& [replies, done] = done_[envelope->run];
+        replies.push_back(reply);
+        done.run = envelope->run;
+        done.worker = options_.name;
+        done.results.push_back(std::move(result));
+    }
+
+    // The acknowledgements come last, when the results are stored. Until then another worker gets
+    // the elements if anything happens to this one.
+    void report() {
+        for (auto& [run, each] : done_) {
+            session_.publish(each.second.toMessage(options_.place, newID()),
+                             [this, replies = std::move(each.first)](auto) {
+                                 for (auto const& reply : replies) {
+                                     session_.answer(reply, "+ACK");
+                                 }
+                             });
+        }
+        done_.clear();
+        reported_ = Clock::now();
+    }
+
+    [[nodiscard]] std::string newID() { return id_ + '.' + std::to_string(++messages_); }
+
+    // An element that comes again may have crashed a worker. So that it crashes no more of them,
+    // and costs no deliveries of the elements that were taken with it, a child process decodes it.
+    void readInChild(Envelope const& envelope, std::streambuf& source, Result const& result) {
+        std::array<int, 2> ends{};
+        ::pid_t const child = ::pipe(ends.data()) == 0 ? ::fork() : -1;
+        if (child < 0) {
+            throw Again("cannot start a process");
+        }
+        if (child == 0) {
+            ::alarm(static_cast<unsigned>(options_.patience));
+            std::string error;
+            try {
+                read(envelope, source, result);
+            } catch (std::exception const& thrown) {
+                error = thrown.what();
+            }
+            bool const isWritten = ::write(ends[1], error.data(), error.size()) >= 0;
+            ::_exit(isWritten ? 0 : 1);
+        }
+        ::close(ends[1]);
+        std::string error;
+        std::array<char, 256> piece{};
+        for (::ssize_t n = 0; (n = ::read(ends[0], piece.data(), piece.size())) > 0;) {
+            error.append(piece.data(), static_cast<std::size_t>(n));
+        }
+        ::close(ends[0]);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        if (status != 0) {
+            throw Again("decoding it ended a process with status " + std::to_string(status));
+        }
+        if (!error.empty()) {
+            throw std::runtime_error(error);
+        }
+    }
+
+    // The bytes of the element, each where the client library put it.
+    std::unique_ptr<std::streambuf> open(Envelope const& envelope, nats::Message message,
+                                         Result& result) {
+        auto const count = [&result](ByteBuffer buffer) {
+            ByteBufferView const bytes(buffer);
+            result.size += bytes.size();
+            result.crc32 = crc32(result.crc32, bytes);
+            return buffer;
+        };
+        if (envelope.parts == 0) {
+            return std::make_unique<ByteBufferIStreambuf>(
+                std::make_unique<ByteBuffer>(count(adopt(std::move(message)))));
+        }
+        return std::make_unique<PartsIStreambuf>(
+            envelope.parts, [this, envelope, count](std::size_t part) {
+                Envelope expected = envelope;
+                expected.part = part;
+                auto const subject = options_.place.inElements(envelope.run, expected.what());
+                auto found = session_.find(options_.place.stream, subject);
+                if (!found) {
+                    throw Again("there is no " + subject);
+                }
+                if (Envelope::of(found.get()) != expected) {
+                    throw std::runtime_error(subject + " is of another element");
+                }
+                return count(adopt(std::move(found)));
+            });
+    }
+
+    void read(Envelope const& envelope, std::streambuf& source, Result const& result) const {
+        if (!catalogue_.hasDeserialiserFor(envelope.wireFormat, envelope.typeID)) {
+            auto const formats = catalogue_.getSupportedDeserialisationWireFormats(envelope.typeID);
+            throw std::runtime_error("no module reads type " + hexadecimal(envelope.typeID) +
+                                     " from \"" + envelope.wireFormat + "\"; there is " +
+                                     (formats.empty() ? "none for it" : join(formats, ", ")));
+        }
+        auto const deserialise =
+            catalogue_.getDeserialiserFor(envelope.wireFormat, envelope.typeID);
+        auto const payload = decode(deserialise, source);
+        if (result.size != envelope.size || result.crc32 != envelope.crc32) {
+            throw std::runtime_error("the bytes are not those that were sent");
+        }
+        // Here a real worker would do its work with the payload.
+    }
+
+    Options const& options_;
+    SerialisationCatalogue const& catalogue_;
+    std::string const id_ = std::to_string(std::random_device()());
+    std::size_t messages_ = 0; // that this worker has published
+    std::map<std::string, std::pair<std::vector<std::string>, Report>> done_; // by run
+    Clock::time_point reported_ = Clock::now();
+    nats::Session session_;
+    nats::Subscriber queue_;
+    Heartbeat heartbeat_;
+};
+
+std::string hostAndProcess() {
+    std::array<char, 256> host{};
+    ::gethostname(host.data(), host.size() - 1);
+    return std::string(host.data()) + ':' + std::to_string(::getpid());
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    options.name = hostAndProcess();
+    CLI::App app("Decodes the elements that senders put into a stream, together with all other "
+                 "workers of it, until Control-C.",
+                 "worker");
+    addOptions(app, options.place);
+    app.add_option("-n,--name", options.name, "What the sender's table calls it")
+        ->type_name("NAME")
+        ->capture_default_str();
+    app.add_option("--patience", options.patience,
+                   "Seconds that decoding one element may take before another worker gets it")
+        ->check(CLI::PositiveNumber)
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    addReadLimit(app, options.readLimit);
+    return run(app, argc, argv, options.name, options.readLimit,
+               [&](auto const& catalogue, stop_source const& stop) {
+                   Worker(options, catalogue).run(stop.get_token());
+                   return 0;
+               });
+}
