@@ -158,38 +158,38 @@ Subscriber::Subscriber(natsConnection& connection, Queue const& queue)
     natsSubscription_SetPendingLimits(subscription, -1, -1); // requests are the limit
 }
 
-void Subscriber::request(int messages, std::chrono::milliseconds time) {
-    std::string const text = R"({"batch": )" + std::to_string(messages) + R"(, "expires": )" +
-                             std::to_string(nanoseconds(time)) + '}';
+std::vector<Message> Subscriber::take(int atMost, std::chrono::milliseconds time) {
+    // What is there, or else the next one that comes: so none comes later, to wait here for its
+    // turn while another worker is idle.
+    auto messages = request(atMost, R"("no_wait": true)", answerTime);
+    if (messages.empty()) {
+        messages = request(1, R"("expires": )" + std::to_string(nanoseconds(time)), time + pause);
+    }
+    if (messages.empty() && Clock::now() - lastAnswer_ > patience) {
+        throw Error("cannot take messages from the queue " + name_ + ": no answer for a minute");
+    }
+    return messages;
+}
+
+std::vector<Message> Subscriber::request(int atMost, std::string const& condition,
+                                         std::chrono::milliseconds time) {
+    std::string const text = R"({"batch": )" + std::to_string(atMost) + ", " + condition + '}';
     static_cast<void>(natsConnection_PublishRequest(&connection_, request_.c_str(), inbox_.c_str(),
                                                     text.data(), static_cast<int>(text.size())));
-    requested_ = messages;
-    expires_ = Clock::now() + time;
-}
-
-Message Subscriber::next(std::chrono::milliseconds time) {
-    natsMsg* made = nullptr;
-    natsStatus const status = natsSubscription_NextMsg(&made, subscription_.get(), time.count());
-    Message message(made);
-    if (status != NATS_OK && !isPassing(status, {})) {
-        require(status, "take messages from the queue " + name_);
-    }
-    return message;
-}
-
-std::vector<Message> Subscriber::take(int atMost, std::chrono::milliseconds time) {
-    if (requested_ == 0 || Clock::now() > expires_) {
-        request(atMost, time);
-    }
     std::vector<Message> messages;
     while (static_cast<int>(messages.size()) < atMost) {
-        Message message = next(messages.empty() ? time + pause : 1ms);
-        if (message == nullptr) {
+        natsMsg* made = nullptr;
+        natsStatus const got = natsSubscription_NextMsg(&made, subscription_.get(), time.count());
+        Message message(made);
+        if (got != NATS_OK) {
+            if (!isPassing(got, {})) {
+                require(got, "take messages from the queue " + name_);
+            }
             break;
         }
-        char const* status = nullptr; // of the request, when the message is none of the queue's
-        if (natsMsgHeader_Get(message.get(), "Status", &status) == NATS_OK) {
-            requested_ = 0;
+        // A message with a status is the end of the request.
+        char const* status = nullptr;
+        if (natsMsgHeader_Get(made, "Status", &status) == NATS_OK) {
             if (std::string_view(status) == "503") {
                 std::this_thread::sleep_for(pause); // nobody answers: leaders change
             } else {
@@ -197,12 +197,8 @@ std::vector<Message> Subscriber::take(int atMost, std::chrono::milliseconds time
             }
             break;
         }
-        requested_ -= requested_ > 0 ? 1 : 0;
         lastAnswer_ = Clock::now();
         messages.push_back(std::move(message));
-    }
-    if (messages.empty() && Clock::now() - lastAnswer_ > patience) {
-        throw Error("cannot take messages from the queue " + name_ + ": no answer for a minute");
     }
     return messages;
 }
@@ -234,6 +230,7 @@ Session::Session(Access const& access) : connection_(connect(access)) {
 Session::~Session() {
     resending_ = {};
     natsConnection_Close(connection_.get());
+    failed_.clear();
     jetStream_.reset();
     connection_.reset();
     nats_CloseAndWait(milliseconds(answerTime)); // no callback runs any more
@@ -389,6 +386,9 @@ void Session::resend(std::stop_token const& stop) {
     std::unique_lock lock(mutex_);
     while (changed_.wait(lock, stop, [&] { return !failed_.empty(); })) {
         changed_.wait_for(lock, stop, pause, [] { return false; });
+        if (!error_.empty()) {
+            return;
+        }
         std::vector<Message> messages = std::exchange(failed_, {});
         lock.unlock();
         for (Message& message : messages) {
@@ -454,14 +454,20 @@ Message Session::find(std::string const& stream, std::string const& subject) con
     return find(stream, subject, options);
 }
 
-void Session::purge(std::string const& stream, std::string const& subject,
-                    std::uint64_t below) const {
+void Session::purge(std::string const& stream, std::string const& subject) const {
     jsOptions options;
     jsOptions_Init(&options);
     options.Stream.Purge.Subject = subject.c_str();
-    options.Stream.Purge.Sequence = below;
     attempt("purge " + subject, [&](jsErrCode& code) {
         return js_PurgeStream(jetStream_.get(), stream.c_str(), &options, &code);
+    });
+}
+
+void Session::remove(std::string const& stream, std::uint64_t number) const {
+    attempt("remove message " + std::to_string(number), [&](jsErrCode& code) {
+        natsStatus const status =
+            js_DeleteMsg(jetStream_.get(), stream.c_str(), number, nullptr, &code);
+        return code == JSNoMessageFoundErr || code == JSSequenceNotFoundErr ? NATS_OK : status;
     });
 }
 

@@ -89,16 +89,14 @@ public:
     take(int atMost, std::chrono::milliseconds time = std::chrono::milliseconds(500));
 
 private:
-    void request(int messages, std::chrono::milliseconds time);
-    [[nodiscard]] Message next(std::chrono::milliseconds time);
+    std::vector<Message> request(int messages, std::string const& condition,
+                                 std::chrono::milliseconds time);
 
     natsConnection& connection_;
     std::string const name_;
     std::string const request_; // the subject of requests
     std::string inbox_;
     Subscription subscription_;
-    int requested_ = 0; // of the last request, and not yet delivered
-    Clock::time_point expires_;
     Clock::time_point lastAnswer_ = Clock::now();
 };
 
@@ -127,8 +125,8 @@ public:
 
     [[nodiscard]] Subscriber join(Queue const& queue) const;
 
-    /// Called when a message is stored, with its place in the stream, on a thread of the client.
-    using Stored = std::function<void(std::uint64_t sequence)>;
+    /// Called when a message is stored, with its number in the stream, on a thread of the client.
+    using Stored = std::function<void(std::uint64_t number)>;
 
     /// Stores a message on a majority of the servers that hold the stream, and returns before that.
     /// Waits while 4,096 messages or 32 MiB are on their way. A message is stored once for each
@@ -152,9 +150,11 @@ public:
     [[nodiscard]] Message find(std::string const& stream, std::uint64_t sequence) const;
     [[nodiscard]] Message find(std::string const& stream, std::string const& subject) const;
 
-    /// Removes the messages with this subject: all, or those below a number.
-    void purge(std::string const& stream, std::string const& subject,
-               std::uint64_t below = 0) const;
+    /// Removes one message, if it is there.
+    void remove(std::string const& stream, std::uint64_t number) const;
+
+    /// Removes the messages with this subject.
+    void purge(std::string const& stream, std::string const& subject) const;
 
     void removeQueue(std::string const& stream, std::string const& name) const;
 

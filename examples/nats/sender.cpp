@@ -99,13 +99,12 @@ public:
     }
 
 private:
-    // What became of an element. Guarded by mutex_.
+    // What became of an element.
     struct State {
-        bool isOnItsWay = false;
-        std::uint64_t after = 0; // all its messages have higher numbers in the stream
         std::optional<Result> result;
-        std::string worker;             // whose result it is
-        std::uint64_t givenUpAfter = 0; // deliveries
+        std::string worker;                  // whose result it is
+        std::uint64_t givenUpAfter = 0;      // deliveries
+        std::vector<std::uint64_t> messages; // in the stream; guarded by mutex_
     };
 
     nats::Subscriber join(nats::Queue const& queue) {
@@ -165,11 +164,6 @@ private:
         if (bytes.size() > longest) {
             envelope.parts = (bytes.size() + longest - 1) / longest;
         }
-        {
-            std::lock_guard const lock(mutex_);
-            states_[i].isOnItsWay = true;
-            states_[i].after = highest_;
-        }
         for (std::size_t part = 1; part <= envelope.parts; ++part) {
             if (stop_.stop_requested()) {
                 return;
@@ -177,7 +171,7 @@ private:
             envelope.part = part;
             auto const piece = bytes.first(std::min(longest, bytes.size()));
             session_.publish(envelope.toMessage(place_, piece),
-                             [this](auto number) { count(number); });
+                             [this, i](auto number) { keep(i, number); });
             bytes.trimFront(piece.size());
         }
         if (envelope.parts != 0) {
@@ -187,7 +181,7 @@ private:
         auto message = envelope.toMessage(place_, bytes); // after parts, nothing is left
         ++published_;
         session_.publish(std::move(message), [this, envelope](auto number) {
-            count(number);
+            keep(envelope.element, number);
             if (options_.isVerbose) {
                 std::ostringstream line;
                 line << "sent " << run_ << ' ' << envelope.element << ' ' << envelope.wireFormat
@@ -200,16 +194,15 @@ private:
         });
     }
 
-    void count(std::uint64_t number) {
+    void keep(std::size_t i, std::uint64_t number) {
         std::lock_guard const lock(mutex_);
-        highest_ = std::max(highest_, number);
+        states_[i].messages.push_back(number);
     }
 
     void receive() {
         auto const messages = reports_.take(std::exchange(ahead_, 1), 100ms);
         for (auto const& message : messages) {
             Report report = Report::of(message.get());
-            std::lock_guard const lock(mutex_);
             for (Result& result : report.results) {
                 State& state = states_.at(result.element);
                 if (!isReported(state)) {
@@ -243,7 +236,6 @@ private:
             session_.find(place_.elements().name, notice.at("stream_seq").get<std::uint64_t>());
         if (found) {
             Envelope const envelope = Envelope::of(found.get());
-            std::lock_guard const lock(mutex_);
             if (envelope.run == run_ && !isReported(states_.at(envelope.element))) {
                 notice.at("deliveries").get_to(states_[envelope.element].givenUpAfter);
                 ++reported_;
@@ -268,23 +260,25 @@ private:
             print("the servers have no room: waiting");
         }
         if (options_.giveUpAfter && now - *full > std::chrono::seconds(*options_.giveUpAfter)) {
-            throw std::runtime_error(
+            std::string const why =
                 "gave up: the servers have had no room for " +
-                counted(static_cast<std::size_t>(*options_.giveUpAfter), "second"));
+                counted(static_cast<std::size_t>(*options_.giveUpAfter), "second");
+            session_.giveUp(why); // nothing is sent again
+            session_.flush();
+            session_.purge(place_.elements().name, place_.inElements(run_, ">"));
+            throw std::runtime_error(why);
         }
-        std::uint64_t needed = 0;
-        {
-            std::lock_guard const lock(mutex_);
-            needed = highest_;
-            for (State const& state : states_) {
-                if (state.isOnItsWay && !isReported(state)) {
-                    needed = std::min(needed, state.after);
+        std::size_t removed = 0;
+        for (std::size_t i = 0; i < states_.size() && removed < 100; ++i) {
+            if (isReported(states_[i])) {
+                std::unique_lock lock(mutex_);
+                auto const messages = std::exchange(states_[i].messages, {});
+                lock.unlock();
+                for (std::uint64_t const number : messages) {
+                    session_.remove(place_.elements().name, number);
+                    ++removed;
                 }
             }
-        }
-        if (needed > purged_) {
-            purged_ = needed;
-            session_.purge(place_.elements().name, place_.inElements(run_, ">"), needed + 1);
         }
     }
 
@@ -323,7 +317,7 @@ private:
         std::size_t lost = 0;
         std::size_t repeated = 0;
         for (std::size_t i = 0; i < states_.size(); ++i) {
-            auto const& [isOnItsWay, after, result, worker, givenUpAfter] = states_[i];
+            auto const& [result, worker, givenUpAfter, messages] = states_[i];
             if (result && result->error.empty()) {
                 for (Share* share : {&shares[worker], &all}) {
                     ++share->elements;
@@ -339,8 +333,8 @@ private:
                 if (lost++ == 0 || taken_.empty()) {
                     readTaken();
                 }
-                std::cerr << "sender: " << elements_[i].name << ": given up after "
-                          << counted(givenUpAfter, "delivery") << ", to " << triedBy(i) << '\n';
+                std::cerr << "sender: " << elements_[i].name << ": given up after " << givenUpAfter
+                          << " deliveries, to " << triedBy(i) << '\n';
             }
         }
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
@@ -385,10 +379,7 @@ private:
     stop_source stop_;
     Clock::time_point start_;
 
-    std::mutex mutex_; // of what follows, and of the output: one line at a time
-    std::vector<State> states_;
-    std::uint64_t highest_ = 0; // number of a message in the stream
-
+    std::mutex mutex_; // of the output, one line at a time, and of what says so
     std::atomic<std::size_t> next_{0};
     std::atomic<std::size_t> published_{0};
     std::atomic<std::size_t> stored_{0};
@@ -398,11 +389,11 @@ private:
 
     // Of the main thread.
     bool isPrepared_ = false;
+    std::vector<State> states_;
     int ahead_ = 1;
     std::size_t reported_ = 0;
     Clock::time_point looked_;
     Clock::time_point complained_{};
-    std::uint64_t purged_ = 0;
     Seconds wallTime_{};
     std::vector<Taken> taken_;
 

@@ -14,13 +14,13 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <deque>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -57,16 +57,21 @@ public:
     void take(std::vector<nats::Message> const& messages) {
         std::lock_guard const lock(mutex_);
         for (auto const& message : messages) {
-            inHand_.push_back(nats::replySubject(message.get()));
+            inHand_.insert(nats::replySubject(message.get()));
         }
         since_ = Clock::now();
     }
 
-    /// Lets go of the first element, which is done; the next one's time begins.
+    /// The time of the next element begins.
     void next() {
         std::lock_guard const lock(mutex_);
-        inHand_.pop_front();
         since_ = Clock::now();
+    }
+
+    /// An element is answered.
+    void release(std::string const& reply) {
+        std::lock_guard const lock(mutex_);
+        inHand_.erase(reply);
     }
 
 private:
@@ -87,8 +92,8 @@ private:
     Clock::duration const patience_;
     std::mutex mutex_;
     std::condition_variable_any changed_;
-    std::deque<std::string> inHand_; // their reply subjects
-    Clock::time_point since_;        // the start of the first one
+    std::set<std::string> inHand_; // reply subjects
+    Clock::time_point since_;      // the start of the element that is being decoded
     std::jthread beating_;
 };
 
@@ -110,7 +115,7 @@ public:
             auto const start = Clock::now();
             for (auto& message : messages) {
                 if (stop.stop_requested()) {
-                    session_.answer(nats::replySubject(message.get()), "-NAK");
+                    answer(nats::replySubject(message.get()), "-NAK");
                 } else {
                     handle(std::move(message));
                 }
@@ -170,7 +175,7 @@ private:
             envelope = Envelope::of(message.get());
         } catch (std::runtime_error const& error) {
             std::cerr << options_.name << ": not an element: " << error.what() << '\n';
-            session_.answer(reply, "+TERM"); // nobody else can read it either
+            answer(reply, "+TERM"); // nobody else can read it either
             return;
         }
         Result result{.element = envelope->element, .delivery = nats::deliveries(message.get())};
@@ -187,7 +192,7 @@ private:
         } catch (Again const& error) {
             std::cerr << options_.name << ": element " << result.element << ": " << error.what()
                       << '\n';
-            session_.answer(reply, R"(-NAK {"delay": 1000000000})");
+            answer(reply, R"(-NAK {"delay": 1000000000})");
             return;
         } catch (std::exception const& error) {
             result.error = error.what(); // it would fail anywhere: the sender must know
@@ -210,12 +215,17 @@ private:
             session_.publish(each.second.toMessage(options_.place, newID()),
                              [this, replies = std::move(each.first)](auto) {
                                  for (auto const& reply : replies) {
-                                     session_.answer(reply, "+ACK");
+                                     answer(reply, "+ACK");
                                  }
                              });
         }
         done_.clear();
         reported_ = Clock::now();
+    }
+
+    void answer(std::string const& reply, char const* word) {
+        session_.answer(reply, word);
+        heartbeat_.release(reply);
     }
 
     [[nodiscard]] std::string newID() { return id_ + '.' + std::to_string(++messages_); }

@@ -1,0 +1,44 @@
+// SPDX-License-Identifier: Apache-2.0
+// A module whose elements say what happens to whoever reads them: "abort", or "sleep SECONDS".
+#include "examples/elements/Blob.h"
+#include "examples/modules/Module.h"
+
+#include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Registration.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <limits>
+#include <string>
+#include <thread>
+
+using namespace courier::hub::serialisation;
+using courier::examples::Blob;
+
+namespace {
+
+void writeTrap(Blob const& blob, std::ostream& out) {
+    auto const bytes = blob.bytes();
+    out.write(reinterpret_cast<char const*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
+}
+
+Blob readTrap(std::istream& in) {
+    std::string word;
+    int seconds = 0;
+    in >> word;
+    if (word == "abort") {
+        std::abort();
+    }
+    if (word == "sleep" && in >> seconds) {
+        std::this_thread::sleep_for(std::chrono::seconds(seconds));
+    }
+    in.ignore(std::numeric_limits<std::streamsize>::max());
+    return Blob(ByteBuffer());
+}
+
+} // namespace
+
+void courier_register_module(Catalogue& catalogue, std::uint64_t) {
+    addFormat<Blob>(catalogue, "trap", writeTrap, readTrap);
+}
