@@ -64,9 +64,10 @@ TEST(SharedPayload, SentinelWaitsNoLongerThanAsked) {
     EXPECT_FALSE(
         sentinel.waitFor(std::chrono::duration<double>(std::numeric_limits<double>::quiet_NaN())));
     std::thread releaser([&] { sentinel.notify(); });
-    discard(sentinel.isReleased());                         // for ThreadSanitizer
+    bool const wasReleased = sentinel.isReleased();         // at the same time, for ThreadSanitizer
     EXPECT_TRUE(sentinel.waitFor(std::chrono::years(500))); // would overflow a deadline
     releaser.join();
+    EXPECT_GE(sentinel.isReleased(), wasReleased);
     EXPECT_TRUE(sentinel.waitFor(std::chrono::nanoseconds(0)));
     sentinel.wait(); // returns at once
 }

@@ -279,20 +279,29 @@ private:
             return std::make_unique<ByteBufferIStreambuf>(
                 std::make_unique<ByteBuffer>(count(adopt(std::move(message)))));
         }
+        auto const get = [this, envelope, count](std::size_t part) {
+            Envelope expected = envelope;
+            expected.part = part;
+            auto const subject = options_.place.inElements(envelope.run, expected.what());
+            auto found = session_.find(options_.place.stream, subject);
+            if (!found) {
+                throw Again("there is no " + subject);
+            }
+            if (Envelope::of(found.get()) != expected) {
+                throw std::runtime_error(subject + " is of another element");
+            }
+            return count(adopt(std::move(found)));
+        };
+        if (result.delivery == 1) {
+            return std::make_unique<PartsIStreambuf>(envelope.parts, get);
+        }
+        // A child process has no connection: it needs all parts beforehand.
+        auto const parts = std::make_shared<std::vector<ByteBuffer>>();
+        for (std::size_t part = 1; part <= envelope.parts; ++part) {
+            parts->push_back(get(part));
+        }
         return std::make_unique<PartsIStreambuf>(
-            envelope.parts, [this, envelope, count](std::size_t part) {
-                Envelope expected = envelope;
-                expected.part = part;
-                auto const subject = options_.place.inElements(envelope.run, expected.what());
-                auto found = session_.find(options_.place.stream, subject);
-                if (!found) {
-                    throw Again("there is no " + subject);
-                }
-                if (Envelope::of(found.get()) != expected) {
-                    throw std::runtime_error(subject + " is of another element");
-                }
-                return count(adopt(std::move(found)));
-            });
+            envelope.parts, [parts](std::size_t part) { return std::move(parts->at(part - 1)); });
     }
 
     void read(Envelope const& envelope, std::streambuf& source, Result const& result) const {
