@@ -3,7 +3,7 @@
 
 to_build="g++ cmake ninja-build pkg-config libboost-dev libgtest-dev nlohmann-json3-dev
     libcereal-dev libcli11-dev libprotobuf-dev protobuf-compiler zlib1g-dev libzstd-dev dpkg-dev file"
-to_courier="nats-server libnats-dev python3"
+to_nats="nats-server libnats-dev libssl-dev openssl python3"
 to_document="doxygen"
 to_sanitise="clang libclang-rt-dev llvm"
 to_format="clang-format"

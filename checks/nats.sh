@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tried: NATS cluster: a worker and a server are killed
+# Tried: NATS: failures, poison, strangers, full servers
 set -eu
 . checks/common.sh
-need $to_build $to_courier
-build release --target sender worker nats_tests
-ctest --preset release -R '^CourierTest'
-python3 examples/courier/failover_test.py --runs 3
+need $to_build $to_nats
+build release --target nats nats_tests
+ctest --preset release -R '^NatsTest'
+python3 -W ignore examples/nats/nats_test.py
+python3 examples/nats/measure.py

@@ -25,7 +25,7 @@ install(DIRECTORY docs examples
     FILES_MATCHING
     REGEX "/docs/([^/]*|guides/.*)\\.(md|svg)$"
     REGEX "/examples/(quickstart|guides|modules)/.*"
-    REGEX "/examples/(common|courier|nats|roundtrip)$" EXCLUDE)
+    REGEX "/examples/(program|nats|roundtrip)$" EXCLUDE)
 
 # Relative to the file itself, so that an installed tree may be moved, where no directory was given as
 # an absolute one.
