@@ -18,7 +18,7 @@ bool bedrock_diag_set_terminate(bool terminate) noexcept {
 namespace bedrock::core::diag {
 
 void terminate(std::string const& message, char const* file, int line, char const* function) {
-    // One call, so that lines of threads that fail together do not mix.
+    // One call, so that the lines of several failing threads do not mix.
     std::fprintf(stderr, "%s [%s:%d, %s]\n", message.c_str(), file, line, function);
     std::abort();
 }

@@ -4,8 +4,8 @@
 gdb loads this by itself with the installed library. Anywhere else, `source` it. `print /r` shows an
 object as it is stored.
 
-Whatever is asked for may not have been constructed yet, or be gone: nothing here trusts a length or
-follows an unlimited list, and what cannot be read is said to be so.
+An object may not have been constructed yet, or may have been destroyed. So no length is trusted, no
+list is followed without a limit, and unreadable memory is reported as such.
 """
 
 import itertools
@@ -20,7 +20,7 @@ LONGEST = 2**63 - 1  # bytes in a buffer
 
 
 class Garbage(Exception):
-    """What is in memory cannot be an object of its type."""
+    """The memory cannot hold a valid object of this type."""
 
 
 def memory(address, size):
@@ -28,13 +28,13 @@ def memory(address, size):
 
 
 def word(address):
-    """The eight bytes at an address, as an unsigned number of the process."""
+    """The eight bytes at an address, as an unsigned number in the process's byte order."""
     pointer = gdb.lookup_type("unsigned long").pointer()
     return int(gdb.Value(address).cast(pointer).dereference())
 
 
 def plain(value):
-    """An object itself, where the value is a reference to it."""
+    """The object itself if the value is a reference, otherwise the value."""
     references = (gdb.TYPE_CODE_REF, gdb.TYPE_CODE_RVALUE_REF)
     return value.referenced_value() if value.type.code in references else value
 
@@ -48,12 +48,12 @@ def quoted(data):
 
 
 def character(byte):
-    """A byte in hex, and as the character that it may be."""
+    """A byte in hex, and as a character if it is printable."""
     return f"{byte:#04x} '{chr(byte)}'" if 32 <= byte < 127 else f"{byte:#04x}"
 
 
 def content(start, size):
-    """The length of a range of bytes, and how it begins."""
+    """The length of a range of bytes, and the first of them."""
     if size > LONGEST:
         raise Garbage
     if size == 0:
@@ -69,7 +69,7 @@ def content(start, size):
 
 
 def text(string):
-    """The content of a std::string, of which clang may describe no more than the address."""
+    """The content of a std::string, read by address because clang may not describe its members."""
     start, size = word(int(string.address)), word(int(string.address) + 8)
     if size > LONGEST:
         raise Garbage
@@ -95,13 +95,13 @@ def elements(value):
 
 
 def optional(value):
-    """What a std::optional holds, or None."""
+    """The value in a std::optional, or None."""
     payload = value["_M_payload"]
     return payload["_M_payload"]["_M_value"] if flag(payload["_M_engaged"]) else None
 
 
 def flag(value):
-    """A bool, which is neither true nor false where there is none."""
+    """A bool. Memory without a valid object may hold neither 0 nor 1."""
     byte = memory(int(value.address), 1)[0]
     if byte > 1:
         raise Garbage
@@ -137,7 +137,7 @@ def arguments(name):
 
 
 def target(function):
-    """What a std::function calls, as far as gdb can tell; None where it is empty."""
+    """What a std::function calls, as far as gdb can tell; None if it is empty."""
     if int(function["_M_manager"]) == 0:
         return None
     invoker = symbol(int(function["_M_invoker"]))
@@ -155,7 +155,7 @@ def calls(function):
 
 
 def stop_state(shared):
-    """What the state of a stop source or token says."""
+    """Describes the state of a stop source or token."""
     state = shared["_M_ptr"]
     if int(state) == 0:
         return "no stop state"
@@ -164,8 +164,8 @@ def stop_state(shared):
 
 
 def held_by(shared):
-    """The type of what a std::shared_ptr<void> was made for, and the object; None where unknown."""
-    table = symbol(word(int(shared["_M_refcount"]["_M_pi"])))  # the owner's: its class knows the type
+    """The type that a std::shared_ptr<void> was made with, and the object; None if unknown."""
+    table = symbol(word(int(shared["_M_refcount"]["_M_pi"])))  # the control block's, which names it
     if table is None or "vtable for std::_Sp_counted_" not in table:
         return None, None
     name = arguments(table)[0].rstrip("*")
@@ -178,7 +178,7 @@ def held_by(shared):
 
 
 class Printer:
-    """Shows `Type, summary`; a derived class says the summary."""
+    """Shows `Type, summary`; a derived class provides the summary."""
 
     def __init__(self, value):
         self.value = plain(value)
@@ -223,7 +223,7 @@ class ByteBufferIterator(Printer):
 
 
 class ByteStreamIterator(Printer):
-    """Also the one that yields characters: both hold what they designate."""
+    """Also for the iterator that yields characters: both cache their value."""
 
     def summary(self):
         current = optional(self.value["current_"])
@@ -276,7 +276,7 @@ class Deserialiser(Printer):
 
 
 class GenericPayload(Printer):
-    """The elements' type identifiers, and the elements themselves where gdb can tell their type."""
+    """The elements' type identifiers, and the elements themselves if gdb can tell their type."""
 
     def summary(self):
         _, size = vector(self.value["values"])
@@ -314,7 +314,7 @@ class Catalogue(Printer):
         try:
             pointer = self.value["records_"]
             records = pointer.type.strip_typedefs().template_argument(0)
-            if not records.fields():  # where the user's files only declare it
+            if not records.fields():  # only declared in the user's files
                 records = gdb.lookup_type(records.name)
             place = pointer.address.cast(records.pointer().pointer()).dereference().dereference()
             if records.fields():
@@ -326,7 +326,7 @@ class Catalogue(Printer):
 
     @staticmethod
     def read(nodes):
-        """The records in a container of them, which the standard library's own printer walks."""
+        """The records in a container, which the standard library's own printer iterates over."""
         printer = gdb.default_visualizer(nodes)
         if printer is None:
             raise TypeError

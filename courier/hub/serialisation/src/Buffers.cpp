@@ -31,7 +31,7 @@ std::size_t sum(std::size_t a, std::size_t b) {
 // Half as much again, so that later appends of similar size need no new memory.
 std::size_t growthTarget(std::size_t n) { return sum(n, n / 2); }
 
-// A copy of the viewed bytes in memory for `capacity` of them.
+// A copy of the viewed bytes with this capacity.
 detail::GrowingBytes copyOf(ByteBufferView view, std::size_t capacity) {
     detail::GrowingBytes bytes(view.data(), view.size());
     bytes.reallocate(capacity);
@@ -82,7 +82,7 @@ void ByteBufferView::trimBack(std::size_t n) {
 }
 
 ByteBufferView ByteBufferView::last(std::size_t n) const {
-    return subview(n > length_ ? n : length_ - n, n); // from n on, when that is past the end
+    return subview(n > length_ ? n : length_ - n, n); // n > length_: out of range, so it throws
 }
 
 ByteBufferView ByteBufferView::subview(std::size_t offset) const {
@@ -161,7 +161,7 @@ ByteBuffer& ByteBuffer::append(std::vector<ByteBuffer> const& others) {
     }
     appendPieces(added, [&](auto const& put) {
         for (ByteBuffer const& other : others) {
-            // This buffer grows as the pieces are added; as an element it has its former size.
+            // If an element is this buffer, which grows meanwhile, its former size counts.
             put(other.bytes_.data(), &other == this ? held : other.size());
         }
     });
@@ -184,7 +184,7 @@ void ByteBuffer::appendBeyondRoom(ByteBufferView view) {
         notAfter(bytes_.data(), view.data()) && notAfter(view.data(), bytes_.data() + size());
     if (isOwn || holdsVector()) {
         appendPieces(view.size(), [&](auto const& put) { put(view.data(), view.size()); });
-    } else { // without a second block
+    } else { // std::realloc may extend the memory in place
         setCapacity(growthTarget(needed), size());
         bytes_.append(view.data(), view.size());
     }
@@ -197,7 +197,7 @@ void ByteBuffer::pushBackBeyondRoom(std::byte b) {
         bytes_.data()[needed - 1] = b;
         return;
     }
-    // Twice as much, as the standard library's vectors do.
+    // Doubles, as std::vector does.
     setCapacity(std::max(needed, std::min(2 * size(), longest)), size());
     bytes_.append(&b, 1);
 }
@@ -212,7 +212,7 @@ void ByteBuffer::resize(std::size_t n) {
     std::size_t const kept = std::min(n, size());
     if (isExternal() || n > capacity()) {
         std::size_t const target = growthTarget(n);
-        if (n - kept > kept) { // mostly zeros, which std::calloc need not write
+        if (n - kept > kept) { // mostly zeros: std::calloc need not write them
             detail::GrowingBytes bytes = detail::GrowingBytes::zeroed(n, target);
             if (kept != 0) {
                 std::memcpy(bytes.data(), bytes_.data(), kept);
@@ -261,8 +261,8 @@ void ByteBuffer::resizeVector(std::size_t n) {
     bytes_ = detail::GrowingBytes(vector_.data(), n);
 }
 
-// The first `kept` bytes in memory of this buffer's own, for exactly `capacity` of them. Those that
-// it owns already must all be kept.
+// Keeps the first `kept` bytes, in owned memory of exactly this capacity. Precondition: if the
+// bytes are owned already, kept == size().
 void ByteBuffer::setCapacity(std::size_t capacity, std::size_t kept) {
     if (bytes_.isBorrowed()) {
         become(copyOf(ByteBufferView(bytes_.data(), kept), capacity));
@@ -271,8 +271,8 @@ void ByteBuffer::setCapacity(std::size_t capacity, std::size_t kept) {
     }
 }
 
-// Replaces the content by bytes that it owns. The old block is released afterwards, so that its
-// deleter finds the new content.
+// Replaces the content by owned bytes. Releases the old block last, so that its deleter sees the
+// new content.
 void ByteBuffer::become(detail::GrowingBytes bytes) noexcept {
     bool const heldVector = holdsVector();
     bytes_ = std::move(bytes);
@@ -284,8 +284,8 @@ void ByteBuffer::become(detail::GrowingBytes bytes) noexcept {
     }
 }
 
-// Adds `added` bytes, which forEachPiece passes piece by piece to the function that it is given.
-// Pieces may lie in this buffer's own bytes: new memory replaces the old once all are read.
+// Adds `added` bytes. forEachPiece calls its argument with each piece. A piece may be in this
+// buffer's own bytes: new memory replaces the old only after all pieces have been read.
 template <class ForEachPiece>
 void ByteBuffer::appendPieces(std::size_t added, ForEachPiece forEachPiece) {
     auto const put = [](detail::GrowingBytes& to) {

@@ -13,52 +13,32 @@
 #include <iosfwd>
 #include <stdexcept>
 #include <tuple>
+#include <type_traits>
+#include <unordered_set>
+#include <utility>
 
 namespace courier::hub::serialisation {
 
-// The keys of the records, by reference: the getters copy, and a search may not.
+using TypeIDs = std::vector<std::uint64_t>;
+
+// Reads the keys of a record in place: the getters copy, and a search must not.
 struct RecordKeys {
     template <class Record> static std::string const& wireFormat(Record const& record) noexcept {
         return record.wireFormat_;
     }
-    template <class Record> static std::uint64_t const& typeID(Record const& record) noexcept {
-        return record.typeID_;
-    }
-    static std::vector<std::uint64_t> const& typeIDs(Serialiser const& record) noexcept {
-        return record.typeIDs_;
+    // A record has two keys: its type identifier and, in a Serialiser, its list of identifiers.
+    template <class Key, class Record> static Key const& key(Record const& record) noexcept {
+        if constexpr (std::is_same_v<Key, TypeIDs>) {
+            return record.typeIDs_;
+        } else {
+            return record.typeID_;
+        }
     }
 };
 
 namespace {
 
-// The wire formats, interned: entries refer to theirs by address, and a search that compares a name
-// finds it in the processor's cache, however many records there are.
-using Format = std::string const*;
-class Formats {
-public:
-    using Enlarged = HashIndex<Format>;
-    [[nodiscard]] Enlarged enlarged() const { return index_.enlarged(); }
-    void exchange(Enlarged& larger) noexcept { index_.exchange(larger); }
-
-    // Precondition: there is room. Throws std::bad_alloc; an unused format is harmless.
-    Format findOrAdd(std::string const& name) {
-        std::uint64_t const hash = hashOf(name);
-        Format const* const found =
-            index_.find(hash, [&](Format format) { return *format == name; });
-        if (found != nullptr) {
-            return *found;
-        }
-        Format const added = &names_.emplace_front(name);
-        index_.insert(hash, added);
-        return added;
-    }
-
-private:
-    std::forward_list<std::string> names_;
-    HashIndex<Format> index_;
-};
-
-// What is looked for: a key and a wire format. Hashed before the lock is taken.
+// A key and a wire format to look up. Hashed before the lock is taken.
 template <class Key> struct Query {
     Query(Key const& k, std::string const& f) noexcept
         : key(k), wireFormat(f), hash(mix(bitsOf(k) ^ hashOf(f))) {}
@@ -67,155 +47,148 @@ template <class Key> struct Query {
     std::uint64_t hash;
 };
 
-// A record, and the ones registered next under the same type identifier and under the same list.
+// The wire formats of a set, each stored once. Records refer to theirs by address, so that a search
+// compares a text that is in the processor's cache, however many records there are.
+using WireFormats = std::unordered_set<std::string>;
+
+// A record. The records under one key form a ring, in order of registration.
 template <class Record> struct Node {
-    Node(Record&& r, Format f) : record(std::move(r)), format(f) {}
+    Node(Record&& r, std::string const& f) : record(std::move(r)), wireFormat(f) {}
+    template <class Key> Node*& next() noexcept {
+        return std::is_same_v<Key, TypeIDs> ? nextByTypeIDs : nextByTypeID;
+    }
     Record record;
-    Format format;
-    Node* nextByTypeID = nullptr;
-    Node* nextByTypeIDs = nullptr;
+    std::string const& wireFormat;
+    Node* nextByTypeID = this;
+    Node* nextByTypeIDs = this;
 };
 
-// How an index holds a key: an identifier itself, so that a search has no pointer to follow, and a
-// list by the address that it has in its record.
-std::uint64_t hold(std::uint64_t typeID) noexcept { return typeID; }
-std::vector<std::uint64_t> const* hold(std::vector<std::uint64_t> const& typeIDs) noexcept {
-    return &typeIDs;
-}
-std::uint64_t look(std::uint64_t typeID) noexcept { return typeID; }
-std::vector<std::uint64_t> const& look(std::vector<std::uint64_t> const* typeIDs) noexcept {
-    return *typeIDs;
-}
+// The records of one kind by one of their keys: a type identifier, or a list of them.
+template <class Record, class Key> class Index {
+    using Address = Node<Record>*;
 
-// The records of one kind by one of their keys: by the key alone, in order of registration, and by
-// the key and the wire format, where there is one at most.
-template <class Record, class Key, Key const& (*keyOf)(Record const&) noexcept,
-          Node<Record>* Node<Record>::*next>
-class Order {
+    // The address of a record, with its type identifier and wire format beside it: so a search by
+    // an identifier need not read the record. With many records, every one that is read is a cache
+    // miss.
+    struct Entry {
+        std::uint64_t typeID = 0;
+        std::string const* wireFormat = nullptr;
+        Address node = nullptr;
+
+        explicit operator bool() const noexcept { return node != nullptr; }
+        [[nodiscard]] Key const& key() const noexcept {
+            if constexpr (std::is_same_v<Key, TypeIDs>) {
+                return RecordKeys::key<TypeIDs>(node->record);
+            } else {
+                return typeID;
+            }
+        }
+    };
+
 public:
-    // The first record registered under the key.
-    [[nodiscard]] Node<Record> const* first(Key const& key) const noexcept {
-        Chain const* const chain = chains_.find(hashOf(key), is(key));
-        return chain != nullptr ? chain->first : nullptr;
-    }
-    // The one registered next under the same key.
-    [[nodiscard]] static Node<Record> const* after(Node<Record> const& node) noexcept {
-        return node.*next;
-    }
-
-    // The record under a key in a wire format, or under those of another record.
+    // The record under a key in a wire format, or null.
     [[nodiscard]] Record const* find(Query<Key> const& query) const noexcept {
-        Exact const* const exact = exacts_.find(query.hash, [&](Exact const& candidate) {
-            return look(candidate.key) == query.key && *candidate.format == query.wireFormat;
+        Entry const* const found = records_.find(query.hash, [&](Entry const& entry) {
+            return entry.key() == query.key && *entry.wireFormat == query.wireFormat;
         });
-        return exact != nullptr ? &exact->node->record : nullptr;
+        return found != nullptr ? &found->node->record : nullptr;
     }
+    // The record under the key and in the wire format of another one, or null.
     [[nodiscard]] Record const* find(Record const& record) const noexcept {
-        return find(Query<Key>(keyOf(record), RecordKeys::wireFormat(record)));
+        return find(Query<Key>(RecordKeys::key<Key>(record), RecordKeys::wireFormat(record)));
     }
 
-    // Larger indices, which are made while others still search these.
-    struct Enlarged;
-    [[nodiscard]] Enlarged enlarged() const { return {chains_.enlarged(), exacts_.enlarged()}; }
+    // The record registered first under a key, or null.
+    [[nodiscard]] Record const* first(Key const& key) const noexcept {
+        Address const* const last = lasts_.find(hashOf(key), is(key));
+        return last != nullptr ? &next(*last)->record : nullptr;
+    }
+
+    // The wire formats of the records under a key, in order of registration.
+    [[nodiscard]] std::vector<std::string> wireFormats(Key const& key) const {
+        std::vector<std::string> formats;
+        if (Address const* const last = lasts_.find(hashOf(key), is(key)); last != nullptr) {
+            Address node = *last;
+            do {
+                node = next(node);
+                formats.push_back(node->wireFormat);
+            } while (node != *last);
+        }
+        return formats;
+    }
+
+    // Larger tables, which are made while readers still search these.
+    struct Enlarged {
+        HashIndex<Entry> records;
+        HashIndex<Address> lasts;
+    };
+    [[nodiscard]] Enlarged enlarged() const { return {records_.enlarged(), lasts_.enlarged()}; }
     void exchange(Enlarged& larger) noexcept {
-        chains_.exchange(larger.chains);
-        exacts_.exchange(larger.exacts);
+        records_.exchange(larger.records);
+        lasts_.exchange(larger.lasts);
     }
 
     // Precondition: there is room.
     void add(Node<Record>& node) noexcept {
-        Key const& key = keyOf(node.record);
-        if (Chain* const chain = chains_.find(hashOf(key), is(key)); chain != nullptr) {
-            chain->last->*next = &node;
-            chain->last = &node;
+        Key const& key = RecordKeys::key<Key>(node.record);
+        records_.insert(Query<Key>(key, node.wireFormat).hash,
+                        {RecordKeys::key<std::uint64_t>(node.record), &node.wireFormat, &node});
+        if (Address* const last = lasts_.find(hashOf(key), is(key)); last != nullptr) {
+            next(&node) = std::exchange(next(*last), &node);
+            *last = &node;
         } else {
-            chains_.insert(hashOf(key), {hold(key), &node, &node});
+            lasts_.insert(hashOf(key), &node);
         }
-        exacts_.insert(Query<Key>(key, *node.format).hash, {hold(key), node.format, &node});
     }
 
 private:
-    using Held = decltype(hold(std::declval<Key const&>()));
-    struct Chain {
-        Held key{};
-        Node<Record>* first = nullptr;
-        Node<Record>* last = nullptr;
-        explicit operator bool() const noexcept { return first != nullptr; }
-    };
-    struct Exact {
-        Held key{};
-        Format format = nullptr;
-        Node<Record> const* node = nullptr;
-        explicit operator bool() const noexcept { return node != nullptr; }
-    };
-
+    static Address& next(Address node) noexcept { return node->template next<Key>(); }
     static auto is(Key const& key) noexcept {
-        return [&key](Chain const& chain) { return look(chain.key) == key; };
+        return [&key](Address node) { return RecordKeys::key<Key>(node->record) == key; };
     }
-    HashIndex<Chain> chains_;
-    HashIndex<Exact> exacts_;
 
-public:
-    struct Enlarged {
-        HashIndex<Chain> chains;
-        HashIndex<Exact> exacts;
-    };
+    HashIndex<Entry> records_; // every record, by key and wire format
+    HashIndex<Address> lasts_; // of each ring, the record registered last, by key
 };
 
-template <class Record> using ByTypeID =
-    Order<Record, std::uint64_t, &RecordKeys::typeID<Record>, &Node<Record>::nextByTypeID>;
-using ByTypeIDs = Order<Serialiser, std::vector<std::uint64_t>, &RecordKeys::typeIDs,
-                        &Node<Serialiser>::nextByTypeIDs>;
-
-// The records of one kind, the orders in which they are found, and their lock.
+// The records of one kind, their indices and their lock.
 template <class Record> struct RecordSet {
     StripedMutex mutex;
-    Formats formats;
+    WireFormats wireFormats;
     std::forward_list<Node<Record>> nodes;
-    ByTypeID<Record> byTypeID;
+    Index<Record, std::uint64_t> byTypeID;
 };
 struct SerialiserSet : RecordSet<Serialiser> {
-    ByTypeIDs byTypeIDs;
+    Index<Serialiser, TypeIDs> byTypeIDs;
 };
 using DeserialiserSet = RecordSet<Deserialiser>;
 
-std::vector<std::uint64_t> listOf(std::uint64_t typeID) { return {typeID}; }
-std::vector<std::uint64_t> const& listOf(std::vector<std::uint64_t> const& typeIDs) {
-    return typeIDs;
-}
+TypeIDs listOf(std::uint64_t typeID) { return {typeID}; }
+TypeIDs const& listOf(TypeIDs const& typeIDs) { return typeIDs; }
 
 template <class Record>
-auto const& orderOf(RecordSet<Record> const& set, std::uint64_t /*typeID*/) noexcept {
+auto const& indexOf(RecordSet<Record> const& set, std::uint64_t /*typeID*/) noexcept {
     return set.byTypeID;
 }
-auto const& orderOf(SerialiserSet const& set, std::vector<std::uint64_t> const&) noexcept {
+auto const& indexOf(SerialiserSet const& set, TypeIDs const& /*typeIDs*/) noexcept {
     return set.byTypeIDs;
 }
 
-// The record under a key in a wire format; for the wildcard, the one registered first under the
-// key.
+// The record under a key in a wire format; for "*", the one registered first under the key.
 template <class Key> [[gnu::always_inline]] inline Serialiser const*
 findAny(SerialiserSet const& set, Query<Key> const& query) noexcept {
-    auto const& order = orderOf(set, query.key);
-    if (query.wireFormat.size() == 1 && query.wireFormat.front() == '*') {
-        auto const* const node = order.first(query.key);
-        return node != nullptr ? &node->record : nullptr;
-    }
-    return order.find(query);
+    auto const& index = indexOf(set, query.key);
+    bool const isWildcard = query.wireFormat.size() == 1 && query.wireFormat.front() == '*';
+    return isWildcard ? index.first(query.key) : index.find(query);
 }
 
 template <class Set, class Key> std::vector<std::string> wireFormats(Set& set, Key const& key) {
     StripedMutex::Reader const reading(set.mutex);
-    std::vector<std::string> formats;
-    auto const& order = orderOf(set, key);
-    for (auto const* node = order.first(key); node != nullptr; node = order.after(*node)) {
-        formats.push_back(*node->format);
-    }
-    return formats;
+    return indexOf(set, key).wireFormats(key);
 }
 
-// Finds a record and uses it, which may run users' code, under the lock. If there is none, throws
-// what `fail` returns, which is made without the lock.
+// Finds a record and uses it under the lock, which may run users' code. If there is none, throws
+// the result of `fail`, which is made without the lock.
 template <class Set, class Find, class Use, class Fail>
 auto lookUp(Set& set, Find find, Use use, Fail fail) {
     {
@@ -239,31 +212,28 @@ auto lookUpSerialiser(SerialiserSet& set, Key const& key, std::string const& wir
         });
 }
 
-// Adds a record to every order of its set. If one of them holds another under the same key and wire
-// format, that one is passed to `refuse`, and nothing is moved out of the argument. If memory is
-// exhausted, the set is unchanged. What takes long, enlarging the indices, comes before readers are
-// excluded.
-template <class Record, class Refuse, class... Orders>
-void insert(RecordSet<Record>& set, Record& record, Refuse refuse, Orders&... orders) {
+// Adds a record to all indices of its set. A record under the same key and wire format is passed to
+// `refuse` instead; nothing is then moved out of the argument. If memory is exhausted, the set is
+// unchanged. Enlarging the indices takes long, so it comes before readers are excluded.
+template <class Record, class Refuse, class... Indices>
+void insert(RecordSet<Record>& set, Record& record, Refuse refuse, Indices&... indices) {
     if (set.mutex.isReadHere()) {
         throw std::logic_error("A factory cannot register in the catalogue that has called it");
     }
     StripedMutex::Preparation const preparing(set.mutex);
-    Formats::Enlarged formats = set.formats.enlarged();
-    std::tuple<typename Orders::Enlarged...> larger(orders.enlarged()...);
+    std::tuple<typename Indices::Enlarged...> larger(indices.enlarged()...);
 
     StripedMutex::Writer const writing(set.mutex, preparing);
     Record const* blocking = nullptr;
-    static_cast<void>(((blocking = orders.find(record)) || ...));
+    static_cast<void>(((blocking = indices.find(record)) || ...));
     if (blocking != nullptr) {
         refuse(*blocking);
         return;
     }
-    set.formats.exchange(formats);
-    (orders.exchange(std::get<typename Orders::Enlarged>(larger)), ...);
-    Format const format = set.formats.findOrAdd(RecordKeys::wireFormat(record));
-    Node<Record>& added = set.nodes.emplace_front(std::move(record), format);
-    (orders.add(added), ...);
+    std::string const& wireFormat = *set.wireFormats.insert(RecordKeys::wireFormat(record)).first;
+    Node<Record>& added = set.nodes.emplace_front(std::move(record), wireFormat);
+    (indices.exchange(std::get<typename Indices::Enlarged>(larger)), ...);
+    (indices.add(added), ...);
 }
 
 Serialiser makeVoidSerialiser(std::string const& wireFormat) {

@@ -10,8 +10,8 @@ namespace {
 
 using FanOut = std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>>;
 
-// Converts to the result of a look-up. emplace_back() then constructs that in its place in the
-// vector: moving it there would lock its guard.
+// Converts to the result of a look-up, so that emplace_back() constructs that in the vector. Moving
+// it there would lock its guard.
 template <class LookUp> struct Made {
     LookUp lookUp;
     operator GenericSerialiser() const { return lookUp(); }
@@ -22,7 +22,7 @@ template <class LookUp> FanOut fanOut(core::GenericPayload&& payload, LookUp loo
     auto const shared = GenericPayloadWrapperPtr::make(std::move(payload));
     std::size_t const count = shared->get().elementCount;
     std::vector<GenericSerialiser> serialisers;
-    // The count may be wrong: one beyond the elements must fail in the look-up, not here.
+    // The count may be too large: then the look-up must fail, not this allocation.
     serialisers.reserve(std::min(count, shared->get().typeIDs.size()));
     for (std::size_t i = 0; i < count; ++i) {
         serialisers.emplace_back(Made{[&] { return lookUp(i, GenericPayloadView(shared, i)); }});

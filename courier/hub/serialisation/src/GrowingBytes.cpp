@@ -51,7 +51,7 @@ void GrowingBytes::trimFront(std::size_t n) noexcept {
     }
 }
 
-// In the library, as in a program of several modules each may have a std::free of its own.
+// Not inline, so that the library's std::free is called: each module may have one of its own.
 void GrowingBytes::release(std::byte* data) noexcept { std::free(data); }
 
 } // namespace courier::hub::serialisation::detail

@@ -12,8 +12,8 @@
 
 namespace courier::hub::serialisation {
 
-/// Mixes all bits into the upper half and folds them back into the lower. Keys and texts are mixed
-/// by different multipliers, so that no key undoes what a text did.
+/// Mixes all bits into the upper half and folds them back into the lower. Keys and texts use
+/// different multipliers, so that mixing a key cannot cancel the mixing of a text.
 constexpr std::uint64_t mix(std::uint64_t x,
                             std::uint64_t multiplier = 0x9E3779B97F4A7C15) noexcept {
     x *= multiplier;
@@ -21,7 +21,7 @@ constexpr std::uint64_t mix(std::uint64_t x,
 }
 
 inline std::uint64_t hashOf(std::uint64_t x) noexcept { return mix(x); }
-inline std::uint64_t bitsOf(std::uint64_t x) noexcept { return x; } // to be mixed with others
+inline std::uint64_t bitsOf(std::uint64_t x) noexcept { return x; } // mixed together with others
 
 inline std::uint64_t hashOf(std::vector<std::uint64_t> const& list) noexcept {
     std::uint64_t hash = list.size();
@@ -34,7 +34,7 @@ inline std::uint64_t bitsOf(std::vector<std::uint64_t> const& list) noexcept {
     return hashOf(list);
 }
 
-// A copy of fixed length is a single load.
+// A std::memcpy of constant length compiles to a single load.
 template <class Word> std::uint64_t load(char const* from) noexcept {
     Word word;
     std::memcpy(&word, from, sizeof(word));
@@ -58,10 +58,10 @@ inline std::uint64_t hashOf(std::string_view text) noexcept {
     return mix(hash, multiplier);
 }
 
-/// A flat hash table of small entries, which are only ever added. It knows hashes, not keys: the
-/// caller decides what is equal. An entry converts to false if it is empty. Open addressing, at
-/// most a quarter full, so that a search mostly ends where it began. If all hashes collide, a
-/// search is linear: keys come from the modules of a program, not from the bytes that they read.
+/// A hash table of small entries that are never removed, by open addressing. It stores hashes, not
+/// keys: the caller compares keys. An empty entry converts to false. At most a quarter full, so
+/// that a search usually reads one slot. If all hashes collide, a search is linear; that is
+/// accepted, because keys come from a program's modules, not from the bytes that they read.
 template <class Entry> class HashIndex {
 public:
     /// The entry with this hash that `matches`, or null. Constant on average; allocates nothing.
@@ -79,8 +79,8 @@ public:
         return const_cast<Entry*>(std::as_const(*this).find(hash, matches));
     }
 
-    /// A copy of twice the size, if there is no room for one more entry; one without any slots
-    /// otherwise. Looks at no key. Throws std::bad_alloc.
+    /// A copy of twice the size if there is no room for one more entry, otherwise an index without
+    /// slots. Compares no keys. Throws std::bad_alloc.
     [[nodiscard]] HashIndex enlarged() const {
         if (4 * (used_ + 1) <= slots_.size()) {
             return HashIndex(0);
@@ -94,7 +94,7 @@ public:
         return larger;
     }
 
-    /// Takes the place of this table, if it has slots: the smaller one is then freed with it.
+    /// Exchanges the two if `larger` has slots. The caller frees the smaller one.
     void exchange(HashIndex& larger) noexcept {
         if (!larger.slots_.empty()) {
             std::swap(*this, larger);
@@ -127,9 +127,9 @@ private:
         return (i + 1) & (slots_.size() - 1);
     }
 
-    std::vector<Slot> slots_; // a power of two of them
+    std::vector<Slot> slots_; // their number is a power of two
     std::size_t used_ = 0;
-    std::size_t shift_; // leaves as many of a hash's upper bits as number the slots
+    std::size_t shift_; // reduces a hash to its upper bits, the number of the first slot to try
 };
 
 } // namespace courier::hub::serialisation

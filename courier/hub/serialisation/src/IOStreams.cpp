@@ -10,8 +10,7 @@
 
 namespace courier::hub::serialisation {
 
-// Each stream first constructs its base without a stream buffer, because its own does not exist
-// yet.
+// Each constructor passes a null stream buffer to its base, because its own is not constructed yet.
 
 ByteBufferOStream::ByteBufferOStream(std::size_t reserve)
     : std::ostream(nullptr), buffer_(reserve) {
@@ -24,7 +23,7 @@ ByteBufferOStream::ByteBufferOStream(ByteBufferOStream&& other) noexcept : ByteB
 }
 
 ByteBufferOStream& ByteBufferOStream::operator=(ByteBufferOStream&& other) noexcept {
-    ByteBufferOStream taken(std::move(other)); // this stream's own content, if it is `other`
+    ByteBufferOStream taken(std::move(other)); // `other` may be this stream
     swap(taken);
     return *this;
 }
@@ -63,7 +62,7 @@ ByteBufferIStream::ByteBufferIStream(ByteBufferIStream&& other) noexcept
 }
 
 ByteBufferIStream& ByteBufferIStream::operator=(ByteBufferIStream&& other) noexcept {
-    ByteBufferIStream taken(std::move(other)); // this stream's own content, if it is `other`
+    ByteBufferIStream taken(std::move(other)); // `other` may be this stream
     swap(taken);
     return *this;
 }
@@ -89,7 +88,7 @@ void ByteBufferIStream::skip(std::size_t n) {
 
 namespace {
 
-// A class derived from one of these may have more bytes than those at hand.
+// A class derived from one of these may provide further bytes, so the exact types are compared.
 detail::ReadOnlyStreambuf* readOnlyStreambuf(std::istream& in) {
     std::streambuf* const source = in.rdbuf();
     bool const isWhole = source != nullptr && !in.fail() &&
@@ -134,7 +133,7 @@ void StoppableOStream::Buffer::failTarget() noexcept {
     try {
         target_.setstate(std::ios_base::badbit);
     } catch (std::ios_base::failure const&) {
-        // The target's exceptions() ask for it. What made it fail is on its way to the caller.
+        // Thrown if the target's exceptions() include badbit. The caller gets the first cause.
     }
 }
 
@@ -142,8 +141,8 @@ void StoppableOStream::Buffer::throwStopped() {
     throw std::system_error(std::make_error_code(std::errc::operation_canceled));
 }
 
-// To the target's stream buffer rather than by the target's own functions: those cost as much again
-// for a short write, and swallow what the stream buffer throws.
+// Writes to the target's stream buffer rather than to the target: std::ostream doubles the cost of
+// a short write and swallows what the stream buffer throws.
 template <class Write> void StoppableOStream::Buffer::passOn(Write write) {
     try {
         throwIfStopped();

@@ -63,7 +63,7 @@ GenericDeserialiser& GenericDeserialiser::operator=(GenericDeserialiser const& o
 
 GenericDeserialiser& GenericDeserialiser::operator=(GenericDeserialiser&& other) {
     if (this != &other) {
-        routine_ = nullptr; // what it held goes before the other comes
+        routine_ = nullptr; // destroys the old routine before it takes the new one over
         routine_ = std::exchange(other.routine_, nullptr);
         std::lock_guard const source(other.guard_);
         std::lock_guard const target(guard_);
@@ -162,7 +162,7 @@ Deserialiser::Deserialiser(Deserialiser&& other) = default;
 
 Deserialiser& Deserialiser::operator=(Deserialiser const& other) {
     if (this != &other) {
-        std::string wireFormat = other.wireFormat_; // what may throw comes first
+        std::string wireFormat = other.wireFormat_; // copied first, because it may throw
         deserialiser_ = other.deserialiser_;
         wireFormat_.swap(wireFormat);
         typeID_ = other.typeID_;

@@ -22,8 +22,8 @@ void GenericPayloadWrapperRefCount::release() noexcept {
             return;
         }
     }
-    // Unlocked first, as the mutex is destroyed with the object. No other reference is left through
-    // which another thread could reach it.
+    // After the unlock, because the mutex is destroyed with the object. No other reference is left,
+    // so no other thread can reach it.
     delete this;
 }
 

@@ -18,8 +18,8 @@ ByteBufferByteStreamImpl::ByteBufferByteStreamImpl(ByteBufferByteStreamImpl&& ot
     : buffer_(std::move(other.buffer_)), next_(std::exchange(other.next_, nullptr)),
       end_(std::exchange(other.end_, nullptr)) {}
 
-// The old buffer is freed last, because its deleter may inspect this source. A source that is
-// assigned to itself gets back what std::exchange takes from it.
+// Frees the old buffer last, because its deleter may inspect this source. In a self-assignment the
+// source gets back what std::exchange takes from it.
 ByteBufferByteStreamImpl&
 ByteBufferByteStreamImpl::operator=(ByteBufferByteStreamImpl&& other) noexcept {
     next_ = std::exchange(other.next_, nullptr);
@@ -132,9 +132,9 @@ NonOwningByteBufferViewIStreambuf::int_type NonOwningByteBufferViewIStreambuf::u
     return byte;
 }
 
-// The block comes from std::malloc, because std::realloc can grow a large one without copying it.
-// The put area is the unwritten rest of the block, so no position is ever set by pbump(), which
-// takes an int.
+// The block is from std::malloc, because std::realloc can enlarge a large block without copying it.
+// The put area is the unwritten rest of the block, so that the position is never set by pbump(),
+// which takes an int.
 
 void ByteBufferOStreambuf::Free::operator()(void* block) const noexcept { std::free(block); }
 
@@ -201,7 +201,7 @@ void ByteBufferOStreambuf::setCapacity(std::size_t capacity) {
     std::size_t const written = size();
     auto* const block = static_cast<char*>(std::realloc(block_.get(), capacity));
     if (block == nullptr) {
-        throw std::bad_alloc(); // the old block is still there
+        throw std::bad_alloc(); // the old block is unchanged
     }
     static_cast<void>(block_.release());
     block_.reset(block);

@@ -10,15 +10,15 @@
 
 namespace courier::hub::serialisation {
 
-/// A reader-writer lock whose readers do not contend for a cache line: several std::shared_mutex,
-/// of which a reader locks the one of its thread, its stripe, and a writer locks all.
+/// A reader-writer lock whose readers do not contend for a cache line. It has several stripes, each
+/// a std::shared_mutex: a reader locks the reader stripe of its thread, a writer locks all stripes.
 ///
-/// Neither readers nor writers starve, whichever of them the platform's locks prefer: from the
-/// moment that a writer waits, new readers wait behind it.
+/// Neither readers nor writers starve, whichever the platform's locks prefer: once a writer waits,
+/// new readers wait for it.
 ///
-/// A reader that calls users' code is a CallingReader. That code may then read again on its thread:
-/// it takes no lock, because the outer reader holds one, and does not wait for a writer, which
-/// would wait for the outer reader. It must not write: ask isReadHere() first.
+/// Use a CallingReader to run users' code. That code may read again on its thread: it then takes no
+/// lock, because the outer reader holds one, and does not wait for a writer, which waits for the
+/// outer reader. It must not write, which would deadlock: check isReadHere() before writing.
 class StripedMutex {
     struct Thread;
 
@@ -42,7 +42,7 @@ public:
             : mutex_(&mutex), thread_(current()), lock_(mutex.lockShared(thread_)),
               outer_(thread_.innermost), stripe_(thread_.stripe) {
             thread_.innermost = this;
-            thread_.stripe = 0; // so that readers look for this object
+            thread_.stripe = 0; // so that nested readers check `innermost`
         }
         CallingReader(CallingReader const&) = delete;
         CallingReader& operator=(CallingReader const&) = delete;
@@ -61,7 +61,7 @@ public:
         std::size_t stripe_;
     };
 
-    /// Excludes other writers, but no readers, for what a writer prepares. The constructor throws
+    /// Excludes other writers, but no readers, while a writer prepares. The constructor throws
     /// std::system_error.
     class Preparation {
     public:
@@ -71,7 +71,7 @@ public:
         std::lock_guard<std::mutex> lock_;
     };
 
-    /// Excludes readers as well. The constructor throws std::system_error; no stripe is then
+    /// Excludes readers as well. If the constructor throws std::system_error, no stripe stays
     /// locked.
     class Writer {
     public:
@@ -84,22 +84,22 @@ public:
         StripedMutex& mutex_;
     };
 
-    /// True if users' code that a reader of this mutex has called is running on this thread.
+    /// True if this thread is in users' code called by a CallingReader of this mutex.
     [[nodiscard]] bool isReadHere() const noexcept { return isReadBy(current()); }
 
 private:
-    // A cache line each, and the adjacent one, which processors fetch together with it.
+    // Two cache lines each, because processors prefetch the adjacent line.
     struct alignas(128) Stripe {
         std::shared_mutex mutex;
     };
 
     struct Thread {
-        std::size_t stripe; // 0: it has none yet, or is running users' code
+        std::size_t stripe; // 0: none yet, or in users' code
         CallingReader const* innermost;
     };
 
-    // Not inlined: finding a thread's variable is a call in a shared library, which the compiler
-    // would repeat rather than keep the address.
+    // Not inlined: in a shared library the compiler calls a function for each access to a
+    // thread-local variable rather than keeping its address.
     [[gnu::noinline]] static Thread& current() noexcept {
         static constinit thread_local Thread thread{};
         return thread;
@@ -122,17 +122,17 @@ private:
             }
             stripe = stripeOf(reading);
         }
-        // Relaxed suffices: a reader that sees this late gets in first, and the writer waits for
+        // Relaxed suffices: a reader that sees this late locks before the writer, which waits for
         // it.
         if (isWriterThere_.load(std::memory_order_relaxed)) {
-            std::lock_guard<std::mutex> const behindIt(writer_);
+            std::lock_guard<std::mutex> const waiting(writer_);
         }
         std::shared_mutex& mine = stripes_[stripe % stripes_.size()].mutex;
         mine.lock_shared();
         return &mine;
     }
 
-    // Round-robin: as many threads as there are stripes never share one.
+    // Round-robin, so that 16 threads in a row use 16 different stripes.
     [[gnu::noinline]] static std::size_t stripeOf(Thread& reading) noexcept {
         if (reading.innermost != nullptr) {
             CallingReader const* outermost = reading.innermost;
@@ -171,7 +171,7 @@ private:
     }
 
     std::array<Stripe, 16> stripes_;
-    std::mutex writer_; // held by the one writer that prepares, waits or writes
+    std::mutex writer_; // locked by the only writer that prepares, waits or writes
     std::atomic<bool> isWriterThere_{false};
 };
 

@@ -10,16 +10,15 @@
 #include <mutex>
 #include <utility>
 
-/// Cancellation: who asks for a stop, and who looks whether one was asked for.
+/// Cooperative cancellation: sources request a stop, tokens observe it.
 namespace bedrock::concurrent::threadpool {
 
-/// What the sources and tokens of one stop share. Every module that passes a source or a token on
-/// compiles this layout in. Only `stopRequested` is used on this side of the thread pool; the rest
-/// is the pool's own and owns nothing.
+/// The state that sources and tokens share. Use it through them. Its layout is part of the ABI.
+/// Only `stopRequested` is used here; the other members are reserved for the thread pool.
 struct shared_stop_state {
-    std::atomic<bool> stopRequested{false}; ///< set once, by the first request
+    std::atomic<bool> stopRequested{false}; ///< set by the first request, never reset
 
-    /// The pool's own.
+    /// Reserved for the thread pool.
     std::mutex callbackMutex;
     std::array<std::uint64_t, 3> callbacks{};
     bool acceptsCallbacks{true};
@@ -27,32 +26,32 @@ struct shared_stop_state {
     std::condition_variable waiters;
 };
 
-/// Tag of the stop_source that has no state.
+/// The type of nostopstate.
 struct nostopstate_t {
     explicit nostopstate_t() = default;
 };
-/// The tag: `stop_source(nostopstate)` has no state.
+/// Tag: `stop_source(nostopstate)` has no state.
 inline constexpr nostopstate_t nostopstate{};
 
-/// The side that observes a stop. A copy shares the state. A default-constructed or moved-from
-/// token is empty: it never sees a stop.
+/// Observes whether a stop was requested. A copy shares the state. A default-constructed or
+/// moved-from token is empty: it never observes a stop.
 ///
-/// One token belongs to one thread at a time; tokens and sources that share a state may be used on
-/// different threads at once.
+/// Thread-compatible. Tokens and sources that share a state may be used on different threads at
+/// once.
 class stop_token {
 public:
     stop_token() noexcept = default;
 
-    /// Whether a stop was requested. Takes no lock: ask as often as you like. What the requesting
-    /// thread wrote before its request is visible once this is true.
+    /// True if a stop was requested. The requesting thread's earlier writes are then visible. Costs
+    /// one atomic load; takes no lock.
     [[nodiscard]] bool stop_requested() const noexcept {
         return state_ && state_->stopRequested.load(std::memory_order_acquire);
     }
 
-    /// Whether there is a state, so that a stop can ever be seen.
+    /// True if there is a state; false for an empty token, which never observes a stop.
     [[nodiscard]] bool stop_possible() const noexcept { return state_ != nullptr; }
 
-    /// Whether both share one state; two empty ones are equal.
+    /// True if both share one state, or both are empty.
     friend bool operator==(stop_token const&, stop_token const&) noexcept = default;
 
 private:
@@ -63,8 +62,8 @@ private:
     std::shared_ptr<shared_stop_state> state_;
 };
 
-/// The side that may ask for a stop. A copy shares the state; a moved-from source is empty. The end
-/// of the last source requests nothing. Threads: as for stop_token.
+/// Requests a stop. A copy shares the state; a moved-from source is empty. Destroying the last
+/// source does not request a stop. Threads: as for stop_token.
 class stop_source {
 public:
     /// A source with a state of its own. Allocates once; throws std::bad_alloc.
@@ -73,24 +72,24 @@ public:
     /// An empty source: no state, nothing allocated.
     explicit stop_source(nostopstate_t) noexcept {}
 
-    /// A token that shares this source's state; of an empty source, an empty token.
+    /// A token that shares this source's state; an empty token if the source is empty.
     [[nodiscard]] stop_token get_token() const noexcept { return stop_token(state_); }
 
-    /// Asks for a stop, once and for all.
-    /// @return true for the one call that made the request; false later, or on an empty source.
+    /// Requests a stop, which cannot be withdrawn.
+    /// @return true for the first request of this state; false later, or on an empty source.
     bool request_stop() noexcept {
         return state_ && !state_->stopRequested.exchange(true, std::memory_order_acq_rel);
     }
 
-    /// Whether a stop was requested through any source of this state. Takes no lock.
+    /// True if a stop was requested through any source of this state. Takes no lock.
     [[nodiscard]] bool stop_requested() const noexcept {
         return state_ && state_->stopRequested.load(std::memory_order_acquire);
     }
 
-    /// Whether there is a state; false for an empty source.
+    /// True if there is a state; false for an empty source.
     [[nodiscard]] bool stop_possible() const noexcept { return state_ != nullptr; }
 
-    /// Whether both share one state; two empty ones are equal.
+    /// True if both share one state, or both are empty.
     friend bool operator==(stop_source const&, stop_source const&) noexcept = default;
 
 private:

@@ -7,9 +7,9 @@
 #include <string>
 
 /// @file
-/// The fatal diagnostic, and whether a broken invariant calls it.
+/// The fatal diagnostic, and the switch for it.
 
-/// Whether a broken invariant ends the process: true unless bedrock_diag_set_terminate(false) was
+/// True if a broken invariant ends the process. True unless bedrock_diag_set_terminate(false) was
 /// called. Thread-safe; takes no lock.
 [[nodiscard]] BEDROCK_EXPORT bool bedrock_diag_terminate() noexcept;
 
@@ -20,8 +20,8 @@ BEDROCK_EXPORT bool bedrock_diag_set_terminate(bool terminate) noexcept;
 /// The fatal diagnostic.
 namespace bedrock::core::diag {
 
-/// The fatal diagnostic: writes one line with the message, the source position and the function to
-/// standard error, then calls std::abort. Thread-safe.
+/// Writes one line with the message, the source position and the function to standard error. Then
+/// calls std::abort. Thread-safe.
 [[noreturn]] BEDROCK_EXPORT void terminate(std::string const& message, char const* file, int line,
                                            char const* function);
 

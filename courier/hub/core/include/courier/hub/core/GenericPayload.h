@@ -18,7 +18,7 @@
 /// The payload, and the identifiers of its elements' types.
 namespace courier::hub::core {
 
-/// Thrown when an element of a payload has another type than the one asked for, or no value. what()
+/// Thrown when an element of a payload has another type than the one requested, or no value. what()
 /// names the element and both identifiers. Copying does not throw.
 class BadElementType : public std::bad_cast {
 public:
@@ -40,7 +40,7 @@ public:
     [[nodiscard]] std::size_t index() const noexcept { return index_; }
     /// The type identifier that the element has.
     [[nodiscard]] std::uint64_t present() const noexcept { return present_; }
-    /// The type identifier that was asked for; equal to present() if the element has no value.
+    /// The type identifier that was requested; equal to present() if the element has no value.
     [[nodiscard]] std::uint64_t wanted() const noexcept { return wanted_; }
 
 private:
@@ -63,21 +63,22 @@ private:
     std::array<char, 96> text_{}; // the longest text has 91 characters
 };
 
-/// A type-erased payload of several elements, each with the identifier of its type. Element i has
-/// type identifier typeIDs[i] and value values[i].
+/// A type-erased payload of several elements. Element i has type identifier typeIDs[i] and value
+/// values[i]. Use add(), emplace() and get(), which keep the members consistent; the members are
+/// public because they are part of the interface.
 ///
-/// Move-only. A moved-from payload has empty sequences but keeps its elementCount.
-/// Thread-compatible.
+/// It shares the ownership of its values. Move-only. A moved-from payload has empty sequences but
+/// keeps its elementCount. Thread-compatible.
 struct GenericPayload {
     std::vector<std::uint64_t> typeIDs;           ///< type identifier of each element
     std::vector<std::shared_ptr<void>> values;    ///< value of each element
-    std::vector<std::function<void()>> callables; ///< carried along, never called here
-    std::vector<std::shared_ptr<void>> objects;   ///< carried along: kept alive with the payload
-    std::vector<bool> flags;                      ///< carried along
-    std::vector<bool> moreFlags;                  ///< carried along
+    std::vector<std::function<void()>> callables; ///< passed through, never called here
+    std::vector<std::shared_ptr<void>> objects;   ///< passed through; kept alive by the payload
+    std::vector<bool> flags;                      ///< passed through
+    std::vector<bool> moreFlags;                  ///< passed through
     std::size_t elementCount = 0;                 ///< number of elements
 
-    /// No elements, or those of the payload moved from.
+    /// Without elements, or with those of the other payload.
     GenericPayload() = default;
     GenericPayload(GenericPayload&&) noexcept = default;
     GenericPayload& operator=(GenericPayload&&) noexcept = default;
@@ -100,9 +101,9 @@ struct GenericPayload {
         elementCount = values.size(); // a moved-from payload still has its old count
     }
 
-    /// Constructs an element of type T at the end and returns it. The reference stays valid as long
-    /// as the payload keeps the element. Amortised constant. Throws std::bad_alloc and what the
-    /// constructor throws; strong guarantee.
+    /// Constructs an element of type T at the end and returns it. The reference is valid as long as
+    /// the payload, moved or not, keeps the element. Amortised constant. Throws std::bad_alloc and
+    /// what the constructor throws; strong guarantee.
     template <class T, class... Arguments> T& emplace(Arguments&&... arguments) {
         auto value = std::make_shared<T>(std::forward<Arguments>(arguments)...);
         T& element = *value;

@@ -10,9 +10,8 @@
 
 namespace courier::hub::core {
 
-/// The 64-bit hash of which type identifiers are made, of a text that is added in pieces. It is the
-/// same on every machine, whatever its byte order, and for every release of Boost. Bytes count as
-/// unsigned.
+/// Computes the 64-bit hash that type identifiers are made of, over a text added in pieces. The
+/// hash is the same on every machine, whatever its byte order. Bytes count as unsigned.
 class TypeTextHash {
 public:
     /// Adds the next piece.
@@ -28,9 +27,10 @@ public:
         }
     }
 
-    /// The hash of all pieces so far, however the text was cut.
+    /// The hash of the text so far. How it was divided into pieces does not matter.
     [[nodiscard]] constexpr std::uint64_t value() const noexcept {
-        // The last word is always mixed in, closed by a byte 1, so that trailing zeros count.
+        // A byte 1 terminates the last word, which is always mixed in, so that trailing zeros
+        // count.
         return mix(hash_ + 0x9E3779B9 + (word_ | std::uint64_t{1} << filled_));
     }
 
@@ -44,7 +44,7 @@ private:
 
     std::uint64_t hash_ = 0;
     std::uint64_t word_ = 0; // little-endian
-    unsigned filled_ = 0;    // its bits
+    unsigned filled_ = 0;    // the number of its bits in use
 };
 
 /// The hash of a whole text. One pass, no allocation.
@@ -54,35 +54,37 @@ constexpr std::uint64_t hashTypeText(std::string_view text) noexcept {
     return hash.value();
 }
 
-/// The identifier of a type: a constant, equal in every module for equal types, whether g++ or
-/// clang built it, with libstdc++ or libc++. References and top-level const and volatile are
+/// The identifier of a type: a constant that is equal in every module for equal types, whether
+/// built by g++ or clang, with libstdc++ or libc++. References and top-level const and volatile are
 /// ignored. T may be incomplete.
 ///
-/// A type that belongs to one file (in an unnamed namespace, local to a function, or built of such
-/// a type) has an identifier of its own in each file: that of its name and of the name of the main
-/// source file, as the compiler was given it. It serves within that file, for tests for example; do
-/// not exchange such types between files or modules.
+/// A type that belongs to one file (in an unnamed namespace, local to a function, or composed of
+/// such a type) has a different identifier in each file. It is made of the type's name and the name
+/// of the main source file, as passed to the compiler. Use such types within their file only, in
+/// tests for example.
 ///
 /// Local classes need care:
-///  - clang does not tell in which function a class is. There the identifier is that of a class of
-///    the same name at namespace scope, in any file, and get() of one yields the other. Under clang
-///    use a local class as an element only if its name is used nowhere else.
-///  - g++ does not tell two classes of one name in different blocks of one function.
-///  - A class local to an inline function has an identifier in each file that includes it. Move it
-///    to namespace scope.
+///  - clang does not name the function that contains a class. The class has the identifier of a
+///  class
+///    of the same name at namespace scope, in any file, and get() takes one for the other. With
+///    clang, use a local class as an element only if its name is unique.
+///  - g++ does not distinguish two classes of one name in different blocks of one function.
+///  - A class local to an inline function has a different identifier in each file that includes it.
+///    Move it to namespace scope.
 ///
-/// Modules that share one of these types must be built by the same compiler, with the same standard
-/// library, because the compilers do not tell enough about it:
-///  - what is inside a user's own inline namespace: clang leaves that out, and so gives two
-///    versions of a class one identifier;
-///  - a class inside a template, or a template that takes templates, if one of the arguments is a
-///    defaulted value (clang 14 shows it), a name for which libc++ has a short one (the streams,
-///    but not the strings), or an overloaded function (g++ shows its name only);
-///  - a class inside a template over `auto`: g++ does not tell 3 from 3u there;
-///  - what a standard library defines for itself: iterators of containers, `std::exception_ptr`.
+/// Build all modules that share one of these types with the same compiler and standard library,
+/// because compilers name them differently or incompletely:
+///  - a type inside a user's own inline namespace: clang omits the namespace, so that two versions
+///  of
+///    a class have one identifier;
+///  - a class inside a template, or a template that takes templates, if an argument is a defaulted
+///    value (clang 14 shows it), a name that libc++ abbreviates (the streams, but not the strings),
+///    or an overloaded function (g++ shows only its name);
+///  - a class inside a template over `auto`: g++ does not distinguish 3 from 3u there;
+///  - a standard library's own types: iterators of containers, `std::exception_ptr`.
 ///
-/// Refused at compile time are closures and classes without a name, and whatever is inside or made
-/// of them; and as arguments of a template objects, floating-point numbers and parts of objects.
+/// Closures, classes without a name, and types inside or composed of them are rejected at compile
+/// time; so are objects, floating-point numbers and parts of objects as template arguments.
 template <class T> constexpr std::uint64_t getTypeID() noexcept {
     constexpr std::uint64_t id = [] {
         using Type = std::remove_cvref_t<T>;

@@ -16,26 +16,27 @@
 namespace courier::hub::serialisation {
 
 /// Thrown by a look-up that finds nothing. what() is "No serialiser found for " or "No deserialiser
-/// found for ", followed by the wire format asked for. Copying does not throw.
+/// found for ", followed by the wire format requested. Copying does not throw.
 class COURIER_HUB_SERIALISATION_EXPORT LookUpError : public std::runtime_error {
 public:
-    /// For implementations of a catalogue: `what` is the text in front of the wire format. Throws
-    /// std::bad_alloc.
+    /// For implementations of SerialisationCatalogue. `what` is the text before the wire format.
+    /// Throws std::bad_alloc.
     LookUpError(std::string const& what, std::string wireFormat, std::vector<std::uint64_t> typeIDs,
                 std::vector<std::string> supported);
     LookUpError(LookUpError const&) noexcept;
     LookUpError& operator=(LookUpError const&) noexcept;
     ~LookUpError() override;
 
-    /// The wire format asked for.
+    /// The wire format requested.
     [[nodiscard]] std::string const& wireFormat() const noexcept;
 
-    /// The type identifier asked for; of several, the first, and 0 if there was none.
+    /// The type identifier requested; the first of several; 0 if there was none.
     [[nodiscard]] std::uint64_t typeID() const noexcept;
-    /// All type identifiers asked for: those of the list or payload, or the one.
+    /// All type identifiers requested: those of the list or payload, or the single one.
     [[nodiscard]] std::vector<std::uint64_t> const& typeIDs() const noexcept;
 
-    /// The wire formats that would have been found instead, in order of registration.
+    /// The wire formats that would have been found, in order of registration. For a payload, those
+    /// of its list come first, then those of its first element.
     [[nodiscard]] std::vector<std::string> const& supportedWireFormats() const noexcept;
 
 private:
@@ -44,17 +45,19 @@ private:
 };
 
 /// What clients see of a catalogue: look-ups by wire format and type identifier, and queries for
-/// what is registered.
+/// what is registered. Implement it to test a client without a Catalogue.
 ///
 /// Wire formats are compared byte for byte. In getSerialiserFor() "*" matches any wire format, and
-/// the earliest registration wins; elsewhere it is an ordinary name. The identifier of `void` needs
-/// no record in the look-ups and queries by a single identifier: they answer with serialisers that
-/// only flush, a deserialiser that reads nothing, and the wire format "builtin". The look-ups by a
-/// list, a view or a payload treat it like any other.
+/// the earliest registration wins; elsewhere it is an ordinary name.
 ///
-/// What the operations return belongs to the caller. Arguments taken by value are destroyed with
-/// the call, even if it throws. A look-up that finds nothing throws LookUpError. Thread-safe. On a
-/// hot path, look up once and keep the result.
+/// The identifier of `void` needs no record in a look-up or query by a single identifier. The
+/// result is a record whose serialisers only flush, a deserialiser that reads nothing, or the wire
+/// format "builtin", whatever is registered. Look-ups by a list, a view or a payload treat this
+/// identifier like any other.
+///
+/// The caller owns what the operations return. Arguments taken by value are destroyed when the call
+/// returns or throws. A look-up that finds nothing throws LookUpError. Thread-safe. On a hot path,
+/// look up once and keep the result.
 class COURIER_HUB_SERIALISATION_EXPORT SerialisationCatalogue {
 public:
     SerialisationCatalogue() = default;
@@ -66,29 +69,29 @@ public:
     getSerialiserFor(std::string const& wireFormat,
                      std::vector<std::uint64_t> const& typeIDs) const = 0;
 
-    /// A copy of the record registered under this type identifier. For `void`, a record in the wire
-    /// format asked for whose serialisers only flush.
+    /// A copy of the record registered under this type identifier. For `void`, a new record with
+    /// the wire format requested, whose serialisers only flush.
     [[nodiscard]] virtual Serialiser getSerialiserFor(std::string const& wireFormat,
                                                       std::uint64_t typeID) const = 0;
 
-    /// The serialiser of a whole payload: by its whole list of type identifiers or, if there is no
-    /// record for that, by its first one. The payload factory then gets the whole payload, so one
-    /// for a single element must check that there is no other, as those of addFormat() do. A
-    /// payload without values gets a serialiser that only flushes, in any wire format. Throws
-    /// std::out_of_range if the payload has values but no type identifier, std::bad_function_call
-    /// if the record has no payload factory, and what the factory throws.
+    /// The serialiser of a whole payload. Uses the record under its whole list of type identifiers
+    /// or, if there is none, the record under the first of them. That record's payload factory gets
+    /// the whole payload, so it must check that there is only one element, as those of addFormat()
+    /// do. For a payload without values, returns a serialiser that only flushes, in any wire
+    /// format. Throws std::out_of_range if the payload has values but no type identifier,
+    /// std::bad_function_call if the record has no payload factory, and what the factory throws.
     [[nodiscard]] virtual GenericSerialiser
     getSerialiserFor(std::string const& wireFormat, core::GenericPayload payload) const = 0;
 
-    /// The serialiser of the element that the view refers to, for a write that the caller can stop.
-    /// Throws std::out_of_range if the view's index is not below the number of the payload's type
-    /// identifiers, std::bad_function_call if the record has no such factory, and what the factory
-    /// throws.
+    /// The serialiser of the element that the view refers to. The factory gets the stop source,
+    /// through which the caller can stop the write. Throws std::out_of_range if the view's index is
+    /// not below the number of the payload's type identifiers, std::bad_function_call if the record
+    /// has no such factory, and what the factory throws.
     [[nodiscard]] virtual GenericSerialiser getSerialiserFor(std::string const& wireFormat,
                                                              GenericPayloadView view,
                                                              stop_source stopSource) const = 0;
 
-    /// The same without a stop source: the write can be stopped only by a token given to it.
+    /// The same without a stop source: only a token passed to the serialiser can stop the write.
     [[nodiscard]] virtual GenericSerialiser getSerialiserFor(std::string const& wireFormat,
                                                              GenericPayloadView view) const = 0;
 
@@ -96,12 +99,13 @@ public:
     [[nodiscard]] virtual GenericDeserialiser getDeserialiserFor(std::string const& wireFormat,
                                                                  std::uint64_t typeID) const = 0;
 
-    /// True if getDeserialiserFor() succeeds with these arguments. Once true, it stays true.
+    /// True if getDeserialiserFor() finds a deserialiser for these arguments. Once true, it stays
+    /// true.
     [[nodiscard]] virtual bool hasDeserialiserFor(std::string const& wireFormat,
                                                   std::uint64_t typeID) const = 0;
 
     /// The wire formats in which exactly this list of types can be written, in order of
-    /// registration; none if nothing is registered.
+    /// registration.
     [[nodiscard]] virtual std::vector<std::string>
     getSupportedWireFormats(std::vector<std::uint64_t> const& typeIDs) const = 0;
 
@@ -110,7 +114,7 @@ public:
     getSupportedWireFormats(std::uint64_t typeID) const = 0;
 
     /// The wire formats from which this type can be read, in order of registration. For
-    /// core::GenericPayload and for std::istream, {"*"}.
+    /// core::GenericPayload and for std::istream, {"*"}, whatever is registered.
     [[nodiscard]] virtual std::vector<std::string>
     getSupportedDeserialisationWireFormats(std::uint64_t typeID) const = 0;
 
@@ -119,41 +123,43 @@ public:
 
 /// The catalogue in which modules register how they write and read payload types.
 ///
-/// Make one in main() and pass it to each module. <courier/hub/serialisation/Registration.h> has
-/// the functions by which a module registers.
+/// Make one in main() and pass it to each module, which registers by the functions of
+/// <courier/hub/serialisation/Registration.h>.
 ///
-/// Neither copied nor moved. Records stay until the catalogue is destroyed, and what it returns
-/// holds copies of their routines: a module must stay loaded until the catalogue and everything
-/// that came out of it are destroyed.
+/// Neither copied nor moved. Records stay until the catalogue is destroyed, and what it returns has
+/// copies of their routines: a module must stay loaded until the catalogue and everything that it
+/// returned are destroyed.
 ///
-/// Operations give the strong guarantee, even if memory is exhausted or users' code throws.
+/// Strong guarantee, even if memory is exhausted or users' code throws.
 ///
-/// Thread-safe, except for the destructor. Serialisers and deserialisers are two sets, each under a
-/// reader-writer lock of its own. Look-ups run in parallel and wait only for a registration of the
-/// same kind. A look-up holds the lock while it searches, and while it copies the record or calls
-/// the factory.
-///  - A factory may look up in the same catalogue, even while a registration waits. It cannot
-///    register there: add() of the same kind throws std::logic_error.
-///  - A registration waits for the factories that are running, and look-ups that come later wait
-///    behind it. So keep factories short, and do the work in the serialiser's routine.
+/// Thread-safe, except for the destructor. Serialisers and deserialisers are two sets, each with a
+/// reader-writer lock. Look-ups run in parallel and wait only for a registration of the same kind.
+/// A look-up holds the lock while it searches, and while it copies the record or calls the factory.
+///  - A factory may look up in the same catalogue, even while a registration waits.
+///  - It may register records of the other kind there. Registering the same kind would deadlock, so
+///    add() throws std::logic_error instead.
+///  - It must not wait for another thread that registers there: both would wait forever.
+///  - A registration waits for running factories, and later look-ups wait for the registration.
+///  Keep
+///    factories short, and do the work in the serialiser's routine.
 ///
-/// A look-up searches in constant time on average and allocates nothing to search.
+/// A search takes constant time on average and allocates nothing.
 class COURIER_HUB_SERIALISATION_EXPORT Catalogue : public SerialisationCatalogue {
 public:
     /// An empty catalogue. Throws std::bad_alloc.
     Catalogue();
     ~Catalogue() override;
 
-    /// Registers a serialiser. It is a duplicate if one in the same wire format has the same type
-    /// identifier or the same list of them; two empty lists are the same. A duplicate ends the
-    /// process with a diagnostic if bedrock_diag_terminate() returns true, and is ignored
-    /// otherwise. Amortised constant. Throws std::bad_alloc, and std::logic_error if a factory of a
-    /// serialiser of this catalogue is running on this thread.
+    /// Registers a serialiser. It is a duplicate if a record in the same wire format has the same
+    /// type identifier, or the same list of identifiers, even if both are empty. A duplicate ends
+    /// the process with a diagnostic if bedrock_diag_terminate() returns true; otherwise it is
+    /// ignored. Amortised constant. Throws std::bad_alloc, and std::logic_error while this thread
+    /// runs or copies a serialiser factory of this catalogue.
     void add(Serialiser serialiser);
 
-    /// Registers a deserialiser. It is a duplicate if one in the same wire format has the same type
-    /// identifier. Otherwise as for serialisers; throws std::logic_error while a routine of this
-    /// catalogue's deserialisers is copied on this thread.
+    /// Registers a deserialiser. It is a duplicate if a record in the same wire format has the same
+    /// type identifier. Otherwise as for serialisers, except that it throws std::logic_error while
+    /// this thread copies a deserialiser of this catalogue.
     void add(Deserialiser deserialiser);
 
     [[nodiscard]] Serialiser

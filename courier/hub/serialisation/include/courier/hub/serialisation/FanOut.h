@@ -13,23 +13,23 @@
 
 namespace courier::hub::serialisation {
 
-/// Turns one payload into one serialiser for each of its elements, in element order. The payload is
-/// moved to the heap once and shared by the serialisers. Nothing is copied, and nothing is written
-/// until a serialiser is called.
+/// Makes one serialiser for each element of a payload, in element order. The payload is moved to
+/// the heap once, and the serialisers share it. Nothing is copied, and nothing is written until a
+/// serialiser is called. To write a payload as a whole, use the catalogue.
 ///
-/// Ownership: the payload lives until the last serialiser that kept its view is destroyed; then the
-/// Sentinel is released. A released Sentinel says that the payload's memory is free, not that the
-/// serialisers have run. If no serialiser kept its view, the Sentinel is released before the call
+/// Ownership: the payload lives until the last serialiser that kept its view is destroyed. The
+/// Sentinel is then released: it tells that the payload has been destroyed, not that the
+/// serialisers have run. If no serialiser keeps its view, the Sentinel is released before the call
 /// returns.
 ///
-/// Runs on the calling thread, one look-up after the other; linear in the number of elements. The
-/// serialisers may be called and destroyed on any threads. Several threads may use one catalogue.
-///
-/// Throws what a look-up throws (a LookUpError, std::out_of_range if the payload has fewer type
-/// identifiers than elements, whatever a factory throws) and std::bad_alloc. No partial result is
-/// returned: the serialisers made so far and the payload are destroyed, and the caller's payload is
+/// Throws what a look-up throws (LookUpError, std::out_of_range if the payload has fewer type
+/// identifiers than elements, whatever a factory throws) and std::bad_alloc. There is no partial
+/// result: the payload and the serialisers made so far are destroyed, and the caller's payload is
 /// moved-from. Only if the shared payload itself cannot be allocated is the caller's payload
 /// unchanged.
+///
+/// Thread-safe if the catalogue is. The serialisers may be called and destroyed on any threads. One
+/// look-up for each element, on the calling thread.
 ///
 /// This overload writes every element in the same wire format.
 [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT
@@ -37,9 +37,8 @@ namespace courier::hub::serialisation {
     createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
                          std::string const& wireFormat);
 
-/// Writes element i in wire format i. Further wire formats are ignored. Fewer than elements throw
-/// std::out_of_range "Fewer wire formats than payload elements"; the caller's payload is then
-/// unchanged.
+/// Writes element i in wire format i. Further wire formats are ignored. Throws std::out_of_range
+/// "Fewer wire formats than payload elements"; the caller's payload is then unchanged.
 [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT
     std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>>
     createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
@@ -54,8 +53,7 @@ createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue cons
                                 std::vector<std::string>(wireFormats));
 }
 
-/// The same with a stop source: every factory gets a source of its stop state, so that one request
-/// stops all the writes.
+/// The same with a stop source. Each factory gets a copy, so that one request stops all writes.
 [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT
     std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>>
     createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,

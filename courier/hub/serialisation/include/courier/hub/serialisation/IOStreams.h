@@ -16,11 +16,11 @@
 //
 //   ByteBufferOStream   writes a message into a ByteBuffer
 //   ByteBufferIStream   reads a message in place
-//   StoppableOStream    in front of another std::ostream: a stop request ends the write
-//   unread(), skip()    for a decoder that takes a block of bytes rather than a stream
+//   StoppableOStream    passes writes on to another std::ostream until a stop is requested
+//   unread(), skip()    give a decoder a block of bytes rather than a stream
 //
-// None of these types locks: a stream belongs to one thread at a time. A stop may be requested on
-// any thread.
+// None of these types locks: use a stream on one thread at a time. A stop may be requested on any
+// thread.
 
 namespace courier::hub::serialisation {
 
@@ -32,21 +32,20 @@ using bedrock::concurrent::threadpool::stop_token;
 ///     serialiser(out);
 ///     ByteBuffer message = out.release(); // copies no byte
 ///
-/// A part is never taken for the whole. Writing throws when memory runs out, because exceptions()
-/// include badbit from the start, and release() throws when the stream is not good. A routine that
-/// stops early throws, too, so that release() is not reached. To write through a std::ostream of
-/// your own, use ByteBufferOStreambuf.
+/// Use it for whole messages: it never returns a part of one. Writing throws when memory is
+/// exhausted, because exceptions() include badbit from the start, and release() throws when the
+/// stream is not good. A routine that stops early throws, too, so release() is not reached. To
+/// write through a std::ostream of your own, use ByteBufferOStreambuf.
 ///
 /// Movable and swappable, as std::ostringstream is. A moved-from stream is like a new one. Seeking
-/// fails. Costs what a ByteBufferOStreambuf costs; see there for the spare room of a released
-/// block.
+/// fails. For the cost, and the spare room of a released block, see ByteBufferOStreambuf.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferOStream final : public std::ostream {
 public:
     /// Reserves `reserve` bytes; 0 allocates nothing until the first write. Throws std::bad_alloc,
     /// std::length_error "vector too long" above 2^63 - 1.
     explicit ByteBufferOStream(std::size_t reserve = 0);
 
-    /// Takes over what was written, the state and the formatting; the bytes keep their address.
+    /// Takes over what was written, the state and the formatting. The bytes keep their address.
     ByteBufferOStream(ByteBufferOStream&& other) noexcept;
     ByteBufferOStream& operator=(ByteBufferOStream&& other) noexcept;
     ~ByteBufferOStream() override;
@@ -54,10 +53,9 @@ public:
     /// Exchanges everything with the other stream.
     void swap(ByteBufferOStream& other) noexcept;
 
-    /// The bytes written, in external form, in the block that they were written to; the stream is
-    /// then empty and can be used again. Constant time, allocates nothing. Throws
-    /// std::ios_base::failure if the stream is not good, whatever the reason, and keeps the bytes:
-    /// rdbuf()->release() returns what there is.
+    /// Returns the bytes written, in external form, without copying them. The stream is then empty
+    /// and can be used again. Throws std::ios_base::failure if the stream is not good, and keeps
+    /// the bytes; rdbuf()->release() returns what there is. Constant time; allocates nothing.
     [[nodiscard]] ByteBuffer release();
 
     /// The number of bytes written since construction or the last release().
@@ -81,13 +79,16 @@ private:
 ///         throw std::runtime_error("damaged message");
 ///     }
 ///
-/// Reading past the end, or bytes that do not fit, sets failbit, as in every std::istream.
-/// exceptions() include badbit from the start, so that what a user's own operator>> throws is not
-/// lost; putting back before the first byte sets badbit, too, and throws. unread().size() is the
-/// number of bytes not read yet. Seeking fails, so tellg() is -1 on a good stream.
+/// Use it to read a whole message. unread().size() is the number of bytes not read yet.
 ///
 /// Movable and swappable, as std::istringstream is. A moved-from stream is like a new one without
-/// bytes. Owning a buffer allocates once; borrowing allocates nothing.
+/// bytes.
+///
+/// Reading past the end, or bytes that do not parse, sets failbit, as in every std::istream.
+/// exceptions() include badbit from the start, so that an exception of a user's own operator>> is
+/// not lost. Putting back before the first byte sets badbit, and so throws. Seeking fails, so
+/// tellg() is -1 even on a good stream. Owning a buffer allocates once; borrowing allocates
+/// nothing.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferIStream final : public std::istream {
 public:
     /// Takes ownership of the buffer. Throws std::bad_alloc; the buffer is then unchanged.
@@ -111,12 +112,12 @@ public:
     /// Exchanges everything with the other stream.
     void swap(ByteBufferIStream& other) noexcept;
 
-    /// The bytes not read yet, in place; reads none of them. Valid while the bytes are. Throws
-    /// std::ios_base::failure if the stream has failed (fail()), because its position then means
-    /// nothing; rdbuf()->unread() returns the bytes in any state.
+    /// A view of the bytes not read yet, in place. Does not read them. Valid while the bytes are.
+    /// Throws std::ios_base::failure if the stream has failed (fail()), because its position is
+    /// then meaningless; rdbuf()->unread() returns the bytes in any state.
     [[nodiscard]] ByteBufferView unread() const COURIER_HUB_SERIALISATION_LIFETIMEBOUND;
 
-    /// Counts the next n bytes as read. Throws std::out_of_range "Requested to skip more bytes than
+    /// Marks the next n bytes as read. Throws std::out_of_range "Requested to skip more bytes than
     /// exist" when n is above unread().size(), and as unread() does; the position is then
     /// unchanged. Changes neither the state nor gcount().
     void skip(std::size_t n);
@@ -131,10 +132,9 @@ private:
     ByteBufferIStreambuf buffer_;
 };
 
-/// The bytes that `in` has not read yet, in place, for a decoder that takes a block. Empty if `in`
-/// reads through anything but a read stream buffer of Streams.h itself (a class derived from one
-/// may have more bytes than those at hand), or has failed (`!in`). Such a stream is read as any
-/// std::istream is:
+/// A view of the bytes that `in` has not read yet, in place, for a decoder that takes a block.
+/// std::nullopt if `in` has failed (`!in`), or if its stream buffer is not exactly one of the two
+/// of Streams.h: a derived class may provide further bytes. Then read `in` as any std::istream:
 ///
 ///     if (std::optional<ByteBufferView> const block = unread(in)) {
 ///         std::size_t const used = parse(block->data(), block->size());
@@ -143,43 +143,45 @@ private:
 ///         parse(in);
 ///     }
 ///
-/// Reads nothing. The view is valid while the bytes are. Constant time.
+/// Does not read the bytes. The view is valid while they are. Constant time.
 [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT std::optional<ByteBufferView>
 unread(std::istream& in);
 
-/// Counts the next n bytes of unread(in) as read. Throws std::out_of_range "Requested to skip more
-/// bytes than exist" when there are fewer; the position is then unchanged. Changes neither the
-/// state nor gcount(). Preferable to in.ignore(n), which may set eofbit after the last byte, so
-/// that reading an empty message next would fail.
+/// Marks the next n bytes of unread(in) as read. Throws std::out_of_range "Requested to skip more
+/// bytes than exist" when there are fewer, or when unread(in) is std::nullopt and n is not 0; the
+/// position is then unchanged. Changes neither the state nor gcount(). Use it rather than
+/// in.ignore(n), which may set eofbit after the last byte and so make the next read of an empty
+/// message fail.
 COURIER_HUB_SERIALISATION_EXPORT void skip(std::istream& in, std::size_t n);
 
-/// A std::ostream in front of another one, the target, whose writes end when a stop is requested.
-/// An encoder that writes to it needs no checks of its own:
+/// A std::ostream that passes writes on to another one, the target, until a stop is requested. An
+/// encoder that writes to it needs no checks of its own:
 ///
 ///     void write(Document const& document, std::ostream& out, stop_token const& token) {
 ///         StoppableOStream stoppable(token, out);
 ///         stoppable << document;
 ///     }
 ///
-/// It passes every write on at once, in pieces of at most 64 KiB, and polls the token before each.
-/// exceptions() include badbit from the start, so that these exceptions propagate through the
-/// encoder to the caller:
+/// It owns nothing: the target must outlive it. Not movable.
+///
+/// It passes each write on at once, in pieces of at most 64 KiB, and polls the token before each
+/// piece. exceptions() include badbit from the start, so that exceptions reach the encoder's
+/// caller:
 ///
 /// - std::system_error with std::errc::operation_canceled on a stop.
-/// - What the target's stream buffer throws, std::bad_alloc for instance.
-/// - std::ios_base::failure if that takes fewer bytes, or if the target is not good already.
+/// - What the target's stream buffer throws, such as std::bad_alloc.
+/// - std::ios_base::failure if the target is not good, or its stream buffer accepts fewer bytes.
 ///
-/// What was written before stays written, and the target's badbit is then set, so that a part is
-/// not taken for the whole even if the encoder swallows the exception. An encoder that sets failbit
-/// or badbit itself has the same effect on the target, at the latest in the destructor.
+/// What was written before stays written. The exception also sets the target's badbit, so that a
+/// part is not taken for the whole even if the encoder swallows the exception. If the encoder sets
+/// failbit or badbit of this stream itself, the destructor sets the target's badbit.
 ///
-/// It holds no bytes back: there is nothing to flush at the end.
-/// flush() flushes the target. It writes to the target's stream buffer directly, so the target's
-/// tie() and unitbuf have no effect, and its own formatting and locale are those of a new stream.
-/// Seeking fails. Not movable. The target must outlive it.
+/// Nothing is buffered here; flush() flushes the target. Writes reach the target's stream buffer
+/// directly, so the target's tie() and unitbuf have no effect. Formatting and locale are those of a
+/// new stream. Seeking fails.
 ///
-/// Allocates nothing. A write costs one more virtual call and one atomic load than without it; an
-/// encoder that writes single characters notices.
+/// Allocates nothing. A write costs one virtual call and one atomic load more than without it,
+/// which matters only to an encoder that writes single characters.
 class COURIER_HUB_SERIALISATION_EXPORT StoppableOStream final : public std::ostream {
 public:
     /// An empty token never stops.
@@ -187,8 +189,9 @@ public:
                      std::ostream& target COURIER_HUB_SERIALISATION_LIFETIMEBOUND);
     ~StoppableOStream() override;
 
-    /// Throws std::system_error with std::errc::operation_canceled if a stop was requested. For an
-    /// encoder that reads much and writes little: call it once for each piece read.
+    /// Throws std::system_error with std::errc::operation_canceled if a stop was requested. An
+    /// encoder that reads much and writes little should call it for each piece that it reads. Does
+    /// not change the target.
     void throwIfStopped() const { buffer_.throwIfStopped(); }
 
 private:

@@ -30,19 +30,18 @@
 //
 //     addFormat<Price>(catalogue, "text", writePrice, readPrice);
 //
-// A thin layer over the records of Serialisers.h: what it does can be written by hand with them, at
-// the same cost.
+// A thin layer over the records of Serialisers.h, which can do the same by hand at the same cost.
 
 namespace courier::hub::serialisation {
 
-/// A type that a payload can hold: an object type without const, volatile and reference.
+/// A type that a payload can hold: an object type, no array, without const, volatile or reference.
 template <class T>
 concept ElementType =
     std::is_object_v<T> && !std::is_const_v<T> && !std::is_volatile_v<T> && !std::is_array_v<T>;
 
 namespace detail {
 
-// What a reader returns: the element itself or, for several, a tuple of them.
+// What a reader returns: the element or, for several types, a tuple of the elements.
 template <class... Elements> struct Read { using Type = std::tuple<Elements...>; };
 template <class Element> struct Read<Element> { using Type = Element; };
 
@@ -54,7 +53,7 @@ concept Returns = std::invocable<F const&, Arguments...> &&
 
 /// What addFormat() and addWriter() take: `write(elements..., std::ostream&)`, called with each
 /// element as `Element const&`. It returns nothing: it reports a failure by an exception or by the
-/// state of the stream, never by a result that nobody reads.
+/// state of the stream.
 template <class Write, class... Elements>
 concept WritesWithoutToken = detail::Returns<Write, void, Elements const&..., std::ostream&>;
 
@@ -63,15 +62,16 @@ template <class Write, class... Elements>
 concept WritesWithToken =
     detail::Returns<Write, void, Elements const&..., std::ostream&, stop_token const&>;
 
-/// What writes elements of these types, with a token or without. It can be copied and called as
-/// const, as several threads may call it at once.
+/// A writer of elements of these types, with a token or without. It is copyable, and callable as
+/// const because several threads may call it at once.
 template <class Write, class... Elements>
 concept WriterOf = std::copy_constructible<Write> &&
     (WritesWithoutToken<Write, Elements...> || WritesWithToken<Write, Elements...>);
 
 /// What addFormat() and addReader() take: `read(std::istream&)`. It returns the element (for
-/// several types, a std::tuple of the elements) by value, by std::unique_ptr or by std::shared_ptr;
-/// a reference is refused, as nobody would own the element. It can be copied and called as const.
+/// several types, a std::tuple of the elements) by value, by std::unique_ptr or by std::shared_ptr.
+/// A reference is rejected, because nothing would own the element. It is copyable and callable as
+/// const.
 template <class Read, class... Elements>
 concept ReaderOf = std::copy_constructible<Read> &&
     (detail::Returns<Read, typename detail::Read<Elements...>::Type, std::istream&> ||
@@ -82,7 +82,7 @@ concept ReaderOf = std::copy_constructible<Read> &&
 
 namespace detail {
 
-// Says at the call what is wrong with it. The result keeps the compiler from saying more.
+// Reports at the call what is wrong with it. The result suppresses further errors.
 template <class Write, class... Elements> constexpr bool isWriter() {
     constexpr bool areElements = (ElementType<Elements> && ...);
     static_assert(areElements,
@@ -127,7 +127,7 @@ void callWriter(Write const& write, stop_token const& token, std::ostream& out,
     }
 }
 
-// The routine that writes one element of a shared payload; for several types, an element that is a
+// The routine that writes one element of a shared payload. For several types, that element is a
 // tuple of them. The view keeps the payload alive.
 template <class Write, class... Elements> struct ElementRoutine {
     [[no_unique_address]] Write write;
@@ -149,11 +149,11 @@ template <class Write, class... Elements> struct PayloadRoutine {
     GenericPayloadWrapperPtr payload;
 
     void operator()(stop_token const& token, std::ostream& out) const {
-        [&]<std::size_t... i>(std::index_sequence<i...>) {
+        auto const writeAll = [&]<std::size_t... i>(std::index_sequence<i...>) {
             callWriter(write, token, out,
                        std::as_const(payload->get()).template get<Elements>(i)...);
-        }
-        (std::index_sequence_for<Elements...>());
+        };
+        writeAll(std::index_sequence_for<Elements...>());
     }
 };
 
@@ -170,7 +170,8 @@ Serialiser makeSerialiser(std::string const& wireFormat, Write write) {
             return GenericSerialiser(Routine{write, std::move(view)}, std::move(stop));
         },
         [write](core::GenericPayload&& payload) {
-            // Also found by the type of the first element: what follows must not be dropped.
+            // A payload of more elements finds this record by its first element: refuse to drop the
+            // rest.
             if (payload.elementCount == 1) {
                 return GenericSerialiser(Routine{
                     write,
@@ -224,20 +225,20 @@ Deserialiser makeDeserialiser(std::string const& wireFormat, F read, std::shared
 
 /// Registers how elements of a type are written in one wire format.
 ///
-/// The serialisers throw std::system_error with std::errc::operation_canceled if a stop was
-/// requested before `write` is called; a `write` that takes the token decides how often it polls
-/// it (see throwIfStopped(), and StoppableOStream in IOStreams.h).
+/// A serialiser throws std::system_error with std::errc::operation_canceled, without calling
+/// `write`, if a stop was requested. A `write` that takes the token decides how often it polls it
+/// (see throwIfStopped(), and StoppableOStream in IOStreams.h).
 ///
-/// Of several types, registers one record for a payload of exactly these elements, in this order.
-/// It is found by their list of identifiers, and by the identifier of the std::tuple of them for an
-/// element that is such a tuple. The serialiser of a payload with another number of elements throws
-/// std::invalid_argument when it is looked up, so that no element is dropped.
+/// For several types, registers one record for a payload of exactly these elements, in this order.
+/// It is found by the list of their identifiers. For an element that is a std::tuple of them, it is
+/// found by the identifier of the tuple. A look-up for a payload with another number of elements
+/// throws std::invalid_argument, so that no element is dropped.
 ///
-/// Each factory keeps a copy of `write`, and each serialiser another one; several threads may call
-/// them at once. A serialiser takes one allocation, for its routine. A duplicate is handled as
-/// Catalogue::add() does. Throws std::invalid_argument if the wire format is empty or "*", which
-/// look-ups read as any wire format; std::bad_alloc; and what copying `write` throws. Strong
-/// guarantee. Thread-safe.
+/// Each factory keeps a copy of `write`, and so does each serialiser; several threads may call them
+/// at once. A duplicate is handled as by Catalogue::add(). Throws std::invalid_argument if the wire
+/// format is empty or "*", which look-ups take for any wire format; std::bad_alloc; and what
+/// copying `write` throws. Strong guarantee. Thread-safe. Each serialiser of an element allocates
+/// once, for its routine; that of a whole payload three times.
 template <class Element, class... More, class Write>
 void addWriter(Catalogue& catalogue, std::string const& wireFormat, Write write) {
     if constexpr (detail::isWriter<Write, Element, More...>()) {
@@ -247,13 +248,14 @@ void addWriter(Catalogue& catalogue, std::string const& wireFormat, Write write)
 }
 
 /// Registers how elements of a type are read from one wire format. What `read` throws reaches the
-/// caller of the deserialiser; a null pointer that it returns throws std::logic_error.
+/// caller of the deserialiser. If `read` returns a null pointer, the deserialiser throws
+/// std::logic_error.
 ///
-/// Of several types, `read` returns a std::tuple of them and the deserialiser yields a payload of
-/// so many elements. It is found by the identifier of the tuple: `getDeserialiserFor(wireFormat,
+/// For several types, `read` returns a std::tuple of them, and the deserialiser returns a payload
+/// of as many elements. It is found by the identifier of the tuple: `getDeserialiserFor(wireFormat,
 /// getTypeID<std::tuple<Order, Customer>>())`.
 ///
-/// The handle is kept with the deserialiser and its copies. Otherwise as addWriter().
+/// The deserialiser and its copies keep the handle alive. Otherwise as addWriter().
 template <class Element, class... More, class Read>
 void addReader(Catalogue& catalogue, std::string const& wireFormat, Read read,
                std::shared_ptr<void> handle = {}) {

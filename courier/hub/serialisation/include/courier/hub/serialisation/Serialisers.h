@@ -20,14 +20,14 @@
 #include <utility>
 #include <vector>
 
-// The routines that encode and decode one payload, and the records under which modules register
-// them. <courier/hub/serialisation/Registration.h> makes both from two functions.
+// The routines that write and read one payload, and the records under which modules register them.
+// <courier/hub/serialisation/Registration.h> makes both from two functions.
 //
-// Calling an empty routine, or asking a record for a serialiser whose factory is empty, throws
-// std::bad_function_call. Whatever a routine or factory throws reaches the caller unchanged.
+// Calling an empty routine or an empty factory throws std::bad_function_call. Whatever a routine or
+// factory throws reaches the caller unchanged.
 //
-// How a write ends early: a routine that was stopped throws std::system_error with
-// std::errc::operation_canceled, and one whose stream failed leaves the stream failed. A routine
+// How a write ends early: a routine that is stopped throws std::system_error with
+// std::errc::operation_canceled; a routine whose stream fails leaves the stream failed. A routine
 // that returns while the stream is good has written everything.
 
 namespace courier::hub::serialisation {
@@ -35,24 +35,24 @@ namespace courier::hub::serialisation {
 using bedrock::concurrent::threadpool::stop_source;
 using bedrock::concurrent::threadpool::stop_token;
 
-/// Throws std::system_error with std::errc::operation_canceled if a stop was requested. For
-/// routines that write: call it once for each piece of work. Takes no lock.
+/// Throws std::system_error with std::errc::operation_canceled if a stop was requested. A routine
+/// that writes calls it once for each piece of work. Takes no lock.
 COURIER_HUB_SERIALISATION_EXPORT void throwIfStopped(stop_token const& token);
 
-/// Writes one prepared payload, or one element of it, to a stream.
+/// Writes one payload, or one element of it, to a stream.
 ///
 /// Move-only. A moved-from serialiser has an empty routine, stop source, text and handle.
 ///
-/// Several threads may move from one object at once: its guard is held meanwhile. Otherwise
-/// thread-compatible: calls and getters take no guard, and must not run while the object is moved
-/// from or assigned to. Whether one serialiser may be called on several threads at once is up to
-/// its routine.
+/// Several threads may move from one object at once, because a move locks a guard. Otherwise
+/// thread-compatible: calls and getters take no lock and must not run while the object is moved
+/// from or assigned to. Whether several threads may call one serialiser at once depends on its
+/// routine.
 class COURIER_HUB_SERIALISATION_EXPORT GenericSerialiser {
 public:
-    /// Writes to the stream. A routine that takes long polls the token, by throwIfStopped().
+    /// Writes to the stream. A routine that takes long polls the token with throwIfStopped().
     using Routine = std::function<void(stop_token, std::ostream&)>;
 
-    /// A serialiser that only flushes the stream, with a stop state of its own. Throws
+    /// A serialiser that only flushes the stream. It has a stop source of its own. Throws
     /// std::bad_alloc.
     GenericSerialiser();
 
@@ -61,8 +61,8 @@ public:
     explicit GenericSerialiser(Routine routine) noexcept
         : routine_(std::move(routine)), stopSource_(bedrock::concurrent::threadpool::nostopstate) {}
 
-    /// With a stop source through which it can be stopped. The text and the handle are kept with
-    /// it; their meaning is up to whoever made them.
+    /// With a stop source through which it can be stopped. The serialiser stores the text and the
+    /// handle; it gives them no meaning.
     GenericSerialiser(Routine routine, stop_source stopSource, std::string text = {},
                       std::shared_ptr<void> handle = {}) noexcept
         : routine_(std::move(routine)), stopSource_(std::move(stopSource)), text_(std::move(text)),
@@ -72,27 +72,29 @@ public:
     GenericSerialiser(GenericSerialiser&& other)
         : GenericSerialiser(std::move(other), std::lock_guard<std::mutex>(other.guard_)) {}
 
-    /// Moves under the guard of `other`, then under this object's. Throws std::system_error if a
-    /// guard cannot be locked; if that is this object's own, the content of `other` is lost.
+    /// Locks the guard of `other`, then this object's guard, never both at once. Throws
+    /// std::system_error if a guard cannot be locked. This object is then unchanged; if its own
+    /// guard failed, the content of `other` is lost.
     GenericSerialiser& operator=(GenericSerialiser&& other);
 
     ~GenericSerialiser() = default;
 
-    /// Writes to the stream. The routine gets a token of the serialiser's own stop source.
+    /// Calls the routine with a token of the serialiser's own stop source.
     void operator()(std::ostream& out) const;
 
-    /// Writes to the stream. The routine gets this token.
+    /// Calls the routine with this token instead.
     void operator()(stop_token token, std::ostream& out) const;
 
     /// The source through which this serialiser can be stopped; empty if it has none.
     [[nodiscard]] stop_source getStopSource() const { return stopSource_; }
-    /// The text that is kept with this serialiser. Its meaning is up to whoever made it.
+    /// The text that the constructor was given.
     [[nodiscard]] std::string getText() const { return text_; }
-    /// What this serialiser keeps alive; null if nothing.
+    /// The handle that the constructor was given; null if none. The serialiser keeps it alive.
     [[nodiscard]] std::shared_ptr<void> getHandle() const { return handle_; }
 
 private:
-    // A moved-from std::function or std::string is not empty with every standard library.
+    // The standard leaves the value of a moved-from std::function or std::string open: both are
+    // reset.
     GenericSerialiser(GenericSerialiser&& other, std::lock_guard<std::mutex> const&)
         : routine_(std::exchange(other.routine_, nullptr)),
           stopSource_(std::move(other.stopSource_)), text_(std::move(other.text_)),
@@ -103,18 +105,18 @@ private:
     Routine routine_;
     stop_source stopSource_;
     std::string text_;
-    std::mutex guard_; // held while another object is moved from this one
+    std::mutex guard_; // locked while this object is moved from or assigned to
     std::shared_ptr<void> handle_;
 };
 
 class GenericDeserialiser;
 
 namespace detail {
-// What can be called with a std::istream&, and copied, as std::function requires.
+// Callable with a std::istream&, and copyable, as std::function requires.
 template <class F>
 concept ReadRoutine = !std::same_as<F, GenericDeserialiser> && std::copy_constructible<F> &&
                       std::invocable<F&, std::istream&>;
-// What a routine that writes without a token is made from; the routine itself has its constructor.
+// Callable with a std::ostream&, and copyable. The std::function itself has its own constructor.
 template <class F, class Target>
 concept DeferredRoutine =
     !std::same_as<F, Target> && !std::same_as<F, std::function<void(std::ostream&)>> &&
@@ -123,25 +125,27 @@ concept DeferredRoutine =
 
 /// Reads one payload from a stream.
 ///
-/// Copies hold a copy of the routine and share the handle. A moved-from deserialiser has an empty
+/// A copy has a copy of the routine and shares the handle. A moved-from deserialiser has an empty
 /// routine and handle.
 ///
-/// Several threads may copy one object at once, and call it if the routine allows that. An
-/// assignment replaces the routine without a guard, then the handle under the source's guard and
-/// then the target's: two threads must not assign a pair of objects to each other at once, and
-/// nobody may call or copy an object while it is assigned to.
+/// Several threads may copy one object at once, and call it if its routine allows that. No thread
+/// may call or copy an object while it is assigned to, nor assign from an object while that is
+/// moved from or assigned to: an assignment replaces the routine without a lock. It then replaces
+/// the handle with the source's guard and the target's locked, in this order, so two threads that
+/// assign two objects to each other at once may deadlock.
 class COURIER_HUB_SERIALISATION_EXPORT GenericDeserialiser {
 public:
     /// Reads from the stream and returns what it read.
     using Routine = std::function<core::GenericPayload(std::istream&)>;
 
-    /// Holds anything that can be called with a std::istream&. What returns a GenericPayload is
-    /// called as it is; what returns nothing yields an empty payload; any other result yields a
-    /// payload of that one element. An empty std::function or a null pointer is accepted: calling
-    /// it then throws std::bad_function_call. The handle is kept with the deserialiser and shared
-    /// by its copies. Throws std::bad_alloc.
+    /// From anything that can be called with a std::istream&. If it returns a GenericPayload, that
+    /// is the result; if it returns nothing, the result is an empty payload; otherwise it is a
+    /// payload of the one element returned. An empty std::function or a null pointer is accepted;
+    /// calling it throws std::bad_function_call. The deserialiser and its copies keep the handle
+    /// alive. Throws std::bad_alloc, and what moving the routine throws. Implicit, because it takes
+    /// the routine over.
     template <detail::ReadRoutine F>
-    GenericDeserialiser(F routine, std::shared_ptr<void> handle = {}) // implicit: takes it over
+    GenericDeserialiser(F routine, std::shared_ptr<void> handle = {})
         : routine_(wrap(std::move(routine))), handle_(std::move(handle)) {}
 
     /// Throws what copying the routine throws, and std::system_error if the guard of `other` cannot
@@ -150,19 +154,19 @@ public:
     /// Throws std::system_error if the guard of `other` cannot be locked; strong guarantee.
     GenericDeserialiser(GenericDeserialiser&& other);
 
-    /// If copying the routine throws, nothing has changed. If a guard cannot be locked,
-    /// std::system_error is thrown and the routine has been replaced, but not the handle.
+    /// Throws what copying the routine throws; nothing has then changed. Throws std::system_error
+    /// if a guard cannot be locked; the routine has then been replaced, but not the handle.
     GenericDeserialiser& operator=(GenericDeserialiser const& other);
-    /// If a guard cannot be locked, std::system_error is thrown and the routine has been moved, but
+    /// Throws std::system_error if a guard cannot be locked; the routine has then been moved, but
     /// not the handle.
     GenericDeserialiser& operator=(GenericDeserialiser&& other);
 
     ~GenericDeserialiser() = default;
 
-    /// Reads one payload. What the routine consumed stays consumed, even if it throws.
+    /// Calls the routine. If it throws, what it has read from the stream stays read.
     [[nodiscard]] core::GenericPayload operator()(std::istream& in) const;
 
-    /// What this deserialiser and its copies keep alive; null if nothing.
+    /// The handle that this deserialiser and its copies keep alive; null if none.
     [[nodiscard]] std::shared_ptr<void> getHandle() const { return handle_; }
 
 private:
@@ -193,30 +197,30 @@ private:
     GenericDeserialiser(GenericDeserialiser&& other, std::lock_guard<std::shared_mutex> const&);
 
     Routine routine_;
-    mutable std::shared_mutex guard_; // taken while the object is copied, moved from, assigned to
+    mutable std::shared_mutex guard_; // locked for construction from this object, and assignment
     std::shared_ptr<void> handle_;
 };
 
-/// A routine that writes to a stream, kept for later. It copies and moves as the std::function that
-/// it holds. Thread-compatible.
+/// A routine that writes to a stream, stored for later. Copyable; a moved-from one has an
+/// unspecified routine. Thread-compatible.
 class COURIER_HUB_SERIALISATION_EXPORT DeferredSerialiser {
 public:
     /// Writes to the stream.
     using Routine = std::function<void(std::ostream&)>;
 
-    /// A routine that does nothing, not even flush.
+    /// Has a routine that does nothing. Unlike that of a GenericSerialiser, it does not flush.
     DeferredSerialiser();
 
-    /// Takes the routine over, or anything that can be called as one. An empty one throws
-    /// std::bad_function_call when called.
+    /// From a routine, or anything that can be called as one. If it is empty, calling it throws
+    /// std::bad_function_call.
     DeferredSerialiser(Routine routine);
     template <detail::DeferredRoutine<DeferredSerialiser> F> DeferredSerialiser(F routine)
         : DeferredSerialiser(Routine(std::move(routine))) {}
 
-    /// Copies or takes over the routine. Copying throws what copying the routine throws.
+    /// Copies or takes over the routine. The copy throws what copying the routine throws.
     DeferredSerialiser(DeferredSerialiser const& other);
     DeferredSerialiser(DeferredSerialiser&& other) noexcept;
-    /// If copying throws, nothing has changed.
+    /// The same. Strong guarantee.
     DeferredSerialiser& operator=(DeferredSerialiser const& other);
     DeferredSerialiser& operator=(DeferredSerialiser&& other) noexcept;
     ~DeferredSerialiser();
@@ -230,22 +234,22 @@ private:
 
 /// The record under which a module registers how a payload type is written in one wire format.
 ///
-/// A plain value: nothing is checked, and its type identifier and its list of identifiers are
-/// independent. A moved-from record has an empty wire format, an empty list and empty factories.
-/// Thread-compatible; const members may be called on several threads at once if the factories may.
+/// addFormat() and addWriter() of <courier/hub/serialisation/Registration.h> make and register one
+/// from a function. Make one by hand if the three factories differ.
 ///
-/// <courier/hub/serialisation/Registration.h> makes and registers records from two functions. Write
-/// one by hand when the three factories differ.
+/// A plain value. Nothing is checked; its type identifier and its list of identifiers are
+/// independent. A moved-from record has an empty wire format, an empty list and empty factories.
+/// Thread-compatible; several threads may call getSerialiser() at once if the factory allows that.
 class COURIER_HUB_SERIALISATION_EXPORT Serialiser {
 public:
-    /// Makes the serialiser of one element of a shared payload. To keep the payload alive, it moves
-    /// the view into the routine of the serialiser that it returns.
+    /// Makes the serialiser of one element of a shared payload. Move the view into the serialiser's
+    /// routine: it keeps the payload alive.
     using ViewFactory = std::function<GenericSerialiser(GenericPayloadView&&)>;
     /// The same, with the source through which the caller can stop the write.
     using CancellableViewFactory =
         std::function<GenericSerialiser(GenericPayloadView&&, stop_source&&)>;
-    /// Makes the serialiser of a whole payload, which it owns. A payload cannot be copied, so no
-    /// std::function holds one; share it instead:
+    /// Makes the serialiser of a whole payload. A std::function cannot hold a payload, which is
+    /// move-only, so share it:
     ///
     ///     [](core::GenericPayload&& payload) {
     ///         auto shared = GenericPayloadWrapperPtr::make(std::move(payload));
@@ -255,10 +259,9 @@ public:
     ///     }
     using PayloadFactory = std::function<GenericSerialiser(core::GenericPayload&&)>;
 
-    /// Look-ups by one identifier match `typeID`; look-ups by a list match `typeIDs` as a whole.
-    /// The list is stored as given. It may be empty, but the empty list is a key like any other: of
-    /// two records with empty lists in one wire format, the second is a duplicate for the
-    /// catalogue.
+    /// A look-up by one identifier matches `typeID`. A look-up by a list matches the whole of
+    /// `typeIDs`, which may be empty. An empty list is a key like any other: of two records with
+    /// empty lists in one wire format, the catalogue treats the second as a duplicate.
     Serialiser(std::string wireFormat, std::uint64_t typeID, std::vector<std::uint64_t> typeIDs,
                ViewFactory viewFactory, CancellableViewFactory cancellableViewFactory,
                PayloadFactory payloadFactory) noexcept;
@@ -266,17 +269,17 @@ public:
     /// Throws std::bad_alloc, and what copying a factory throws.
     Serialiser(Serialiser const& other);
     Serialiser(Serialiser&& other) noexcept;
-    /// Copies member by member: if one throws, those before it have been replaced.
+    /// Copies member by member. If copying one throws, the members before it have been replaced.
     Serialiser& operator=(Serialiser const& other);
     Serialiser& operator=(Serialiser&& other) noexcept;
     ~Serialiser();
 
-    /// What the constructor was given, by value.
+    /// A copy of what the constructor was given.
     [[nodiscard]] std::string getWireFormat() const;
     [[nodiscard]] std::uint64_t getTypeID() const noexcept;
     [[nodiscard]] std::vector<std::uint64_t> getTypeIDs() const;
 
-    /// What the factory for these arguments makes. There is no fallback to another factory. Throws
+    /// Calls the factory for these arguments. There is no fallback to another factory. Throws
     /// std::bad_function_call if it is empty; the arguments are then unchanged.
     [[nodiscard]] GenericSerialiser getSerialiser(GenericPayloadView&& view) const;
     [[nodiscard]] GenericSerialiser getSerialiser(GenericPayloadView&& view,
@@ -298,20 +301,28 @@ static_assert(std::is_nothrow_move_constructible_v<Serialiser>);
 static_assert(std::is_nothrow_move_assignable_v<Serialiser>);
 
 /// The record under which a module registers how a payload type is read from one wire format.
-/// Copying, moving and threads: as for the GenericDeserialiser inside.
+///
+/// addFormat() and addReader() of <courier/hub/serialisation/Registration.h> make and register one
+/// from a function.
+///
+/// A plain value. A moved-from record has an unspecified wire format and an empty deserialiser.
+/// Threads: as for GenericDeserialiser.
 class COURIER_HUB_SERIALISATION_EXPORT Deserialiser {
 public:
     /// Throws std::system_error if the guard of the deserialiser cannot be locked.
     Deserialiser(std::string wireFormat, std::uint64_t typeID, GenericDeserialiser deserialiser);
 
-    /// As for the GenericDeserialiser inside.
+    /// As for the GenericDeserialiser inside; a copy also throws std::bad_alloc.
     Deserialiser(Deserialiser const& other);
     Deserialiser(Deserialiser&& other);
+    /// The same. If copying the routine throws, nothing has changed; if a guard cannot be locked,
+    /// only the routine has been replaced.
     Deserialiser& operator=(Deserialiser const& other);
+    /// If a guard cannot be locked, everything but the handle has been moved.
     Deserialiser& operator=(Deserialiser&& other);
     ~Deserialiser();
 
-    /// What the constructor was given, by value.
+    /// A copy of what the constructor was given.
     [[nodiscard]] std::string getWireFormat() const;
     [[nodiscard]] std::uint64_t getTypeID() const noexcept;
 

@@ -14,20 +14,21 @@
 #include <type_traits>
 #include <utility>
 
-// One payload on the heap, shared by counted reference:
+// One payload on the heap, shared by counted references:
 //
 //   GenericPayloadView ─┐
-//   GenericPayloadView ─┼─▶ GenericPayloadWrapper ──▶ Sentinel ◀── whoever waits
+//   GenericPayloadView ─┼─▶ GenericPayloadWrapper ──▶ Sentinel ◀── waiting threads
 //   GenericPayloadView ─┘     payload, count
 //
-// When the last reference is dropped, the payload is destroyed and then the Sentinel is released.
+// Dropping the last reference destroys the payload and then releases the Sentinel.
 
 namespace courier::hub::serialisation {
 
-/// Tells whether a payload has been released. It becomes released once and stays so.
+/// Tells when a shared payload has been destroyed: it is then released, and stays so. It does not
+/// tell whether the payload was written.
 ///
-/// Neither copied nor moved; shared by std::shared_ptr. Thread-safe. Every operation throws
-/// std::system_error if the mutex cannot be locked.
+/// Neither copied nor moved; shared by std::shared_ptr. Every operation throws std::system_error if
+/// the mutex cannot be locked, with nothing changed. Thread-safe.
 class Sentinel {
 public:
     Sentinel() = default;
@@ -35,7 +36,7 @@ public:
     Sentinel& operator=(Sentinel const&) = delete;
     ~Sentinel() = default;
 
-    /// Releases, and wakes all waiting threads. Called by the payload's holder.
+    /// Makes it released and wakes all waiting threads. Called when the payload has been destroyed.
     void notify() {
         {
             std::lock_guard<std::mutex> const lock(mutex_);
@@ -44,31 +45,31 @@ public:
         condition_.notify_all();
     }
 
-    /// Blocks until released; returns at once if it already is.
+    /// Blocks until it is released.
     void wait() const {
         std::unique_lock<std::mutex> lock(mutex_);
         condition_.wait(lock, [this] { return released_; });
     }
 
-    /// Blocks until released, but no longer than the given time. Zero or less, or a duration that
-    /// is not a number, only polls; more than 365 days waits without limit.
+    /// Blocks until it is released, but no longer than the timeout. Zero or less, or a NaN, only
+    /// polls. More than 365 days waits without limit.
     /// @return whether it is released.
     template <class Rep, class Period>
     bool waitFor(std::chrono::duration<Rep, Period> const& timeout) const {
-        // A deadline that far away, or before the clock's start, cannot be computed.
+        // A deadline far beyond this would overflow the clock.
         std::chrono::duration<double> const seconds = timeout;
         if (seconds > std::chrono::hours(24 * 365)) {
             wait();
             return true;
         }
         std::unique_lock<std::mutex> lock(mutex_);
-        if (!(seconds > std::chrono::seconds(0))) { // false of a NaN, too
+        if (!(seconds > std::chrono::seconds(0))) { // this comparison is false for a NaN
             return released_;
         }
         return condition_.wait_for(lock, timeout, [this] { return released_; });
     }
 
-    /// Whether it is released. Does not wait for that.
+    /// True if it is released. Does not wait.
     [[nodiscard]] bool isReleased() const {
         std::lock_guard<std::mutex> const lock(mutex_);
         return released_;
@@ -83,9 +84,9 @@ private:
 
 class GenericPayloadWrapperPtr;
 
-/// The reference count of the shared payload. It starts at 0: whoever makes an object takes the
-/// first reference, with a GenericPayloadWrapperPtr. The count is a plain integer under a mutex,
-/// not an atomic one, because modules share this layout. Thread-safe.
+/// The reference count of a shared payload, and its Sentinel. The count starts at 0: whoever makes
+/// an object takes the first reference, with a GenericPayloadWrapperPtr. Neither copied nor moved.
+/// Thread-safe. That the count is a plain integer under a mutex is part of the interface.
 class COURIER_HUB_SERIALISATION_EXPORT GenericPayloadWrapperRefCount {
 public:
     /// Allocates the Sentinel. Throws std::bad_alloc.
@@ -93,7 +94,7 @@ public:
     GenericPayloadWrapperRefCount(GenericPayloadWrapperRefCount const&) = delete;
     GenericPayloadWrapperRefCount& operator=(GenericPayloadWrapperRefCount const&) = delete;
 
-    /// Releases the Sentinel. The payload is already destroyed.
+    /// Releases the Sentinel. By then the derived class has destroyed the payload.
     virtual ~GenericPayloadWrapperRefCount();
 
     /// Adds one reference. Throws std::system_error if the mutex cannot be locked.
@@ -102,25 +103,26 @@ public:
     /// Drops one reference; the last one deletes this object. Terminates if the lock fails.
     void release() noexcept;
 
-    /// The Sentinel that tells when this object is destroyed. It may outlive this object.
+    /// The Sentinel that tells when the payload has been destroyed. It may outlive this object.
     [[nodiscard]] std::shared_ptr<Sentinel> getSentinel() const;
 
 private:
-    friend class GenericPayloadWrapperPtr; // counts the first reference
+    friend class GenericPayloadWrapperPtr; // sets the count to 1 without a lock
     std::uint32_t count_ = 0;              // guarded by mutex_
     std::shared_ptr<Sentinel> sentinel_;
     std::mutex mutex_;
 };
 
-/// A payload on the heap, owned by the references to it. The count is thread-safe; the payload is
-/// not guarded, so threads that share it may only read.
+/// A payload on the heap, owned by the references to it. Make one with
+/// GenericPayloadWrapperPtr::make(). The count is thread-safe. No lock guards the payload, so
+/// threads that share it may only read it.
 class COURIER_HUB_SERIALISATION_EXPORT GenericPayloadWrapper
     : public GenericPayloadWrapperRefCount {
 public:
     /// Takes the payload over. Throws std::bad_alloc; the argument is then unchanged.
     explicit GenericPayloadWrapper(core::GenericPayload&& payload);
 
-    /// Destroys the payload before the base releases the Sentinel.
+    /// Destroys the payload; the base class then releases the Sentinel.
     ~GenericPayloadWrapper() override;
 
     /// The payload. Takes no lock.
@@ -131,11 +133,12 @@ private:
     core::GenericPayload payload_;
 };
 
-/// A counted reference to a shared payload, or null. One pointer in size; a moved-from one is null.
+/// A counted reference to a shared payload, or null. The last one destroys the payload. A
+/// moved-from one is null.
 ///
-/// Copying and dropping a reference locks the payload's mutex once; moving locks nothing. Each
-/// object is thread-compatible; references to one payload may be copied and dropped on several
-/// threads at once.
+/// Thread-compatible; several threads may copy and drop their own references to one payload at
+/// once. One pointer in size. Copying or dropping a reference locks the payload's mutex once;
+/// moving takes no lock.
 class GenericPayloadWrapperPtr {
 public:
     /// Null.
@@ -149,9 +152,9 @@ public:
         return GenericPayloadWrapperPtr(made, false);
     }
 
-    /// Refers to the wrapper, which may be null. Adds a reference, unless addReference is false:
-    /// the caller then passes on a reference that it holds. Throws std::system_error if the mutex
-    /// cannot be locked.
+    /// Refers to the wrapper, which may be null. Adds a reference if addReference is true;
+    /// otherwise takes over a reference of the caller. Throws std::system_error if the mutex cannot
+    /// be locked.
     explicit GenericPayloadWrapperPtr(GenericPayloadWrapper* wrapper, bool addReference = true)
         : wrapper_(wrapper) {
         if (wrapper_ != nullptr && addReference) {
@@ -166,7 +169,7 @@ public:
     GenericPayloadWrapperPtr(GenericPayloadWrapperPtr&& other) noexcept
         : wrapper_(std::exchange(other.wrapper_, nullptr)) {}
 
-    /// As the constructors; then drops the reference held before. Strong guarantee.
+    /// As the constructors. Then drops the reference held before. Strong guarantee.
     GenericPayloadWrapperPtr& operator=(GenericPayloadWrapperPtr const& other) {
         return *this = GenericPayloadWrapperPtr(other);
     }
@@ -187,7 +190,7 @@ public:
     [[nodiscard]] GenericPayloadWrapper* get() const noexcept { return wrapper_; }
     [[nodiscard]] GenericPayloadWrapper* operator->() const noexcept { return wrapper_; }
     [[nodiscard]] GenericPayloadWrapper& operator*() const noexcept { return *wrapper_; }
-    /// Whether it is not null.
+    /// True if it is not null.
     [[nodiscard]] explicit operator bool() const noexcept { return wrapper_ != nullptr; }
 
 private:
@@ -197,16 +200,16 @@ private:
 static_assert(std::is_nothrow_move_constructible_v<GenericPayloadWrapperPtr>);
 static_assert(std::is_nothrow_move_assignable_v<GenericPayloadWrapperPtr>);
 
-/// One element of a shared payload. The payload lives at least as long as the view.
+/// One element of a shared payload. It keeps the whole payload alive. A moved-from view has no
+/// payload.
 ///
-/// Copying and destroying a view lock the payload's mutex once; moving locks nothing and leaves a
-/// view of no payload. Thread-compatible; views of one payload may be copied and destroyed on
-/// several threads at once.
+/// Thread-compatible; several threads may copy and destroy their own views of one payload at once.
+/// Copying or destroying a view locks the payload's mutex once; moving takes no lock.
 struct GenericPayloadView {
     std::size_t index;                ///< the element's position in the payload
     GenericPayloadWrapperPtr wrapper; ///< the shared payload
 
-    /// Refers to one element of the wrapper's payload. Nothing is checked.
+    /// Refers to one element of the payload. Nothing is checked.
     GenericPayloadView(GenericPayloadWrapperPtr payload, std::size_t element) noexcept
         : index(element), wrapper(std::move(payload)) {}
 
@@ -215,7 +218,7 @@ struct GenericPayloadView {
     GenericPayloadView(GenericPayloadView const&) = default;
     GenericPayloadView(GenericPayloadView&&) noexcept = default;
     GenericPayloadView& operator=(GenericPayloadView const& other) {
-        return *this = GenericPayloadView(other); // all or nothing
+        return *this = GenericPayloadView(other); // copies first: strong guarantee
     }
     GenericPayloadView& operator=(GenericPayloadView&&) noexcept = default;
     ~GenericPayloadView() = default;
@@ -224,9 +227,9 @@ struct GenericPayloadView {
     /// number of type identifiers, or if the view is moved-from.
     [[nodiscard]] std::uint64_t getTypeID() const { return payload().typeIDs.at(index); }
 
-    /// The element, whose type must be T. No lock guards it: serialisers of one payload that run at
-    /// once may only read. Throws what core::GenericPayload::get() throws, and std::out_of_range if
-    /// the view is moved-from.
+    /// The element, whose type must be T. No lock guards it: serialisers that share a payload may
+    /// only read it. Throws what core::GenericPayload::get() throws, and std::out_of_range if the
+    /// view is moved-from.
     template <class T> [[nodiscard]] T& get() const { return payload().get<T>(index); }
 
 private:

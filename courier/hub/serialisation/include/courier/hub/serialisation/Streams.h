@@ -12,29 +12,30 @@
 #include <type_traits>
 #include <utility>
 
-// The code below handles raw bytes, bounds included.
+// The code below does pointer arithmetic, which clang's -Wunsafe-buffer-usage rejects.
 #if defined(__clang__) && __clang_major__ >= 16
 #pragma clang unsafe_buffer_usage begin
 #endif
 
 // Two ways to read bytes in place, and one to write them:
 //
-//   ByteStream            byte by byte, from any source, by input iterators
+//   ByteStream            reads byte by byte, from any source, by input iterators
 //   ByteBufferIStreambuf, NonOwningByteBufferViewIStreambuf
-//                         through any std::istream
-//   ByteBufferOStreambuf  through any std::ostream, into a ByteBuffer
+//                         read through any std::istream
+//   ByteBufferOStreambuf  writes through any std::ostream, into a ByteBuffer
 //
 // IOStreams.h has streams that contain these stream buffers.
 //
-// None of these types locks: a source or stream buffer, together with everything that refers to it,
-// belongs to one thread at a time.
+// None of these types locks: use a source or stream buffer, and everything that refers to it, on
+// one thread at a time.
 
 namespace courier::hub::serialisation {
 
 class ByteStreamIterator;
 
-/// An abstract source of bytes, which are read one by one, in order and only once. The read
-/// position belongs to the source: everything that reads from one source shares it.
+/// An abstract source of bytes. Each byte is read once, in order. The read position belongs to the
+/// source: everything that reads from one source shares it. Derive from it to read by a ByteStream
+/// from a source of your own.
 class COURIER_HUB_SERIALISATION_EXPORT ByteStreamImpl {
 public:
     /// For the derived classes.
@@ -42,21 +43,23 @@ public:
     ByteStreamImpl(ByteStreamImpl const&) = default;
     ByteStreamImpl& operator=(ByteStreamImpl const&) = default;
 
-    /// An iterator at the next byte, which is read by this call; the end iterator if there is none.
+    /// Reads the next byte and returns an iterator at it; the end iterator if there is none.
     [[nodiscard]] virtual ByteStreamIterator begin() = 0;
 
     /// True while at least one more byte can be read.
     [[nodiscard]] virtual explicit operator bool() const = 0;
 
-    /// Reads the next byte and advances past it. What it throws at the end is up to the source.
+    /// Reads the next byte and advances past it. What it throws at the end depends on the source.
     virtual std::byte getByte() = 0;
 
     virtual ~ByteStreamImpl();
 };
 
-/// The single-pass input iterator over a source, yielding std::byte. It caches its byte; the
-/// source's position is one past it. Copies share the source. It must not outlive the source. Each
-/// step costs two virtual calls. If an operation throws, the iterator is unchanged.
+/// The single-pass input iterator over a source, yielding std::byte. It caches its byte: the
+/// source's position is one past it.
+///
+/// It owns nothing. Copies share the source, which must outlive them. If an operation throws, the
+/// iterator is unchanged. Each step costs two virtual calls.
 class ByteStreamIterator {
 public:
     /// Required by std::iterator_traits.
@@ -81,8 +84,8 @@ public:
     /// The end iterator.
     ByteStreamIterator() noexcept = default;
 
-    /// Reads the next byte of the source; the end iterator if there is none. Throws what the source
-    /// throws.
+    /// Reads the next byte of the source. Makes the end iterator if there is none. Throws what the
+    /// source throws.
     ByteStreamIterator(ByteStreamImpl& source COURIER_HUB_SERIALISATION_LIFETIMEBOUND) {
         if (source) {
             current_ = source.getByte();
@@ -114,7 +117,7 @@ public:
         return *this;
     }
 
-    /// The same; returns the byte at the old position.
+    /// The same. Returns a holder of the byte at the old position.
     PostIncrementHolder operator++(int) {
         if (source_ == nullptr) {
             throwAtEnd();
@@ -143,7 +146,9 @@ private:
 static_assert(std::is_trivially_copyable_v<ByteStreamIterator>);
 
 /// The same as ByteStreamIterator, but yielding char, so that a std::string can be made from a
-/// pair. Its byte iterator runs one byte ahead. If an operation throws, the iterator is unchanged.
+/// pair. It reads one byte ahead of its character.
+///
+/// It owns nothing. The source must outlive it. If an operation throws, the iterator is unchanged.
 class ByteStreamCharIterator {
 public:
     /// Required by std::iterator_traits.
@@ -168,8 +173,8 @@ public:
     /// The end iterator.
     ByteStreamCharIterator() noexcept = default;
 
-    /// Starts at the byte of `it`, and reads the one after it from the source. Throws what the
-    /// source throws.
+    /// At the byte of `it`; the end iterator if `it` is. Reads the byte after it from the source.
+    /// Throws what the source throws.
     ByteStreamCharIterator(ByteStreamIterator it) : inner_(it) { ++*this; }
 
     /// The character here. Throws std::out_of_range "Attempt to dereference an invalid
@@ -185,7 +190,7 @@ public:
     /// to increment the end ByteStreamCharIterator" at the end, and what the source throws.
     COURIER_HUB_SERIALISATION_EXPORT ByteStreamCharIterator& operator++();
 
-    /// The same; returns the character at the old position.
+    /// The same. Returns a holder of the character at the old position.
     PostIncrementHolder operator++(int) {
         if (!current_) {
             throwAtEnd();
@@ -195,7 +200,7 @@ public:
         return holder;
     }
 
-    /// True when both are at the end, or neither is and their byte iterators are equal.
+    /// True when both are at the end, or neither is and the byte iterators inside are equal.
     friend bool operator==(ByteStreamCharIterator const& a,
                            ByteStreamCharIterator const& b) noexcept {
         return a.inner_ == b.inner_;
@@ -213,11 +218,11 @@ private:
 
 static_assert(std::is_trivially_copyable_v<ByteStreamCharIterator>);
 
-/// The source over a buffer that it owns. Move-only; a moved-from source is at its end.
+/// A source that reads a buffer, which it owns. Move-only; a moved-from source is at its end.
 ///
 /// Reading a byte from a local object of this class is inlined. Through a reference it is a virtual
-/// call, because the object may be of a derived class; mark the derived class `final` to have it
-/// inlined there as well.
+/// call, because the object may be of a derived class. A derived class marked `final` is inlined,
+/// too.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferByteStreamImpl : public ByteStreamImpl {
 public:
     /// Takes the buffer over and reads it from its first byte on.
@@ -225,7 +230,7 @@ public:
         : buffer_(std::move(buffer)), next_(std::as_const(buffer_).data()),
           end_(next_ + buffer_.size()) {}
 
-    /// Takes over the buffer and the position. Assigning a source to itself changes nothing.
+    /// Takes over the buffer and the position. A self-assignment changes nothing.
     ByteBufferByteStreamImpl(ByteBufferByteStreamImpl&& other) noexcept;
     ByteBufferByteStreamImpl& operator=(ByteBufferByteStreamImpl&& other) noexcept;
     ~ByteBufferByteStreamImpl() override;
@@ -249,24 +254,26 @@ private:
     std::byte const* end_;
 };
 
-/// The owner of one source: a std::ranges::input_range. Move-only; a moved-from stream has no
-/// source.
+/// The owner of one source; a std::ranges::input_range. Use it to pass bytes on without their
+/// origin. To read in bulk, use a std::istream over one of the stream buffers below.
+///
+/// Move-only; a moved-from stream has no source.
 class COURIER_HUB_SERIALISATION_EXPORT ByteStream {
 public:
     /// A stream without a source: at its end from the start.
     ByteStream() noexcept = default;
 
-    /// Takes ownership of the source; null makes a stream without a source.
+    /// Takes ownership of the source. Null makes a stream without a source.
     ByteStream(std::unique_ptr<ByteStreamImpl> source) noexcept : source_(std::move(source)) {}
 
     /// Takes the source over.
     ByteStream(ByteStream&&) noexcept = default;
-    /// Destroys the source held before.
+    /// The same. Destroys the source held before.
     ByteStream& operator=(ByteStream&&) noexcept = default;
     ~ByteStream() = default;
 
-    /// An iterator at the next byte, which is read by this call: calling it twice loses a byte.
-    /// Throws what the source throws.
+    /// Reads the next byte and returns an iterator at it, so calling it twice loses a byte. Throws
+    /// what the source throws.
     [[nodiscard]] ByteStreamIterator begin() const {
         return source_ ? source_->begin() : ByteStreamIterator();
     }
@@ -291,19 +298,19 @@ private:
 
 namespace detail {
 
-/// The common base of both read stream buffers: the get area is the whole range of bytes, set once.
-/// There is no refill, no seeking and no put area. Putting back works up to the first byte.
+/// The common base of both read stream buffers. The get area is set once, to the whole range of
+/// bytes. Refilling, seeking and writing fail. Bytes that were read can be put back.
 class COURIER_HUB_SERIALISATION_EXPORT ReadOnlyStreambuf : public std::streambuf {
 public:
     ~ReadOnlyStreambuf() override;
 
-    /// The bytes not read yet, in place; reads none of them. Valid while the bytes are.
+    /// A view of the bytes not read yet, in place. Does not read them. Valid while the bytes are.
     [[nodiscard]] ByteBufferView unread() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
         return {reinterpret_cast<std::byte const*>(gptr()),
                 static_cast<std::size_t>(egptr() - gptr())};
     }
 
-    /// Counts the next n bytes as read. Throws std::out_of_range "Requested to skip more bytes than
+    /// Marks the next n bytes as read. Throws std::out_of_range "Requested to skip more bytes than
     /// exist" when n is above unread().size(); the position is then unchanged.
     void skip(std::size_t n) {
         if (n > unread().size()) {
@@ -323,18 +330,19 @@ protected:
 
 } // namespace detail
 
-/// A std::streambuf that reads in place the bytes of a buffer that it owns, or borrowed ones. Use
-/// it where the reader has to own the bytes; for borrowed bytes alone,
-/// NonOwningByteBufferViewIStreambuf says so in its name and behaves the same.
+/// A std::streambuf that reads bytes in place: those of a buffer that it owns, or borrowed ones.
 ///
-/// in_avail() is the number of bytes not read yet, and unread() is a view of them; skip(n) counts n
-/// of them as read. Seeking and writing fail, so tellg() is -1 on a good stream.
+/// Use it when the reader must own the bytes. For a view, use NonOwningByteBufferViewIStreambuf,
+/// whose name tells the reader that somebody else owns the bytes.
 ///
-/// Move-only; a moved-from one is at its end. Bytes are copied only into the caller's memory, one
-/// block per bulk read.
+/// in_avail() is the number of bytes not read yet, unread() a view of them, and skip(n) marks n of
+/// them as read. Seeking and writing fail, so tellg() is -1 even on a good stream.
+///
+/// Move-only; a moved-from one is at its end and owns nothing. Bytes are copied only into the
+/// caller's memory, one block per bulk read.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferIStreambuf : public detail::ReadOnlyStreambuf {
 public:
-    /// Owns the buffer. Throws std::invalid_argument if it is null.
+    /// Takes ownership of the buffer. Throws std::invalid_argument if it is null.
     explicit ByteBufferIStreambuf(std::unique_ptr<ByteBuffer> buffer);
 
     /// Borrows the bytes: the caller keeps them alive and unchanged. Throws std::invalid_argument
@@ -348,20 +356,21 @@ public:
     /// Deleted: a temporary would be gone before it is read. Pass a std::unique_ptr.
     explicit ByteBufferIStreambuf(ByteBuffer const&&) = delete;
 
-    /// Takes over the bytes and the position.
+    /// Takes over the bytes and the position. An assignment frees the buffer owned before.
     ByteBufferIStreambuf(ByteBufferIStreambuf&& other) noexcept;
     ByteBufferIStreambuf& operator=(ByteBufferIStreambuf&& other) noexcept;
     ~ByteBufferIStreambuf() override;
 
 private:
-    std::unique_ptr<ByteBuffer> owned_; // on the heap, so that a move leaves the bytes in place
+    std::unique_ptr<ByteBuffer> owned_; // null if the bytes are borrowed
 };
 
-/// A std::streambuf that reads in place bytes that it never owns: the caller keeps them alive and
-/// unchanged. Several may read the same bytes, each from its own position. Where the reader has to
-/// own the bytes, use ByteBufferIStreambuf.
+/// A std::streambuf that reads borrowed bytes in place. The caller keeps them alive and unchanged.
 ///
-/// in_avail(), unread(), skip(), seeking and writing: as for ByteBufferIStreambuf.
+/// Use it to read a view. Several may read the same bytes, each from its own position. When the
+/// reader must own the bytes, use ByteBufferIStreambuf.
+///
+/// in_avail(), unread(), skip(), seeking and writing work as for ByteBufferIStreambuf.
 ///
 /// Move-only; a moved-from one remains usable and continues from its own position.
 class COURIER_HUB_SERIALISATION_EXPORT NonOwningByteBufferViewIStreambuf
@@ -386,42 +395,45 @@ public:
     ~NonOwningByteBufferViewIStreambuf() override;
 
 protected:
-    /// As in std::streambuf. Does what the inherited one does; overridden for the ABI's sake.
+    /// As in std::streambuf. The override, which does what the base class does, is part of the
+    /// interface.
     int_type uflow() override;
 
 private:
-    ByteBufferView view_; // all bytes of the get area, for the debugger
+    ByteBufferView view_; // the whole get area; part of the interface, not read here
 };
 
-/// A std::streambuf that writes into a growing block and returns it as a ByteBuffer. To write a
-/// whole message use ByteBufferOStream, which contains one and whose release() refuses a part of a
-/// message. Use this class under a std::ostream of your own, and look at that stream before you
-/// release what was written:
+/// A std::streambuf that writes into a growing block and returns it as a ByteBuffer.
+///
+/// Use it under a std::ostream of your own, and check that stream before release(), which also
+/// returns a part of a message. Otherwise use ByteBufferOStream, whose release() throws instead:
 ///
 ///     ByteBufferOStreambuf sink;
 ///     std::ostream out(&sink);
 ///     out << 3 << " apples";
-///     if (!out) { // memory ran out: the sink holds a part
+///     if (!out) { // out of memory: the sink holds a part
 ///         throw std::bad_alloc();
 ///     }
 ///     ByteBuffer bytes = sink.release(); // copies no byte
 ///
-/// When memory runs out, or the block would exceed 2^63 - 1 bytes, writing throws std::bad_alloc or
-/// std::length_error "vector too long". A std::ostream catches that and sets its badbit; it
-/// rethrows only if its exceptions() include badbit. What was written before is kept.
-///
 /// Move-only; a moved-from one is empty and may be written to. Seeking and reading fail.
 ///
-/// Writing takes amortised constant time per byte: a full block is replaced by one of at least
-/// twice the size. A released block keeps its spare room until it is freed: up to as much again as
-/// was written, or what `reserve` left unused. Use ByteBuffer::clone() for an exact copy.
+/// Writing throws std::bad_alloc when memory is exhausted, and std::length_error "vector too long"
+/// when the block would exceed 2^63 - 1 bytes. What was written before is kept. A std::ostream
+/// catches the exception and sets its badbit; it rethrows only if its exceptions() include badbit.
+///
+/// Writing takes amortised constant time per byte: the block grows to at least 512 bytes and at
+/// least twice what was written. The spare room of a released block stays allocated until the block
+/// is freed: as much again as was written, the rest of 512 bytes, or what `reserve` left unused.
+/// Use ByteBuffer::clone() for a copy without it.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferOStreambuf : public std::streambuf {
 public:
     /// Reserves `reserve` bytes; 0 allocates nothing until the first write. Throws std::bad_alloc,
     /// std::length_error "vector too long" above 2^63 - 1.
     explicit ByteBufferOStreambuf(std::size_t reserve = 0);
 
-    /// Takes over what was written; the bytes stay where they are.
+    /// Takes over what was written; the bytes keep their address. An assignment frees what was
+    /// written before.
     ByteBufferOStreambuf(ByteBufferOStreambuf&& other) noexcept;
     ByteBufferOStreambuf& operator=(ByteBufferOStreambuf&& other) noexcept;
     ~ByteBufferOStreambuf() override;
@@ -431,8 +443,8 @@ public:
         return static_cast<std::size_t>(pptr() - block_.get());
     }
 
-    /// The bytes written, in external form, in the block that they were written to; this object is
-    /// then empty. Constant time, allocates nothing.
+    /// Returns the bytes written, in external form, without copying them. This object is then
+    /// empty. Constant time; allocates nothing.
     [[nodiscard]] ByteBuffer release();
 
 protected:

@@ -2,8 +2,8 @@
 #ifndef COURIER_HUB_CORE_DETAIL_TYPE_SPELLING_H
 #define COURIER_HUB_CORE_DETAIL_TYPE_SPELLING_H
 
-// The one part of Boost.TypeIndex that is needed. <boost/type_index/ctti_type_index.hpp> would cost
-// every includer half a second more.
+// The only part of Boost.TypeIndex that is needed. Including <boost/type_index/ctti_type_index.hpp>
+// takes half a second longer.
 #include <boost/type_index/detail/compile_time_type_info.hpp>
 
 #include <array>
@@ -11,18 +11,18 @@
 #include <string_view>
 #include <type_traits>
 
-// Spells types in one way, whatever the compiler: a type is taken apart, and only names come from
-// the compiler. What is built on a type follows it, so that no two types read alike:
+// Spells types the same way with every compiler: a type is decomposed, and only names come from the
+// compiler. Qualifiers and declarators follow their type, so that no two types have one spelling:
 //
 //     char const*        int[4][3] (three of four)        void(int)*        int n::C::*
 //
-// Templates are written with all their arguments, even the defaults, and numbers with their type:
-// `n::Grid<double,(unsigned int)3>`. Compilers leave out what they can infer, each something else.
+// Templates are spelled with all their arguments, even defaults, and numbers with their type:
+// `n::Grid<double,(unsigned int)3>`. Compilers omit what can be inferred, each in its own way.
 //
-// The pieces are passed to an Out, which has add(std::string_view).
+// The pieces are passed to an Out, which has a function add(std::string_view).
 namespace courier::hub::core::detail {
 
-// The members of std::string_view that search are not constant expressions for g++ under
+// The searching members of std::string_view are not constant expressions in g++ with
 // -fsanitize=undefined.
 constexpr bool startsWith(std::string_view text, std::string_view start) noexcept {
     if (text.size() < start.size()) {
@@ -48,7 +48,7 @@ constexpr bool contains(std::string_view text, std::string_view wanted) noexcept
     return firstOf(text, wanted) != text.size();
 }
 
-/// The text in front of its last `end`.
+/// The text before its last `end`.
 constexpr std::string_view before(std::string_view text, char end) noexcept {
     while (!text.empty() && text.back() != end) {
         text.remove_suffix(1);
@@ -56,18 +56,18 @@ constexpr std::string_view before(std::string_view text, char end) noexcept {
     return text.substr(0, text.size() - (text.empty() ? 0 : 1));
 }
 
-/// The compiler's name of T without qualifiers or keywords in front.
+/// The compiler's name of T without leading qualifiers or keywords.
 template <class T> constexpr std::string_view compilersName() noexcept {
-    // What Boost cuts out of the compiler's signature still ends in that signature's bracket.
+    // What Boost extracts from the compiler's signature still ends with the signature's bracket.
     return before(boost::detail::ctti<T>::n(), ']');
 }
 
-/// The argument of a template with one.
+/// The argument in the name of a template with one argument.
 constexpr std::string_view argumentOf(std::string_view name) noexcept {
     return before(name.substr(firstOf(name, "<") + 1), '>');
 }
 
-/// Whether the name contains any of the marks.
+/// True if the name contains any of the marks.
 template <std::size_t n>
 constexpr bool containsAny(std::string_view name, std::string_view const (&marks)[n]) noexcept {
     for (std::string_view const mark : marks) {
@@ -78,12 +78,12 @@ constexpr bool containsAny(std::string_view name, std::string_view const (&marks
     return false;
 }
 
-/// Whether a part of the name is not a name: a closure, or a class without one.
+/// True if a part of the name is a closure or a class without a name.
 constexpr bool hasUnnamedPart(std::string_view name) noexcept {
     constexpr std::string_view marks[] = {"<unnamed", "(unnamed",    "<lambda",
                                           "(lambda",  "(anonymous ", "{unnamed"};
     constexpr std::string_view unnamedNamespace = "(anonymous namespace)";
-    while (!name.empty()) { // clang's unnamed namespace begins like an unnamed class
+    while (!name.empty()) { // clang's unnamed namespaces begin like its unnamed classes
         std::size_t const end = firstOf(name, unnamedNamespace);
         if (containsAny(name.substr(0, end), marks)) {
             return true;
@@ -93,7 +93,7 @@ constexpr bool hasUnnamedPart(std::string_view name) noexcept {
     return false;
 }
 
-/// Whether the name belongs to one file: it is in an unnamed namespace, or local to a function.
+/// True if the name belongs to one file: it is in an unnamed namespace, or local to a function.
 constexpr bool isOfOneFile(std::string_view name) noexcept {
     constexpr std::string_view marks[] = {
         "{anonymous}", "(anonymous namespace)", ")::",         " const::",
@@ -101,21 +101,21 @@ constexpr bool isOfOneFile(std::string_view name) noexcept {
     return containsAny(name, marks);
 }
 
-/// Whether an address is more than the name of an object, function or member.
+/// True if an address is more than the name of an object, function or member.
 constexpr bool hasPartOfObject(std::string_view name) noexcept {
     constexpr std::string_view marks[] = {"[", ".", "+", "(", "\"", "::operator", "*"};
     return containsAny(name, marks);
 }
 
-/// Whether a template in the name has an argument that compilers spell in several ways: an object
-/// of a class, a part of an object, a floating-point number, an enumerator without a name, an
-/// operator, a character without a picture.
+/// True if a template in the name has an argument that compilers spell differently: an object of a
+/// class, a part of an object, a floating-point number, an enumerator without a name, an operator,
+/// an unprintable character.
 constexpr bool hasUnspelledArgument(std::string_view name) noexcept {
     constexpr std::string_view unnamedNamespace = "{anonymous}";
     constexpr std::string_view marks[] = {"{", "'\\", "\"", "::operator"};
     char last = '\0';
-    bool isInside = false;  // of a template's arguments
-    bool isAddress = false; // the argument is one
+    bool isInside = false;  // in the arguments of a template
+    bool isAddress = false; // in an argument that is an address
     for (; !name.empty(); name.remove_prefix(1)) {
         if (startsWith(name, unnamedNamespace)) {
             name.remove_prefix(unnamedNamespace.size() - 1);
@@ -150,7 +150,7 @@ constexpr bool startsInWord(std::string_view text) noexcept {
     return !text.empty() && isInWord(text.front());
 }
 
-/// A text of at most `capacity` bytes, put together at compile time.
+/// A text of at most `capacity` bytes, assembled at compile time.
 template <std::size_t capacity> struct Text {
     std::array<char, capacity> bytes{};
     std::size_t size = 0;
@@ -163,10 +163,9 @@ template <std::size_t capacity> struct Text {
     [[nodiscard]] constexpr std::string_view view() const noexcept { return {bytes.data(), size}; }
 };
 
-/// Spells a compiler's name with blanks only between words, with the shorter names of the integers
-/// and with addresses as `&n::x`; without the inline namespaces of the standard libraries, which
-/// clang leaves out, and without the short names that libc++ has clang use for the strings. At most
-/// three times as long.
+/// Normalises a compiler's name: blanks only between words, the shorter names of the integers,
+/// addresses as `&n::x`, no inline namespaces of the standard libraries (clang omits them), and the
+/// full names of the strings (clang abbreviates them with libc++). At most three times as long.
 template <std::size_t capacity> constexpr Text<capacity> spellName(std::string_view name) noexcept {
     Text<capacity> out;
     constexpr std::string_view replacements[][2] = {
@@ -185,7 +184,7 @@ template <std::size_t capacity> constexpr Text<capacity> spellName(std::string_v
         {"std::string_view", "std::basic_string_view<char>"},
     };
     bool isAfterWord = false;
-    bool isAddress = false; // of g++'s kind: (& n::x)
+    bool isAddress = false; // in an address as g++ spells it: (& n::x)
     while (!name.empty()) {
         if (startsWith(name, "(& ")) {
             out.add("&");
@@ -250,14 +249,14 @@ constexpr std::string_view nameInAddress(std::string_view address) noexcept {
     return address;
 }
 
-/// As C++ writes it with a cast, which enumerators without a name need anyway: (n::Colour)2,
-/// (int*)&n::x.
+/// With a cast, as an enumerator without a name needs one: (n::Colour)2, (int*)&n::x.
 template <auto value, class Out> constexpr void spellValue(Out& out) noexcept {
     using T = std::remove_const_t<decltype(value)>;
     out.add("(");
     spellType<T>(out);
     out.add(")");
-    if constexpr ((std::is_integral_v<T> || std::is_enum_v<T>)&&sizeof(T) <= sizeof(long long)) {
+    constexpr bool isNumber = std::is_integral_v<T> || std::is_enum_v<T>;
+    if constexpr (isNumber && sizeof(T) <= sizeof(long long)) {
         if constexpr (value < T{}) {
             out.add("-");
             spellNumber(0 - static_cast<unsigned long long>(value), out);
@@ -269,8 +268,8 @@ template <auto value, class Out> constexpr void spellValue(Out& out) noexcept {
                           std::is_null_pointer_v<T>,
                       "an object or a floating-point number as the argument of a template has no "
                       "spelling on which compilers agree: use a type as the argument");
-        // Compared as text: for g++ under -fsanitize=undefined, comparing addresses is not
-        // constant.
+        // Compared as text, because comparing addresses is not a constant expression in g++ with
+        // -fsanitize=undefined.
         constexpr std::string_view name =
             nameInAddress(argumentOf(compilersName<OfValue<value>>()));
         constexpr std::string_view null = "nullptr";
@@ -289,14 +288,14 @@ template <auto value, class Out> constexpr void spellValue(Out& out) noexcept {
     }
 }
 
-/// Spells what each function spells, with commas between.
+/// Calls the functions, each of which spells a type or value, with commas between.
 template <class Out, class... Spell> constexpr void spellList(Out& out, Spell... spell) noexcept {
     [[maybe_unused]] std::string_view comma;
     ((out.add(comma), spell(out), comma = ","), ...);
 }
 
-/// The name of T or, if T wraps a template, of that template. Spelled once for each T, not
-/// each time that T is part of another type: compilers are slow at this.
+/// The name of T or, if T wraps a template, of that template. Computed once for each T, not each
+/// time that T is part of another type, because it takes long to compile.
 template <class T, bool isTemplate> constexpr auto spelledName() noexcept {
     constexpr std::string_view name =
         isTemplate ? argumentOf(compilersName<T>()) : compilersName<T>();
@@ -312,7 +311,7 @@ template <class T, bool isTemplate> constexpr auto spelledName() noexcept {
 }
 template <class T, bool isTemplate> inline constexpr auto nameOf = spelledName<T, isTemplate>();
 
-/// Spells a template by the name in Wrapped and, with these functions, its arguments.
+/// Spells a template: the name that Wrapped contains, and the arguments, by these functions.
 template <class Wrapped, class Out, class... Spell>
 constexpr void spellTemplate(Out& out, Spell... spell) noexcept {
     out.add(nameOf<Wrapped, true>.view());
@@ -321,8 +320,8 @@ constexpr void spellTemplate(Out& out, Spell... spell) noexcept {
     out.add(">");
 }
 
-/// What is built of several types, by one specialisation each. Here: classes, enumerations and
-/// fundamental types, and whatever else cannot be taken apart.
+/// Spells a type that is composed of others, by one specialisation for each kind. The primary
+/// template spells classes, enumerations, fundamental types and whatever else cannot be decomposed.
 template <class T> struct Composite {
     template <class Out> static constexpr void spell(Out& out) noexcept {
         out.add(nameOf<T, false>.view());
@@ -405,7 +404,7 @@ struct Composite<Template<First, Second, Third, value, values...>> {
     }
 };
 
-// Functions with qualifiers, which only pointers to members need, keep the compiler's spelling.
+// Functions with qualifiers, which only pointers to members have, keep the compiler's spelling.
 template <class Result, class... Types, bool isNoexcept>
 struct Composite<Result(Types...) noexcept(isNoexcept)> {
     template <class Out> static constexpr void spell(Out& out) noexcept {
@@ -435,7 +434,7 @@ template <class T, class Out> constexpr void spellType(Out& out) noexcept {
     } else if constexpr (std::is_pointer_v<T>) {
         spellType<std::remove_pointer_t<T>>(out);
         out.add("*");
-    } else if constexpr (std::is_reference_v<T>) { // the blank tells it from a function's qualifier
+    } else if constexpr (std::is_reference_v<T>) { // a blank, unlike a function's qualifier
         spellType<std::remove_reference_t<T>>(out);
         out.add(std::is_lvalue_reference_v<T> ? " &" : " &&");
     } else if constexpr (std::is_array_v<T>) {

@@ -14,25 +14,25 @@
 
 namespace courier::hub::serialisation::detail {
 
-// A range of bytes that grows. The bytes either belong to this object, in memory from std::malloc,
-// or to somebody else, until they are first enlarged:
+// A range of bytes that grows. It owns its bytes, in memory from std::malloc, or borrows them until
+// it first enlarges them:
 //
 //     capacity > 0: owned           data ──▶ │ bytes ─ size ─▶ │ room           │
 //                                            ◀─────────── capacity ────────────▶
 //     capacity = 0: borrowed        data ──▶ │ bytes ─ size ─▶ │
 //
-// Memory from std::malloc, because std::realloc moves a large block's pages instead of copying
-// them, and std::calloc gets zeroed pages without touching them.
+// std::malloc, because std::realloc moves the pages of a large block instead of copying them, and
+// std::calloc gets zeroed pages without writing to them.
 //
-// Move-only; a moved-from object is empty. An operation that throws changes nothing.
+// Move-only; a moved-from object is empty. Strong guarantee. Thread-compatible.
 class GrowingBytes {
 public:
     GrowingBytes() noexcept = default;
 
-    // Borrows bytes, which must stay until they have been replaced.
+    // Borrows the bytes, which must stay valid until they are replaced.
     GrowingBytes(std::byte* data, std::size_t size) noexcept : GrowingBytes(data, size, 0) {}
 
-    // Owns n bytes of value 0. Throws std::bad_alloc. Precondition: n <= capacity.
+    // n bytes of value 0, owned. Throws std::bad_alloc. Precondition: n <= capacity.
     COURIER_HUB_SERIALISATION_EXPORT static GrowingBytes zeroed(std::size_t n,
                                                                 std::size_t capacity);
 
@@ -64,26 +64,27 @@ public:
         return capacity_ > size_ ? capacity_ - size_ : 0;
     }
 
-    // Owns the bytes in memory for exactly `capacity` of them. Throws std::bad_alloc.
-    // Precondition: size() <= capacity.
+    // Makes the bytes owned, with exactly this capacity. Throws std::bad_alloc. Precondition:
+    // size() <= capacity.
     COURIER_HUB_SERIALISATION_EXPORT void reallocate(std::size_t capacity);
 
-    // Has no bytes any more, and frees none.
+    // Makes this object empty without freeing its bytes.
     void forget() noexcept {
         data_ = nullptr;
         size_ = 0;
         capacity_ = 0;
     }
 
-    // Adds n bytes of any value at the end; returns the first. Precondition: n <= room().
+    // Adds n bytes of unspecified value; returns the first. Precondition: n <= room().
     std::byte* extend(std::size_t n) noexcept {
         size_ += n;
         return data_ + (size_ - n);
     }
-    // Adds n bytes, which may be some of these. Preconditions: 0 < n <= room(), p is not null.
+    // Adds a copy of n bytes, which may be bytes of this object. Preconditions: 0 < n <= room(), p
+    // is not null.
     void append(std::byte const* p, std::size_t n) noexcept {
         std::byte* const to = extend(n);
-        if (n - 16 <= 16) { // two overlapping halves, without a call
+        if (n - 16 <= 16) { // 16 to 32 bytes: two overlapping copies, inlined
             std::memcpy(to, p, 16);
             std::memcpy(to + n - 16, p + n - 16, 16);
         } else {
@@ -91,8 +92,8 @@ public:
         }
     }
 
-    // Removes the first, or the last, n bytes. Bytes that are borrowed stay where they are; of
-    // those that are owned, the remaining ones move to the front. Precondition: n <= size().
+    // Removes the first, or the last, n bytes. When the first are removed, borrowed bytes keep
+    // their address and owned ones move to the front. Precondition: n <= size().
     COURIER_HUB_SERIALISATION_EXPORT void trimFront(std::size_t n) noexcept;
     void trimBack(std::size_t n) noexcept { size_ -= n; }
 
