@@ -5,7 +5,6 @@
 #include "examples/program/Element.h"
 #include "examples/program/LoadedModules.h"
 
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -55,20 +54,6 @@ struct StoppingSink : std::streambuf { // asks for a stop in the third mebibyte,
     stop_source stop;
     std::size_t count = 0;
 };
-
-// Lets the process grow by so many bytes and no more, where addresses aren't for the sanitisers.
-std::shared_ptr<void> boundMemory(std::size_t bytes) {
-    std::size_t pages = 0;
-    std::ifstream("/proc/self/statm") >> pages;
-    std::size_t const size = pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    rlimit old{};
-    ::getrlimit(RLIMIT_AS, &old);
-    rlimit const bound{size + bytes, old.rlim_max};
-    if (size >> 40 == 0) {
-        ::setrlimit(RLIMIT_AS, &bound);
-    }
-    return {nullptr, [old](void*) { ::setrlimit(RLIMIT_AS, &old); }};
-}
 
 TEST(RoundtripTest, ProgramSaysWhatCameBackAndWhatWentWrong) {
     auto const directory = testing::TempDir() + "roundtrip" + std::to_string(::getpid());
@@ -126,7 +111,6 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
     auto const isRefused = [&](auto const& format, std::string const& bytes) {
         auto const deserialise = catalogue->getDeserialiserFor(format, typeOf.at(format));
         std::istringstream in(bytes);
-        auto const bound = boundMemory(32 * mebibyte);
         try {
             return deserialise(in).elementCount != 1;
         } catch (std::runtime_error const& error) {
@@ -138,42 +122,6 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
     auto const encoded = [&](auto const& format, std::string const& bytes) {
         return written(catalogue->getSerialiserFor(format, sample(typeOf.at(format), bytes)));
     };
-
-    std::string const most64 = "\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF";
-    std::string const most32 = "\xFF\xFF\xFF\x7F"; // with either byte order
-    std::string const bomb(64 * mebibyte, '\0');
-    std::string const zstd = "\x28\xB5\x2F\xFD";
-    std::vector<std::pair<std::string, std::string>> hostile{
-        {"json", std::string(mebibyte, '[')},
-        {"json", '"' + std::string(5 * mebibyte, 'x')}, // a text without an end
-        {"cbor", std::string(mebibyte, '\x81')},        // arrays in each other
-        {"cbor", std::string(mebibyte, '\x7F')},        // strings in each other
-        {"msgpack", std::string(mebibyte, '\x91')},
-        {"bson", most32 + "\2k" + '\0' + most32 + 'x'},
-        {"bson", most32 + "\5k" + '\0' + most32 + '\0' + 'x'},
-        {"cereal", '\1' + most64 + 'x'},
-        {"deflate", encoded("deflate", bomb)},
-        {"zstd", encoded("zstd", bomb)},
-        {"zstd", zstd + "\xC0\x88" + most64 + "\1x"}, // a window of 128 MiB
-        {"zstd",
-         zstd + "\xE0" + most64 + std::string("\x18\0\0x", 4)}, // so many bytes in one piece
-    };
-    for (char const type : {'\x5B', '\x7B', '\x9B', '\xBB'}) { // bytes, text, list, map
-        hostile.emplace_back("cbor", type + most64);
-    }
-    for (char const type : {'\xC6', '\xC9', '\xDB', '\xDD', '\xDF'}) {
-        hostile.emplace_back("msgpack", type + most32 + 'x');
-    }
-    for (char const* const type : {"SL", "HL", "[#L", "{#L", "[$U#L", "[$Z#L", "[$[#L"}) {
-        hostile.emplace_back("ubjson", type + most64 + 'x');
-    }
-    hostile.emplace_back("protobuf", "");
-    for (std::size_t i = 0; i < mebibyte / 16; ++i) { // empty files, which take two bytes each
-        hostile.back().second += {'\x12', '\0'};
-    }
-    for (auto const& [format, bytes] : hostile) {
-        EXPECT_TRUE(isRefused(format, bytes)) << format << ' ' << bytes.size() << ' ' << +bytes[0];
-    }
 
     auto const large = noise(8 * mebibyte);
     for (auto const& [format, typeID] : typeOf) {

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: Apache-2.0
+// The decoders of the example modules on hostile bytes: each reads one element, or throws one of
+// the two documented errors, in bounded memory. What was read can be written again.
+#include "../tests/Support.h"
+#include "Input.h"
+#include "examples/program/Element.h"
+#include "examples/program/LoadedModules.h"
+
+#include <courier/hub/serialisation/IOStreams.h>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace courier::examples;
+using namespace tests;
+using fuzz::Input;
+
+constexpr std::size_t mebibyte = 1 << 20;
+
+struct Modules {
+    Modules() { loaded.load(MODULE_DIR, catalogue, mebibyte); }
+    LoadedModules loaded;
+    Catalogue catalogue;
+};
+Modules& modules = *new Modules; // never unloaded: the fuzzer reads their counters until the end
+
+template <class T> GenericPayload payloadOf(T value) {
+    GenericPayload payload;
+    payload.add(std::make_shared<T>(std::move(value)));
+    return payload;
+}
+GenericPayload document() {
+    nlohmann::json value{{"list", {nullptr, true, -1, 1.5, 70000, "t\u00e9xt", {{"a", {{}}}}}}};
+    value["bytes"] = nlohmann::json::binary({1, 2, 3}, 4);
+    return payloadOf(Document{value});
+}
+GenericPayload blob() {
+    auto const bytes = Input(nullptr, 0).fresh(100) + std::string(1000, 'x') + "more of the same";
+    return payloadOf(Blob(ByteBuffer(ByteBufferView(bytes + bytes))));
+}
+GenericPayload listing() {
+    Listing value;
+    for (char const* const name : {"a name", "another"}) {
+        value.add_files()->set_name(name);
+    }
+    return payloadOf(value);
+}
+GenericPayload histogram() { return payloadOf(Histogram{"a name", {1, 2, 3}}); }
+
+struct Format {
+    char const* name;
+    GenericPayload (*sample)();
+};
+// A kept input begins with the place of its format: new ones are added at the end.
+constexpr Format formats[] = {
+    {"json", document},    {"cbor", document},    {"msgpack", document}, {"bson", document},
+    {"ubjson", document},  {"raw", blob},         {"deflate", blob},     {"zstd", blob},
+    {"protobuf", listing}, {"cereal", histogram},
+};
+
+// Lets the process take so much more memory and no more: addresses, except under the sanitisers,
+// which need them, and pages.
+class MemoryBound {
+public:
+    explicit MemoryBound(std::size_t bytes) : bytes_(bytes) {
+        std::ofstream("/proc/self/clear_refs") << 5; // what is resident now is the peak
+        before_ = peak();
+        ::getrlimit(RLIMIT_AS, &old_);
+        std::size_t pages = 0;
+        std::ifstream("/proc/self/statm") >> pages;
+        std::size_t const size = pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+        rlimit const bound{size + bytes, old_.rlim_max};
+        if (size >> 40 == 0) {
+            ::setrlimit(RLIMIT_AS, &bound);
+        }
+    }
+    ~MemoryBound() {
+        ::setrlimit(RLIMIT_AS, &old_);
+        SAME(peak() - before_ <= bytes_, true);
+    }
+    MemoryBound(MemoryBound const&) = delete;
+    MemoryBound& operator=(MemoryBound const&) = delete;
+
+private:
+    static std::size_t peak() {
+        rusage usage{};
+        ::getrusage(RUSAGE_SELF, &usage);
+        return static_cast<std::size_t>(usage.ru_maxrss) << 10;
+    }
+    std::size_t bytes_;
+    std::size_t before_;
+    rlimit old_{};
+};
+
+std::string rest(Input& input) {
+    std::string bytes;
+    while (input) {
+        bytes += static_cast<char>(input.byte());
+    }
+    return bytes;
+}
+// A short beginning, and then the same bytes again and again, to beyond the read limit. No element
+// has so many, and most are never complete.
+std::string repeated(Input& input) {
+    std::string bytes;
+    for (std::size_t n = input.below(16); n > 0 && input; --n) {
+        bytes += static_cast<char>(input.byte());
+    }
+    std::string unit = rest(input);
+    while (!unit.empty() && unit.size() <= mebibyte) {
+        unit += unit;
+    }
+    return bytes + unit;
+}
+std::string damaged(Input& input, std::string bytes) {
+    while (input) {
+        std::size_t const page = input.byte();
+        char& byte = bytes[(256 * page + input.byte()) % bytes.size()];
+        byte = static_cast<char>(static_cast<std::uint8_t>(byte) ^ input.byte());
+    }
+    return bytes;
+}
+
+void read(char const* format, std::uint64_t typeID, std::istream& in, bool isEndless) {
+    auto const deserialise = modules.catalogue.getDeserialiserFor(format, typeID);
+    MemoryBound const bound(32 * mebibyte);
+    try {
+        GenericPayload payload = deserialise(in);
+        SAME(payload.typeIDs, IDs{typeID});
+        SAME(isEndless, false);
+        written(modules.catalogue.getSerialiserFor(format, std::move(payload)));
+    } catch (std::length_error const& error) {
+        SAME(std::strstr(error.what(), "read limit of 1048576 bytes") != nullptr, true);
+    } catch (std::runtime_error const& error) {
+        SAME(typeid(error) == typeid(std::runtime_error), true);
+        SAME(std::strlen(error.what()) > 9, true);
+    }
+}
+
+} // namespace
+
+// Blocks that are only claimed don't become resident: the sanitiser refuses them.
+extern "C" char const* __asan_default_options();
+char const* __asan_default_options() {
+    return "allocator_may_return_null=1:max_allocation_size_mb=32";
+}
+
+int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+    Input input(data, size);
+    auto const& format = formats[input.below(std::size(formats))];
+    GenericPayload honest = format.sample();
+    std::uint64_t const typeID = honest.typeIDs.at(0);
+    bool const isInMemory = input.flag();
+    std::string bytes;
+    bool isEndless = false;
+    input.oneOf(DO(bytes = rest(input)),
+                DO(bytes = repeated(input), isEndless = bytes.size() > mebibyte),
+                DO(bytes = damaged(input, written(modules.catalogue.getSerialiserFor(
+                                              format.name, std::move(honest))))));
+    fuzz::place.operation = format.name;
+    std::istringstream copied(bytes);
+    ByteBufferIStream inPlace{ByteBufferView(bytes)};
+    read(format.name, typeID, isInMemory ? inPlace : static_cast<std::istream&>(copied), isEndless);
+    return 0;
+}
