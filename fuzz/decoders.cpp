@@ -94,43 +94,69 @@ private:
     rlimit old_{};
 };
 
-std::string rest(Input& input) {
+struct Bytes {
+    std::string all;
+    std::size_t beginning = 0; // so many of them aren't repeated
+    int repetitions = 0;
+};
+// Reads the bytes, and then those behind the beginning again and again.
+class Source final : public std::streambuf {
+public:
+    explicit Source(Bytes& bytes)
+        : again_(&bytes.all[bytes.beginning]), end_(bytes.all.data() + bytes.all.size()),
+          repetitions_(again_ == end_ ? 0 : bytes.repetitions) {
+        setg(bytes.all.data(), bytes.all.data(), end_);
+    }
+
+protected:
+    int_type underflow() override {
+        if (repetitions_-- <= 0) {
+            return traits_type::eof();
+        }
+        setg(again_, again_, end_);
+        return traits_type::to_int_type(*again_);
+    }
+
+private:
+    char* again_;
+    char* end_;
+    int repetitions_;
+};
+
+std::string take(Input& input, std::size_t most) {
     std::string bytes;
-    while (input) {
+    while (input && bytes.size() < most) {
         bytes += static_cast<char>(input.byte());
     }
     return bytes;
 }
-// A short beginning, and then the same bytes again and again, to beyond the read limit. No element
-// has so many, and most are never complete.
-std::string repeated(Input& input) {
-    std::string bytes;
-    for (std::size_t n = input.below(16); n > 0 && input; --n) {
-        bytes += static_cast<char>(input.byte());
-    }
-    std::string unit = rest(input);
-    while (!unit.empty() && unit.size() <= mebibyte) {
-        unit += unit;
-    }
-    return bytes + unit;
-}
-std::string damaged(Input& input, std::string bytes) {
+Bytes damaged(Input& input, Format const& format) {
+    Bytes bytes{written(modules.catalogue.getSerialiserFor(format.name, format.sample()))};
     while (input) {
         std::size_t const page = input.byte();
-        char& byte = bytes[(256 * page + input.byte()) % bytes.size()];
+        char& byte = bytes.all[(256 * page + input.byte()) % bytes.all.size()];
         byte = static_cast<char>(static_cast<std::uint8_t>(byte) ^ input.byte());
     }
     return bytes;
 }
+// More than the read limit where they are in memory, and than the memory bound in a stream.
+Bytes repeated(Input& input) {
+    std::string const beginning = take(input, input.below(16));
+    std::string unit = take(input, mebibyte);
+    while (!unit.empty() && unit.size() <= mebibyte) {
+        unit += unit;
+    }
+    return {beginning + unit, beginning.size(), 40};
+}
 
-void read(char const* format, std::uint64_t typeID, std::istream& in, bool isEndless) {
-    auto const deserialise = modules.catalogue.getDeserialiserFor(format, typeID);
+void read(Format const& format, std::istream& in) {
+    IDs const ids = format.sample().typeIDs;
+    auto const deserialise = modules.catalogue.getDeserialiserFor(format.name, ids.at(0));
     MemoryBound const bound(32 * mebibyte);
     try {
         GenericPayload payload = deserialise(in);
-        SAME(payload.typeIDs, IDs{typeID});
-        SAME(isEndless, false);
-        written(modules.catalogue.getSerialiserFor(format, std::move(payload)));
+        SAME(payload.typeIDs, ids);
+        written(modules.catalogue.getSerialiserFor(format.name, std::move(payload)));
     } catch (std::length_error const& error) {
         SAME(std::strstr(error.what(), "read limit of 1048576 bytes") != nullptr, true);
     } catch (std::runtime_error const& error) {
@@ -149,19 +175,15 @@ char const* __asan_default_options() {
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     Input input(data, size);
-    auto const& format = formats[input.below(std::size(formats))];
-    GenericPayload honest = format.sample();
-    std::uint64_t const typeID = honest.typeIDs.at(0);
+    Format const& format = formats[input.below(std::size(formats))];
     bool const isInMemory = input.flag();
-    std::string bytes;
-    bool isEndless = false;
-    input.oneOf(DO(bytes = rest(input)),
-                DO(bytes = repeated(input), isEndless = bytes.size() > mebibyte),
-                DO(bytes = damaged(input, written(modules.catalogue.getSerialiserFor(
-                                              format.name, std::move(honest))))));
+    Bytes bytes;
+    input.oneOf(DO(bytes.all = take(input, mebibyte)), DO(bytes = repeated(input)),
+                DO(bytes = damaged(input, format)));
     fuzz::place.operation = format.name;
-    std::istringstream copied(bytes);
-    ByteBufferIStream inPlace{ByteBufferView(bytes)};
-    read(format.name, typeID, isInMemory ? inPlace : static_cast<std::istream&>(copied), isEndless);
+    Source source(bytes);
+    std::istream copied(&source);
+    ByteBufferIStream inPlace{ByteBufferView(bytes.all)};
+    read(format, isInMemory ? inPlace : copied);
     return 0;
 }

@@ -67,7 +67,7 @@ inline constexpr std::size_t longest = PTRDIFF_MAX;
 /// take constant time (apart from freeing memory) and allocate nothing. Other operations give the
 /// strong guarantee for the content. Thread-compatible: const operations may run on several threads
 /// while none changes the buffer. To copy bytes out, use std::span<std::byte const>(buffer),
-/// because some standard libraries make one block copy only of their own iterators.
+/// because some standard libraries make one block copy only for the iterators that they know.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBuffer {
 public:
     /// As in standard containers.

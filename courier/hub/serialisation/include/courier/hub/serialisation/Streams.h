@@ -34,8 +34,8 @@ namespace courier::hub::serialisation {
 class ByteStreamIterator;
 
 /// An abstract source of bytes. Each byte is read once, in order. The read position belongs to the
-/// source: everything that reads from one source shares it. Derive from it to read by a ByteStream
-/// from a source of your own.
+/// source: everything that reads from one source shares it. Derive from it to give a ByteStream a
+/// source of your own.
 class COURIER_HUB_SERIALISATION_EXPORT ByteStreamImpl {
 public:
     /// For the derived classes.
@@ -254,8 +254,9 @@ private:
     std::byte const* end_;
 };
 
-/// The owner of one source; a std::ranges::input_range. Use it to pass bytes on without their
-/// origin. To read in bulk, use a std::istream over one of the stream buffers below.
+/// The owner of one source; a std::ranges::input_range. Use it to pass bytes to code that need not
+/// know where they come from. To read in bulk, use a std::istream over one of the stream buffers
+/// below.
 ///
 /// Move-only; a moved-from stream has no source.
 class COURIER_HUB_SERIALISATION_EXPORT ByteStream {
@@ -432,8 +433,8 @@ public:
     /// std::length_error "vector too long" above 2^63 - 1.
     explicit ByteBufferOStreambuf(std::size_t reserve = 0);
 
-    /// Takes over what was written; the bytes keep their address. An assignment frees what was
-    /// written before.
+    /// Takes over what was written; the bytes keep their address. An assignment frees what this
+    /// object held.
     ByteBufferOStreambuf(ByteBufferOStreambuf&& other) noexcept;
     ByteBufferOStreambuf& operator=(ByteBufferOStreambuf&& other) noexcept;
     ~ByteBufferOStreambuf() override;
