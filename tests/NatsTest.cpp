@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The messages of the NATS programs, without a server.
 
-#include "examples/nats/Messages.h"
 #include "Support.h"
+#include "examples/nats/Messages.h"
 
 using namespace courier::examples;
 using namespace courier::hub::serialisation;
