@@ -139,9 +139,8 @@ public:
 ///  - It may register records of the other kind there. Registering the same kind would deadlock, so
 ///    add() throws std::logic_error instead.
 ///  - It must not wait for another thread that registers there: both would wait forever.
-///  - A registration waits for running factories, and later look-ups wait for the registration.
-///  Keep
-///    factories short, and do the work in the serialiser's routine.
+///  - A registration waits for running factories, and later look-ups wait for it. Keep factories
+///    short, and do the work in the serialiser's routine.
 ///
 /// A search takes constant time on average and allocates nothing.
 class COURIER_HUB_SERIALISATION_EXPORT Catalogue : public SerialisationCatalogue {

@@ -37,8 +37,9 @@ namespace courier::hub::serialisation {
     createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,
                          std::string const& wireFormat);
 
-/// Writes element i in wire format i. Further wire formats are ignored. Throws std::out_of_range
-/// "Fewer wire formats than payload elements"; the caller's payload is then unchanged.
+/// Writes element i in wire format i. Further wire formats are ignored. If there are fewer than
+/// elements, throws std::out_of_range "Fewer wire formats than payload elements"; the caller's
+/// payload is then unchanged.
 [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT
     std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>>
     createSerialisersFor(core::GenericPayload&& payload, SerialisationCatalogue const& catalogue,

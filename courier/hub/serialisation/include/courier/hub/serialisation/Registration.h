@@ -70,8 +70,8 @@ concept WriterOf = std::copy_constructible<Write> &&
 
 /// What addFormat() and addReader() take: `read(std::istream&)`. It returns the element (for
 /// several types, a std::tuple of the elements) by value, by std::unique_ptr or by std::shared_ptr.
-/// A reference is rejected, because nothing would own the element. It is copyable and callable as
-/// const.
+/// A reference is rejected, because nothing would own the element. The reader is copyable, and
+/// callable as const.
 template <class Read, class... Elements>
 concept ReaderOf = std::copy_constructible<Read> &&
     (detail::Returns<Read, typename detail::Read<Elements...>::Type, std::istream&> ||

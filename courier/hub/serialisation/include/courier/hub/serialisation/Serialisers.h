@@ -39,7 +39,8 @@ using bedrock::concurrent::threadpool::stop_token;
 /// that writes calls it once for each piece of work. Takes no lock.
 COURIER_HUB_SERIALISATION_EXPORT void throwIfStopped(stop_token const& token);
 
-/// Writes one payload, or one element of it, to a stream.
+/// Writes one payload, or one element of it, to a stream. A client gets it from a catalogue; a
+/// factory makes it from a routine.
 ///
 /// Move-only. A moved-from serialiser has an empty routine, stop source, text and handle.
 ///
@@ -123,7 +124,8 @@ concept DeferredRoutine =
     std::copy_constructible<F> && std::invocable<F&, std::ostream&>;
 } // namespace detail
 
-/// Reads one payload from a stream.
+/// Reads one payload from a stream. A client gets it from a catalogue; a module makes it from a
+/// routine and registers it.
 ///
 /// A copy has a copy of the routine and shares the handle. A moved-from deserialiser has an empty
 /// routine and handle.
@@ -201,8 +203,8 @@ private:
     std::shared_ptr<void> handle_;
 };
 
-/// A routine that writes to a stream, stored for later. Copyable; a moved-from one has an
-/// unspecified routine. Thread-compatible.
+/// A routine that writes to a stream, stored for later. For a write that can be stopped, use
+/// GenericSerialiser. Copyable; a moved-from one has an unspecified routine. Thread-compatible.
 class COURIER_HUB_SERIALISATION_EXPORT DeferredSerialiser {
 public:
     /// Writes to the stream.
