@@ -400,9 +400,12 @@ void Session::resend(std::stop_token const& stop) {
     }
 }
 
-void Session::settle(std::chrono::milliseconds time) {
+void Session::settle(std::chrono::milliseconds time, std::string const& prefix) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, time, [&] { return !error_.empty() || pending_.empty(); });
+    changed_.wait_for(lock, time, [&] {
+        auto const first = pending_.lower_bound(prefix);
+        return !error_.empty() || first == pending_.end() || !first->first.starts_with(prefix);
+    });
     throwIfFailed();
 }
 

@@ -134,8 +134,9 @@ public:
     /// wrong with an earlier message as well.
     void publish(Message message, Stored stored);
 
-    /// Waits until everything that was published is stored, or `time` has passed.
-    void settle(std::chrono::milliseconds time);
+    /// Waits until everything that was published is stored, or everything whose subject begins with
+    /// `prefix`, or until `time` has passed.
+    void settle(std::chrono::milliseconds time, std::string const& prefix = {});
 
     /// Makes every publish() and settle() throw Error, those that wait included.
     void giveUp(std::string const& why);

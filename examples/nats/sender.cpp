@@ -175,7 +175,8 @@ private:
             bytes.trimFront(piece.size());
         }
         if (envelope.parts != 0) {
-            session_.settle(24h); // the notice promises that all parts are stored
+            // The notice promises that all parts are stored.
+            session_.settle(24h, place_.inElements(run_, "part." + std::to_string(i) + '.'));
         }
         envelope.part = 0;
         auto message = envelope.toMessage(place_, bytes); // after parts, nothing is left
@@ -230,8 +231,7 @@ private:
 
     // The servers' notice that a message was delivered too often: perhaps one of this run.
     void receiveNotice(natsMsg* message) {
-        auto const notice = nlohmann::json::parse(std::string(
-            natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))));
+        auto const notice = nlohmann::json::parse(contentOf(message));
         auto const found =
             session_.find(place_.elements().name, notice.at("stream_seq").get<std::uint64_t>());
         if (found) {
@@ -290,7 +290,7 @@ private:
                 names += (names.empty() ? "" : ", ") + taken.worker;
             }
         }
-        return names.empty() ? "nobody who left word" : names;
+        return names.empty() ? "unknown workers" : names;
     }
 
     void readTaken() {

@@ -46,18 +46,13 @@ struct Again : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Tells the servers that this worker is still at work on the elements in its hands, until one of
-// them takes longer than the worker's patience. From then on they go to others.
-class Heartbeat {
+// The elements in a worker's hands: taken, and not yet answered. Thread-safe.
+class InHand {
 public:
-    Heartbeat(nats::Session const& session, Clock::duration interval, Clock::duration patience)
-        : session_(session), interval_(interval), patience_(patience),
-          beating_([this](std::stop_token const& stop) { beat(stop); }) {}
-
     void take(std::vector<nats::Message> const& messages) {
         std::lock_guard const lock(mutex_);
         for (auto const& message : messages) {
-            inHand_.insert(nats::replySubject(message.get()));
+            replies_.insert(nats::replySubject(message.get()));
         }
         since_ = Clock::now();
     }
@@ -68,33 +63,31 @@ public:
         since_ = Clock::now();
     }
 
-    /// An element is answered.
     void release(std::string const& reply) {
         std::lock_guard const lock(mutex_);
-        inHand_.erase(reply);
+        replies_.erase(reply);
     }
 
-private:
-    void beat(std::stop_token const& stop) {
+    /// Tells the servers again and again that this worker is at work on them, until one element
+    /// takes longer than the worker's patience. From then on they are delivered to others.
+    void sayAtWork(nats::Session const& session, Clock::duration interval, Clock::duration patience,
+                   std::stop_token const& stop) {
         std::unique_lock lock(mutex_);
         while (!stop.stop_requested()) {
-            changed_.wait_for(lock, stop, interval_, [] { return false; });
-            if (Clock::now() - since_ < patience_) {
-                for (auto const& reply : inHand_) {
-                    session_.answer(reply, "+WPI");
+            changed_.wait_for(lock, stop, interval, [] { return false; });
+            if (Clock::now() - since_ < patience) {
+                for (auto const& reply : replies_) {
+                    session.answer(reply, "+WPI");
                 }
             }
         }
     }
 
-    nats::Session const& session_;
-    Clock::duration const interval_;
-    Clock::duration const patience_;
+private:
     std::mutex mutex_;
     std::condition_variable_any changed_;
-    std::set<std::string> inHand_; // reply subjects
-    Clock::time_point since_;      // the start of the element that is being decoded
-    std::jthread beating_;
+    std::set<std::string> replies_; // their subjects
+    Clock::time_point since_;       // the start of the element that is being decoded
 };
 
 class Worker {
@@ -102,15 +95,17 @@ public:
     Worker(Options const& options, SerialisationCatalogue const& catalogue)
         : options_(options), catalogue_(catalogue), session_(options.place.access),
           queue_(joinWorkers(session_, options.place)),
-          heartbeat_(session_, options.place.redeliverAfter / 3,
-                     std::chrono::seconds(options.patience)) {}
+          sayingAtWork_([this](std::stop_token const& stop) {
+              inHand_.sayAtWork(session_, Clock::duration(options_.place.redeliverAfter) / 3,
+                                std::chrono::seconds(options_.patience), stop);
+          }) {}
 
     void run(stop_token const& stop) {
         std::cerr << options_.name << ": ready\n";
         int ahead = 1; // elements to take at once
         while (!stop.stop_requested()) {
             auto messages = queue_.take(ahead);
-            heartbeat_.take(messages);
+            inHand_.take(messages);
             record(messages);
             auto const start = Clock::now();
             for (auto& message : messages) {
@@ -119,7 +114,7 @@ public:
                 } else {
                     handle(std::move(message));
                 }
-                heartbeat_.next();
+                inHand_.next();
                 if (Clock::now() - reported_ > share) {
                     report();
                 }
@@ -147,7 +142,7 @@ private:
         return session.join(place.workers());
     }
 
-    // Leaves word of what this worker is about to decode, before anything can crash it.
+    // Records what this worker is about to decode, before anything can crash it.
     void record(std::vector<nats::Message> const& messages) {
         std::map<std::string, Taken> byRun;
         for (auto const& message : messages) {
@@ -225,13 +220,13 @@ private:
 
     void answer(std::string const& reply, char const* word) {
         session_.answer(reply, word);
-        heartbeat_.release(reply);
+        inHand_.release(reply);
     }
 
     [[nodiscard]] std::string newID() { return id_ + '.' + std::to_string(++messages_); }
 
-    // An element that comes again may have crashed a worker. So that it crashes no more of them,
-    // and costs no deliveries of the elements that were taken with it, a child process decodes it.
+    // An element that is delivered again may have crashed a worker. A child process decodes it, so
+    // that it crashes no other worker, and the elements taken with it are not delivered again.
     void readInChild(Envelope const& envelope, std::streambuf& source, Result const& result) {
         std::array<int, 2> ends{};
         ::pid_t const child = ::pipe(ends.data()) == 0 ? ::fork() : -1;
@@ -326,9 +321,10 @@ private:
     std::size_t messages_ = 0; // that this worker has published
     std::map<std::string, std::pair<std::vector<std::string>, Report>> done_; // by run
     Clock::time_point reported_ = Clock::now();
-    nats::Session session_;
+    InHand inHand_;
+    nats::Session session_; // its callbacks use what is above
     nats::Subscriber queue_;
-    Heartbeat heartbeat_;
+    std::jthread sayingAtWork_;
 };
 
 std::string hostAndProcess() {
