@@ -18,10 +18,11 @@
 /// The payload, and the identifiers of its elements' types.
 namespace courier::hub::core {
 
-/// Thrown when an element of a payload has another type than the one requested, or no value. what()
-/// names the element and both identifiers. Copying does not throw.
+/// Thrown when an element of a payload has another type than the one requested, or no value.
+/// Copying does not throw.
 class BadElementType : public std::bad_cast {
 public:
+    /// For the element `index`, with the type identifiers present and wanted.
     BadElementType(std::size_t index, std::uint64_t present, std::uint64_t wanted) noexcept
         : index_(index), present_(present), wanted_(wanted) {
         add("Element ");
@@ -34,6 +35,7 @@ public:
         }
     }
 
+    /// Names the element and both identifiers.
     [[nodiscard]] char const* what() const noexcept override { return text_.data(); }
 
     /// The position of the element in the payload.

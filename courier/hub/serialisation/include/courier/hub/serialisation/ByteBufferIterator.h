@@ -29,7 +29,7 @@ namespace detail {
 } // namespace detail
 
 /// The iterator of ByteBuffer and ByteBufferView. It is contiguous. T is std::byte for mutable and
-/// std::byte const for read-only access. Users include Buffers.h.
+/// std::byte const for read-only access.
 ///
 /// A position is in pointer form (external blocks and views) or in vector form (buffers in vector
 /// form). Positions of different forms are never equal. Subtracting or ordering them throws

@@ -59,7 +59,7 @@ template <class Range>
 concept OwningByteRange = ByteRange<Range> && !std::ranges::enable_borrowed_range<Range>;
 } // namespace detail
 
-/// A pointer and a length: contiguous bytes that another object owns. Users include Buffers.h.
+/// A pointer and a length: contiguous bytes that another object owns.
 ///
 /// Pass it by value, to give access to bytes for the duration of a call. To keep bytes longer,
 /// adopt or copy them into a ByteBuffer.

@@ -21,7 +21,7 @@
 #include <vector>
 
 // The routines that write and read one payload, and the records under which modules register them.
-// <courier/hub/serialisation/Registration.h> makes both from two functions.
+// Registration.h makes both from two functions.
 //
 // Calling an empty routine or an empty factory throws std::bad_function_call. Whatever a routine or
 // factory throws reaches the caller unchanged.
@@ -236,8 +236,8 @@ private:
 
 /// The record under which a module registers how a payload type is written in one wire format.
 ///
-/// addFormat() and addWriter() of <courier/hub/serialisation/Registration.h> make and register one
-/// from a function. Make one by hand if the three factories differ.
+/// addFormat() and addWriter() of Registration.h make and register one from a function. Make one by
+/// hand if the three factories differ.
 ///
 /// A plain value. Nothing is checked; its type identifier and its list of identifiers are
 /// independent. A moved-from record has an empty wire format, an empty list and empty factories.
@@ -304,8 +304,7 @@ static_assert(std::is_nothrow_move_assignable_v<Serialiser>);
 
 /// The record under which a module registers how a payload type is read from one wire format.
 ///
-/// addFormat() and addReader() of <courier/hub/serialisation/Registration.h> make and register one
-/// from a function.
+/// addFormat() and addReader() of Registration.h make and register one from a function.
 ///
 /// A plain value. A moved-from record has an unspecified wire format and an empty deserialiser.
 /// Threads: as for GenericDeserialiser.
