@@ -89,7 +89,7 @@ public:
     take(int atMost, std::chrono::milliseconds time = std::chrono::milliseconds(500));
 
 private:
-    std::vector<Message> request(int messages, std::string const& condition,
+    std::vector<Message> request(int atMost, std::string const& condition,
                                  std::chrono::milliseconds time);
 
     natsConnection& connection_;
@@ -172,7 +172,7 @@ private:
         Stored stored;
     };
 
-    static void acknowledged(jsCtx*, natsMsg* message, jsPubAck* ack, jsPubAckErr* error,
+    static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error,
                              void* session);
     natsStatus send(Message& message);
     void failed(Message message, natsStatus status, jsErrCode code, char const* text);

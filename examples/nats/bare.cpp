@@ -40,6 +40,7 @@ int main(int argc, char** argv) {
             }
         };
         std::vector<std::jthread> takers;
+        takers.reserve(2);
         for (int i = 0; i < 2; ++i) {
             takers.emplace_back(take);
         }
