@@ -3,9 +3,9 @@
 set -eu
 . checks/common.sh
 need $to_build $to_sanitise
-build fuzz >&2
 minutes=${FUZZ_MINUTES:-1}
 targets=$(ls fuzz/corpus)
+build fuzz --target $(printf 'fuzz_%s ' $targets) >&2
 runs=0
 for target in $targets; do
     work=build/fuzz/found/$target
