@@ -56,9 +56,9 @@ private:
     zmq_msg_t message_;
 };
 
-// Moves the messages of one queue to another and back: onto empty ones that are there (assign), or
-// onto new ones, after which the old ones go (construct). There are several, because one alone,
-// handed to and fro, would only show how long a processor takes to read what it has just written.
+// Moves the messages of one queue to another and back: onto existing empty ones (assign), or onto
+// new ones, after which the old ones are destroyed (construct). One message alone, moved back and
+// forth, would only show how long a processor takes to read what it has just written.
 template <class Message> void addMoves(char const* who, Message (*make)(Bytes const& bytes)) {
     constexpr std::size_t count = 64;
     static Bytes const bytes(blockSize, Bytes::source);
