@@ -1,17 +1,22 @@
 # SPDX-License-Identifier: Apache-2.0
-# What ./dev and the checks share. Sourced from the project's directory.
+# What ./dev and the checks share. They source it from the project's directory.
 
-to_build="g++ cmake ninja-build pkg-config libboost-dev libgtest-dev nlohmann-json3-dev
-    libcereal-dev libcli11-dev libprotobuf-dev protobuf-compiler zlib1g-dev libzstd-dev dpkg-dev file"
-to_nats="nats-server libnats-dev libssl-dev openssl python3"
-to_document="doxygen"
-to_sanitise="clang libclang-rt-dev llvm"
-to_format="clang-format"
-to_tidy="clang clang-tidy clang-tools"
+# shellcheck disable=SC2034 # used by the scripts that source this one
+{
+    to_build="g++ cmake ninja-build pkg-config libboost-dev libgtest-dev nlohmann-json3-dev
+        libcereal-dev libcli11-dev libprotobuf-dev protobuf-compiler zlib1g-dev libzstd-dev dpkg-dev
+        file"
+    to_nats="nats-server libnats-dev libssl-dev openssl python3"
+    to_bench="libbenchmark-dev libabsl-dev libzmq3-dev gnuplot-nox valgrind python3"
+    to_document="doxygen"
+    to_sanitise="clang libclang-rt-dev llvm"
+    to_format="clang-format black shellcheck codespell"
+    to_tidy="clang clang-tidy clang-tools"
+}
 
-# need PACKAGE...: installs those that are missing, or says how. Asks no server when none is.
+# need PACKAGE...: installs those that are missing, or prints how. Contacts no server if none is.
 need() {
-    command -v dpkg-query >/dev/null || return 0 # not Debian: the build says what it misses
+    command -v dpkg-query >/dev/null || return 0 # not Debian: the build reports what is missing
     missing=
     for package; do
         dpkg-query -W -f '${Status}\n' "$package" 2>/dev/null | grep -q ' installed$' ||
@@ -47,16 +52,17 @@ build() {
 package() {
     build package >&2
     rm -f build/package/*.deb build/package/*.ddeb
-    # What is packed is there for everybody, whatever the user's own files are.
+    # The packed files must be readable for everybody, whatever the user's own umask.
     (umask 022 && cd build/package && cpack -G DEB >&2)
 }
 
-sources() { git ls-files '*.h' '*.cpp'; }
-
-# run_tests PRESET: runs the tests that were built; the last line is their number.
-run_tests() {
-    ctest --preset "$1"
-    echo "$(count_tests "$1") tests"
+# Makes the documentation site in build/docs/html.
+document() {
+    rm -rf build/docs
+    mkdir -p build/docs
+    VERSION=$(sed -n 's/^ *VERSION \([0-9.]*\)$/\1/p' CMakeLists.txt) doxygen docs/Doxyfile
 }
 
-count_tests() { ctest --preset "$1" -N | sed -n 's/^Total Tests: //p'; }
+cpp_files() { git ls-files '*.h' '*.cpp'; }
+python_files() { git ls-files '*.py'; }
+shell_files() { git ls-files '*.sh' dev checks/run .ci/run; }

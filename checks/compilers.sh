@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tried: every header and the README's program, under many compilers and options
+# Checks: every header and the README's program, under many compilers and options
 #
 # As a user's own code, with all warnings as errors; the program is run if it can be linked.
 set -eu

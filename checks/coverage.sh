@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tried: lines and branches of the library that tests run
+# Checks: lines and branches of the library that tests run
 set -eu
 . checks/common.sh
 need $to_build gcovr
 targets=$(ls fuzz/corpus)
-build coverage --target courier_tests $(printf 'replay_%s ' $targets)
+build coverage --target courier_tests huge_tests $(printf 'replay_%s ' $targets)
 find build/coverage -name '*.gcda' -delete # what earlier runs counted
 build/coverage/tests/courier_tests --gtest_brief=1
+build/coverage/tests/huge_tests --gtest_brief=1
 for target in $targets; do
     "build/coverage/fuzz/replay_$target" "fuzz/corpus/$target"
 done

@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tried: Doxygen without a warning, links that resolve
+# Checks: Doxygen without a warning, links that resolve
 set -eu
 . checks/common.sh
 need $to_document python3
-./dev docs
+document
 links=$(python3 checks/links.py build/docs/html $(git ls-files '*.md')) || {
     echo "$links"
     exit 1

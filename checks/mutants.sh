@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tried: seeded faults, one at a time: the tests must notice each
+# Checks: seeded faults, one at a time: the tests must notice each
 #
 # Takes an hour or more. For some of the faults:  python3 tests/mutants/run.py --only Streams.cpp
 set -eu

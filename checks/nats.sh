@@ -1,9 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tried: NATS: failures, poison, strangers, full servers
+# Checks: NATS: failures, poison, strangers, full servers
 set -eu
 . checks/common.sh
 need $to_build $to_nats
 build release --target nats nats_tests
-ctest --preset release -R '^NatsTest'
+ctest --preset release -L nats
 python3 -W ignore examples/nats/nats_test.py
 python3 examples/nats/measure.py

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tried: Debian packages: lintian, install, use, remove
+# Checks: Debian packages: lintian, install, use, remove
 set -eu
 . checks/common.sh
 need $to_build lintian fakeroot gdb

@@ -1,8 +1,43 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tried: g++, release, every public header alone
+# Builds and runs the tests of one preset: `sh checks/tests.sh [PRESET]`, by default release.
+#
+# Checks: g++, release, every public header alone
+# Checks asan: clang, AddressSanitizer, UndefinedBehaviorSanitizer
+# Checks asan-gcc: g++, AddressSanitizer, UndefinedBehaviorSanitizer
+# Checks tsan: g++, ThreadSanitizer, the tests of the library
+# Checks libcxx: clang 19, libc++ with its own checks
+# Checks aarch64: 64-bit ARM, the tests under qemu
+# Checks s390x: big-endian s390x, the tests under qemu
+# Checks windows: Windows, DLLs, the tests under wine
+# Checks windows-static: Windows, static, the tests under wine
 set -eu
 . checks/common.sh
-need $to_build clang gdb # clang: the tests load a module that it built
-build release
-build release --target all_verify_interface_header_sets
-run_tests release
+preset=${1:-release}
+
+need $to_build
+case $preset in
+release) need clang gdb ;; # a test loads a module that clang has built
+asan) need $to_sanitise ;;
+asan-gcc | tsan) ;;
+libcxx) need googletest clang-19 libc++-19-dev libc++abi-19-dev ;;
+aarch64 | s390x) need googletest qemu-user "g++-$preset-linux-gnu" ;;
+windows*) need googletest g++-mingw-w64-x86-64-posix wine64 ;;
+*)
+    echo "There is no test preset '$preset'." >&2
+    exit 2
+    ;;
+esac
+
+build "$preset"
+case $preset in
+release) build release --target all_verify_interface_header_sets ;;
+windows*)
+    # One server for all tests, or each would start its own. It ends 10 s after the last one.
+    export WINEPREFIX="$PWD/build/wine" WINEDEBUG=-all
+    mkdir -p "$WINEPREFIX"
+    /usr/lib/wine/wineserver64 -p10
+    /usr/lib/wine/wine64 wineboot --init # slow the first time
+    ;;
+esac
+ctest --preset "$preset"
+echo "$(ctest --preset "$preset" -N | sed -n 's/^Total Tests: //p') tests"

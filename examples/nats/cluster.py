@@ -19,8 +19,15 @@ def die_with_parent():
 
 def start(command, log, **options):
     with open(log, "ab") as out:
-        return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=out, stderr=out,
-                                preexec_fn=die_with_parent, start_new_session=True, **options)
+        return subprocess.Popen(
+            command,
+            stdin=subprocess.DEVNULL,
+            stdout=out,
+            stderr=out,
+            preexec_fn=die_with_parent,
+            start_new_session=True,
+            **options,
+        )
 
 
 def stop(processes, patience=10):
@@ -60,8 +67,8 @@ class Cluster:
             self.directory.mkdir(parents=True)
             ports = free_ports(2 * self.size)
             self.servers = [self._start(i, ports) for i in range(self.size)]
-            if all(self._is_up(port) for port in ports[:self.size]):
-                self.urls = [f"{self.scheme}://127.0.0.1:{p}" for p in ports[:self.size]]
+            if all(self._is_up(port) for port in ports[: self.size]):
+                self.urls = [f"{self.scheme}://127.0.0.1:{p}" for p in ports[: self.size]]
                 return self
             stop(self.servers)
         raise RuntimeError(f"nats-server does not start: see {self.directory}/*.log")
@@ -79,13 +86,18 @@ class Cluster:
         return ["--url", self.url, "--replicas", str(self.size)]
 
     def _start(self, i, ports):
-        routes = [f"nats://127.0.0.1:{port}" for port in ports[self.size:]]
-        cluster = (f"cluster {{ name: c, listen: 127.0.0.1:{ports[self.size + i]}, "
-                   f"routes: {routes} }}" if self.size > 1 else "")
+        routes = [f"nats://127.0.0.1:{port}" for port in ports[self.size :]]
+        cluster = (
+            f"cluster {{ name: c, listen: 127.0.0.1:{ports[self.size + i]}, " f"routes: {routes} }}"
+            if self.size > 1
+            else ""
+        )
         file = self.directory / f"server-{i}.conf"
-        file.write_text(f"server_name: s{i}\nlisten: 127.0.0.1:{ports[i]}\n"
-                        f'jetstream {{ store_dir: "{self.directory}/store/{i}"\n{self.store} }}\n'
-                        f"{cluster}\n{self.extra}\n".replace("'", '"'))
+        file.write_text(
+            f"server_name: s{i}\nlisten: 127.0.0.1:{ports[i]}\n"
+            f'jetstream {{ store_dir: "{self.directory}/store/{i}"\n{self.store} }}\n'
+            f"{cluster}\n{self.extra}\n".replace("'", '"')
+        )
         return start([NATS_SERVER, "-c", str(file)], self.directory / f"server-{i}.log")
 
     def _is_up(self, port):

@@ -25,13 +25,22 @@ def rate(command):
 
 for size in 1, 3:
     with cluster.Cluster(state / "cluster", size) as servers:
-        workers = [cluster.start([programs / "worker", *servers.arguments, "--name", f"worker {i}"],
-                                 state / f"worker-{i}.log") for i in range(2)]
+        workers = [
+            cluster.start(
+                [programs / "worker", *servers.arguments, "--name", f"worker {i}"],
+                state / f"worker-{i}.log",
+            )
+            for i in range(2)
+        ]
         ours, bare = [], []
         for _ in range(ROUNDS):
-            ours.append(rate([programs / "sender", *servers.arguments, "--copies", str(COUNT),
-                              element]))
+            ours.append(
+                rate([programs / "sender", *servers.arguments, "--copies", str(COUNT), element])
+            )
             bare.append(rate([programs / "bare", *servers.arguments, "--count", str(COUNT)]))
         cluster.stop(workers)
-        print(f"replicas {size}: {sorted(ours)[1]} elements a second, the client alone "
-              f"{sorted(bare)[1]}: {sorted(ours)[1] / sorted(bare)[1]:.2f}", flush=True)
+        print(
+            f"replicas {size}: {sorted(ours)[1]} elements a second, the client alone "
+            f"{sorted(bare)[1]}: {sorted(ours)[1] / sorted(bare)[1]:.2f}",
+            flush=True,
+        )

@@ -54,8 +54,9 @@ class NatsTest(unittest.TestCase):
 
     def start_worker(self, *arguments, place=None):
         place = len(self.workers) if place is None else place
-        worker = cluster.start([PROGRAMS / "worker", "--name", f"w{place}", *arguments],
-                               self.log(place))
+        worker = cluster.start(
+            [PROGRAMS / "worker", "--name", f"w{place}", *arguments], self.log(place)
+        )
         if place == len(self.workers):
             self.workers.append(worker)
         else:
@@ -84,8 +85,13 @@ class NatsTest(unittest.TestCase):
         return path
 
     def send(self, *arguments, **options):
-        return subprocess.run([PROGRAMS / "sender", *arguments], capture_output=True, text=True,
-                              timeout=TIMEOUT, **options)
+        return subprocess.run(
+            [PROGRAMS / "sender", *arguments],
+            capture_output=True,
+            text=True,
+            timeout=TIMEOUT,
+            **options,
+        )
 
     def lines(self, log, kind):
         """The complete lines of a log: (run, element, size, checksum, deliveries or parts)."""
@@ -153,8 +159,11 @@ class Failover(NatsTest):
             (self.workers if what == "worker" else servers.servers)[victim].kill()
         self.assertEqual(sender.wait(TIMEOUT), 0, log.read_text()[-2000:])
         arrived, decoded = self.check(log, files, total)
-        print(f"  seed {seed}: {arrived} of {total} elements arrived, {decoded - arrived} of them "
-              "decoded again", flush=True)
+        print(
+            f"  seed {seed}: {arrived} of {total} elements arrived, {decoded - arrived} of them "
+            "decoded again",
+            flush=True,
+        )
 
         log = self.directory / "interrupted.log"
         before = len(self.decoded())
@@ -213,43 +222,84 @@ class Strangers(NatsTest):
 
     def certify(self, name, ca=None, days="1"):
         def openssl(*arguments):
-            subprocess.run(["openssl", *arguments], check=True, capture_output=True,
-                           cwd=self.directory)
+            subprocess.run(
+                ["openssl", *arguments], check=True, capture_output=True, cwd=self.directory
+            )
 
-        openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-                "-keyout", f"{name}.key", "-out", f"{name}.csr", "-subj", f"/CN={name}")
-        self.file(f"{name}.ext", b"subjectAltName=IP:127.0.0.1" if ca
-                  else b"basicConstraints=critical,CA:TRUE")
+        openssl(
+            "req",
+            "-newkey",
+            "ec",
+            "-pkeyopt",
+            "ec_paramgen_curve:P-256",
+            "-nodes",
+            "-keyout",
+            f"{name}.key",
+            "-out",
+            f"{name}.csr",
+            "-subj",
+            f"/CN={name}",
+        )
+        self.file(
+            f"{name}.ext",
+            b"subjectAltName=IP:127.0.0.1" if ca else b"basicConstraints=critical,CA:TRUE",
+        )
         signer = ["-CA", f"{ca}.pem", "-CAkey", f"{ca}.key"] if ca else ["-signkey", f"{name}.key"]
-        openssl("x509", "-req", "-in", f"{name}.csr", *signer, "-days", days,
-                "-out", f"{name}.pem", "-extfile", f"{name}.ext")
+        openssl(
+            "x509",
+            "-req",
+            "-in",
+            f"{name}.csr",
+            *signer,
+            "-days",
+            days,
+            "-out",
+            f"{name}.pem",
+            "-extfile",
+            f"{name}.ext",
+        )
         return self.directory / f"{name}.pem"
 
     def refused(self, servers, why, *arguments, **environment):
-        result = self.send(*servers.arguments, *arguments, "LICENSE",
-                           env={**os.environ, **environment})
+        result = self.send(
+            *servers.arguments, *arguments, "LICENSE", env={**os.environ, **environment}
+        )
         self.assertEqual((result.returncode, result.stdout), (1, ""), result.stderr)
         self.assertRegex(result.stderr, rf"^sender: cannot connect to [^\n]*{why}[^\n]*\n$")
 
     def accepted(self, servers, *arguments, **environment):
-        self.start_worker(*servers.arguments, *arguments, *(
-            f"--{name[5:].lower()}={value}" for name, value in environment.items()))
-        result = self.send(*servers.arguments, *arguments, "LICENSE",
-                           env={**os.environ, **environment})
+        self.start_worker(
+            *servers.arguments,
+            *arguments,
+            *(f"--{name[5:].lower()}={value}" for name, value in environment.items()),
+        )
+        result = self.send(
+            *servers.arguments, *arguments, "LICENSE", env={**os.environ, **environment}
+        )
         self.assertEqual(result.returncode, 0, result.stderr)
 
     def tls(self, certificate):
-        return (f'tls {{ cert_file: "{certificate}"\n'
-                f'key_file: "{certificate.with_suffix(".key")}" }}')
+        return (
+            f'tls {{ cert_file: "{certificate}"\n'
+            f'key_file: "{certificate.with_suffix(".key")}" }}'
+        )
 
     def test_tls_and_password(self):
         ca, other = self.certify("ca"), self.certify("other")
         password = 'authorization { user: "me", password: "secret" }'
-        servers = self.serve(extra=self.tls(self.certify("server", "ca")) + "\n" + password,
-                             scheme="tls")
+        servers = self.serve(
+            extra=self.tls(self.certify("server", "ca")) + "\n" + password, scheme="tls"
+        )
         me = ["--user", "me", "--ca", str(ca)]
-        self.refused(servers, "(unable to get local issuer|self-signed) certificate", "--user",
-                     "me", "--ca", str(other), NATS_PASSWORD="secret")
+        self.refused(
+            servers,
+            "(unable to get local issuer|self-signed) certificate",
+            "--user",
+            "me",
+            "--ca",
+            str(other),
+            NATS_PASSWORD="secret",
+        )
         self.refused(servers, "Authorization Violation", *me, NATS_PASSWORD="wrong")
         self.accepted(servers, *me, NATS_PASSWORD="secret")
 

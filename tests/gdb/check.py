@@ -11,9 +11,7 @@ ID = r"0x[0-9a-f]{16}"
 AT = r"0x[0-9a-f]+"
 HELLO = r'24 bytes: 68 65 6c 6c 6f 2c 20 22 77 6f 72 6c 64 22 0a 20 ... "hello, .world.. " ...'
 JSON = rf'"json", type {ID} of \[{ID}\]'
-TEXT = (
-    rf'"text", type {ID} of \[{ID}, {ID}\], view factory calls .*makeWriter\(.*GenericPayloadView&&\)'
-)
+TEXT = rf'"text", type {ID} of \[{ID}, {ID}\], view factory calls .*makeWriter\(.*GenericPayloadView&&\)'
 READS = r"calls .*GenericDeserialiser::wrap<.*Price.*"
 
 shown = {

@@ -199,7 +199,9 @@ class Printer:
 class ByteBuffer(Printer):
     def summary(self):
         form = "external" if int(self.value["block_"]) != 0 else "vector"
-        start, size, capacity = (int(self.value["bytes_"][m]) for m in ("data_", "size_", "capacity_"))
+        start, size, capacity = (
+            int(self.value["bytes_"][m]) for m in ("data_", "size_", "capacity_")
+        )
         if capacity != 0 and (size > capacity or form == "external"):
             raise Garbage
         return f"{form} form, " + content(start, size)
@@ -260,7 +262,10 @@ class Serialiser(Printer):
 
     def summary(self):
         ids = ", ".join(type_id(i) for i in elements(self.value["typeIDs_"]))
-        parts = [text(self.value["wireFormat_"]), f"type {type_id(self.value['typeID_'])} of [{ids}]"]
+        parts = [
+            text(self.value["wireFormat_"]),
+            f"type {type_id(self.value['typeID_'])} of [{ids}]",
+        ]
         for kind, member in self.FACTORIES.items():
             called = target(self.value[member])
             if called is not None:
