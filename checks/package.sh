@@ -6,16 +6,16 @@ need $to_build lintian fakeroot gdb
 package
 dir=$PWD/build/package
 
-# Nobody uploads these to Debian, where a first version closes the bug that asked for it.
+# In Debian itself a first version would have to close the bug that asked for the package.
 lintian --allow-root --suppress-tags initial-upload-closes-no-bugs --fail-on error \
     "$dir"/*.deb >"$dir/lintian" 2>&1 || { cat "$dir/lintian" && exit 1; }
 cat "$dir/lintian"
 
-# What the packages depend on is there to be had.
+# The dependencies can be installed.
 apt-get install --simulate --no-install-recommends "$dir"/*.deb >"$dir/simulated"
 grep "^Inst libcourier" "$dir/simulated"
 
-# A root with nothing in it but dpkg's records. What the packages depend on lies outside of it.
+# A root that has only dpkg's records. The dependencies are outside of it.
 root=$dir/root
 rm -rf "$root"
 mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates" "$root/var/lib/dpkg/triggers"
@@ -29,8 +29,8 @@ in_root --install "$dir"/*.deb
 [ "$(in_root --list 'libcourier-hub-serialisation*' | grep -c ^ii)" = 2 ]
 in_root --verify
 
-# An outside project uses what is installed there. The loader would find the libraries in a standard
-# directory; this one has to be named.
+# A user's project uses the installed files. The loader must be told of this directory, which is not
+# a standard one.
 library=$(find "$root" -name 'libcourier_hub_serialisation.so')
 LD_LIBRARY_PATH=$(dirname "$library")
 export LD_LIBRARY_PATH
@@ -38,9 +38,8 @@ version=$(readelf -d "$library" | sed -n 's/.*(SONAME).*\.so\.\(.*\)\]/\1/p')
 cmake -D SOURCE_DIR="$PWD" -D WORK_DIR="$dir/outside" -D CXX="${CXX:-g++}" -D GENERATOR=Ninja \
     -D VERSION="$version" -D PREFIX="$root/usr" -P tests/package/check.cmake
 
-# gdb finds the printers at the library's path, and without being told so: were the root this
-# machine's own, the paths below its directory would be those that the links make here. Then once
-# more with the debug symbols, which come in a package of their own.
+# gdb finds the printers by the library's path. The links give the files the paths that they have if
+# the root is the machine's own. Then the same with the package of debug symbols.
 PKG_CONFIG_PATH=$LD_LIBRARY_PATH/pkgconfig
 export PKG_CONFIG_PATH
 "${CXX:-g++}" -std=c++20 -g tests/gdb/program.cpp -o "$dir/program" \
@@ -51,7 +50,7 @@ in_gdb() {
     gdb -nx -batch -iex "set debug-file-directory $root/usr/lib/debug" \
         -iex "add-auto-load-safe-path $root" -iex "add-auto-load-safe-path $dir/auto-load" \
         -iex "add-auto-load-scripts-directory $dir/auto-load" -x tests/gdb/check.py "$dir/program" ||
-        [ $? = 77 ] # where gdb may not trace
+        [ $? = 77 ] # gdb is not allowed to trace
 }
 in_gdb
 in_root --install "$dir"/*.ddeb

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 # What is installed besides the libraries and their headers: the CMake package, the pkg-config file,
-# and the Debian packages that `cpack -G DEB` makes of it all.
+# and the guides.
 include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/courier_hub_serialisation)
@@ -27,8 +27,8 @@ install(DIRECTORY docs examples
     REGEX "/examples/(quickstart|guides|modules)/.*"
     REGEX "/examples/(program|nats|roundtrip)$" EXCLUDE)
 
-# Relative to the file itself, so that an installed tree may be moved, where no directory was given as
-# an absolute one.
+# Relative to the file itself, so that an installed tree can be moved, unless the library directory is
+# absolute.
 if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
     set(pc_prefix ${CMAKE_INSTALL_PREFIX})
 else()
@@ -47,50 +47,12 @@ configure_file(cmake/courier_hub_serialisation.pc.in courier_hub_serialisation.p
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/courier_hub_serialisation.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# The version of project() is the one that counts; the changelog has to follow.
+# The version is that of project(); the changelog must agree.
 if(PROJECT_IS_TOP_LEVEL)
     set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS CHANGELOG.md)
     file(STRINGS CHANGELOG.md newest REGEX "^## " LIMIT_COUNT 1)
-    if(NOT newest STREQUAL "## ${PROJECT_VERSION}")
+    if(NOT newest MATCHES "^## (Unreleased|${PROJECT_VERSION})$")
         message(FATAL_ERROR
             "CHANGELOG.md begins with \"${newest}\", but this is version ${PROJECT_VERSION}")
     endif()
-endif()
-
-if(PROJECT_IS_TOP_LEVEL AND BUILD_SHARED_LIBS)
-    set(abi_version ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
-    set(CPACK_PACKAGE_CONTACT "Courier maintainers <maintainers@courier.invalid>")
-    set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
-    set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-    set(CPACK_COMPONENTS_ALL runtime development)
-    set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/Debian.cmake)
-    set(CPACK_DEB_COMPONENT_INSTALL ON)
-    set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-    set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
-    set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-    set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
-    set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-    set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
-    set(what "Byte buffers that adopt received blocks, streams that read them in
-place, and a catalogue in which modules register how they encode and decode
-their types.")
-    set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libcourier-hub-serialisation${abi_version})
-    set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-    set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-    # The trigger runs ldconfig. cpack writes scripts that run it once more, unless it is told of some;
-    # these do not exist, which makes it warn, and leave them out.
-    set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/cmake/triggers
-        no-such-script/postinst no-such-script/postrm)
-    set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON) # this also strips the libraries
-    set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${what}
-
-This package has the shared libraries, and shows their types in gdb.")
-    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libcourier-hub-serialisation-dev)
-    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-    set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libboost-dev (>= 1.74)")
-    set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
-    set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${what}
-
-This package has the headers, and what CMake and pkg-config want to know.")
-    include(CPack)
 endif()

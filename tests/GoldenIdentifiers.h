@@ -49,7 +49,7 @@ static_assert(hashTypeText("\x80\xFF") == 0x17846F076B110E00);
 
 #define STRING "std::basic_string<char,std::char_traits<char>,std::allocator<char>>"
 #define GOLDEN(id, text, ...) static_assert(getTypeID<__VA_ARGS__>() == id, text);
-#include "golden_identifiers.def"
+#include "GoldenIdentifiers.def"
 #undef GOLDEN
 #undef STRING
 

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
-# Every C++ sample in the README and the guides is a run of whole lines out of a program that is
-# compiled and run: indented as there, or by four spaces less. And
-# the README asks for the version that this is. Needs SOURCE_DIR and VERSION.
+# Every C++ sample in the README and the guides consists of consecutive lines of a program that the
+# tests compile and run, with the same indentation or four spaces less. The README names the present
+# version. Needs SOURCE_DIR and VERSION.
 file(GLOB programs ${SOURCE_DIR}/examples/guides/*.cpp ${SOURCE_DIR}/examples/guides/*.h)
 set(code "")
 foreach(program IN LISTS programs ITEMS ${SOURCE_DIR}/examples/quickstart/main.cpp)
@@ -28,7 +28,7 @@ foreach(page IN LISTS pages ITEMS ${SOURCE_DIR}/README.md ${SOURCE_DIR}/docs/REA
         string(FIND "${code}" "${sample}" as_is)
         string(FIND "${code}" "${indented}" as_body)
         if(as_is EQUAL -1 AND as_body EQUAL -1)
-            message("${page}: not out of a program of examples/guides:${sample}")
+            message("${page}: this sample is in no program of examples/guides:${sample}")
             set(failed TRUE)
         endif()
         math(EXPR count "${count} + 1")
@@ -36,7 +36,7 @@ foreach(page IN LISTS pages ITEMS ${SOURCE_DIR}/README.md ${SOURCE_DIR}/docs/REA
     endwhile()
 endforeach()
 if(failed OR count EQUAL 0)
-    message(FATAL_ERROR "samples that nothing runs, or no samples")
+    message(FATAL_ERROR "some samples are not run, or there are none")
 endif()
 message("${count} samples")
 
