@@ -27,7 +27,7 @@ ByteBuffer adopt(Bytes const& bytes) {
     return {ByteBuffer::Block(bytes.data(), [](void* p) { release(p); }), bytes.size()};
 }
 
-// Adopts a block that the deleter only counts, so that no allocator's cost covers that of owning.
+// Adopts a block that the deleter only counts, so that the figure has no cost of an allocator.
 template <class Adopt> void addAdoption(char const* who, Adopt adoptAndDestroy) {
     addCounted(name("adopt", blockSize, who), [adoptAndDestroy] {
         Bytes bytes(blockSize, Bytes::source);
@@ -38,7 +38,7 @@ template <class Adopt> void addAdoption(char const* who, Adopt adoptAndDestroy) 
     });
 }
 
-// A message of the peer, as one holds it in C++.
+// A message of the peer, with a C++ owner.
 class ZmqMessage {
 public:
     ZmqMessage() { zmq_msg_init(&message_); }
@@ -104,7 +104,7 @@ void addAppend(std::size_t piece, std::size_t total, char const* who, Append app
             escape(&target);
         };
     });
-    // One piece again and again: a source as large would be memory that is not cold.
+    // The same piece again and again: a source as large as the target would not stay in the cache.
     coldOperations().push_back({name("cold_" + work, total, who), [=] {
                                     std::vector<std::byte> const source(piece, std::byte{1});
                                     Target target;
@@ -115,7 +115,7 @@ void addAppend(std::size_t piece, std::size_t total, char const* who, Append app
                                 }});
 }
 
-// Memory of value 0 that nobody has looked at yet.
+// Zeroed memory that has not been read.
 template <class Target> void addZeroed(char const* who) {
     constexpr std::size_t size = std::size_t{64} << 20;
     add(name("zeroed", size, who), [] {

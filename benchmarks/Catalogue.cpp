@@ -96,7 +96,7 @@ template <class Value> struct MultiIndex {
     }
 };
 
-// What guards an index.
+// How an index is locked.
 struct OneLock {
     mutable std::shared_mutex mutex;
     [[nodiscard]] auto read() const { return std::shared_lock(mutex); }
@@ -133,7 +133,7 @@ template <template <class> class Index, class Guard = OneLock> struct Peer {
     }
 };
 
-// Clients see a catalogue by its interface.
+// Clients use a catalogue through its interface.
 template <class Records> Records const& interfaceOf(Records const& records) { return records; }
 SerialisationCatalogue const& interfaceOf(Catalogue const& catalogue) { return catalogue; }
 
@@ -143,8 +143,8 @@ struct Query {
     std::string const* wireFormat;
 };
 
-// Records of as many types as it takes, each in four wire formats, and the order of asking for
-// them: random, and so long that no branch predictor learns it.
+// Records of as many types as needed, each in four wire formats, and the order of the queries:
+// random, and too long for a branch predictor to learn.
 struct Contents {
     explicit Contents(std::size_t records) : typeIDs(records / formats.size()) {
         std::mt19937_64 random(records);
@@ -185,11 +185,11 @@ Contents const& contentsOf(std::size_t records) {
 
 GenericSerialiser makeFromView(GenericPayloadView&& view) {
     return GenericSerialiser([view = std::move(view)](stop_token, std::ostream& out) {
-        out << view.index; // never called here
+        out << view.index; // never called
     });
 }
 
-// A record whose factories hold so much state.
+// A record whose factories hold state of this size.
 template <std::size_t words> Serialiser makeRecord(std::string const& format, std::uint64_t typeID,
                                                    Serialiser::ViewFactory makeForView) {
     std::array<std::uint64_t, words> const state{};
@@ -219,17 +219,17 @@ template <class Records> Records const& filled(std::size_t records) {
 benchmark::internal::Benchmark* addLookUp(char const* work, std::size_t records, char const* who,
                                           auto subject, auto look) {
     auto const make = [=] {
-        static std::atomic<std::size_t> threads = 0; // each begins at another query
+        static std::atomic<std::size_t> threads = 0; // each thread starts at another query
         return [&subject = subject(records), look, &contents = contentsOf(records),
                 next = threads++ * 7919]() mutable {
             look(subject, contents.queries[next++ % contents.queries.size()], contents);
         };
     };
-    // The more records, the more of the time goes in waiting for memory.
+    // With more records, more of the time is spent waiting for memory.
     return addCounted(name(work, records, who), make, 1, records <= 256);
 }
 
-// By the clock, and by one thread, two and so on, as far as the machine goes.
+// By the clock, on one thread, two and so on, up to the number of cores.
 void onThreads(benchmark::internal::Benchmark* benchmark) {
     benchmark->UseRealTime();
     for (unsigned threads = 1; threads <= std::thread::hardware_concurrency(); threads *= 2) {
@@ -257,7 +257,7 @@ template <class Records> void addLookUps(std::size_t records, char const* who) {
               });
 }
 
-// What has a name too long for the string itself, and factories too large for the function itself.
+// A record whose name and factories are too large for the objects that hold them.
 void addHeavyRecord() {
     add("get_heavy_record/1/courier", [] {
         auto catalogue = std::make_unique<Catalogue>();

@@ -26,8 +26,7 @@ using Routine = std::function<void(std::ostream&)>;
 
 void write(FanOutElement const& element, std::ostream& out) { out << element.id << element.label; }
 
-// All elements are one object, so that neither making nor freeing a million of them covers the
-// cost of the writers.
+// All elements are one object, so that the figure has no cost of making and freeing a million.
 GenericPayload payloadOf(std::size_t n, std::shared_ptr<FanOutElement> const& element) {
     GenericPayload payload;
     for (std::size_t i = 0; i < n; ++i) {
@@ -89,8 +88,8 @@ auto createCopying(GenericPayload&& payload) {
     return routines;
 }
 
-// The payloads must be there before the clock runs. Stopping the clock for each of the small ones
-// would cost more than what is measured: a batch of them is made at once, and timed as a whole.
+// The payloads are made before the clock starts. Pausing the clock for each small one would cost
+// more than the operation, so a batch of them is made at once and timed as a whole.
 template <class Create> void addFanOut(std::size_t n, char const* who, Create create) {
     auto const body = [=](benchmark::State& state) {
         std::size_t const batch = std::max<std::size_t>(1, 4096 / n);
@@ -123,8 +122,8 @@ template <class Create> void addFanOut(std::size_t n, char const* who, Create cr
     benchmark::RegisterBenchmark(name("fan_out", n, who).c_str(), body)->UseManualTime();
 }
 
-// Makes a payload, looks up, fans out and writes. Counted in instructions once for every hundred
-// times that it is asked for.
+// Makes a payload, looks up, fans out and writes. It is long, so callgrind
+// counts one run for every hundred that are requested.
 template <void (*addTo)(Catalogue&)> void addLayer(char const* who) {
     constexpr std::size_t elements = 10000;
     auto const once = [](std::shared_ptr<FanOutElement> const& element) {

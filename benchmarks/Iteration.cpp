@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Walking over bytes, by iterators alone. Built once for each optimisation level.
+// Loops over bytes, by iterators. Built once for each optimisation level.
 #include "Support.h"
 
 #include <courier/hub/serialisation/Buffers.h>
@@ -52,7 +52,7 @@ template <class Range> BENCHMARK_ALONE std::vector<std::byte> construct(Range co
 
 std::string work(char const* operation) { return BENCHMARK_LEVEL "_" + std::string(operation); }
 
-// `form` makes what is walked over from a first and a last byte.
+// `form` makes the range from a first and a last byte.
 template <class Form> void addForm(char const* who, Form form) {
     auto const made = [form](Bytes::Place place) {
         Bytes bytes(size, place);

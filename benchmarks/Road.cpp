@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The whole road of a document: encoded to CBOR, adopted, decoded.
+// The whole path of a document: encoded to CBOR, adopted, decoded.
 #include "Support.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
@@ -30,7 +30,7 @@ using Octets = std::vector<std::uint8_t>;
 
 std::string const format = "cbor";
 
-// A document whose encoding is at least so long, and longer by one reading at most.
+// A document whose encoding has at least `size` bytes, and at most one reading more.
 std::shared_ptr<RoadDocument> documentOf(std::size_t size) {
     auto document = std::make_shared<RoadDocument>();
     document->value = Json::array();
@@ -61,7 +61,7 @@ Catalogue const& catalogue() {
     return *filled;
 }
 
-// Ours: everything by way of the catalogue.
+// Courier: everything through the catalogue.
 ByteBuffer encode(std::shared_ptr<RoadDocument> const& document) {
     GenericPayload payload;
     payload.add(document);
@@ -91,7 +91,7 @@ std::string encodeByStringStream(std::shared_ptr<RoadDocument> const& document) 
 
 constexpr std::size_t shortest = 1024;
 
-// Adds an operation on a document whose encoding is so long.
+// Adds an operation on a document whose encoding has this size.
 template <class Operation>
 void addOf(char const* work, std::size_t size, char const* who, Operation operation) {
     auto const make = [=] {
@@ -122,7 +122,7 @@ void addWriting(std::size_t size) {
 void addDecoding(std::size_t size) {
     auto const decodeOurs = [=] {
         return [bytes = encodeDirectly(documentOf(size))] {
-            // The block is borrowed: who received it would hand over how to free it.
+            // The block is borrowed here. A receiver would pass the routine that frees it.
             auto* const block = const_cast<std::uint8_t*>(bytes.data());
             GenericPayload const read =
                 decode({ByteBuffer::Block(block, [](void*) { /* kept here */ }), bytes.size()});

@@ -45,11 +45,11 @@ struct ArrayStream {
     boost::iostreams::stream<boost::iostreams::array_source> in;
 };
 
-// Large reads go piece by piece into one place, as a decoder's do: what is measured is the stream,
-// not the system handing out memory to read into.
+// Large inputs are read in pieces into one block, as decoders do: the figure is that of the stream,
+// not of allocating memory to read into.
 constexpr std::size_t largestRead = 1048576;
 
-// The largest input takes long to make, and is only read: all benchmarks share one.
+// The largest input takes long to make and is only read, so all benchmarks share one.
 Bytes const& input(std::size_t size) {
     static std::map<std::size_t, Bytes> inputs;
     return inputs.try_emplace(size, size, Bytes::source).first->second;
@@ -87,8 +87,8 @@ void addRead(std::size_t size, char const* who,
     addCounted(name("read", size, who), make, 1, size <= 4096);
 }
 
-// The work on an open stream of `size` bytes is one function for all streams, so that none is
-// luckier than the others in where its loop lies.
+// The work on an open stream of `size` bytes is one function for all streams, so that the address
+// of its loop is the same for all.
 
 BENCHMARK_ALONE void readInto(Bytes const& target, std::istream& in, std::size_t size) {
     std::size_t done = 0;
@@ -154,11 +154,11 @@ ByteBuffer streamInput() {
             streamSize};
 }
 
-// Each reads all bytes of a source that it makes, adds them up and returns how many there were.
+// Each makes a source, reads and adds up all its bytes, and returns their number.
 
 BENCHMARK_ALONE std::size_t readByBase(std::uint64_t& total) {
     auto made = std::make_unique<ByteBufferByteStreamImpl>(streamInput());
-    // What the stream reads from is known nowhere but here.
+    // The compiler does not know the type of the source at the call.
     ByteStream const stream(
         std::unique_ptr<ByteStreamImpl>(opaque<ByteStreamImpl*>(made.release())));
     std::size_t count = 0;

@@ -22,8 +22,8 @@ thread_local std::size_t allocationCount = 0;
 
 } // namespace
 
-// The GNU C library lets a program stand in front of its allocator. Operator new calls malloc, so
-// that this counts the peers that are written in C as well.
+// The GNU C library lets a program wrap its allocator. Operator new calls malloc, so this counts
+// the peers that are written in C too.
 extern "C" {
 void* __libc_malloc(std::size_t size) noexcept;
 void* __libc_calloc(std::size_t count, std::size_t size) noexcept;
@@ -104,8 +104,8 @@ std::vector<Cold>& coldOperations() {
 
 namespace {
 
-// In a process that has done nothing else, and so never freed a large block. Prints the median of
-// fifteen times.
+// In a process that has done nothing else, so it has never freed a large block. Prints the median
+// of fifteen runs.
 int measureCold(std::string const& name) {
     for (Cold const& operation : coldOperations()) {
         if (operation.name == name) {
@@ -124,7 +124,7 @@ int measureCold(std::string const& name) {
 }
 
 // Under callgrind, dumps the instructions of each counted operation twice, for few and for many
-// times: the difference is free of what making it cost.
+// runs: the difference has no cost of the preparation.
 int countInstructions() {
 #ifdef CALLGRIND_ZERO_STATS
     addCounted("empty/0/loop", [] { return [] { escape(nullptr); }; });
@@ -144,12 +144,12 @@ int countInstructions() {
 #endif
 }
 
-// What a process that has been at work for a while looks like: it has had a second thread, so that
-// reference counts are atomic, and freed large blocks, so that malloc keeps them for the next time
-// instead of asking the system. Otherwise a benchmark would depend on those that ran before it.
+// Brings the process to the state of one that has been running for a while: it has had a second
+// thread, so reference counts are atomic, and it has freed large blocks, so malloc keeps them
+// instead of returning them to the system. Otherwise a benchmark would depend on those before it.
 void grow() {
     std::thread([] {}).join();
-    void* const large = std::malloc(std::size_t{31} << 20U); // beyond 32 MiB malloc learns nothing
+    void* const large = std::malloc(std::size_t{31} << 20U); // malloc keeps no block above 32 MiB
     escape(large);
     std::free(large);
 }

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What every family of benchmarks is made of.
+// What all benchmarks share.
 //
 // A benchmark is named <work>/<size>/<who>, where <who> is `courier`, one of its peers, or `limit`
-// for what the machine can do. A function makes what is needed and returns the operation, which
-// alone is timed; it counts as one or more operations, by which times and allocations are divided.
+// for what the machine can do. A function prepares the input and returns the operation. Only the
+// operation is timed. It counts as one or more, by which times and allocations are divided.
 #ifndef COURIER_BENCHMARKS_SUPPORT_H
 #define COURIER_BENCHMARKS_SUPPORT_H
 
@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-/// A loop's speed depends on where its code happens to lie, by up to a factor of two: before a
-/// function, puts it at the start of a cache line of its own. The compiler must know nothing of
-/// what calls it, as for a function in another file: g++ would otherwise pass the members of a
-/// small argument instead of its address, and see more of what overlaps.
+/// Aligns a function to a cache line: the speed of a loop varies with its address by up to a factor
+/// of two. The compiler must not know the callers, as if the function were in another file: g++
+/// would otherwise pass the members of a small argument instead of its address, and know what
+/// overlaps.
 #if defined(__clang__)
 #define BENCHMARK_ALONE [[gnu::noinline, gnu::aligned(64)]]
 #else
@@ -27,20 +27,20 @@
 
 namespace benchmarks {
 
-/// The compiler must assume that somebody reads and changes the object, and all memory.
+/// The compiler must assume that the object and all memory are read and changed here.
 inline void escape(void const* object) noexcept { asm volatile("" : : "r"(object) : "memory"); }
 
 /// The compiler must compute the number.
 template <class Number> void keep(Number number) noexcept { asm volatile("" : : "r"(number)); }
 
-/// The same value, of which the compiler knows nothing.
+/// The same value, unknown to the compiler.
 template <class Value> [[nodiscard]] Value opaque(Value value) noexcept {
     asm volatile("" : "+r"(value));
     return value;
 }
 
-/// Ends the process when an operation did not do its work: a figure of something else is worse than
-/// none.
+/// Ends the process if an operation did not do its work: its figure would be that of something
+/// else.
 void require(bool holds, char const* what);
 
 /// The allocations of the calling thread so far, whether by operator new or by malloc.
@@ -49,14 +49,13 @@ void require(bool holds, char const* what);
 /// The bytes that are allocated now.
 [[nodiscard]] std::size_t allocatedBytes() noexcept;
 
-/// The processor time of the calling thread, in user and system mode. All but the look-ups by
-/// several threads are measured by it: nothing here waits, and what else the machine is doing
-/// counts less.
+/// The processor time of the calling thread, in user and system mode. It is used for everything
+/// except look-ups by several threads: nothing here waits, and other processes matter less.
 [[nodiscard]] double processorSeconds() noexcept;
 
-/// Bytes of arbitrary values, touched beforehand, at a fixed place within a page. The places differ
-/// from each other and from where malloc puts large blocks (16): where a source and a destination
-/// begin at one offset of a page, each load waits for a store that it does not depend on.
+/// Bytes of arbitrary values, touched beforehand, at a fixed offset in a page. The offsets differ
+/// from each other and from that of malloc's large blocks (16): if source and destination have the
+/// same offset, each load waits for a store that it does not depend on.
 class Bytes {
 public:
     enum Place : std::size_t { source = 1088, destination = 2176 };
@@ -76,7 +75,7 @@ private:
 /// The name of a benchmark.
 [[nodiscard]] std::string name(std::string const& work, std::size_t size, std::string const& who);
 
-/// States by how many operations a benchmark's times are to be divided, and their allocations.
+/// Sets by how many operations a benchmark's times and allocations are divided.
 void report(benchmark::State& state, double operations, std::size_t allocated);
 
 /// Registers a benchmark of what `make()` returns.
@@ -84,10 +83,10 @@ template <class Make>
 benchmark::internal::Benchmark* add(std::string const& fullName, Make make, double operations = 1) {
     auto const body = [make, operations](benchmark::State& state) {
         auto operation = make();
-        operation(); // faults its memory in
+        operation(); // maps its memory
         std::size_t const before = allocations();
         for (auto _ : state) {
-            escape(&operation); // nothing that it did before may be kept for this time
+            escape(&operation); // the compiler may keep no earlier result
             operation();
         }
         report(state, operations, allocations() - before);
@@ -95,7 +94,7 @@ benchmark::internal::Benchmark* add(std::string const& fullName, Make make, doub
     return benchmark::RegisterBenchmark(fullName.c_str(), body);
 }
 
-/// An operation that is also counted in instructions: run() does it that many times.
+/// An operation that is also counted in instructions: run() does it as often as it is told.
 struct Counted {
     std::string name;
     double operations;
@@ -103,7 +102,7 @@ struct Counted {
 };
 [[nodiscard]] std::vector<Counted>& countedOperations();
 
-/// The same as add(); an operation so short that time is too noisy to tell is also counted in
+/// The same as add(), for an operation that is too short for precise times: it is also counted in
 /// instructions.
 template <class Make> benchmark::internal::Benchmark*
 addCounted(std::string const& fullName, Make make, double operations = 1, bool isShort = true) {

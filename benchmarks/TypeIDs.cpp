@@ -16,7 +16,7 @@ struct SampleType {
 
 } // namespace benchmarks
 
-/// A function that the report takes apart: the identifier must stand in its code as a constant.
+/// The report disassembles this function: the identifier must be a constant in its code.
 extern "C" std::uint64_t courierSampleTypeID() {
     return courier::hub::core::getTypeID<benchmarks::SampleType>();
 }

@@ -32,14 +32,14 @@ PROGRAMS = ("courier_benchmarks", "courier_benchmarks_O2", "courier_benchmarks_O
 
 
 def figure(values, **more):
-    """The median, and how far apart the quartiles are in relation to it."""
+    """The median, and the distance of the quartiles divided by it."""
     quartiles = statistics.quantiles(values, n=4) if len(values) > 1 else values * 3
     middle = statistics.median(values)
     return {"value": middle, "spread": (quartiles[2] - quartiles[0]) / (middle or 1), **more}
 
 
 def run_benchmarks(build, quick):
-    """The medians of all repetitions, each divided by the operations it was made of."""
+    """The medians of all repetitions, for one operation each."""
     samples = {}
 
     def run(program, chosen, repetitions, prefix=""):
@@ -75,8 +75,8 @@ def run_benchmarks(build, quick):
     for program in PROGRAMS:
         print(f"running {program} ...", file=sys.stderr)
         run(program, ".", 3 if quick else 25, "fragmented_")
-    # Whether a block can grow in place depends on what else its process has allocated: what appends
-    # has run among all the others, and runs again in a process of its own.
+    # Whether a block can grow in place depends on the other blocks of the process, so appending runs
+    # among all the others and again in a process of its own.
     appends = subprocess.run(
         [build / PROGRAMS[0], "--benchmark_list_tests", "--benchmark_filter=^append"],
         capture_output=True,
@@ -100,7 +100,7 @@ def run_benchmarks(build, quick):
 
 
 def run_cold(build, quick):
-    """What a process does that has done nothing before; for each piece."""
+    """Appending in a process that has done nothing before; for each piece."""
     times = {}
     for _ in range(3 if quick else 25):
         for who in ("courier", "vector", "string"):

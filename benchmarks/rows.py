@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What the rows of the table compare, and the goals."""
+"""The rows of the table: what they compare, and their goals."""
 import math
 import pathlib
 
-# The standard headers without which each public header's contract cannot be written: the types in
-# its signatures and bases, and what its inline classes are laid out from.
+# The standard headers that each public header cannot do without: for the types in its signatures, of
+# its bases and of its members.
 MODEL = (
     "atomic chrono condition_variable cstdint functional iosfwd memory mutex shared_mutex "
     "string string_view typeinfo utility vector"
@@ -343,7 +343,7 @@ def all_rows(compiler):
                 ("an immediate operand", lambda f, row: f["immediate"]["value"]),
             )
         ],
-        "Road: a CBOR codec": [
+        "The whole path: a CBOR codec": [
             *(
                 row
                 for title, work, peers, goals in (

@@ -13,7 +13,7 @@
 
 namespace fuzz {
 
-/// Where a run is, for the message of a failure.
+/// The present step of a run, for the message of a failure.
 struct Place {
     std::string input = "the fuzzer's input";
     std::size_t step = 0;
@@ -25,7 +25,7 @@ inline std::ostream& operator<<(std::ostream& out, Place const& p) {
     return out << p.input << ", step " << p.step << ", " << p.operation;
 }
 
-/// Ends the process if the library says something else than its model.
+/// Ends the process if the library's result differs from its model's.
 #define SAME(library, model) fuzz::requireSame(#library, library, model, __FILE__, __LINE__)
 template <class Library, class Model> void requireSame(char const* asked, Library const& library,
                                                        Model const& model, char const* file,
@@ -41,14 +41,14 @@ template <class Library, class Model> void requireSame(char const* asked, Librar
 /// An action for Input::oneOf(). The message of a failure has its text.
 #define DO(...) std::pair(#__VA_ARGS__, [&] { __VA_ARGS__; })
 
-/// What a fuzzer wrote, taken byte by byte to decide what happens next. Past its end come zeros.
+/// The bytes of a fuzzer, which decide what happens next. Past their end there are zeros.
 class Input {
 public:
     Input(std::uint8_t const* data, std::size_t size) noexcept : next_(data), end_(data + size) {
         place.step = 0;
     }
 
-    /// Whether there is more.
+    /// Whether any bytes are left.
     explicit operator bool() const noexcept { return next_ != end_; }
 
     std::uint8_t byte() noexcept { return *this ? *next_++ : std::uint8_t{0}; }
@@ -81,8 +81,8 @@ public:
         (act(actions), ...);
     }
 
-    /// n bytes that take nothing from the input. They differ from those before, so that bytes in
-    /// the wrong place show.
+    /// n bytes that are not taken from the input. They differ from earlier ones, so that misplaced
+    /// bytes are found.
     std::string fresh(std::size_t n) {
         std::string bytes(n, '\0');
         for (char& c : bytes) {

@@ -16,7 +16,7 @@ std::string const pastEnd = "Attempt to access position beyond the end of the By
 #define SAME_ERROR(Exception, message, call)                                                       \
     SAME(messageOf<Exception>([&] { static_cast<void>(call); }), message)
 
-// What a buffer holds and in which form. While this vector stays where it is, the buffer's must.
+// What a buffer holds, and in which form. While this vector keeps its block, the buffer must too.
 struct Model {
     void makeRoom(std::size_t n) {
         if (external || n > bytes.capacity()) {
@@ -69,7 +69,7 @@ struct Owner : std::string {
     Blocks* blocks;
 };
 
-// What buffers and views have in common.
+// Checks of what buffers and views share.
 void requireSame(auto&& holder, Bytes const& bytes, std::string const& name) {
     auto const& constant = holder;
     SAME(text(ByteBufferView(holder)), text(ByteBufferView(bytes)));
@@ -94,12 +94,12 @@ void requireSame(auto&& holder, Bytes const& bytes, std::string const& name) {
     }
 }
 
-// Parts of lengths that no memory has, against numbers. No byte is touched.
+// Parts of huge lengths, compared with numbers. No byte is read.
 void claim(fuzz::Input& input) {
     static std::byte first{};
     std::byte* const volatile start = &first; // no compiler knows how much is there
     auto const length = [&] { return input.flag() ? input.length() : input.hugeLength(); };
-    constexpr std::size_t farthest = std::size_t{1} << 40; // that an address can be moved
+    constexpr std::size_t farthest = std::size_t{1} << 40; // offset that an address allows
     std::size_t const size = input.hugeLength(), far = length(), count = length();
     std::size_t const offset = far > size ? far : far % farthest;
     auto const place = [](std::ptrdiff_t from, std::size_t n) {
@@ -156,7 +156,7 @@ struct Run {
             DO(buffer = adopt(ByteBufferView(*owner), owner), model.external = true));
     }
 
-    // A view of some of a buffer's bytes, and what it must show.
+    // A view of some of a buffer's bytes, and the bytes that it must have.
     std::pair<ByteBufferView, Model> cut(std::size_t i) {
         Model part{models[i].bytes};
         std::size_t const size = part.bytes.size();
@@ -181,7 +181,7 @@ struct Run {
         return {view, part};
     }
 
-    // Appends something of any kind to a buffer, or to a view, which makes another buffer.
+    // Appends something to a buffer, or to a view, which makes another buffer.
     ByteBuffer append(auto& target, Model& model, std::size_t j) {
         Bytes all, fresh = bytes(input.fresh(input.length()));
         for (Model const& each : models) {
@@ -261,7 +261,7 @@ struct Run {
         SAME_ERROR(std::length_error, "vector too long", buffer.reserve(most / 2 + n));
         ByteBufferView const null(static_cast<std::byte*>(nullptr), n);
         SAME_ERROR(std::runtime_error, incompatible, buffer.append(null));
-        model.makeRoom(model.bytes.size() + n); // the block went before the view was looked at
+        model.makeRoom(model.bytes.size() + n); // room was made before the view was refused
     }
 
     void check() {

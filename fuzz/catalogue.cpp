@@ -20,7 +20,7 @@ struct Entry {
 };
 using Entries = std::vector<Entry>;
 
-// What comes of a look-up: what is written or read, or the error.
+// The result of a look-up: what is written or read, or the error.
 std::string said(auto lookUp) {
     try {
         auto const found = lookUp();
@@ -38,7 +38,7 @@ std::string said(auto lookUp) {
     }
 }
 
-// The same, from the entries. An error message ends where its text has a zero.
+// The same, from the entries. An error message stops at a zero in its text.
 std::string said(Entries const& entries, auto fits, std::string const& factory, std::string none) {
     auto const found = std::ranges::find_if(entries, fits);
     return found != entries.end() ? std::to_string(found->name) + factory

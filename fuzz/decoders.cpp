@@ -53,15 +53,15 @@ struct Format {
     char const* name;
     GenericPayload (*sample)();
 };
-// A kept input begins with the place of its format: new ones are added at the end.
+// An input of the corpus begins with the index of its format, so new formats are added at the end.
 constexpr Format formats[] = {
     {"json", document},    {"cbor", document},    {"msgpack", document}, {"bson", document},
     {"ubjson", document},  {"raw", blob},         {"deflate", blob},     {"zstd", blob},
     {"protobuf", listing}, {"cereal", histogram},
 };
 
-// Lets the process take so much more memory and no more: addresses, except under the sanitisers,
-// which need them, and pages.
+// Limits how much more memory the process may take: addresses, except under the sanitizers, which
+// need many, and pages.
 class MemoryBound {
 public:
     explicit MemoryBound(std::size_t bytes) : bytes_(bytes) {
@@ -99,7 +99,7 @@ struct Bytes {
     std::size_t beginning = 0; // so many of them aren't repeated
     int repetitions = 0;
 };
-// Reads the bytes, and then those behind the beginning again and again.
+// Reads the bytes, and then repeats those after the beginning without end.
 class Source final : public std::streambuf {
 public:
     explicit Source(Bytes& bytes)
@@ -167,8 +167,8 @@ void read(Format const& format, std::istream& in) {
 
 } // namespace
 
-// Blocks that are only claimed don't become resident: the sanitiser refuses them.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c): the sanitiser's own name
+// Blocks that are only claimed do not become resident, so the sanitizer refuses them.
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c): the sanitizer's own name
 extern "C" char const* __asan_default_options();
 char const* __asan_default_options() { return "max_allocation_size_mb=32"; }
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c)

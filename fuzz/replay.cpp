@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs a fuzzer's target on every file of a directory: inputs that once failed, and some that
-// together reach all its code. Then on random inputs, whose seeds count up from the first one:
+// Runs a fuzzer's target on every file of a directory: inputs that once failed, and some that reach
+// all its code. Then on random inputs, with consecutive seeds:
 //     replay_buffers CORPUS [INPUTS [FIRST-SEED]]
 #include "Input.h"
 
@@ -27,7 +27,7 @@ int main(int argc, char** argv) {
     };
     unsigned const inputs = number(2, 3000);
     unsigned const first = number(3, 0);
-    std::signal(SIGSEGV, [](int) { // which nothing else reports
+    std::signal(SIGSEGV, [](int) { // reported by nothing else
         std::cerr << fuzz::place << ": invalid memory access" << std::endl;
         std::_Exit(EXIT_FAILURE);
     });

@@ -64,11 +64,10 @@ ByteBuffer write(Input& input) {
     return written;
 }
 
-// What can be done to a stream: with n bytes of room, a byte, and a number that says what came of
-// it.
+// The operations on a stream: with n bytes of room, a byte, and a number for the result.
 using Count = std::streamsize;
 using Act = Count (*)(std::istream& in, std::string& got, char byte);
-// Whether n bytes can be skipped, which is then done. The model has a foreign stream buffer.
+// Skips n bytes if it can, and returns whether it did. The model has a foreign stream buffer.
 Count skipped(std::istream& in, std::size_t n) {
     auto const most = in ? static_cast<std::size_t>(in.rdbuf()->in_avail()) : 0;
     if (dynamic_cast<std::istringstream*>(&in) == nullptr) {
@@ -171,8 +170,8 @@ void read(Input& input, ByteBuffer const& content) {
     SAME(blocks.freed, 2);
 }
 
-// An iterator has the place of the byte that it designates, a character iterator also that of the
-// one behind it; at the end there is none.
+// The position of a byte iterator is that of its byte, and of a character iterator also that of the
+// next one; at the end there is none.
 void iterate(Input& input, ByteBuffer source) {
     using Place = std::optional<std::size_t>;
     std::string const bytes = text(source);

@@ -21,7 +21,7 @@ Blob Blob::map(std::filesystem::path const& file) {
     };
     auto const lastError = [] { return std::error_code(errno, std::generic_category()); };
 
-    // Asked first, because opening a pipe would wait for its writer.
+    // Checked first, because opening a pipe would wait for its writer.
     std::error_code error;
     auto const status = std::filesystem::status(file, error);
     require(!error, error);

@@ -14,8 +14,8 @@ class Blob {
 public:
     explicit Blob(hub::serialisation::ByteBuffer bytes) noexcept : bytes_(std::move(bytes)) {}
 
-    /// Maps the file into memory: nothing is read before it is used, and nothing is copied. The
-    /// file must not shrink while the blob lives. Throws std::system_error, which names the file,
+    /// Maps the file into memory: bytes are read when they are used, and never copied. The file
+    /// must not shrink while the blob exists. Throws std::system_error, which names the file,
     /// when it cannot be read or is not a regular file.
     [[nodiscard]] static Blob map(std::filesystem::path const& file);
 

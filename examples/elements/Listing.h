@@ -6,7 +6,7 @@
 
 namespace courier::examples {
 
-/// Equal where they are written as the same bytes.
+/// Equal if they are written as the same bytes.
 inline bool operator==(Listing const& a, Listing const& b) {
     return a.SerializeAsString() == b.SerializeAsString();
 }

@@ -7,7 +7,7 @@
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Registration.h>
 
-#define CEREAL_FUTURE_EXPERIMENTAL // the adapter, which carries the limit
+#define CEREAL_FUTURE_EXPERIMENTAL // for UserDataAdapter, which carries the limit
 #include <cereal/archives/adapters.hpp>
 #include <cereal/archives/portable_binary.hpp>
 
@@ -19,8 +19,8 @@
 
 namespace cereal {
 
-// Chosen before the archive's own template: every container asks here for the length that the bytes
-// claim, and takes memory for it before it reads an element. Each counts as 64 bytes.
+// Preferred to the archive's own template. Every container reads here the length that the bytes
+// claim, and then allocates that many elements. Each counts as 64 bytes.
 inline void CEREAL_SERIALIZE_FUNCTION_NAME(PortableBinaryInputArchive& archive,
                                            SizeTag<size_type&>& claimed) {
     constexpr std::uint64_t perElement = 64;
@@ -39,7 +39,7 @@ namespace courier::examples {
 ///
 ///     template <class Archive> void serialize(Archive& archive, Struct& value)
 ///
-/// in the namespace of the struct, and of cereal's headers one for each kind of member.
+/// in the namespace of the struct. Include cereal's headers for the types of its members.
 template <class Struct>
 void registerStruct(hub::serialisation::Catalogue& catalogue, std::uint64_t readLimit) {
     using namespace hub::serialisation;
@@ -61,7 +61,7 @@ void registerStruct(hub::serialisation::Catalogue& catalogue, std::uint64_t read
                 cereal::UserDataAdapter<ReadBudget, cereal::PortableBinaryInputArchive> archive(
                     budget, in);
                 archive(value);
-            } catch (cereal::Exception const&) { // it only ever finds that bytes are missing
+            } catch (cereal::Exception const&) { // it only reports missing bytes
                 throw std::runtime_error("the data is damaged or ends too early");
             }
             if (in.peek() != std::istream::traits_type::eof()) {

@@ -19,8 +19,8 @@
 
 namespace courier::examples {
 
-/// Writes the message's own bytes. They have no mark at their end, so bytes that are cut off
-/// between two fields are a shorter message.
+/// Writes the message's bytes. They do not mark their end, so a message that is cut between two
+/// fields is a valid shorter message.
 template <std::derived_from<google::protobuf::MessageLite> Message>
 void writeMessage(Message const& message, std::ostream& target,
                   hub::serialisation::stop_token const& stop) {
@@ -28,7 +28,7 @@ void writeMessage(Message const& message, std::ostream& target,
     if (size > std::numeric_limits<int>::max()) {
         throw std::runtime_error("a message cannot be longer than 2 GiB");
     }
-    // The encoder is not made for exceptions, so it writes to memory, not to the stream.
+    // The encoder is not exception-safe, so it writes to memory, not to the stream.
     hub::serialisation::ByteBuffer bytes(size);
     if (!message.SerializePartialToArray(bytes.data(), static_cast<int>(size))) {
         throw std::runtime_error("the message cannot be written");
@@ -37,7 +37,7 @@ void writeMessage(Message const& message, std::ostream& target,
     out.write(reinterpret_cast<char const*>(bytes.data()), static_cast<std::streamsize>(size));
 }
 
-/// The bytes up to the end of a stream that does not have them in memory already.
+/// The bytes up to the end of a stream that does not have them in memory.
 inline hub::serialisation::ByteBuffer readAll(std::istream& in, ReadBudget& budget) {
     hub::serialisation::ByteBufferOStream all;
     std::array<char, 65536> piece;
@@ -55,7 +55,7 @@ Message readMessage(std::istream& in, ReadBudget budget) {
     auto const inPlace = unread(in);
     ByteBuffer const copied = inPlace ? ByteBuffer() : readAll(in, budget);
     ByteBufferView const bytes = inPlace.value_or(ByteBufferView(copied));
-    // An empty element of a list takes two bytes and becomes an object.
+    // An empty element of a list is two bytes, which become an object.
     constexpr std::uint64_t memoryPerByte = 64;
     if (bytes.size() > std::numeric_limits<int>::max()) {
         throw std::runtime_error("a message cannot be longer than 2 GiB");

@@ -9,13 +9,13 @@
 
 namespace courier::examples {
 
-/// What is left of the memory that reading one element may take: a few damaged or hostile bytes can
-/// expand to any size.
+/// The rest of the memory that reading one element may take. Without a limit, a few damaged or
+/// hostile bytes can expand to any size.
 ///
-/// A blob counts its bytes, a document approximately what its values and texts take. A length that
-/// the data only claims takes nothing. A decoder's own memory comes on top: less than a mebibyte,
-/// and for zstd the window that the data asks for, up to the limit but no more than 128 MiB and,
-/// even below it, 8 MiB.
+/// A blob counts its bytes; a document approximately its values and texts. Lengths that the data
+/// only claims count nothing. A decoder's own memory is not counted: less than a mebibyte and, for
+/// zstd, the window that the data requests, which is bounded by the limit and 128 MiB but may
+/// always be 8 MiB.
 class ReadBudget {
 public:
     explicit ReadBudget(std::uint64_t limit) noexcept : limit_(limit), left_(limit) {}
@@ -36,7 +36,7 @@ private:
     std::uint64_t left_;
 };
 
-/// Makes a reader, for addFormat(), of one that takes a ReadBudget as well.
+/// Turns a reader that takes a ReadBudget into one for addFormat().
 template <class Read> auto limited(std::uint64_t limit, Read read) {
     return [limit, read](std::istream& in) { return read(in, ReadBudget(limit)); };
 }

@@ -17,7 +17,7 @@ namespace {
 
 std::size_t allocations = 0;
 
-// Says how many allocations the work makes.
+// Prints how many allocations the work makes.
 template <class Work> void count(char const* name, Work work) {
     std::size_t const before = allocations;
     work();
@@ -26,7 +26,7 @@ template <class Work> void count(char const* name, Work work) {
 
 } // namespace
 
-// Not inlined, so that the compiler doesn't take the malloc behind a new for somebody else's.
+// Not inlined, or the compiler would see that memory from new is freed by free().
 [[gnu::noinline]] void* operator new(std::size_t size) {
     ++allocations;
     if (void* const block = std::malloc(size == 0 ? 1 : size)) {

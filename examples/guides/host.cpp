@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The program of docs/guides/module.md: loads the module that it is told, and uses it.
+// The program of docs/guides/module.md: loads the module that is named on the command line.
 
 #include "Temperature.h"
 

@@ -33,7 +33,7 @@ std::string_view text(ByteBufferView bytes) {
     return {reinterpret_cast<char const*>(bytes.data()), bytes.size()};
 }
 
-// What a C library looks like that keeps a block, and frees it by a function that it is given.
+// A C library that keeps a block, and frees it by a function that it gets with the block.
 extern "C" {
 using free_function = void (*)(void* data, void* hint);
 struct c_message {

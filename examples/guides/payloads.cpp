@@ -58,7 +58,7 @@ void receive(Catalogue const& catalogue, ByteBuffer bytes) {
               << '\n';
 }
 
-// A payload with one element more is not written as if it had two.
+// A payload with three elements is refused, not written in part.
 void sendTooMuch(Catalogue const& catalogue) {
     GenericPayload payload = makePayload();
     payload.emplace<Customer>(Customer{"Grace"});

@@ -61,8 +61,8 @@ template <class Compress> void writeCompressed(Blob const& blob, std::ostream& t
     }
 }
 
-// Runs a decompressor until the data ends: Step decompress(input, output). A length that the data
-// claims is never used to take memory: only what comes out of the decompressor is.
+// Runs a decompressor until the data ends: Step decompress(input, output). Memory is taken only for
+// decompressed bytes, never for a length that the data claims.
 template <class Decompress>
 Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) {
     std::vector<char> buffer(chunkSize);
@@ -94,7 +94,7 @@ Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) 
 void writeRaw(Blob const& blob, std::ostream& target, stop_token const& stop) {
     StoppableOStream out(stop, target);
     auto const bytes = blob.bytes();
-    // Passed on from where they are in memory: the stream cuts them into pieces.
+    // Written in place: the stream cuts them into pieces.
     out.write(reinterpret_cast<char const*>(bytes.data()),
               static_cast<std::streamsize>(bytes.size()));
 }
@@ -109,7 +109,7 @@ Blob readRaw(std::istream& in, ReadBudget budget) {
     return Blob(bytes.release());
 }
 
-// deflate: a zlib stream, which a checksum closes
+// deflate: a zlib stream, which ends with a checksum
 
 using ZlibEnd = std::unique_ptr<z_stream, int (*)(z_stream*)>;
 
@@ -146,7 +146,7 @@ Blob readDeflate(std::istream& in, ReadBudget budget) {
         if (result == Z_MEM_ERROR) {
             throw std::bad_alloc();
         }
-        // Z_BUF_ERROR only says that it waits for input.
+        // Z_BUF_ERROR means that it needs more input.
         if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
             throw std::runtime_error(std::string("the data is damaged: ") +
                                      (zlib.msg != nullptr ? zlib.msg : zError(result)));
@@ -156,7 +156,7 @@ Blob readDeflate(std::istream& in, ReadBudget budget) {
     });
 }
 
-// zstd: one frame, which a checksum closes
+// zstd: one frame, which ends with a checksum
 
 struct FreeContext {
     void operator()(ZSTD_CCtx* context) const noexcept { ZSTD_freeCCtx(context); }
@@ -193,8 +193,8 @@ Blob readZstd(std::istream& in, ReadBudget budget) {
     if (!zstd) {
         throw std::bad_alloc();
     }
-    // The decoder takes the window that a frame claims, however few bytes follow. One of 8 MiB must
-    // always do, as the format's description asks; 128 MiB is the library's own limit.
+    // The decoder allocates the window that a frame claims, however few bytes follow. Every decoder
+    // must support 8 MiB; 128 MiB is the library's own limit.
     int const widest = std::clamp(static_cast<int>(std::bit_width(budget.left())) - 1, 23, 27);
     requireSuccess(ZSTD_DCtx_setParameter(zstd.get(), ZSTD_d_windowLogMax, widest));
     return readCompressed(in, budget, [&](std::span<char const> input, std::span<char> output) {

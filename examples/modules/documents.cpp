@@ -27,19 +27,14 @@ using Json = nlohmann::json;
 constexpr std::size_t deepestNesting = 500;
 
 // The exceptions of nlohmann-json are classes of this module: see Module.h. Their messages begin
-// with an identifier in brackets and, for most errors, with the place, which whoever holds the
-// stream knows.
+// with an identifier in brackets.
 [[noreturn]] void throwStandard(nlohmann::detail::exception const& error) {
-    std::string message = error.what();
-    message.erase(0, message.find("] ") + 2);
-    if (message.rfind("parse error", 0) == 0) {
-        message.erase(0, message.find(": ") + 2);
-    }
-    throw std::runtime_error(message);
+    std::string const message = error.what();
+    throw std::runtime_error(message.substr(message.find("] ") + 2));
 }
 
-// Builds a document from the events of a decoder. The decoders trust what the bytes claim, a
-// million nulls in ten bytes or a million arrays in each other; here is where that ends.
+// Builds a document from the events of a decoder. The decoders trust what the bytes claim, such as
+// a million nulls in ten bytes, or a million nested arrays. The limits are enforced here.
 class Builder final : public nlohmann::json_sax<Json> {
 public:
     explicit Builder(ReadBudget budget) : budget_(budget) {}
@@ -115,11 +110,12 @@ private:
     Json* member_ = nullptr;  // of the innermost object, once its key is read
 };
 
-// What stands between a decoder and the bytes, for what no event tells of:
+// Counts the bytes that a decoder reads, to enforce two limits that the events come too late for:
 //
-// - A text is announced only when it is there as a whole: one without an end would fill the memory.
-// - The CBOR decoder calls itself for each piece of a string of indefinite length, and a piece may
-//   be such a string again: a few kilobytes end the stack. Nothing here writes such strings, so
+// - The event of a text comes when the whole text has been read. An endless one would fill the
+//   memory.
+// - The CBOR decoder recurses for each piece of a string of indefinite length, and a piece may be
+//   such a string again: a few kilobytes overflow the stack. Nothing here writes such strings, so
 //   none is read.
 class GuardedSource final : public std::streambuf {
 public:
@@ -152,7 +148,7 @@ Document read(std::istream& in, Json::input_format_t format, ReadBudget budget) 
     Builder builder(budget);
     GuardedSource source(*in.rdbuf(), builder, budget, format == Json::input_format_t::cbor);
     std::istream guarded(&source);
-    // Not every decoder reports every error.
+    // Some decoders return false instead of reporting an error.
     if (!Json::sax_parse(guarded, &builder, format)) {
         throw std::runtime_error("the data ends too early");
     }

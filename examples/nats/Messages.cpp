@@ -230,21 +230,21 @@ PartsIStreambuf::int_type PartsIStreambuf::underflow() {
 std::streamsize PartsIStreambuf::xsgetn(char* target, std::streamsize count) {
     std::streamsize got = 0;
     while (got < count && !traits_type::eq_int_type(underflow(), traits_type::eof())) {
-        got += ByteBufferIStreambuf::xsgetn(target + got, count - got); // of the part at hand
+        got += ByteBufferIStreambuf::xsgetn(target + got, count - got); // of the present part
     }
     return got;
 }
 
 std::uint32_t crc32(std::uint32_t before, ByteBufferView bytes) {
     if (bytes.empty()) {
-        return before; // zlib takes null for the start of a checksum
+        return before; // zlib starts a new checksum if given null
     }
     return static_cast<std::uint32_t>(
         ::crc32_z(before, reinterpret_cast<Bytef const*>(bytes.data()), bytes.size()));
 }
 
 std::size_t room(std::size_t maxPayload, Envelope const& envelope) {
-    std::size_t const headers = 1024 + envelope.wireFormat.size(); // with room to spare
+    std::size_t const headers = 1024 + envelope.wireFormat.size(); // with some reserve
     if (maxPayload < 2 * headers) {
         throw std::runtime_error("the server takes no messages above " +
                                  std::to_string(maxPayload) + " bytes");

@@ -31,10 +31,10 @@
 
 namespace courier::examples {
 
-/// Where a run takes place. All programs of one stream must be given the same.
+/// The stream and its settings. All programs of one stream must have the same.
 struct Place {
     nats::Access access;
-    std::string stream = "elements"; // one word
+    std::string stream = "elements"; // a single word
     int replicas = 3;                // servers that hold each message
     std::int64_t maxBytes = -1;      // of the elements in the stream; no limit
     std::int64_t attempts = 5;       // deliveries of one element
@@ -43,8 +43,8 @@ struct Place {
     [[nodiscard]] nats::Stream elements() const;
     [[nodiscard]] nats::Stream results() const;
 
-    /// The queue that the workers share. An element goes to another worker when its own one does
-    /// not answer for `redeliverAfter`.
+    /// The queue that the workers share. An element is delivered to another worker if its own one
+    /// does not answer within `redeliverAfter`.
     [[nodiscard]] nats::Queue workers() const;
 
     /// A queue for one run: of its reports; of its records of who took what; of the servers'
@@ -89,7 +89,7 @@ struct Envelope {
     [[nodiscard]] static Envelope of(natsMsg* message);
 };
 
-/// What became of an element.
+/// The result of one element.
 struct Result {
     std::size_t element = 0;
     std::uint64_t size = 0;     // bytes that were received
@@ -99,7 +99,7 @@ struct Result {
     std::string error = {}; // why it cannot be read; empty if it was
 };
 
-/// What a worker reports of some elements of one run. `id` tells the reports of all workers apart.
+/// A worker's report on some elements of one run. `id` is unique among the reports of all workers.
 struct Report {
     std::string run;
     std::string worker;
@@ -109,8 +109,8 @@ struct Report {
     [[nodiscard]] static Report of(natsMsg* message);
 };
 
-/// Which elements of one run a worker is about to decode, so that the sender can name the workers
-/// that an element was delivered to in vain.
+/// The elements of one run that a worker is about to decode, so that the sender can name the
+/// workers that failed on an element.
 struct Taken {
     std::string run;
     std::string worker;
@@ -127,8 +127,8 @@ struct Taken {
 /// buffer.
 [[nodiscard]] hub::serialisation::ByteBuffer adopt(nats::Message message);
 
-/// Reads buffers one after the other, each in place, and gets the next one only when all before it
-/// were read.
+/// Reads buffers one after the other, each in place, and gets the next one when the one before has
+/// been read.
 class PartsIStreambuf : public hub::serialisation::ByteBufferIStreambuf {
 public:
     /// `get` is called with 1, 2, ... `parts`; the reading call throws what it throws.
@@ -145,7 +145,7 @@ private:
     std::size_t read_ = 0;
 };
 
-/// Continues the checksum of what came before; begin with 0.
+/// Continues the checksum of earlier bytes; start with 0.
 [[nodiscard]] std::uint32_t crc32(std::uint32_t before, hub::serialisation::ByteBufferView bytes);
 
 /// How many bytes of an element fit into a message with its headers. Throws std::runtime_error if

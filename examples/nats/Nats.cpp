@@ -14,21 +14,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto patience = 60s;  // with a cluster that has lost a server
+constexpr auto patience = 60s;  // for a cluster that has lost a server
 constexpr auto answerTime = 2s; // of one request
 constexpr auto catchUp = 5s;    // of a replica with its leader
 constexpr auto pause = 100ms;   // between two attempts
 constexpr std::size_t mostPending = 4096;
 constexpr std::size_t mostPendingBytes = std::size_t{32} << 20;
 
-// Errors for want of room, which pass when messages are removed.
+// Errors of a full server, which pass when messages are removed.
 bool isFull(natsStatus status, jsErrCode code) {
     return status == NATS_ERR &&
            (code == JSStreamStoreFailedErr || code == JSInsufficientResourcesErr ||
             code == JSStorageResourcesExceededErr || code == JSAccountResourcesExceededErr);
 }
 
-// Errors that pass: a cluster that starts or has lost a server answers so for a while.
+// Temporary errors: those of a cluster that starts or has lost a server.
 bool isPassing(natsStatus status, jsErrCode code) {
     switch (status) {
     case NATS_TIMEOUT:
@@ -107,7 +107,7 @@ Connection connect(Access const& access) {
         !access.token.empty(), [&] { return natsOptions_SetToken(made, access.token.c_str()); },
         "set the token");
     // A server that disappears is noticed within ten seconds; requests that wait for it fail at
-    // once. Reconnecting goes on for as long as anything is repeated.
+    // once. Reconnecting is tried as long as operations are repeated.
     for (natsStatus const status :
          {natsOptions_SetTimeout(made, milliseconds(answerTime)),
           natsOptions_SetPingInterval(made, milliseconds(5s)), natsOptions_SetMaxPingsOut(made, 2),
@@ -159,8 +159,8 @@ Subscriber::Subscriber(natsConnection& connection, Queue const& queue)
 }
 
 std::vector<Message> Subscriber::take(int atMost, std::chrono::milliseconds time) {
-    // What is there, or else the next one that comes: so none comes later, to wait here for its
-    // turn while another worker is idle.
+    // The messages that are there, or else the next one. None may come later and wait here while
+    // another worker is idle.
     auto messages = request(atMost, R"("no_wait": true)", answerTime);
     if (messages.empty()) {
         messages = request(1, R"("expires": )" + std::to_string(nanoseconds(time)), time + pause);
@@ -275,7 +275,7 @@ void Session::make(Stream const& stream) const {
             [&](jsErrCode& code) {
                 natsStatus const status =
                     js_AddStream(nullptr, jetStream_.get(), &config, nullptr, &code);
-                // Two programs that make it at once are told that it overlaps with itself.
+                // If two programs create it at once, one is told that it overlaps with itself.
                 bool const isRace = code == JSStreamSubjectOverlapErr && ++overlaps < 20;
                 return isRace ? NATS_TIMEOUT : status;
             });
@@ -331,7 +331,7 @@ natsStatus Session::send(Message& message) {
     options.MsgId = id.c_str();
     natsMsg* raw = message.release();
     natsStatus const status = js_PublishMsgAsync(jetStream_.get(), &raw, &options);
-    message.reset(raw); // null when it was sent
+    message.reset(raw); // null if it was sent
     return status;
 }
 
@@ -371,7 +371,7 @@ void Session::failed(Message message, natsStatus status, jsErrCode code, char co
         }
         auto const now = Clock::now();
         if (isFull(status, code)) {
-            fullSince_ = fullSince_.value_or(now); // whoever publishes decides how long to wait
+            fullSince_ = fullSince_.value_or(now); // the publisher decides how long to wait
             found->second.since = now;
         } else if (!isPassing(status, code) || now - found->second.since > patience) {
             error_ = "cannot publish " + subject + ": " +
@@ -433,8 +433,8 @@ Message Session::find(std::string const& stream, std::string const& what,
     attempt("get " + what, [&](jsErrCode&) {
         natsStatus const status =
             js_DirectGetMsg(&message, jetStream_.get(), stream.c_str(), nullptr, &options);
-        // Any server that has the stream answers, also one that does not have its latest messages
-        // yet: so they are queried again for some seconds.
+        // Any server of the stream answers, even one that lacks the latest messages, so the query
+        // is repeated for some seconds.
         if (status == NATS_NOT_FOUND) {
             return ++misses < catchUp / pause ? NATS_TIMEOUT : NATS_OK;
         }
@@ -478,7 +478,7 @@ void Session::removeQueue(std::string const& stream, std::string const& name) co
     attempt("remove the queue " + name, [&](jsErrCode& code) {
         natsStatus const status =
             js_DeleteConsumer(jetStream_.get(), stream.c_str(), name.c_str(), nullptr, &code);
-        return code == JSConsumerNotFoundErr ? NATS_OK : status; // an answer before was lost
+        return code == JSConsumerNotFoundErr ? NATS_OK : status; // an earlier answer was lost
     });
 }
 

@@ -18,8 +18,7 @@
 #include <thread>
 #include <vector>
 
-// The C client library of NATS in C++ terms: handles that free themselves, and exceptions that say
-// what failed.
+// The C client library of NATS for C++: owning handles, and exceptions that say what failed.
 
 namespace courier::examples::nats {
 
@@ -43,7 +42,7 @@ struct Error : std::runtime_error {
 /// Throws Error with what was tried and the client library's text, unless the status is NATS_OK.
 void require(natsStatus status, std::string const& what, jsErrCode code = {});
 
-/// Where the servers are, and how to get in. Empty strings are not used.
+/// The servers, and how to log in. Empty strings are not used.
 struct Access {
     std::vector<std::string> urls{"nats://localhost:4222"}; // several of one cluster
     std::string ca; // a file of certificates that sign the servers', instead of the system's
@@ -69,21 +68,21 @@ struct Queue {
     jsAckPolicy acknowledged = js_AckExplicit;
     std::chrono::seconds patience{30}; // redelivers a message that is not acknowledged in time
     std::int64_t attempts = -1;        // deliveries of one message; no limit
-    std::chrono::seconds lifeTime{0};  // removed when nobody used it for so long; 0: stays
-    bool isNewOnly = false;            // without the messages that are in the stream already
+    std::chrono::seconds lifeTime{0};  // removed if unused for so long; 0: never
+    bool isNewOnly = false;            // without the messages that are already in the stream
 };
 
-/// One of those that take messages from a queue: each message goes to one of them.
-/// Thread-compatible. Must not outlive its session.
+/// Takes messages from a queue. Each message is delivered to one consumer. Thread-compatible. Must
+/// not outlive its session.
 ///
-/// It sends the server's own request and reads the answers from an inbox: the client's function for
-/// that writes past the end of its list when answers to an earlier request are late.
+/// It sends the server's requests and reads the answers itself: the client's own function writes
+/// past the end of its list when answers to an earlier request are late.
 class Subscriber {
 public:
     Subscriber(natsConnection& connection, Queue const& queue);
 
-    /// The next messages, at most so many, as soon as there are some; none if `time` brought none.
-    /// Throws Error if the queue cannot be reached for a minute, or the connection is lost for
+    /// Waits for messages, and returns those that are there, at most so many; none after `time`.
+    /// Throws Error if the queue cannot be reached for a minute, or if the connection is lost for
     /// good.
     [[nodiscard]] std::vector<Message>
     take(int atMost, std::chrono::milliseconds time = std::chrono::milliseconds(500));
@@ -100,8 +99,8 @@ private:
     Clock::time_point lastAnswer_ = Clock::now();
 };
 
-/// The subject to which a message of a queue is answered. It says "+ACK" for done, "-NAK" for once
-/// more, "+TERM" for never again, "+WPI" for still at work.
+/// The subject for answers to a message of a queue: "+ACK" means done, "-NAK" deliver again,
+/// "+TERM" never again, "+WPI" still at work.
 [[nodiscard]] std::string replySubject(natsMsg* message);
 
 /// How often a message of a queue was delivered, this time included.
@@ -109,9 +108,9 @@ private:
 
 /// One connection to a cluster, and its JetStream. Finds another server when its own is lost.
 ///
-/// Every operation is repeated for a minute, longer than a cluster takes to elect new leaders; then
-/// it throws Error, as it does at once for an error that does not pass. Thread-safe. One session at
-/// a time in a process.
+/// A failing operation is repeated for a minute, longer than a cluster takes to elect new leaders,
+/// and then throws Error. Permanent errors throw at once. Thread-safe. One session at a time in a
+/// process.
 class Session {
 public:
     explicit Session(Access const& access);
@@ -119,7 +118,7 @@ public:
     Session& operator=(Session const&) = delete;
     ~Session();
 
-    /// Make what does not exist yet.
+    /// Create what does not exist yet.
     void make(Stream const& stream) const;
     void make(Queue const& queue) const;
 
@@ -128,20 +127,20 @@ public:
     /// Called when a message is stored, with its number in the stream, on a thread of the client.
     using Stored = std::function<void(std::uint64_t number)>;
 
-    /// Stores a message on a majority of the servers that hold the stream, and returns before that.
-    /// Waits while 4,096 messages or 32 MiB are on their way. A message is stored once for each
-    /// subject, if no more than two minutes lie between two attempts. Throws Error for what went
-    /// wrong with an earlier message as well.
+    /// Sends a message to be stored on a majority of the stream's servers, without waiting for
+    /// that. Waits while 4,096 messages or 32 MiB are unconfirmed. A message is stored once for
+    /// each subject, if two attempts are at most two minutes apart. Throws Error, even for an
+    /// earlier message.
     void publish(Message message, Stored stored);
 
     /// Waits until everything that was published is stored, or everything whose subject begins with
     /// `prefix`, or until `time` has passed.
     void settle(std::chrono::milliseconds time, std::string const& prefix = {});
 
-    /// Makes every publish() and settle() throw Error, those that wait included.
+    /// Makes every publish() and settle() throw Error, even those that are waiting.
     void giveUp(std::string const& why);
 
-    /// Since when the servers have refused messages for want of room, if they do.
+    /// Since when the servers have refused messages because they are full, if they do.
     [[nodiscard]] std::optional<Clock::time_point> fullSince() const;
 
     /// Answers a message of a queue. An answer that is lost costs a second delivery.
@@ -188,7 +187,7 @@ private:
     std::size_t pendingBytes_ = 0;
     std::vector<Message> failed_; // to be sent again
     std::optional<Clock::time_point> fullSince_;
-    std::string error_; // that does not pass
+    std::string error_; // permanent
     Connection connection_;
     JetStream jetStream_;
     std::jthread resending_;

@@ -27,7 +27,7 @@ inline void addOptions(CLI::App& app, Place& place) {
         ->check(CLI::ExistingFile)
         ->type_name("FILE");
     app.add_option("--user", access.user, "The user name")->type_name("NAME");
-    // From the environment, as everybody on a machine can read command lines.
+    // From the environment, because every user of a machine can read command lines.
     app.add_option("--password", access.password, "The user's password; better in NATS_PASSWORD")
         ->envname("NATS_PASSWORD")
         ->type_name("TEXT");

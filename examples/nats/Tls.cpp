@@ -24,7 +24,7 @@ std::string whyTlsFails(std::string const& url, std::string const& ca) {
     SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, nullptr);
     std::unique_ptr<BIO, decltype(&BIO_free_all)> plain(BIO_new_connect(server.c_str()),
                                                         BIO_free_all);
-    // A server introduces itself by one line before it changes to TLS.
+    // A server sends one line before it changes to TLS.
     if (plain == nullptr || BIO_do_connect(plain.get()) != 1) {
         return "the server does not answer";
     }

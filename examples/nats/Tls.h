@@ -6,8 +6,8 @@
 
 namespace courier::examples::nats {
 
-/// Why a TLS connection to this server fails, in words for the user. The NATS client only reports
-/// that it did. Tries again, with the CA certificates of a file or, if it is empty, the system's.
+/// Explains to the user why a TLS connection to this server fails, which the NATS client does not.
+/// Connects once more, with the CA certificates of a file or, if `ca` is empty, the system's.
 [[nodiscard]] std::string whyTlsFails(std::string const& url, std::string const& ca);
 
 } // namespace courier::examples::nats

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the sender and its workers are measured against: as many messages of one size through a
-// stream of the same kind by the client library alone, which publishes without waiting, fetches in
-// batches and acknowledges. Prints messages a second.
+// The baseline for the sender and its workers: moves messages of one size through a stream of the
+// same kind with the client library alone, which publishes without waiting, fetches in batches and
+// acknowledges. Prints messages a second.
 
 #include "examples/nats/Options.h"
 

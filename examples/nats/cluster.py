@@ -13,7 +13,7 @@ NATS_SERVER = shutil.which("nats-server") or "/usr/sbin/nats-server"
 
 
 def die_with_parent():
-    """Nothing is left behind, even when this process is killed."""
+    """Child processes are terminated, even if this process is killed."""
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
@@ -53,8 +53,8 @@ def free_ports(count):
 
 
 class Cluster:
-    """Servers with JetStream, whose files are in a directory of their own. `extra` goes into the
-    configuration of each, `store` into that of JetStream."""
+    """Servers with JetStream and a directory of their own. `extra` is added to the configuration of
+    each, `store` to that of JetStream."""
 
     def __init__(self, directory, size=3, extra="", store="", scheme="nats"):
         self.directory = pathlib.Path(directory).resolve()

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Elements of 1 KB a second, by two workers, beside what the client library alone moves through the
-same stream: on one server and on three."""
+"""Compares elements of 1 KB a second, with two workers, with what the client library alone moves
+through the same stream: on one server and on three."""
 
 import pathlib
 import re

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Sends files as the elements of one payload, one message for each, to whichever workers there are,
-// and prints what became of them.
+// Sends files as the elements of one payload, one message for each, to the workers of a stream, and
+// prints the results.
 
 #include "examples/nats/Messages.h"
 #include "examples/nats/Options.h"
@@ -49,7 +49,7 @@ std::string newRun() {
     return hexadecimal(number).substr(2);
 }
 
-// One payload on its way.
+// The sending of one payload.
 class Run {
 public:
     Run(Options const& options, std::vector<Element> elements, std::vector<std::string> formats,
@@ -61,7 +61,8 @@ public:
         courier::hub::core::GenericPayload payload;
         for (auto& element : elements_) {
             element.addTo(payload);
-            std::visit([](auto& held) { held.reset(); }, element.value); // the payload's alone now
+            std::visit([](auto& held) { held.reset(); },
+                       element.value); // only the payload holds it now
         }
         std::tie(serialisers_, sentinel_) =
             createSerialisersFor(std::move(payload), catalogue, formats_, stop_);
@@ -79,10 +80,10 @@ public:
             while (isSending(senders) || stored_ < published_ || reported_ < stored_) {
                 receive();
                 makeRoom();
-                session_.settle(0s); // throws what went wrong
+                session_.settle(0s); // throws the error of a message
             }
         } catch (std::exception const& error) {
-            session_.giveUp(error.what()); // wakes those that wait for room
+            session_.giveUp(error.what()); // wakes threads that wait for room
             throw;
         }
         wallTime_ = Clock::now() - start_;
@@ -99,10 +100,10 @@ public:
     }
 
 private:
-    // What became of an element.
+    // The result of an element.
     struct State {
         std::optional<Result> result;
-        std::string worker;                  // whose result it is
+        std::string worker;                  // the worker of this result
         std::uint64_t givenUpAfter = 0;      // deliveries
         std::vector<std::uint64_t> messages; // in the stream; guarded by mutex_
     };
@@ -130,7 +131,7 @@ private:
                 printWhenReleased();
                 publish(i, ByteBufferView(bytes));
             } catch (nats::Error const&) {
-                next_ = elements_.size(); // nothing more will get through
+                next_ = elements_.size(); // nothing more can be sent
                 throw;
             } catch (std::exception const& error) {
                 printWhenReleased();
@@ -142,7 +143,7 @@ private:
         }
     }
 
-    // Once: the thread that writes the last element comes here right after it.
+    // Called once, by the thread that has written the last element.
     void printWhenReleased() {
         if (sentinel_->isReleased() && !isReleased_.exchange(true)) {
             print("the payload's memory was released after " +
@@ -179,7 +180,7 @@ private:
             session_.settle(24h, place_.inElements(run_, "part." + std::to_string(i) + '.'));
         }
         envelope.part = 0;
-        auto message = envelope.toMessage(place_, bytes); // after parts, nothing is left
+        auto message = envelope.toMessage(place_, bytes); // no bytes are left after parts
         ++published_;
         session_.publish(std::move(message), [this, envelope](auto number) {
             keep(envelope.element, number);
@@ -213,7 +214,7 @@ private:
                 }
             }
         }
-        if (!messages.empty()) { // for all before it, too
+        if (!messages.empty()) { // for all earlier ones, too
             session_.answer(nats::replySubject(messages.back().get()), "+ACK");
             ahead_ = 256;
         }
@@ -229,7 +230,7 @@ private:
         }
     }
 
-    // The servers' notice that a message was delivered too often: perhaps one of this run.
+    // The servers' notice that a message, perhaps of another run, was delivered too often.
     void receiveNotice(natsMsg* message) {
         auto const notice = nlohmann::json::parse(contentOf(message));
         auto const found =
@@ -248,7 +249,7 @@ private:
         return state.result.has_value() || state.givenUpAfter != 0;
     }
 
-    // Removes what workers have reported on while the servers have no room for more.
+    // While the servers are full, removes the elements that workers have reported on.
     void makeRoom() {
         auto const full = session_.fullSince();
         if (!full) {
@@ -263,7 +264,7 @@ private:
             std::string const why =
                 "gave up: the servers have had no room for " +
                 counted(static_cast<std::size_t>(*options_.giveUpAfter), "second");
-            session_.giveUp(why); // nothing is sent again
+            session_.giveUp(why); // nothing is repeated from now on
             session_.flush();
             session_.purge(place_.elements().name, place_.inElements(run_, ">"));
             throw std::runtime_error(why);
@@ -282,7 +283,7 @@ private:
         }
     }
 
-    // By which workers an element was tried.
+    // The workers that an element was delivered to.
     [[nodiscard]] std::string triedBy(std::size_t element) {
         std::string names;
         for (Taken const& taken : taken_) {
@@ -379,7 +380,7 @@ private:
     stop_source stop_;
     Clock::time_point start_;
 
-    std::mutex mutex_; // of the output, one line at a time, and of what says so
+    std::mutex mutex_; // guards the output, line by line, and the members that say so
     std::atomic<std::size_t> next_{0};
     std::atomic<std::size_t> published_{0};
     std::atomic<std::size_t> stored_{0};
@@ -387,7 +388,7 @@ private:
     std::atomic<std::uint64_t> bytes_{0};
     std::atomic<bool> isReleased_{false};
 
-    // Of the main thread.
+    // Used by the main thread only.
     bool isPrepared_ = false;
     std::vector<State> states_;
     int ahead_ = 1;
@@ -404,7 +405,7 @@ private:
     std::shared_ptr<Sentinel> sentinel_;
 };
 
-// The files, `copies` times, and the wire format of each. Nothing else holds them.
+// The files, `copies` times, and the wire format of each. Nothing else owns them.
 std::pair<std::vector<Element>, std::vector<std::string>>
 load(Options const& options, SerialisationCatalogue const& catalogue) {
     auto const files = loadAll(options.files, catalogue);

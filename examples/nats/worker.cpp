@@ -46,7 +46,7 @@ struct Again : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The elements in a worker's hands: taken, and not yet answered. Thread-safe.
+// The elements that a worker has taken and not yet answered. Thread-safe.
 class InHand {
 public:
     void take(std::vector<nats::Message> const& messages) {
@@ -57,7 +57,7 @@ public:
         since_ = Clock::now();
     }
 
-    /// The time of the next element begins.
+    /// Starts the time of the next element.
     void next() {
         std::lock_guard const lock(mutex_);
         since_ = Clock::now();
@@ -68,8 +68,8 @@ public:
         replies_.erase(reply);
     }
 
-    /// Tells the servers again and again that this worker is at work on them, until one element
-    /// takes longer than the worker's patience. From then on they are delivered to others.
+    /// Tells the servers repeatedly that this worker is at work on them. When one element takes
+    /// longer than the worker's patience it stops, and they are delivered to others.
     void sayAtWork(nats::Session const& session, Clock::duration interval, Clock::duration patience,
                    std::stop_token const& stop) {
         std::unique_lock lock(mutex_);
@@ -190,7 +190,7 @@ private:
             answer(reply, R"(-NAK {"delay": 1000000000})");
             return;
         } catch (std::exception const& error) {
-            result.error = error.what(); // it would fail anywhere: the sender must know
+            result.error = error.what(); // it would fail on any worker
         }
         result.time = Clock::now() - start;
         std::cout << (result.error.empty() ? "decoded " : "failed ") << envelope->run << ' '
@@ -203,8 +203,8 @@ private:
         done.results.push_back(std::move(result));
     }
 
-    // The acknowledgements come last, when the results are stored. Until then another worker gets
-    // the elements if anything happens to this one.
+    // Acknowledged last, when the results are stored. Until then another worker gets the elements
+    // if this one fails.
     void report() {
         for (auto& [run, each] : done_) {
             session_.publish(each.second.toMessage(options_.place, newID()),
@@ -261,7 +261,7 @@ private:
         }
     }
 
-    // The bytes of the element, each where the client library put it.
+    // The bytes of the element, in the client library's memory.
     std::unique_ptr<std::streambuf> open(Envelope const& envelope, nats::Message message,
                                          Result& result) {
         auto const count = [&result](ByteBuffer buffer) {

@@ -23,7 +23,7 @@ bool wasStopped(std::exception const& error) noexcept {
 
 GenericPayload decode(GenericDeserialiser const& deserialise, std::streambuf& source) {
     std::istream in(&source);
-    in.exceptions(std::ios::badbit); // lets what the source throws through
+    in.exceptions(std::ios::badbit); // lets exceptions of the source through
     GenericPayload payload = deserialise(in);
     if (source.sgetc() != std::streambuf::traits_type::eof()) {
         throw std::runtime_error("bytes are left over");

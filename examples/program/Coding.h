@@ -15,7 +15,7 @@ namespace courier::examples {
 [[nodiscard]] hub::serialisation::ByteBuffer
 encode(hub::serialisation::GenericSerialiser serialise);
 
-/// Whether this is how a write ends that was stopped.
+/// Whether this is the exception of a write that was stopped.
 [[nodiscard]] bool wasStopped(std::exception const& error) noexcept;
 
 /// The receiver's side: reads the source to its end. Throws what the deserialiser and the source

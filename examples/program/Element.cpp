@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "examples/program/Element.h"
 
-#include <courier/hub/serialisation/Streams.h>
+#include <courier/hub/serialisation/IOStreams.h>
 
-#include <algorithm>
 #include <chrono>
-#include <istream>
 #include <stdexcept>
 #include <type_traits>
 #include <utility>
@@ -17,30 +15,15 @@ using hub::core::GenericPayload;
 
 namespace {
 
-std::string lineAndColumn(std::string_view textBefore) {
-    auto const line = std::count(textBefore.begin(), textBefore.end(), '\n') + 1;
-    auto const lineBefore = textBefore.substr(textBefore.rfind('\n') + 1);
-    // Characters, not bytes: those that continue a UTF-8 sequence do not count.
-    auto const column = std::count_if(lineBefore.begin(), lineBefore.end(),
-                                      [](unsigned char c) { return (c & 0xC0U) != 0x80U; }) +
-                        1;
-    return std::to_string(line) + ':' + std::to_string(column);
-}
-
 std::shared_ptr<Document> parse(Blob const& file, std::string const& name,
                                 SerialisationCatalogue const& catalogue) {
     auto const deserialise = catalogue.getDeserialiserFor("json", hub::core::getTypeID<Document>());
-    NonOwningByteBufferViewIStreambuf source(file.bytes());
-    std::istream in(&source);
+    ByteBufferIStream in(file.bytes());
     try {
         GenericPayload const payload = deserialise(in);
         return std::static_pointer_cast<Document>(payload.values.at(0));
     } catch (std::exception const& error) {
-        // The last byte that was read is the wrong one, unless it is the end that came too early.
-        auto const left = static_cast<std::size_t>(std::max<std::streamsize>(source.in_avail(), 0));
-        auto const right = file.bytes().size() - left - (in.eof() ? 0 : 1);
-        std::string_view const text(reinterpret_cast<char const*>(file.bytes().data()), right);
-        throw std::runtime_error(name + ':' + lineAndColumn(text) + ": " + error.what());
+        throw std::runtime_error(name + ": " + error.what());
     }
 }
 

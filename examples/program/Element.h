@@ -33,7 +33,7 @@ inline constexpr std::array elementTypes{
     ElementType{"Histogram", hub::core::getTypeID<Histogram>()},
 };
 
-/// A file, or what a program made itself, as it is sent.
+/// A file, or a value that the program has made, ready to be sent.
 struct Element {
     std::string name;
     std::size_t size; // of the file or, approximately, in memory
@@ -51,7 +51,7 @@ struct Element {
 };
 
 /// Reads a .json file as a Document, and maps any other as a Blob. Throws std::runtime_error, which
-/// names the file and, where it is not valid JSON, line and column.
+/// names the file.
 [[nodiscard]] Element load(std::filesystem::path const& file, std::string name,
                            hub::serialisation::SerialisationCatalogue const& catalogue);
 

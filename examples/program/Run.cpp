@@ -25,7 +25,7 @@ void stopOnInterrupt(stop_source stop) {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    // A thread waits for the signal, as a handler could do next to nothing.
+    // A thread waits for the signal, because a handler may call hardly any function.
     std::thread([signals, stop]() mutable {
         int signal = 0;
         ::sigwait(&signals, &signal);

@@ -23,8 +23,8 @@ inline constexpr std::uint64_t defaultReadLimit = std::uint64_t{4} << 30;
 using Program = std::function<int(hub::serialisation::SerialisationCatalogue const& catalogue,
                                   hub::serialisation::stop_source stop)>;
 
-/// Reads the command line, loads the modules that were built with this program, which get the
-/// read limit, and runs it.
+/// Reads the command line, loads the modules that were built with this program, and calls
+/// `program`.
 ///
 /// Requests a stop at the first Control-C, or the first request to terminate. A second one, a
 /// second later or more, ends the program at once. Call this before any other thread starts: those

@@ -18,7 +18,7 @@ class App;
 
 namespace courier::examples {
 
-/// What to send and how, as the command line says.
+/// What to send and how: the options of a command line.
 struct Sending {
     std::vector<std::string> files;
     std::vector<std::string> formats{"*"};
