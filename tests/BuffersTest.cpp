@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the buffers' model in fuzz/ does not know: who owns what, and what does not compile.
+// What the buffers' model in fuzz/ does not cover: ownership, and what must not compile.
 #include "Support.h"
 
 #include <array>
@@ -16,7 +16,7 @@ TEST(ByteBuffer, TakesOverWithoutCopying) {
     auto vector = bytes("abc");
     auto const* const address = vector.data();
     EXPECT_EQ(ByteBuffer(std::move(vector)).data(), address);
-    int local = 0; // stays with its maker
+    int local = 0; // stays with the caller
     EXPECT_THROW(ByteBuffer(ByteBuffer::Block(&local, nullptr), 1), std::invalid_argument);
 }
 
@@ -27,19 +27,19 @@ TEST(ByteBuffer, KeepsItsDeleterWithTheBlockAndBeyond) {
         return ByteBuffer(ByteBuffer::Block(&local, std::move(deleter)), sizeof(local));
     };
     for (bool const isEmptied : {false, true}) {
-        ByteBuffer buffer = adopted([captured](void*) {}); // small: a std::function holds it
+        ByteBuffer buffer = adopted([captured](void*) {}); // fits into a std::function
         if (isEmptied) {
             buffer.resize(0);
         }
         ByteBuffer constructed(std::move(buffer));
         ByteBuffer assigned;
         assigned = std::move(constructed);
-        EXPECT_EQ(captured.use_count(), 2); // all of them are still there
+        EXPECT_EQ(captured.use_count(), 2); // none has been destroyed
         assigned = ByteBuffer();
         EXPECT_EQ(captured.use_count(), 1);
     }
 
-    // One that looks at its buffer finds it whole, whatever frees the block.
+    // A deleter that inspects its buffer finds it consistent, whatever frees the block.
     std::vector<std::size_t> seen;
     ByteBuffer buffer;
     auto const look = [&](void*) { seen.push_back(buffer.size()); };
@@ -100,7 +100,7 @@ static_assert(sizeof(ByteBuffer) <= 64 || sizeof(std::vector<std::byte>) > 24);
 
 TEST(ByteBuffer, RefusesLengthsBeforeTheyWrap) {
     static std::byte byte{};
-    static std::byte* volatile const somewhere = &byte; // no compiler knows how much is there
+    static std::byte* volatile const somewhere = &byte; // of unknown size to the compiler
     auto const lying = [](std::size_t n) {
         return ByteBuffer(ByteBuffer::Block(&byte, [](void*) {}), n);
     };
@@ -154,7 +154,7 @@ TEST(ByteBufferView, IsMadeFromWhatHasBytes) {
         EXPECT_EQ(view, buffer);
         EXPECT_EQ(std::span<std::byte>(view.makeView(0, 0)).data(), view.data());
     }
-    Blocks blocks; // an empty one has an address, a view of it none
+    Blocks blocks; // an empty one has an address, a view of it has none
     EXPECT_EQ(ByteBufferView(blocks.adopt("")).data(), nullptr);
 }
 
@@ -184,7 +184,7 @@ TEST(ByteBufferIterator, MovesLikeAPointerAndKnowsItsForm) {
     movesLikeAPointer(vector.begin());
     movesLikeAPointer(std::as_const(vector).begin());
     movesLikeAPointer(ByteBufferView(vector).begin());
-    EXPECT_NE(vector.begin(), ByteBufferView(vector).begin()); // though at one address
+    EXPECT_NE(vector.begin(), ByteBufferView(vector).begin()); // although the address is the same
     EXPECT_EQ(std::as_const(vector).end() - vector.begin(), 6);
     EXPECT_EQ(ByteBufferView().begin() - ByteBuffer().begin(), 0); // both null
     EXPECT_EQ(ByteBufferView().begin(), ByteBuffer().begin());

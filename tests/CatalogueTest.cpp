@@ -12,7 +12,7 @@ TEST(CatalogueDeathTest, EndsTheProcessOnADuplicate) {
     Catalogue catalogue;
     catalogue.add(record("wf", 1, {1}, "first"));
     catalogue.add(reader("wf", 1, 1));
-    // The path is the project's own, not the build machine's.
+    // The path is relative to the project, not one of the build machine.
     EXPECT_DEATH(catalogue.add(record("wf", 1, {2}, "second")),
                  "^Attempted to add duplicate serialiser for wf "
                  "\\[courier/hub/serialisation/src/Catalogue.cpp:.+Catalogue::add");
@@ -22,7 +22,7 @@ TEST(CatalogueDeathTest, EndsTheProcessOnADuplicate) {
     EXPECT_EXIT(bedrock::core::diag::terminate("50 %d", "file", 7, "function"),
                 testing::KilledBySignal(SIGABRT), "^50 %d \\[file:7, function]\n$");
 #endif
-    EXPECT_TRUE(bedrock_diag_set_terminate(false)); // returns the value before
+    EXPECT_TRUE(bedrock_diag_set_terminate(false)); // returns the previous value
     catalogue.add(reader("wf", 1, 2));
     EXPECT_FALSE(bedrock_diag_set_terminate(true));
     EXPECT_EQ(valueRead(catalogue.getDeserialiserFor("wf", 1)), 1);
@@ -102,7 +102,7 @@ TEST(CatalogueTest, LooksUp) {
     }
 }
 
-// A factory that does something with the catalogue that calls it.
+// A factory that uses the catalogue that calls it.
 struct ReentrantTest : testing::Test {
     ReentrantTest() {
         catalogue.add(record("inner", 1, {1}, "inner"));
@@ -131,8 +131,8 @@ TEST_F(ReentrantTest, LooksUpWhileARegistrationWaits) {
     std::future<void> probe;
     EXPECT_EQ(whenFactoryDoes([&] {
                   registering = std::thread([&] { catalogue.add(record("late", 3, {3}, "")); });
-                  // A look-up of another thread stays behind a registration that waits: as soon as
-                  // one does not come back, the registration is there.
+                  // Look-ups of other threads wait behind a waiting registration: when one does not
+                  // return, the registration is waiting.
                   do {
                       probe = std::async(std::launch::async,
                                          [&] { discard(catalogue.getSupportedWireFormats(1)); });

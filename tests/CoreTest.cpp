@@ -4,7 +4,7 @@
 
 using namespace tests;
 
-inline int nullptrNot; // an address that begins like no address
+inline int nullptrNot; // an address whose name begins like nullptr
 static_assert(getTypeID<golden::Value<&nullptrNot>>() !=
               getTypeID<golden::Value<static_cast<int*>(nullptr)>>());
 
@@ -30,7 +30,8 @@ TEST(TypeID, GivesWhatBelongsToAFileAnIdentifierOfItsOwn) {
 #endif
 }
 
-// What compilers call what has no name, what belongs to one file, and what they spell in two ways.
+// The compilers' names of types without a name, of types of one file, and of types with two
+// spellings.
 TEST(TypeID, KnowsNamesThatNothingTellsApart) {
     using namespace courier::hub::core::detail;
     for (auto const* const name :

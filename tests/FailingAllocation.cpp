@@ -12,8 +12,8 @@
 #endif
 #endif
 
-// This replaces operator new and the C library's functions, as the library calls both.
-// REPLACED(malloc) is what a call of malloc reaches, NEXT(malloc) what it would have reached.
+// Replaces operator new and the C library's functions, because the library calls both. A call of
+// malloc calls REPLACED(malloc), which calls NEXT(malloc), the original.
 #if defined(_WIN32) // by --wrap, which takes a program without DLLs
 #define REPLACED(name) __wrap_##name
 #define NEXT(name) __real_##name
@@ -25,7 +25,7 @@
 #define NEXT(name) __libc_##name
 #endif
 
-// ThreadSanitizer calls them before it is ready for code that it has instrumented.
+// ThreadSanitizer calls them before it can run instrumented code.
 #define EARLY __attribute__((no_sanitize("thread")))
 
 extern "C" {
@@ -51,7 +51,7 @@ EARLY void* counted(void* block) {
 namespace tests {
 void failAfter(std::size_t n) { countdown = n; }
 bool stopFailing() { return std::exchange(countdown, never) == never; }
-EARLY bool isFault() { return countdown != never && countdown-- == 0; } // it is then `never`
+EARLY bool isFault() { return countdown != never && countdown-- == 0; } // after that it is `never`
 std::size_t allocations() { return made; }
 std::size_t unfreed() { return made - freed; }
 } // namespace tests
@@ -73,7 +73,7 @@ EARLY void REPLACED(free)(void* ptr) noexcept {
 }
 }
 
-// Those for arrays call these.
+// Those for arrays call them.
 void* operator new(std::size_t size) {
     void* const block = REPLACED(malloc)(size);
     return block != nullptr ? block : throw std::bad_alloc();
@@ -81,7 +81,7 @@ void* operator new(std::size_t size) {
 void operator delete(void* block) noexcept { REPLACED(free)(block); }
 void operator delete(void* block, std::size_t) noexcept { REPLACED(free)(block); }
 
-// The start of the whole block lies before the aligned one.
+// The start of the whole block is stored before the aligned one.
 void* operator new(std::size_t size, std::align_val_t alignment) {
     auto const step = static_cast<std::size_t>(alignment);
     auto* const block = static_cast<char*>(operator new(size + step));

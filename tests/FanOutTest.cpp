@@ -27,16 +27,16 @@ struct FanOutTest : testing::Test {
     }
     Catalogue catalogue;
     std::vector<GenericPayloadView> kept;
-    std::vector<stop_source> sources; // that a factory was given
+    std::vector<stop_source> sources; // that factories were passed
     std::atomic<int> destroyed = 0;
 };
 
 struct Case {
     char const* why;
-    std::size_t elements; // that the payload claims; it has two
+    std::size_t elements; // claimed by the payload, which has two
     Formats formats;      // one is for every element
     std::string expected; // what is written, or the error
-    std::size_t given;    // sources, where there is one
+    std::size_t given;    // sources passed, if there is one
 };
 Case const cases[] = {
     {"one format for all", 2, {"write"}, "00 11 ", 2},
@@ -87,7 +87,7 @@ TEST_F(FanOutTest, MakesASerialiserForEachElementOrNone) {
 }
 
 TEST_F(FanOutTest, ReleasesThePayloadWithItsLastReference) {
-    constexpr int most = 300; // more than a byte counts
+    constexpr int most = 300; // more than fit into a byte
     std::shared_ptr<Sentinel> sentinel;
     bool wasReleased = true;
     GenericPayload payload = payloadOf(most, destroyed);
@@ -104,7 +104,7 @@ TEST_F(FanOutTest, ReleasesThePayloadWithItsLastReference) {
     kept.clear();
     EXPECT_EQ(destroyed, most);
     EXPECT_TRUE(sentinel->isReleased());
-    EXPECT_FALSE(wasReleased); // the elements end first
+    EXPECT_FALSE(wasReleased); // the elements are destroyed first
 }
 
 } // namespace

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Whatever can fail fails, once at each point: memory, and what users hand in.
+// Every allocation and every user's callable fails, once at each point.
 #include "Support.h"
 
 #include <courier/hub/serialisation/Registration.h>
@@ -13,7 +13,7 @@ using namespace tests;
 constexpr std::uint64_t elementID = getTypeID<Element>();
 std::string const longText(100, 'x'); // always allocates
 
-// A callable of a user's, in every role: being copied and being called are fault points.
+// A user's callable in every role: copying and calling it are fault points.
 struct Careless {
     Careless() = default;
     Careless(Careless const&) { point(); }
@@ -47,7 +47,7 @@ Serialiser carelessRecord(std::string const& format, std::uint64_t id) {
 }
 GenericDeserialiser carelessReader() { return reading<int>(Careless()); }
 
-// One object of each class, and what is handed to their operations.
+// One object of each class, and the arguments of their operations.
 struct World {
     World(MakeBuffer make, Blocks& blocks, std::atomic<int>& destroyed)
         : buffer(make(blocks, "abcdefgh")), argument(blocks.adopt("more")),
@@ -56,14 +56,14 @@ struct World {
         list.push_back(argument.clone());
         list.push_back(blocks.adopt("list"));
         sink.sputn("kept", 4);
-        // As many as fill the catalogue's tables: one more enlarges each.
+        // As many as fit into the catalogue's tables: one more enlarges each.
         for (std::uint64_t id = 0; id < 8; ++id) {
             catalogue.add(carelessRecord(std::to_string(id), elementID + id));
             catalogue.add(Deserialiser(std::to_string(id), id, carelessReader()));
         }
     }
 
-    // All that can be seen of it.
+    // Its whole observable state.
     std::string state() const {
         std::ostringstream out;
         out << text(buffer) << text(argument) << text(list[0]) << text(list[1]) << vector.size();
@@ -111,7 +111,7 @@ struct World {
     std::istringstream received;
 };
 
-// What remains of the strong guarantee when the operation fails.
+// Which part of the strong guarantee holds when the operation fails.
 enum Left { all, allButPayload, allButRecord };
 
 using Operation = std::tuple<char const*, Left, void (*)(World&)>;
@@ -178,7 +178,7 @@ constexpr Operation operations[] = {
                                                        Formats{"*", "0"}, stop_source()))),
 };
 
-// Acts on a fresh world with fault point n failing. Returns whether there was one.
+// Acts on a new world in which fault point n fails. Returns whether there was one.
 bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
     auto const [name, left, act] = operation;
     SCOPED_TRACE(name);
@@ -204,11 +204,11 @@ bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
             } else if (left == allButPayload && world.payload.values.empty()) {
                 EXPECT_EQ(destroyed, 2) << "gone, but not destroyed";
                 world.payload = payloadOf(2, destroyed);
-                destroyed -= 2; // in place of these
+                destroyed -= 2; // replaced by new ones
             }
             EXPECT_EQ(world.state(), state);
         }
-        world.catalogue.add(carelessRecord("after", 1)); // would hang, were a lock held
+        world.catalogue.add(carelessRecord("after", 1)); // would hang if a lock were held
         world.catalogue.add(Deserialiser("after", 99, carelessReader()));
     }
     EXPECT_EQ(blocks.freed, blocks.made);

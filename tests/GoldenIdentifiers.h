@@ -2,8 +2,8 @@
 #ifndef COURIER_TESTS_GOLDEN_IDENTIFIERS_H
 #define COURIER_TESTS_GOLDEN_IDENTIFIERS_H
 
-// What every compiler must make of these types, with every standard library and for every machine:
-// modules built years apart must agree.
+// The identifiers of these types, which must be the same for every compiler, standard library and
+// machine: modules built years apart must agree.
 
 #include <courier/hub/core/GenericPayload.h>
 

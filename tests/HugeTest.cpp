@@ -8,8 +8,9 @@ namespace {
 
 using namespace tests;
 
-// Addresses by the gibibyte over one small piece of memory, mapped again and again. The piece does
-// not divide 2^32, so that a position cut to 32 bits finds another byte. Null where that can't be.
+// Gibibytes of addresses for one small piece of memory, which is mapped repeatedly. Its size does
+// not divide 2^32, so that a position cut to 32 bits finds another byte. Null if that is
+// impossible.
 constexpr std::size_t tile = std::size_t{3} << 20;
 constexpr std::size_t twoTo32 = std::size_t{1} << 32;
 constexpr std::size_t huge = (twoTo32 / tile + 9) * tile;

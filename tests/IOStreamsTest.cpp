@@ -22,7 +22,7 @@ TEST(ByteBufferOStream, ReleasesOnlyTheWhole) {
     EXPECT_EQ(text(out.rdbuf()->release()), "part");
 }
 
-// All of a stream's state goes with it, and the stream buffer stays each stream's own.
+// A move transfers the stream's state, and each stream keeps its own stream buffer.
 auto const describe = [](auto& stream) {
     std::ostringstream said;
     said << stream.rdstate() << stream.exceptions() << stream.fill()
@@ -71,7 +71,7 @@ TEST(ByteBufferIStream, ShowsWhatIsUnreadUnlessItHasFailed) {
 TEST(Unread, IsEmptyOverAnotherStreamBuffer) {
     std::istringstream foreign("foreign");
     std::istream none(nullptr);
-    struct Parts : ByteBufferIStreambuf { // may have more bytes than those at hand
+    struct Parts : ByteBufferIStreambuf { // may have more bytes later
         using ByteBufferIStreambuf::ByteBufferIStreambuf;
     } parts(ByteBufferView(std::string_view("part")));
     std::istream inParts(&parts);
@@ -83,7 +83,7 @@ TEST(Unread, IsEmptyOverAnotherStreamBuffer) {
     EXPECT_EQ(foreign.get(), 'f');
 }
 
-// Does with each piece what a test wants.
+// Calls a test's function with each piece.
 struct Target : std::streambuf {
     int_type overflow(int_type c) override {
         char const byte = traits_type::to_char_type(c);
@@ -122,7 +122,7 @@ TEST(StoppableOStream, PassesOnAtOnceInPiecesAndFlushes) {
     EXPECT_EQ(target.flushed, 0);
     out.flush();
     EXPECT_EQ(target.flushed, 1);
-    EXPECT_THROW(out.flush(), ios_base::failure); // as the target's second one fails
+    EXPECT_THROW(out.flush(), ios_base::failure); // because the target's second flush fails
 }
 
 TEST(StoppableOStream, StopsBetweenPieces) {

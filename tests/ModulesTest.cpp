@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Modules that meet at run time, one of them built by the other compiler.
+// Modules that are loaded into one process, one of them built by the other compiler.
 #include "Support.h"
 #include "examples/program/LoadedModules.h"
 

@@ -18,7 +18,7 @@ char const* unreadBytes(ByteBufferIStreambuf const& source) {
     return reinterpret_cast<char const*>(source.unread().data());
 }
 
-// The library frees messages on a thread of its own, which without a connection nobody starts.
+// The library frees messages on a thread of its own, which it starts with the first connection.
 struct NatsTest : testing::Test {
     static void SetUpTestSuite() { ASSERT_EQ(nats_Open(-1), NATS_OK); }
     static void TearDownTestSuite() { nats_CloseAndWait(0); }
@@ -28,7 +28,7 @@ TEST_F(NatsTest, MessagesAreReadWhereTheyLie) {
     for (std::size_t const size : {0U, 1U, 1000U, 1U << 20}) {
         auto received = message(std::string(size, 'x'));
         char const* const bytes = natsMsg_GetData(received.get());
-        ByteBuffer buffer = adopt(std::move(received)); // whose end frees the message: see asan
+        ByteBuffer buffer = adopt(std::move(received)); // frees the message, or asan reports a leak
         EXPECT_EQ(buffer.size(), size);
         EXPECT_TRUE(size == 0 || static_cast<void*>(buffer.data()) == bytes);
     }
@@ -44,7 +44,7 @@ TEST_F(NatsTest, PartsAreReadOneAfterTheOtherWhereTheyLie) {
         return adopt(std::move(received));
     };
     PartsIStreambuf source(parts.size(), get);
-    EXPECT_TRUE(bytes.empty()); // nothing is asked for before it is read
+    EXPECT_TRUE(bytes.empty()); // nothing is fetched before it is read
     EXPECT_EQ(source.sgetc(), 'a');
     EXPECT_EQ(unreadBytes(source), bytes.at(0));
     std::string text(6, '\0');

@@ -31,7 +31,7 @@ auto const writePair = [](Price const& price, Order const& order, std::ostream& 
 };
 Price readPrice(std::istream& in) { return {in.get()}; }
 
-// What may be registered, and what is refused where it is registered.
+// What may be registered, and what is refused at registration.
 template <class... Elements> constexpr bool isWriter(auto write) {
     return WriterOf<decltype(write), Elements...>;
 }

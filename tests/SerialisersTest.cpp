@@ -77,7 +77,7 @@ TEST(Deserialisers, ShareTheirHandleWithCopiesAndHandItOverInMoves) {
     auto const old = std::make_shared<int>(2);
     auto counting = reading<int>([n = 0](auto&) mutable { return ++n; }, old);
     EXPECT_EQ(valueRead(GenericDeserialiser(counting)), 1);
-    EXPECT_EQ(valueRead(counting), 1); // not what its copy counts
+    EXPECT_EQ(valueRead(counting), 1); // the copy has a count of its own
     auto object = reading<int>([](auto&) { return 7; }, handle);
     EXPECT_EQ(passOn(object, counting,
                      [&](GenericDeserialiser const& held) {
@@ -96,7 +96,7 @@ TEST(DeferredSerialiser, CopiesAndMovesAsItsRoutine) {
     passOn(object, other, [](DeferredSerialiser const& held) {
         std::ostringstream said;
         return outcome([&] { return held(said), said.str(); });
-    }); // what a std::function leaves behind is up to the library
+    }); // the state of a moved-from std::function is unspecified
 }
 
 TEST(Records, CallTheFactoryForTheArgumentsAndNoOther) {
@@ -113,11 +113,11 @@ TEST(Records, CallTheFactoryForTheArgumentsAndNoOther) {
     GenericPayloadView view = viewOf({1}, 0);
     EXPECT_THROW(discard(object.getSerialiser(std::move(view), {})), std::bad_function_call);
     EXPECT_THROW(discard(object.getSerialiser(std::move(view))), std::bad_function_call);
-    EXPECT_TRUE(view.wrapper); // nothing was taken
+    EXPECT_TRUE(view.wrapper); // not moved from
     GenericPayload payload = payloadOf({1});
     EXPECT_THROW(discard(object.getSerialiser(std::move(payload))), std::bad_function_call);
     EXPECT_EQ(payload.typeIDs, IDs{1});
-    auto const make = [](auto&&...) { return GenericSerialiser(); }; // and no other stands in
+    auto const make = [](auto&&...) { return GenericSerialiser(); }; // and there is no fallback
     Serialiser const viewed("", 0, {}, make, nullptr, make);
     Serialiser const stoppable("", 0, {}, nullptr, make, make);
     EXPECT_THROW(discard(viewed.getSerialiser(std::move(view), {})), std::bad_function_call);

@@ -12,8 +12,8 @@ TEST(SharedPayload, LivesAsLongAsItsReferences) {
     };
     std::shared_ptr<Sentinel> const sentinel = first->getSentinel();
     EXPECT_EQ(passOn(first, other, show), "null");
-    EXPECT_EQ(destroyed, 1); // the other one's
-    other->addRef();         // this reference is then handed over
+    EXPECT_EQ(destroyed, 1); // that of the other payload
+    other->addRef();         // the reference that is adopted below
     GenericPayloadView view(GenericPayloadWrapperPtr(other.get(), false), 0);
     other = GenericPayloadWrapperPtr(nullptr);
     EXPECT_EQ(destroyed, 1);
@@ -50,7 +50,7 @@ TEST(SharedPayload, SentinelWakesAllThatWait) {
     while (waiting < 4) {
         std::this_thread::yield();
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // until they do
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); // until they wait
     sentinel.notify();
     std::ranges::for_each(threads, &std::thread::join);
 }
@@ -64,7 +64,7 @@ TEST(SharedPayload, SentinelWaitsNoLongerThanAsked) {
     EXPECT_FALSE(
         sentinel.waitFor(std::chrono::duration<double>(std::numeric_limits<double>::quiet_NaN())));
     std::thread releaser([&] { sentinel.notify(); });
-    bool const wasReleased = sentinel.isReleased();         // at the same time, for ThreadSanitizer
+    bool const wasReleased = sentinel.isReleased();         // concurrently, for ThreadSanitizer
     EXPECT_TRUE(sentinel.waitFor(std::chrono::years(500))); // would overflow a deadline
     releaser.join();
     EXPECT_GE(sentinel.isReleased(), wasReleased);

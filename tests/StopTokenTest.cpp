@@ -4,7 +4,7 @@
 using namespace bedrock::concurrent::threadpool;
 
 namespace {
-struct Mine {}; // CoreTest.cpp has one, too
+struct Mine {}; // CoreTest.cpp has a class of this name, too
 } // namespace
 std::uint64_t idOfAnotherFilesMine();
 std::uint64_t idOfAnotherFilesMine() { return tests::getTypeID<Mine>(); }
@@ -25,7 +25,7 @@ TEST(StopToken, SharesOneStateWithEverySource) {
     EXPECT_FALSE(source.stop_requested());
     EXPECT_FALSE(source.stop_possible());
 
-    // One request of many is the one, and shows what was written before it.
+    // One request of many returns true, and publishes what was written before it.
     int written = 0;
     std::thread observer([&written, token] {
         while (!token.stop_requested()) {

@@ -44,7 +44,7 @@ TEST(IStreambuf, RefusesWhatIsNotThere) {
     EXPECT_EQ(some.sgetc(), 's');
 }
 
-TEST(IStreambuf, ReadsForAClassDerivedFromIt) { // which may call these though bytes are there
+TEST(IStreambuf, ReadsForAClassDerivedFromIt) { // which may call these when bytes are available
     struct Opened : NonOwningByteBufferViewIStreambuf {
         using NonOwningByteBufferViewIStreambuf::NonOwningByteBufferViewIStreambuf;
         using NonOwningByteBufferViewIStreambuf::uflow, ReadOnlyStreambuf::underflow;
@@ -82,7 +82,7 @@ TEST(OStreambuf, GrowsToTwiceItsSize) {
         grown += sink.isFull() ? 1 : 0;
         ASSERT_EQ(sink.sputc('\xFF'), 0xFF);
     }
-    EXPECT_LE(grown, 9); // from 512 on
+    EXPECT_LE(grown, 9); // starting at 512
     EXPECT_EQ(passOn(sink, other, [](auto& to) { return std::to_string(to.size()); }), "0");
     EXPECT_EQ(other.size(), 100'000);
 }

@@ -32,14 +32,14 @@ using courier::hub::core::getTypeID;
 using IDs = std::vector<std::uint64_t>;
 using Formats = std::vector<std::string>;
 
-/// After the next `n` fault points on this thread one fails, and then none. Every allocation is
-/// one.
+/// Makes the fault point after the next `n` on this thread fail, and no other. Every allocation is
+/// a fault point.
 void failAfter(std::size_t n);
 /// Whether it has failed by now.
 bool stopFailing();
-/// For a test's own fault points: whether this one has to fail.
+/// A test's own fault point: true if it must fail.
 bool isFault();
-/// Allocations made on this thread so far, and how many of them it has not freed.
+/// Allocations on this thread so far, and those that it has not freed.
 std::size_t allocations();
 std::size_t unfreed();
 
@@ -58,17 +58,18 @@ template <class Exception, class Action> std::string messageOf(Action action) {
 #define EXPECT_ERROR(Exception, message, expression)                                               \
     EXPECT_EQ(messageOf<Exception>([&] { static_cast<void>(expression); }), message)
 
-/// Calls what may be discarded, for EXPECT_THROW.
+/// Calls `f` and discards the result, for EXPECT_THROW.
 template <class Result> void discard(Result&&) {}
 
-/// Passes an object on in every way that its class has, also to itself and over another one. What
-/// `show` tells of it must go along. Returns what it then tells of those that were moved from.
+/// Copies and moves an object in every way that its class allows, even to itself and over another
+/// one. `show` must return the same for the new object. Returns what it returns for those moved
+/// from.
 template <class T> std::string passOn(T& object, T& other, auto show) {
     std::string const shown = show(object);
     T& itself = object;
     if constexpr (std::is_copy_assignable_v<T>) {
-        // On the heap: if it lay where `constructed` will, ThreadSanitizer would take the locks of
-        // both for one.
+        // On the heap: at the address of `constructed`, ThreadSanitizer would mistake the locks of
+        // the two for one.
         auto const copy = std::make_unique<T>(object);
         EXPECT_EQ(show(*copy), shown);
         *copy = other;
@@ -114,12 +115,12 @@ struct Blocks {
 inline std::string contents(char const* file) {
     return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
 }
-/// Whether the process has a file mapped whose path matches.
+/// Whether the process has mapped a file whose path matches.
 inline bool isMapped(char const* pattern) {
     return std::regex_search(contents("/proc/self/maps"), std::regex(pattern));
 }
 
-/// Every way in which a buffer can hold a content.
+/// Every way in which a buffer can hold bytes.
 using MakeBuffer = ByteBuffer (*)(Blocks&, std::string_view content);
 inline constexpr MakeBuffer kinds[] = {
     [](Blocks&, std::string_view content) { return ByteBuffer(bytes(content)); },
@@ -136,7 +137,7 @@ inline constexpr MakeBuffer kinds[] = {
         return buffer;
     }};
 
-/// An element that counts its end.
+/// An element that counts its destruction.
 struct Element {
     Element(int v, std::atomic<int>& count) : value(v), destroyed(count) {}
     Element(Element const&) = delete;
@@ -152,7 +153,7 @@ inline GenericPayload payloadOf(int elements, std::atomic<int>& destroyed) {
     }
     return payload;
 }
-/// A payload with these type identifiers whose elements nobody looks at, and a view of it.
+/// A payload with these type identifiers, whose elements are never read, and a view of it.
 inline GenericPayload payloadOf(IDs ids) {
     GenericPayload payload;
     payload.values.resize(ids.size() + 1);
@@ -186,7 +187,7 @@ template <class R, class Routine>
 GenericDeserialiser reading(Routine routine, std::shared_ptr<void> handle = {}) {
     return GenericDeserialiser(std::function<R(std::istream&)>(routine), std::move(handle));
 }
-/// What such a call gives, or that there is nothing to call.
+/// The result of such a call, or a text if there is nothing to call.
 inline std::string outcome(auto call) {
     try {
         return call();

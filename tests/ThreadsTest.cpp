@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What threads may do at once, all of it at once. ThreadSanitizer sees most of what can go wrong.
+// Everything that threads may do concurrently. ThreadSanitizer finds most faults.
 #include "Support.h"
 
 using namespace tests;
@@ -16,7 +16,7 @@ struct Threads : testing::Test {
         }
         threads.clear();
     }
-    void join() { join(running); } // before what they use goes
+    void join() { join(running); } // before their data is destroyed
     Catalogue catalogue;
     std::vector<std::thread> running;
 };
@@ -41,7 +41,7 @@ TEST_F(Threads, UseEverythingThatTheyMayAtOnce) {
                    catalogue.getSupportedWireFormats(typeID).empty()) {
                 std::this_thread::yield();
             }
-            // Every operation, for ThreadSanitizer to see whether it holds the lock.
+            // Every operation: ThreadSanitizer reports one that does not hold the lock.
             IDs const list{typeID};
             found += valueRead(catalogue.getDeserialiserFor(format(id), typeID)) == id;
             found += written(catalogue.getSerialiserFor("*", viewOf(list, 0))) == "r view";
@@ -68,7 +68,7 @@ TEST_F(Threads, UseEverythingThatTheyMayAtOnce) {
                     sent += written(serialiser).size() == 1;
                 });
             }
-            made.second->wait(); // until the writers have dropped the last of them
+            made.second->wait(); // until the writers have destroyed the last of them
             destroyed += mine.exchange(0);
             join(writers);
         }
@@ -91,15 +91,16 @@ TEST_F(Threads, UseEverythingThatTheyMayAtOnce) {
 
 TEST_F(Threads, RegisterHoweverManyOthersRead) {
     using std::chrono::milliseconds;
-    constexpr int readers = 40; // at least two for each stripe of the lock: one is always in
-    constexpr int most = 500;   // look-ups, so that none waits for ever
+    constexpr int readers =
+        40; // at least two for each stripe of the lock, so that one always holds it
+    constexpr int most = 500; // look-ups of each, so that the test ends
     std::atomic<int> calls = 0, exhausted = 0;
     std::atomic<bool> registered = false;
     Sentinel begin; // no spinning: it could keep the last thread from starting
     auto const slow = [&](auto&&) {
         ++calls;
         std::this_thread::sleep_for(milliseconds(1));
-        // Does not come in a second time, which would wait for the writer that waits for this one.
+        // A second look-up would wait for the writer, which waits for this one.
         discard(catalogue.getSupportedWireFormats(getTypeID<void>()));
         discard(catalogue.getSerialiserFor("any", getTypeID<void>()));
         return catalogue.getSerialiserFor("any", GenericPayload());
@@ -140,8 +141,8 @@ TEST_F(Threads, MoveFromOneObject) {
     }
 }
 
-// The routine is assigned before any guard is taken, the handle under both. The end of the target's
-// old routine tells when: from then on, others may use both objects as far as the guards reach.
+// The routine is assigned before any guard is locked, the handle under both. The destruction of the
+// target's old routine tells when: from then on, other threads may use what the guards protect.
 TEST_F(Threads, MoveAndCopyWhatIsBeingAssigned) {
     for (int round = 0; round < 100; ++round) {
         auto const handle = std::make_shared<int>(1);

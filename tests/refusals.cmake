@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# What must not compile says what to do instead. Needs CXX, INCLUDES and WORK_DIR.
+# Misuse does not compile, and the message says what to do instead. Needs CXX, INCLUDES and WORK_DIR.
 function(compile code)
     file(WRITE ${WORK_DIR}/refusal.cpp "
 #include <courier/hub/serialisation/IOStreams.h>

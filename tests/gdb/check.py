@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# Run by gdb on the test's program: compares what gdb shows with what it should show. Ends with 77
-# where gdb may not trace a program, as in some containers.
+# Run by gdb on the test's program: compares what gdb shows with what it should show. The exit status is
+# 77 if gdb is not allowed to trace a program, as in some containers.
 import os
 import re
 import sys

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What tests/gdb/check.py looks at, through gdb, where this calls look().
+// tests/gdb/check.py inspects this program through gdb when it calls look().
 #include <courier/hub/serialisation/FanOut.h>
 #include <courier/hub/serialisation/Streams.h>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Built by two compilers, under two values of WIRE_FORMAT. Registers that format and a "client of"
-// it, which does with the formats of every module what a client does, and writes how that went.
+// Built by two compilers, with two values of WIRE_FORMAT. Registers that format and a "client of"
+// it, which uses the formats of every module as clients do, and writes the results.
 #include "examples/modules/Module.h"
 
 #include <courier/hub/serialisation/FanOut.h>
@@ -11,7 +11,7 @@
 
 using namespace courier::hub::core;
 using namespace courier::hub::serialisation;
-using Rows = std::map<std::string, std::uint64_t>; // each compiler spells it in its own way
+using Rows = std::map<std::string, std::uint64_t>; // each compiler has a spelling of its own
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A module whose elements say what happens to whoever reads them: "abort", or "sleep SECONDS".
+// A module whose elements say what their reader does: "abort", or "sleep SECONDS".
 #include "examples/elements/Blob.h"
 #include "examples/modules/Module.h"
 

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Seeds the faults of this directory's lists into a copy of the sources, one at a time, and runs
-the tests on each: a fault that no test notices shows a promise that nothing guards.
+the tests on each: a fault that no test notices shows a promise that is not tested.
 
 A fault is tried on a plain build first, and under the sanitizers if it survives there; one that
-`needs` a sanitizer, under that one only. What does not compile is caught, by a static_assert. Faults
-that change nothing stand as [[same]], with the reason, and are not tried.
+`needs` a sanitizer, under that one only. What does not compile is caught, by a static_assert. Changes
+without an effect are listed as [[same]], with the reason, and are not tried.
 """
 
 import argparse
@@ -52,7 +52,7 @@ class Tree:
         )
 
     def catches(self, file):
-        """What notices that the sources are as they now are, or None."""
+        """The program, or the compiler, that notices the present fault; None if nothing does."""
         counts = self.caught[file]
         for program in sorted(PROGRAMS, key=lambda name: -counts[name]):  # the likeliest first
             if self.name == "tsan" and program == NOT_UNDER_TSAN:

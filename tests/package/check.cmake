@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Uses the library as its users do: installed, by find_package() and by pkg-config, and as a
 # subdirectory. Needs SOURCE_DIR, WORK_DIR, CXX, GENERATOR, VERSION, and either BUILD_DIR, or the
-# PREFIX to which somebody else has installed it.
+# PREFIX of an installation.
 function(run)
     execute_process(COMMAND ${ARGV} OUTPUT_VARIABLE output ERROR_VARIABLE output
         RESULT_VARIABLE result)
@@ -25,7 +25,7 @@ function(build_outside name)
         -D COURIER_VERSION=${VERSION} ${ARGN})
     run(${CMAKE_COMMAND} --build ${WORK_DIR}/${name})
     expect("1999 cents\n" ${WORK_DIR}/${name}/main)
-    # Gone from the process once it is closed. A static library would be in the module a second time.
+    # Unloaded when it is closed. A static library would be in the module a second time.
     if(NOT name STREQUAL "static")
         expect("21.5 degrees\nunloaded\n" ${WORK_DIR}/${name}/host ${WORK_DIR}/${name}/module.so)
     endif()
@@ -50,7 +50,7 @@ run(${CXX} -std=c++20 ${SOURCE_DIR}/examples/quickstart/main.cpp -o ${WORK_DIR}/
     -Wl,-rpath,${lib_dir})
 expect("1999 cents\n" ${WORK_DIR}/pkg-config)
 
-# Every link of the installed pages to a page or program leads somewhere in the installed tree.
+# Every link of the installed pages to a page or program resolves in the installed tree.
 file(GLOB_RECURSE guides ${PREFIX}/share/doc/*/docs/guides/module.md)
 if(NOT guides)
     message(FATAL_ERROR "the guides are not installed")
