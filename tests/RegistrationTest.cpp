@@ -42,7 +42,7 @@ static_assert(isWriter<Price>(writePrice) && isWriter<Price>(&Price::write));
 static_assert(isWriter<Price, Order>(writePair) && isWriter<Price>([](auto const&...) {}));
 static_assert(!isWriter<Price>(writePair) && !isWriter<Order, Price>(writePair));
 static_assert(!isWriter<Price>([](Price&, std::ostream&) {}));
-static_assert(!isWriter<Price>([n = 0](Price const&, std::ostream&) mutable { ++n; }));
+static_assert(!isWriter<Price>([n = 0](Price const&, std::ostream& out) mutable { out << ++n; }));
 static_assert(!isWriter<Price>([](Price const&, std::ostream&) { return false; }));
 static_assert(isReader<Price>(readPrice) && !isReader<Order>(readPrice));
 static_assert(!isReader<Price>([](std::istream&) -> Price& { std::abort(); }));
