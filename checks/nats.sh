@@ -5,5 +5,5 @@ set -eu
 need $to_build $to_nats
 build release --target nats nats_tests
 ctest --preset release -L nats
-python3 -W ignore examples/nats/nats_test.py
+python3 -W ignore tests/nats/nats_test.py
 python3 examples/nats/measure.py

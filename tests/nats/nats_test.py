@@ -2,7 +2,7 @@
 """The NATS programs on servers of their own: killed workers and servers, elements that crash, hang
 or take long, servers that refuse or are full. Leaves no process behind.
 
-    python3 examples/nats/nats_test.py [-v] [TestCase[.test]]     # SEED=N: the first seed
+    python3 tests/nats/nats_test.py [-v] [TestCase[.test]]     # SEED=N: the first seed
 """
 
 import collections
@@ -14,11 +14,13 @@ import re
 import shutil
 import signal
 import subprocess
+import sys
 import threading
 import time
 import unittest
 import zlib
 
+sys.path.insert(0, "examples/nats")
 import cluster
 
 BUILD = pathlib.Path("build/release").resolve()
