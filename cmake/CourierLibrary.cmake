@@ -3,9 +3,8 @@ include(GenerateExportHeader)
 
 # courier_library(<target> NAME <name> EXPORT_HEADER <path> HEADERS <file>... SOURCES <file>...
 #                 SYMBOLS <pattern>...)
-# A library that users link as <name> and that hides every symbol but its own. SYMBOLS are the
-# mangled names that may leave it: the standard library's templates are visible by their own
-# attributes, so hiding by default does not keep them in.
+# A library that users link as <name>. It exports only the mangled names that match SYMBOLS: the
+# attributes of the standard library's templates make them visible even where hidden is the default.
 function(courier_library target)
     cmake_parse_arguments(PARSE_ARGV 1 arg ""
         "NAME;EXPORT_HEADER" "HEADERS;SOURCES;SYMBOLS")
@@ -34,15 +33,15 @@ function(courier_library target)
         target_compile_definitions(${target} PUBLIC ${upper}_STATIC_DEFINE)
     endif()
     if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
-        # Diagnostics name files relative to the project, wherever it was built.
+        # Diagnostics have paths relative to the project.
         target_compile_options(${target} PRIVATE -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
-        # Nobody replaces this library's functions one by one: it may inline its own.
+        # Programs do not replace single functions of this library, so it may inline its own.
         target_compile_options(${target} PRIVATE -fno-semantic-interposition)
     endif()
 
     get_target_property(type ${target} TYPE)
     if(type STREQUAL "SHARED_LIBRARY" AND UNIX AND NOT APPLE)
-        # The libraries are installed side by side, and find each other wherever that is.
+        # The libraries are installed in one directory, and find each other there.
         set_target_properties(${target} PROPERTIES INSTALL_RPATH "$ORIGIN")
         list(JOIN arg_SYMBOLS "; " symbols)
         set(script ${CMAKE_CURRENT_BINARY_DIR}/${target}.map)

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # courier_add_module(<name> <source>...)
-# A module that a program loads at run time: <name>.so, linked with the library, which exports the
-# function courier_register_module and nothing else.
+# A module that a program loads at run time: <name>.so, linked with the library. It exports only the
+# function courier_register_module.
 #
 # Hidden visibility alone leaves the standard library's templates visible, and some of them as unique
 # symbols. The loader never unloads an object that has those; hence the version script.

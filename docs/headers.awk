@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: Apache-2.0
-# Doxygen's filter for the headers. There, one /// comment stands for all the declarations under it,
-# up to the next empty line, comment or closing brace. Doxygen wants a comment for each: this repeats
-# it, on the declaration's own line, so that the numbers of the lines stay those of the header. And
-# it leaves out specialisations of the standard library's names, which Doxygen looks for in ours.
+# Doxygen's filter for the headers. In these, one /// comment documents all the declarations below it,
+# up to the next empty line, comment or closing brace. Doxygen needs a comment for each: this repeats
+# it on the line of the declaration, so that line numbers stay those of the header. It also removes
+# specialisations of the standard library's names, which Doxygen takes for the library's own.
 function isNext() { return ended && indent == depth && !/^ *}/ }
 
 { match($0, /^ */); indent = RLENGTH }

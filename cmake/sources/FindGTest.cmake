@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# GoogleTest built from the sources in Debian's package, for a machine or a standard library for
-# which it has no built one. Used where CMAKE_MODULE_PATH names this directory.
+# GoogleTest, built from the sources in Debian's package, for a machine or standard library without a
+# package. Used if CMAKE_MODULE_PATH has this directory.
 find_path(GTEST_SOURCE_DIR src/gtest-all.cc PATHS /usr/src/googletest/googletest
     NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
 include(FindPackageHandleStandardArgs)

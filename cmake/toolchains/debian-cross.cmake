@@ -3,8 +3,8 @@
 set(CMAKE_CXX_COMPILER ${target}-g++)
 set(CMAKE_FIND_ROOT_PATH /usr/${target})
 
-# Boost's headers fit every machine, but what lies beside them in /usr/include is for this one: they
-# get a root of their own.
+# Boost's headers serve every machine, but /usr/include has other files for this one, so they get a
+# root of their own.
 set(headers_root ${CMAKE_BINARY_DIR}/headers)
 file(MAKE_DIRECTORY ${headers_root}/usr/include)
 file(CREATE_LINK /usr/include/boost ${headers_root}/usr/include/boost SYMBOLIC)
