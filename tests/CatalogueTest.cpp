@@ -20,7 +20,7 @@ TEST(CatalogueDeathTest, EndsTheProcessOnADuplicate) {
                  "^Attempted to add duplicate deserialiser for wf ");
 #ifndef _WIN32
     EXPECT_EXIT(bedrock::core::diag::terminate("50 %d", "file", 7, "function"),
-                testing::KilledBySignal(SIGABRT), "^50 %d \\[file:7, function]\n$");
+                testing::KilledBySignal(SIGABRT), "^50 %d \\[file:7, function]\n(qemu: .*)?$");
 #endif
     EXPECT_TRUE(bedrock_diag_set_terminate(false)); // returns the previous value
     catalogue.add(reader("wf", 1, 2));

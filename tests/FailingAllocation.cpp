@@ -14,9 +14,9 @@
 
 // Replaces operator new and the C library's functions, because the library calls both. A call of
 // malloc calls REPLACED(malloc), which calls NEXT(malloc), the original.
-#if defined(_WIN32) // by --wrap, which takes a program without DLLs
-#define REPLACED(name) __wrap_##name
-#define NEXT(name) __real_##name
+#if defined(_WIN32) // only operator new: MinGW's mutexes call malloc, and never free the memory
+#define REPLACED(name) replaced_##name
+#define NEXT(name) std::name
 #elif defined(SANITIZED)
 #define REPLACED(name) name
 #define NEXT(name) __interceptor_##name
@@ -28,12 +28,14 @@
 // ThreadSanitizer calls them before it can run instrumented code.
 #define EARLY __attribute__((no_sanitize("thread")))
 
+#if !defined(_WIN32)
 extern "C" {
 void* NEXT(malloc)(std::size_t size) noexcept;
 void* NEXT(calloc)(std::size_t count, std::size_t size) noexcept;
 void* NEXT(realloc)(void* block, std::size_t size) noexcept;
 void NEXT(free)(void* block) noexcept;
 }
+#endif
 
 namespace {
 constexpr std::size_t never = static_cast<std::size_t>(-1);

@@ -227,7 +227,9 @@ TEST(Faults, LeaveEverythingAsItWas) {
             }
             ASSERT_FALSE(HasFailure()) << "at point " << points;
         }
+#if !defined(_WIN32) // where only operator new fails, which some operations do not call
         EXPECT_GT(points, 0U) << std::get<0>(operation);
+#endif
     }
     bedrock_diag_set_terminate(true);
 }
