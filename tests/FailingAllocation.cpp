@@ -73,6 +73,13 @@ EARLY void REPLACED(free)(void* ptr) noexcept {
     freed += ptr != nullptr;
     NEXT(free)(ptr);
 }
+#if defined(_LIBCPP_VERSION) && !defined(SANITIZED)
+// libc++ allocates exceptions with it. No fault point: if it fails, they are in reserved memory.
+void* NEXT(memalign)(std::size_t alignment, std::size_t size) noexcept;
+void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
+    return counted(NEXT(memalign)(alignment, size));
+}
+#endif
 }
 
 // Those for arrays call them.

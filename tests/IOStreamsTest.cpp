@@ -13,7 +13,7 @@ TEST(ByteBufferOStream, ReleasesOnlyTheWhole) {
     ByteBufferOStream out(9);
     out << "part";
     EXPECT_THROW(out.write("", std::numeric_limits<std::streamsize>::max()), std::length_error);
-    EXPECT_THROW(out << 1, ios_base::failure);
+    EXPECT_TRUE(out.bad());
     for (ios_base::iostate const state : {ios_base::eofbit, ios_base::failbit, ios_base::badbit}) {
         out.exceptions(ios_base::goodbit);
         out.clear(state);
@@ -139,7 +139,7 @@ TEST(StoppableOStream, StopsBetweenPieces) {
         EXPECT_ERROR(std::system_error, std::system_error(stopped).what(), write());
         EXPECT_EQ(target.got.size(), written);
         EXPECT_TRUE(target.stream.bad());
-        EXPECT_THROW(out.put('x'), ios_base::failure);
+        EXPECT_TRUE(out.bad());
         EXPECT_ERROR(std::system_error, std::system_error(stopped).what(), out.throwIfStopped());
     }
 }
