@@ -10,7 +10,7 @@ void requireName(std::string const& wireFormat) {
         throw std::invalid_argument("A wire format needs a name");
     }
     if (wireFormat == "*") {
-        throw std::invalid_argument("\"*\" asks for any wire format and cannot be the name of one");
+        throw std::invalid_argument("\"*\" matches any wire format and cannot be the name of one");
     }
 }
 
