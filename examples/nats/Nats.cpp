@@ -317,13 +317,12 @@ void Session::publish(Message message, Stored stored) {
         throwIfFailed();
         pendingBytes_ += bytes;
         pending_[natsMsg_GetSubject(message.get())] = {bytes, Clock::now(), std::move(stored)};
+        ++sending_;
     }
-    if (natsStatus const status = send(message); status != NATS_OK) {
-        failed(std::move(message), status, {}, nullptr);
-    }
+    send(std::move(message));
 }
 
-natsStatus Session::send(Message& message) {
+void Session::send(Message message) {
     jsPubOptions options;
     jsPubOptions_Init(&options);
     options.MaxWait = milliseconds(answerTime);
@@ -332,7 +331,14 @@ natsStatus Session::send(Message& message) {
     natsMsg* raw = message.release();
     natsStatus const status = js_PublishMsgAsync(jetStream_.get(), &raw, &options);
     message.reset(raw); // null if it was sent
-    return status;
+    {
+        std::lock_guard const lock(mutex_);
+        --sending_;
+    }
+    changed_.notify_all();
+    if (status != NATS_OK) {
+        failed(std::move(message), status, {}, nullptr);
+    }
 }
 
 void Session::acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* session) {
@@ -384,19 +390,18 @@ void Session::failed(Message message, natsStatus status, jsErrCode code, char co
 
 void Session::resend(std::stop_token const& stop) {
     std::unique_lock lock(mutex_);
-    while (changed_.wait(lock, stop, [&] { return !failed_.empty(); })) {
+    while (changed_.wait(lock, stop, [&] { return !failed_.empty(); }) && !stop.stop_requested()) {
         changed_.wait_for(lock, stop, pause, [] { return false; });
-        if (!error_.empty()) {
-            return;
-        }
         std::vector<Message> messages = std::exchange(failed_, {});
-        lock.unlock();
         for (Message& message : messages) {
-            if (natsStatus const status = send(message); status != NATS_OK) {
-                failed(std::move(message), status, {}, nullptr);
+            if (!error_.empty()) {
+                return;
             }
+            ++sending_;
+            lock.unlock();
+            send(std::move(message));
+            lock.lock();
         }
-        lock.lock();
     }
 }
 
@@ -410,11 +415,10 @@ void Session::settle(std::chrono::milliseconds time, std::string const& prefix) 
 }
 
 void Session::giveUp(std::string const& why) {
-    {
-        std::lock_guard const lock(mutex_);
-        error_ = why;
-    }
+    std::unique_lock lock(mutex_);
+    error_ = why;
     changed_.notify_all();
+    changed_.wait(lock, [&] { return sending_ == 0; });
 }
 
 std::optional<Clock::time_point> Session::fullSince() const {

@@ -137,7 +137,8 @@ public:
     /// `prefix`, or until `time` has passed.
     void settle(std::chrono::milliseconds time, std::string const& prefix = {});
 
-    /// Makes every publish() and settle() throw Error, even those that are waiting.
+    /// Makes every publish() and settle() throw Error, even those that are waiting. When it
+    /// returns, nothing is sent or repeated any more.
     void giveUp(std::string const& why);
 
     /// Since when the servers have refused messages because they are full, if they do.
@@ -173,7 +174,7 @@ private:
 
     static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error,
                              void* session);
-    natsStatus send(Message& message);
+    void send(Message message); // precondition: sending_ counts it
     void failed(Message message, natsStatus status, jsErrCode code, char const* text);
     void resend(std::stop_token const& stop);
     void throwIfFailed() const; // precondition: mutex_ is locked
@@ -187,6 +188,7 @@ private:
     std::size_t pendingBytes_ = 0;
     std::vector<Message> failed_; // to be sent again
     std::optional<Clock::time_point> fullSince_;
+    int sending_ = 0;   // calls of send() that are not done
     std::string error_; // permanent
     Connection connection_;
     JetStream jetStream_;

@@ -264,7 +264,7 @@ private:
             std::string const why =
                 "gave up: the servers have had no room for " +
                 counted(static_cast<std::size_t>(*options_.giveUpAfter), "second");
-            session_.giveUp(why); // nothing is repeated from now on
+            session_.giveUp(why);
             session_.flush();
             session_.purge(place_.elements().name, place_.inElements(run_, ">"));
             throw std::runtime_error(why);
