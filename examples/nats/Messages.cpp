@@ -112,7 +112,7 @@ nats::Queue ofOneRun(std::string stream, std::string name, std::string subject) 
     return {.stream = std::move(stream),
             .name = std::move(name),
             .subject = std::move(subject),
-            .acknowledged = js_AckAll,
+            .patience = std::chrono::seconds(5),
             .lifeTime = std::chrono::hours(1)};
 }
 

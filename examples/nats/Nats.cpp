@@ -287,7 +287,7 @@ void Session::make(Queue const& queue) const {
     config.Durable = queue.name.c_str();
     config.FilterSubject = queue.subject.c_str();
     config.DeliverPolicy = queue.isNewOnly ? js_DeliverNew : js_DeliverAll;
-    config.AckPolicy = queue.acknowledged;
+    config.AckPolicy = js_AckExplicit; // an answer for all before it would include lost ones
     config.AckWait = nanoseconds(queue.patience);
     config.MaxDeliver = queue.attempts;
     config.MaxAckPending = 16 * mostPending;

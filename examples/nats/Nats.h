@@ -65,7 +65,6 @@ struct Queue {
     std::string stream;
     std::string name;
     std::string subject;
-    jsAckPolicy acknowledged = js_AckExplicit;
     std::chrono::seconds patience{30}; // redelivers a message that is not acknowledged in time
     std::int64_t attempts = -1;        // deliveries of one message; no limit
     std::chrono::seconds lifeTime{0};  // removed if unused for so long; 0: never

@@ -213,9 +213,7 @@ private:
                     ++reported_;
                 }
             }
-        }
-        if (!messages.empty()) { // for all earlier ones, too
-            session_.answer(nats::replySubject(messages.back().get()), "+ACK");
+            session_.answer(nats::replySubject(message.get()), "+ACK");
             ahead_ = 256;
         }
         auto const now = Clock::now();
