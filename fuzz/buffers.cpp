@@ -184,10 +184,14 @@ struct Run {
     // Appends something to a buffer, or to a view, which makes another buffer.
     ByteBuffer append(auto& target, Model& model, std::size_t j) {
         Bytes all, fresh = bytes(input.fresh(input.length()));
+        auto const piece = cut(j);
+        if (models[j].external) { // what is trimmed stays readable, through an earlier view
+            std::size_t const n = fresh.size() % (models[j].bytes.size() + 1);
+            trim(buffers[j], models[j], n, n % 2 == 0);
+        }
         for (Model const& each : models) {
             all.insert(all.end(), each.bytes.begin(), each.bytes.end());
         }
-        auto const piece = cut(j);
         ByteBuffer made;
         auto const add = [&](Bytes const& bytes, bool always, auto&& argument) {
             if (always || !bytes.empty()) {
@@ -238,6 +242,7 @@ struct Run {
             DO(model.convert(), model.bytes.push_back(b), buffer.push_back(b)),
             DO(model.convert(), model.bytes.push_back(spare), buffer.push_back(std::byte{})),
             DO(append(buffer, model, j)),
+            DO(make(buffer, model, n), check(), append(buffer, model, i)),
             DO(buffer = append(part.first, part.second, j), model = std::move(part.second)),
             DO(claim(input)), DO(refuse(buffer, model, n + 1)));
         if (model.external != models[j].external) {

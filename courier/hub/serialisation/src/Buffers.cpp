@@ -182,7 +182,7 @@ void ByteBuffer::appendBeyondRoom(ByteBufferView view) {
     std::less_equal<> const notAfter;
     bool const isOwn =
         notAfter(bytes_.data(), view.data()) && notAfter(view.data(), bytes_.data() + size());
-    if (isOwn || holdsVector()) {
+    if (isOwn || bytes_.isBorrowed()) { // trimmed bytes of a block stay valid until its release
         appendPieces(view.size(), [&](auto const& put) { put(view.data(), view.size()); });
     } else { // std::realloc may extend the memory in place
         setCapacity(growthTarget(needed), size());
