@@ -53,6 +53,50 @@ TEST(ByteBuffer, KeepsItsDeleterWithTheBlockAndBeyond) {
     EXPECT_EQ(seen, (std::vector<std::size_t>{0, 9, 4, 3}));
 }
 
+TEST(ByteBuffer, FreesItsBlockWithTheLastOfItsParts) {
+    for (MakeBuffer const make : kinds) {
+        std::vector<std::size_t> order{0, 1, 2, 3};
+        do {
+            Blocks blocks;
+            std::vector<ByteBuffer> parts(4);
+            parts[0] = make(blocks, "abcdefgh");
+            std::byte* const first = parts[0].data();
+            parts[1] = parts[0].splitFront(4);
+            std::size_t const before = allocations();
+            parts[2] = parts[1].splitFront(1);
+            parts[3] = parts[0].splitFront(2);
+            EXPECT_EQ(allocations(), before);
+            std::string_view const expected[] = {"gh", "bcd", "a", "ef"};
+            std::size_t const offsets[] = {6, 1, 0, 4};
+            for (std::size_t const released : order) {
+                EXPECT_EQ(blocks.freed, 0);
+                EXPECT_EQ(text(parts[released]), expected[released]);
+                EXPECT_EQ(parts[released].data(), first + offsets[released]);
+                parts[released].append(bytes("!")); // to its own memory
+                EXPECT_EQ(text(parts[released]), std::string(expected[released]) + "!");
+            }
+            EXPECT_EQ(blocks.freed, blocks.made);
+        } while (std::next_permutation(order.begin(), order.end()));
+    }
+}
+
+TEST(ByteBuffer, MovesIntoAPartThatIsTheWhole) {
+    for (MakeBuffer const make : kinds) {
+        Blocks blocks;
+        std::size_t const before = unfreed();
+        ByteBuffer buffer = make(blocks, "abc");
+        EXPECT_ERROR(std::out_of_range, "Requested to remove more bytes than exist",
+                     buffer.splitFront(4));
+        std::byte const* const first = buffer.data();
+        std::size_t const made = allocations();
+        EXPECT_TRUE(buffer.splitFront(0).empty());
+        EXPECT_EQ(buffer.splitFront(3).data(), first);
+        EXPECT_EQ(allocations(), made);
+        EXPECT_EQ(unfreed(), before);
+        EXPECT_TRUE(buffer.splitFront(0).empty());
+    }
+}
+
 TEST(ByteBuffer, TakesOverWhatItsOwnBlockKeptAlive) {
     struct Message {
         ByteBuffer next = ByteBuffer(bytes("next"));

@@ -56,6 +56,7 @@ struct World {
         list.push_back(argument.clone());
         list.push_back(blocks.adopt("list"));
         sink.sputn("kept", 4);
+        owner.skip(1);
         // As many as fit into the catalogue's tables: one more enlarges each.
         for (std::uint64_t id = 0; id < 8; ++id) {
             catalogue.add(carelessRecord(std::to_string(id), elementID + id));
@@ -67,7 +68,8 @@ struct World {
     std::string state() const {
         std::ostringstream out;
         out << text(buffer) << text(argument) << text(list[0]) << text(list[1]) << vector.size();
-        out << sink.size() << source.position << static_cast<int>(*byte) << *character;
+        out << sink.size() << text(owner.unread()) << text(viewer.unread()) << source.position
+            << static_cast<int>(*byte) << *character;
         out << payload.values.size() << payload.typeIDs.size() << payload.elementCount;
         out << shared->get().values.size() << shared->getSentinel()->isReleased();
         out << written(serialiser) << valueRead(deserialiser) << record.getWireFormat();
@@ -90,6 +92,8 @@ struct World {
     std::vector<ByteBuffer> list;
     std::vector<std::byte> vector = bytes("vector");
     ByteBufferOStreambuf sink;
+    ByteBufferIStreambuf owner{std::make_unique<ByteBuffer>(buffer.clone())};
+    NonOwningByteBufferViewIStreambuf viewer{ByteBufferView(vector)};
     CarelessSource source;
     ByteStreamIterator byte{source};
     ByteStreamCharIterator character{ByteStreamIterator(source)};
@@ -132,10 +136,14 @@ constexpr Operation operations[] = {
     DO(w.buffer.reserve(2000)),
     DO(w.buffer.resize(4)),
     DO(w.buffer.resize(2000)),
+    DO(discard(w.buffer.splitFront(2))),
     DO(discard(adopt(std::move(w.vector)))),
     DO(discard(adopt(w.argument.first(2), w.element))),
     DO(discard(w.buffer.makeView(0, 0).append(w.list))),
     DO(ByteBufferIStreambuf made(std::make_unique<ByteBuffer>(w.buffer.clone()))),
+    DO(discard(w.owner.take(2))),
+    DO(discard(w.viewer.take(2))),
+    DO(discard(w.sink.prepare(1000))),
     DO(++w.byte),
     DO(++w.character),
     DO(discard(w.source.begin())),

@@ -83,6 +83,118 @@ TEST(Unread, IsEmptyOverAnotherStreamBuffer) {
     EXPECT_EQ(foreign.get(), 'f');
 }
 
+TEST(Take, ReadsInPlaceWhatTheStreamOwnsAndCopiesTheRest) {
+    struct Derived : ByteBufferIStreambuf {
+        using ByteBufferIStreambuf::ByteBufferIStreambuf;
+        void read(std::string& chars) { setg(chars.data(), chars.data(), &*chars.end()); }
+    };
+    std::string const content = "a long enough text";
+    ByteBuffer const lent(bytes(content));
+    ByteBuffer owned = lent.clone();
+    std::byte* const first = owned.data();
+    ByteBufferIStream owner(std::move(owned)), borrower(lent);
+    NonOwningByteBufferViewIStreambuf view(lent);
+    Derived derived(std::make_unique<ByteBuffer>(lent.clone()));
+    std::istream viewer(&view), ofDerived(&derived);
+    std::istringstream foreign(content);
+    for (std::istream* const in :
+         {static_cast<std::istream*>(&owner), static_cast<std::istream*>(&borrower), &viewer,
+          &ofDerived, static_cast<std::istream*>(&foreign)}) {
+        in->get();
+        EXPECT_EQ(text(take(*in, 0)), "");
+        ByteBuffer const taken = take(*in, 5), next = take(*in, 7);
+        EXPECT_EQ(text(taken) + text(next), content.substr(1, 12));
+        EXPECT_EQ(taken.data() == first + 1 && next.data() == first + 6, in == &owner);
+        EXPECT_EQ(in->get(), content[13]);
+        EXPECT_EQ(text(take(*in, std::size_t(-1))), content.substr(14));
+        EXPECT_EQ(in->rdstate(), ios_base::eofbit | ios_base::failbit);
+        in->clear(ios_base::eofbit);
+        EXPECT_EQ(text(take(*in, 1)), "");
+        EXPECT_TRUE(in->fail());
+    }
+    constexpr auto tooFew = "Requested to take more bytes than exist";
+    EXPECT_THROW(discard(owner.take(0)), ios_base::failure);
+    owner.clear();
+    EXPECT_ERROR(std::out_of_range, tooFew, owner.take(1));
+    EXPECT_ERROR(std::out_of_range, tooFew, view.take(1));
+    std::string chars = "chars";
+    derived.read(chars);
+    EXPECT_EQ(text(derived.take(5)), "chars");
+}
+
+TEST(Take, KeepsTheBlockAsLongAsTheStreamOrAPart) {
+    for (bool const isStreamLast : {false, true}) {
+        Blocks blocks;
+        std::optional<ByteBufferIStream> in(blocks.adopt("a block"));
+        std::optional<ByteBuffer> part = in->take(2);
+        isStreamLast ? part.reset() : in.reset();
+        EXPECT_EQ(blocks.freed, 0);
+        EXPECT_EQ(isStreamLast ? text(in->unread()) : text(*part), isStreamLast ? "block" : "a ");
+        isStreamLast ? in.reset() : part.reset();
+        EXPECT_EQ(blocks.freed, 1);
+    }
+}
+
+TEST(Prepare, IsRoomInTheBlockThatIsReleased) {
+    ByteBufferOStream out;
+    StoppableOStream first(stop_token(), out), second(stop_token(), first);
+    std::string expected;
+    for (std::ostream* const to : {static_cast<std::ostream*>(&out),   //
+                                   static_cast<std::ostream*>(&first), //
+                                   static_cast<std::ostream*>(&second)}) {
+        *to << "written ";
+        auto const room = prepare(*to, 700).value();
+        EXPECT_GE(room.size(), 700U);
+        std::memcpy(room.data(), "prepared ", 9);
+        EXPECT_THROW(commit(*to, room.size() + 1), std::out_of_range);
+        commit(*to, 9);
+        expected += "written prepared ";
+    }
+    EXPECT_EQ(out.size(), expected.size());
+    std::byte const* const room = out.prepare(0).data();
+    ByteBuffer const released = out.release();
+    EXPECT_EQ(text(released), expected);
+    EXPECT_EQ(released.data() + released.size(), room);
+}
+
+TEST(Prepare, IsRefusedWhereNothingCanBeWritten) {
+    struct Derived : ByteBufferOStreambuf {
+    } derived;
+    std::ostringstream foreign;
+    ByteBufferOStream failed;
+    failed.setstate(ios_base::failbit);
+    std::ostream none(nullptr), ofDerived(&derived);
+    for (std::ostream* const to : {static_cast<std::ostream*>(&foreign),
+                                   static_cast<std::ostream*>(&failed), &none, &ofDerived}) {
+        StoppableOStream stoppable(stop_token(), *to);
+        EXPECT_FALSE(prepare(*to, 1) || prepare(stoppable, 1));
+        commit(*to, 0);
+        EXPECT_THROW(commit(stoppable, 1), std::out_of_range);
+    }
+    EXPECT_THROW(discard(failed.prepare(1)), ios_base::failure);
+    EXPECT_THROW(failed.commit(0), ios_base::failure);
+
+    for (bool const isPrepared : {false, true}) {
+        ByteBufferOStream out;
+        stop_source source;
+        StoppableOStream stoppable(source.get_token(), out);
+        if (isPrepared) {
+            discard(prepare(stoppable, 1));
+        }
+        source.request_stop();
+        EXPECT_THROW(isPrepared ? commit(stoppable, 1) : discard(prepare(stoppable, 1)),
+                     std::system_error);
+        EXPECT_TRUE(stoppable.bad() && out.bad());
+    }
+    for (bool const isMember : {false, true}) {
+        ByteBufferOStream out;
+        auto const most = std::size_t(-1);
+        EXPECT_THROW(isMember ? discard(out.prepare(most)) : discard(prepare(out, most)),
+                     std::length_error);
+        EXPECT_TRUE(out.bad());
+    }
+}
+
 // Calls a test's function with each piece.
 struct Target : std::streambuf {
     int_type overflow(int_type c) override {

@@ -174,3 +174,21 @@ TEST_F(Threads, MoveAndCopyWhatIsBeingAssigned) {
         EXPECT_EQ(old.use_count(), 1);
     }
 }
+
+TEST_F(Threads, OwnThePartsOfOneBlockOnTheirOwn) {
+    Blocks blocks;
+    constexpr std::size_t count = 32, size = 16;
+    ByteBuffer whole = blocks.adopt(std::string(count * size, '-'));
+    std::atomic<int> untouched = 0;
+    for (std::size_t i = 0; i < count; i += 2) {
+        running.emplace_back([&untouched, part = whole.splitFront(2 * size)]() mutable {
+            ByteBuffer const front = part.splitFront(size);
+            untouched += text(front) == std::string(size, '-');
+            std::fill(part.begin(), part.end(), std::byte{'x'});
+        });
+    }
+    whole.clear();
+    join();
+    EXPECT_EQ(untouched, count / 2);
+    EXPECT_EQ(blocks.freed, 1);
+}

@@ -2,6 +2,7 @@
 #include <courier/hub/serialisation/Buffers.h>
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
 
 namespace courier::hub::serialisation {
@@ -44,6 +45,23 @@ detail::GrowingBytes copyOf(ByteBufferView view) {
     }
     return copyOf(view, checkedLength(view.size()));
 }
+
+// What the parts of a split buffer share: the buffer as it was, and their number.
+struct Whole {
+    ByteBuffer buffer;
+    std::atomic<std::size_t> parts{1};
+};
+
+// The deleter of a part. One pointer, so that std::function stores it without an allocation.
+struct ReleasePart {
+    Whole* whole;
+    void operator()(void*) const noexcept {
+        // Each thread releases its use of the bytes; the last one acquires all of them.
+        if (whole->parts.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            delete whole;
+        }
+    }
+};
 
 } // namespace
 
@@ -253,6 +271,38 @@ void ByteBuffer::trimBack(std::size_t n) {
     } else {
         bytes_.trimBack(n);
     }
+}
+
+ByteBuffer ByteBuffer::splitFront(std::size_t n) {
+    if (n > size()) {
+        detail::throwOutOfRange("Requested to remove more bytes than exist");
+    }
+    if (n == 0) {
+        return ByteBuffer();
+    }
+    if (n == size()) {
+        return std::move(*this);
+    }
+    ByteBuffer front = share(0, n);
+    bytes_.trimFront(n);
+    return front;
+}
+
+// A part of the bytes, which this buffer keeps as well. This one is then in external form.
+// Precondition: the part is within the bytes and not empty.
+ByteBuffer ByteBuffer::share(std::size_t offset, std::size_t count) {
+    ReleasePart const* part = isExternal() ? deleter_.target<ReleasePart>() : nullptr;
+    if (part == nullptr) {
+        auto whole = std::make_unique<Whole>();
+        Block all(bytes_.data(), ReleasePart{whole.get()});
+        std::size_t const length = size();
+        whole.release()->buffer = std::move(*this);
+        *this = ByteBuffer(std::move(all), length);
+        part = deleter_.target<ReleasePart>();
+    }
+    Block shared(bytes_.data() + offset, *part);
+    part->whole->parts.fetch_add(1, std::memory_order_relaxed);
+    return ByteBuffer(std::move(shared), count);
 }
 
 // Preconditions: holdsVector(), and n is at most its capacity.

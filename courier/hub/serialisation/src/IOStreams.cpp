@@ -10,6 +10,29 @@
 
 namespace courier::hub::serialisation {
 
+namespace {
+
+// Sets badbit without replacing the exception in flight by std::ios_base::failure.
+void setBad(std::ios& stream) noexcept {
+    try {
+        stream.setstate(std::ios_base::badbit);
+    } catch (std::ios_base::failure const&) {
+        // Thrown if exceptions() include badbit. The caller gets the first cause.
+    }
+}
+
+// Sets badbit if the work throws, as every write does.
+template <class Work> auto orSetBad(std::ios& stream, Work work) {
+    try {
+        return work();
+    } catch (...) {
+        setBad(stream);
+        throw;
+    }
+}
+
+} // namespace
+
 // Each constructor passes a null stream buffer to its base, because its own is not constructed yet.
 
 ByteBufferOStream::ByteBufferOStream(std::size_t reserve)
@@ -35,11 +58,25 @@ void ByteBufferOStream::swap(ByteBufferOStream& other) noexcept {
     std::swap(buffer_, other.buffer_);
 }
 
-ByteBuffer ByteBufferOStream::release() {
+void ByteBufferOStream::requireGood() const {
     if (!good()) {
         throw std::ios_base::failure("ByteBufferOStream holds only a part of what was written");
     }
+}
+
+ByteBuffer ByteBufferOStream::release() {
+    requireGood();
     return buffer_.release();
+}
+
+std::span<std::byte> ByteBufferOStream::prepare(std::size_t n) {
+    requireGood();
+    return orSetBad(*this, [&] { return buffer_.prepare(n); });
+}
+
+void ByteBufferOStream::commit(std::size_t n) {
+    requireGood();
+    buffer_.commit(n);
 }
 
 ByteBufferIStream::ByteBufferIStream(ByteBuffer&& buffer)
@@ -86,6 +123,11 @@ void ByteBufferIStream::skip(std::size_t n) {
     buffer_.skip(n);
 }
 
+ByteBuffer ByteBufferIStream::take(std::size_t n) {
+    static_cast<void>(unread());
+    return buffer_.take(n);
+}
+
 namespace {
 
 // A class derived from one of these may provide further bytes, so the exact types are compared.
@@ -112,6 +154,34 @@ void skip(std::istream& in, std::size_t n) {
     }
 }
 
+ByteBuffer take(std::istream& in, std::size_t n) {
+    std::istream::sentry const ready(in, true);
+    if (!ready) {
+        return ByteBuffer();
+    }
+    if (detail::ReadOnlyStreambuf* const source = readOnlyStreambuf(in)) {
+        std::size_t const count = std::min(n, source->unread().size());
+        auto* const owner = dynamic_cast<ByteBufferIStreambuf*>(source);
+        ByteBuffer taken =
+            owner != nullptr ? owner->take(count)
+                             : static_cast<NonOwningByteBufferViewIStreambuf*>(source)->take(count);
+        if (count < n) {
+            in.setstate(std::ios_base::eofbit | std::ios_base::failbit);
+        }
+        return taken;
+    }
+    ByteBufferOStreambuf taken; // grows with the bytes that there are: n is only what is asked for
+    while (taken.size() < n && in) {
+        constexpr std::size_t firstPiece = 65536;
+        std::size_t const left = n - taken.size();
+        auto const room = orSetBad(in, [&] { return taken.prepare(std::min(left, firstPiece)); });
+        in.read(reinterpret_cast<char*>(room.data()),
+                static_cast<std::streamsize>(std::min(left, room.size())));
+        taken.commit(static_cast<std::size_t>(in.gcount()));
+    }
+    return taken.release();
+}
+
 StoppableOStream::StoppableOStream(stop_token token, std::ostream& target)
     : std::ostream(nullptr), buffer_(std::move(token), target) {
     rdbuf(&buffer_);
@@ -129,13 +199,7 @@ StoppableOStream::Buffer::Buffer(stop_token token, std::ostream& target)
 
 StoppableOStream::Buffer::~Buffer() = default;
 
-void StoppableOStream::Buffer::failTarget() noexcept {
-    try {
-        target_.setstate(std::ios_base::badbit);
-    } catch (std::ios_base::failure const&) {
-        // Thrown if the target's exceptions() include badbit. The caller gets the first cause.
-    }
-}
+void StoppableOStream::Buffer::failTarget() noexcept { setBad(target_); }
 
 void StoppableOStream::Buffer::throwStopped() {
     throw std::system_error(std::make_error_code(std::errc::operation_canceled));
@@ -179,5 +243,41 @@ std::streamsize StoppableOStream::Buffer::xsputn(char const* s, std::streamsize 
 }
 
 int StoppableOStream::Buffer::sync() { return target_.flush() ? 0 : -1; }
+
+ByteBufferOStreambuf* StoppableOStream::sinkOf(std::ostream& out) {
+    if (!out.good()) {
+        return nullptr;
+    }
+    std::streambuf& to = *out.rdbuf();
+    if (typeid(to) == typeid(Buffer)) {
+        return static_cast<Buffer&>(to).sink();
+    }
+    return typeid(to) == typeid(ByteBufferOStreambuf) ? static_cast<ByteBufferOStreambuf*>(&to)
+                                                      : nullptr;
+}
+
+ByteBufferOStreambuf* StoppableOStream::Buffer::sink() {
+    ByteBufferOStreambuf* const found = sinkOf(target_);
+    if (found != nullptr) { // otherwise the write that follows polls
+        orSetBad(target_, [this] { throwIfStopped(); });
+    }
+    return found;
+}
+
+std::optional<std::span<std::byte>> prepare(std::ostream& out, std::size_t n) {
+    return orSetBad(out, [&] {
+        ByteBufferOStreambuf* const sink = StoppableOStream::sinkOf(out);
+        return sink != nullptr ? std::optional(sink->prepare(n)) : std::nullopt;
+    });
+}
+
+void commit(std::ostream& out, std::size_t n) {
+    ByteBufferOStreambuf* const sink = orSetBad(out, [&] { return StoppableOStream::sinkOf(out); });
+    if (sink != nullptr) {
+        sink->commit(n);
+    } else if (n != 0) {
+        detail::throwOutOfRange("Requested to commit more bytes than were prepared");
+    }
+}
 
 } // namespace courier::hub::serialisation

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <new>
 #include <stdexcept>
 
@@ -57,6 +58,22 @@ ReadOnlyStreambuf::ReadOnlyStreambuf(ByteBufferView bytes) {
     setg(first, first, first + bytes.size());
 }
 
+ByteBuffer ReadOnlyStreambuf::takeCopy(std::size_t n) {
+    if (n > unread().size()) {
+        throwOutOfRange("Requested to take more bytes than exist");
+    }
+    ByteBuffer copy(unread().first(n));
+    passOver(n);
+    return copy;
+}
+
+// As skip(), but nothing before can be put back.
+void ReadOnlyStreambuf::passOver(std::size_t n) noexcept {
+    if (n != 0) {
+        setg(gptr() + n, gptr() + n, egptr());
+    }
+}
+
 ReadOnlyStreambuf::int_type ReadOnlyStreambuf::underflow() {
     if (gptr() < eback() || gptr() >= egptr()) {
         return traits_type::eof();
@@ -107,6 +124,20 @@ ByteBufferIStreambuf& ByteBufferIStreambuf::operator=(ByteBufferIStreambuf&& oth
 }
 
 ByteBufferIStreambuf::~ByteBufferIStreambuf() = default;
+
+ByteBuffer ByteBufferIStreambuf::take(std::size_t n) {
+    // A class derived from this one may have set another get area.
+    bool const isOwned = owned_ != nullptr && n != 0 && n <= unread().size() &&
+                         std::less_equal<>()(owned_->data(), unread().data()) &&
+                         std::less_equal<>()(unread().data() + n, owned_->data() + owned_->size());
+    if (!isOwned) {
+        return takeCopy(n);
+    }
+    auto const offset = static_cast<std::size_t>(unread().data() - owned_->data());
+    ByteBuffer taken = owned_->share(offset, n);
+    passOver(n);
+    return taken;
+}
 
 NonOwningByteBufferViewIStreambuf::NonOwningByteBufferViewIStreambuf(ByteBufferView view)
     : ReadOnlyStreambuf(view), view_(view) {}
@@ -177,13 +208,13 @@ std::streamsize ByteBufferOStreambuf::xsputn(char const* s, std::streamsize n) {
         return 0;
     }
     reserveFor(static_cast<std::size_t>(n));
-    std::memcpy(pptr(), s, static_cast<std::size_t>(n));
+    detail::copyBytes(pptr(), s, static_cast<std::size_t>(n));
     setp(pptr() + n, epptr());
     return n;
 }
 
 void ByteBufferOStreambuf::reserveFor(std::size_t added) {
-    if (added <= static_cast<std::size_t>(epptr() - pptr())) {
+    if (added <= room()) {
         return;
     }
     std::size_t const written = size();

@@ -56,7 +56,8 @@ inline constexpr std::size_t longest = PTRDIFF_MAX;
 ///
 /// Ownership: the deleter is called exactly once, with the address that was passed in, when the
 /// block is released: by clear(), push_back(), reserve(), resize(), the append() of an argument
-/// that is not empty, a move assignment into the buffer, or the destructor. It runs on the thread
+/// that is not empty, a move assignment into the buffer, or the destructor. Parts that share a
+/// block each release their share of it, and the last one the block. The deleter runs on the thread
 /// that releases the block. It must not be empty and must not throw. After releasing its block the
 /// buffer keeps the deleter, and what it captured, until it is assigned to or destroyed; a move
 /// passes the deleter on.
@@ -271,6 +272,24 @@ public:
     /// trimFront() does.
     void trimBack(std::size_t n);
 
+    /// Moves the first n bytes into a buffer of their own; this one keeps the rest. No byte is
+    /// copied, and each keeps its address: the two share what owns the bytes (a block, a vector,
+    /// memory of this buffer), and the last one releases it.
+    ///
+    ///     while (std::optional<std::size_t> const length = lengthOfMessage(received)) {
+    ///         handle(received.splitFront(*length)); // on any thread
+    ///     }
+    ///
+    /// Both are then in external form, independent, and may be split again. The count of the shares
+    /// is thread-safe, so each may be used and destroyed on a thread of its own. A small part keeps
+    /// all of the memory; clone() it to keep its bytes alone.
+    ///
+    /// Constant time. The first split allocates once, further ones of either part nothing. Nothing
+    /// is shared or allocated if n is 0, or size(), which moves the whole buffer into the result.
+    /// Throws std::out_of_range "Requested to remove more bytes than exist" when n is above size(),
+    /// std::bad_alloc.
+    [[nodiscard]] ByteBuffer splitFront(std::size_t n);
+
     /// A new buffer in vector form with a copy of the bytes, allocated to the exact size. Linear.
     /// Throws std::length_error "vector too long", std::bad_alloc.
     [[nodiscard]] ByteBuffer clone() const { return ByteBuffer(wholeView()); }
@@ -307,6 +326,8 @@ public:
     }
 
 private:
+    friend class ByteBufferIStreambuf; // shares its bytes with the parts that are taken
+
     ByteBuffer(detail::GrowingBytes bytes, void* block, ByteBuffer& other) noexcept
         : block_(block), bytes_(std::move(bytes)) {
         takeOwner(other);
@@ -366,6 +387,7 @@ private:
         takeOwner(other);
     }
 
+    [[nodiscard]] ByteBuffer share(std::size_t offset, std::size_t count);
     void appendBeyondRoom(ByteBufferView view);
     void pushBackBeyondRoom(std::byte b);
     void resizeVector(std::size_t n);

@@ -10,6 +10,7 @@
 #include <istream>
 #include <optional>
 #include <ostream>
+#include <span>
 #include <streambuf>
 
 // Streams for encoders and decoders, ready to use:
@@ -18,6 +19,8 @@
 //   ByteBufferIStream   reads a message in place
 //   StoppableOStream    passes writes on to another std::ostream until a stop is requested
 //   unread(), skip()    give a decoder a block of bytes rather than a stream
+//   take()              reads a part of the bytes as a buffer of its own
+//   prepare(), commit() give an encoder a block of memory rather than a stream
 //
 // None of these types locks: use a stream on one thread at a time. A stop may be requested on any
 // thread.
@@ -58,6 +61,20 @@ public:
     /// the bytes; rdbuf()->release() returns what there is. Constant time; allocates nothing.
     [[nodiscard]] ByteBuffer release();
 
+    /// Room for at least n bytes behind those written, for an encoder that writes to memory:
+    ///
+    ///     std::span<std::byte> const room = out.prepare(largestSize(value));
+    ///     out.commit(encode(value, room.data(), room.size()));
+    ///
+    /// As ByteBufferOStreambuf::prepare(). Throws std::ios_base::failure if the stream is not good.
+    /// When it throws, it sets badbit, as a write does.
+    [[nodiscard]] std::span<std::byte> prepare(std::size_t n);
+
+    /// Counts the first n bytes of that room as written. Throws std::out_of_range "Requested to
+    /// commit more bytes than were prepared" when there are fewer, and std::ios_base::failure if
+    /// the stream is not good; nothing is then written.
+    void commit(std::size_t n);
+
     /// The number of bytes written since construction or the last release().
     [[nodiscard]] std::size_t size() const noexcept { return buffer_.size(); }
 
@@ -68,6 +85,8 @@ public:
     }
 
 private:
+    void requireGood() const;
+
     ByteBufferOStreambuf buffer_;
 };
 
@@ -122,6 +141,11 @@ public:
     /// unchanged. Changes neither the state nor gcount().
     void skip(std::size_t n);
 
+    /// Reads the next n bytes as a buffer of their own: in place if the stream owns its bytes, a
+    /// copy if it borrows them. As ByteBufferIStreambuf::take(), and throws as unread() does.
+    /// Changes neither the state nor gcount().
+    [[nodiscard]] ByteBuffer take(std::size_t n);
+
     /// The stream buffer of this stream.
     [[nodiscard]] ByteBufferIStreambuf*
     rdbuf() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
@@ -154,6 +178,20 @@ unread(std::istream& in);
 /// message fail.
 COURIER_HUB_SERIALISATION_EXPORT void skip(std::istream& in, std::size_t n);
 
+/// Reads the next n bytes as a buffer of their own, which an element may keep:
+///
+///     Image read(std::istream& in) { return Image(take(in, readLength(in))); }
+///
+/// In place, and shared with the stream as by ByteBuffer::splitFront(), if the stream buffer is
+/// exactly a ByteBufferIStreambuf that owns its bytes; otherwise a copy. If there are fewer, sets
+/// failbit and eofbit, as std::istream::read() does, and returns those that there are; n may be a
+/// length that hostile bytes claim, as memory is taken only for bytes that there are. On a stream
+/// that is not good it sets failbit and returns none. gcount() is then unspecified.
+///
+/// Throws std::bad_alloc, with badbit set if the stream buffer is another one, because what was
+/// read is lost; and what the stream's exceptions() demand.
+[[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT ByteBuffer take(std::istream& in, std::size_t n);
+
 /// A std::ostream that passes writes on to another one, the target, until a stop is requested. An
 /// encoder that writes to it needs no checks of its own:
 ///
@@ -180,6 +218,8 @@ COURIER_HUB_SERIALISATION_EXPORT void skip(std::istream& in, std::size_t n);
 /// directly, so the target's tie() and unitbuf have no effect. Formatting and locale are those of a
 /// new stream. Seeking fails.
 ///
+/// prepare() and commit() reach through it to the target's block.
+///
 /// Allocates nothing. A write costs one virtual call and one atomic load more than without it,
 /// which matters only to an encoder that writes single characters.
 class COURIER_HUB_SERIALISATION_EXPORT StoppableOStream final : public std::ostream {
@@ -195,12 +235,20 @@ public:
     void throwIfStopped() const { buffer_.throwIfStopped(); }
 
 private:
+    friend std::optional<std::span<std::byte>> prepare(std::ostream& out, std::size_t n);
+    friend void commit(std::ostream& out, std::size_t n);
+
+    // The stream buffer that `out` writes to in the end, if it is exactly a ByteBufferOStreambuf.
+    // Polls the tokens on the way.
+    static ByteBufferOStreambuf* sinkOf(std::ostream& out);
+
     class COURIER_HUB_SERIALISATION_EXPORT Buffer : public std::streambuf {
     public:
         Buffer(stop_token token, std::ostream& target);
         ~Buffer() override;
 
         void failTarget() noexcept;
+        [[nodiscard]] ByteBufferOStreambuf* sink();
         void throwIfStopped() const {
             if (token_.stop_requested()) {
                 throwStopped();
@@ -222,6 +270,30 @@ private:
 
     Buffer buffer_;
 };
+
+/// Room for at least n bytes behind those that `out` has written, for an encoder that writes to
+/// memory. std::nullopt if `out` is not good, or if its stream buffer is not exactly a
+/// ByteBufferOStreambuf: then write to `out` as to any std::ostream. Reaches through a
+/// StoppableOStream to its target.
+///
+///     if (auto const room = prepare(out, value.size())) {
+///         value.encode(room->data());
+///         commit(out, value.size());
+///     } else {
+///         out << value;
+///     }
+///
+/// The bytes are as for ByteBufferOStreambuf::prepare(). Throws std::bad_alloc, std::length_error
+/// "vector too long", and std::system_error with std::errc::operation_canceled if a stop was
+/// requested; in each case it sets badbit, as a write does.
+[[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT std::optional<std::span<std::byte>>
+prepare(std::ostream& out, std::size_t n);
+
+/// Counts the first n bytes of that room as written. Fails as prepare() does if a stop was
+/// requested meanwhile. Throws std::out_of_range "Requested to commit more bytes than were
+/// prepared" when there are fewer, or when prepare(out, n) would be std::nullopt and n is not 0.
+/// Nothing is written when it fails.
+COURIER_HUB_SERIALISATION_EXPORT void commit(std::ostream& out, std::size_t n);
 
 } // namespace courier::hub::serialisation
 

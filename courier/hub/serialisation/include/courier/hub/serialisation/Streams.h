@@ -8,6 +8,7 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <span>
 #include <streambuf>
 #include <type_traits>
 #include <utility>
@@ -322,6 +323,8 @@ public:
 
 protected:
     explicit ReadOnlyStreambuf(ByteBufferView bytes);
+    [[nodiscard]] ByteBuffer takeCopy(std::size_t n);
+    void passOver(std::size_t n) noexcept;
     ReadOnlyStreambuf(ReadOnlyStreambuf const&) = default;
     ReadOnlyStreambuf& operator=(ReadOnlyStreambuf const&) = default;
 
@@ -336,8 +339,9 @@ protected:
 /// Use it when the reader must own the bytes. For a view, use NonOwningByteBufferViewIStreambuf,
 /// whose name tells the reader that somebody else owns the bytes.
 ///
-/// in_avail() is the number of bytes not read yet, unread() a view of them, and skip(n) marks n of
-/// them as read. Seeking and writing fail, so tellg() is -1 even on a good stream.
+/// in_avail() is the number of bytes not read yet, unread() a view of them, skip(n) marks n of them
+/// as read, and take(n) reads them as a buffer of their own. Seeking and writing fail, so tellg()
+/// is -1 even on a good stream.
 ///
 /// Move-only; a moved-from one is at its end and owns nothing. Bytes are copied only into the
 /// caller's memory, one block per bulk read.
@@ -362,6 +366,16 @@ public:
     ByteBufferIStreambuf& operator=(ByteBufferIStreambuf&& other) noexcept;
     ~ByteBufferIStreambuf() override;
 
+    /// Reads the next n bytes as a buffer of their own, which may outlive this object. If this
+    /// object owns its bytes, none is copied: they keep their address and are shared, as by
+    /// ByteBuffer::splitFront(), but this object keeps its share of the whole. Allocates once for
+    /// the first n above 0, then nothing. Borrowed bytes are copied.
+    ///
+    /// What was read before cannot be put back, unless n is 0, because the owner of the result may
+    /// change it. Throws std::out_of_range "Requested to take more bytes than exist" when n is
+    /// above unread().size(), std::bad_alloc; the position is then unchanged.
+    [[nodiscard]] ByteBuffer take(std::size_t n);
+
 private:
     std::unique_ptr<ByteBuffer> owned_; // null if the bytes are borrowed
 };
@@ -371,7 +385,8 @@ private:
 /// Use it to read a view. Several may read the same bytes, each from its own position. When the
 /// reader must own the bytes, use ByteBufferIStreambuf.
 ///
-/// in_avail(), unread(), skip(), seeking and writing work as for ByteBufferIStreambuf.
+/// in_avail(), unread(), skip(), seeking and writing work as for ByteBufferIStreambuf; take()
+/// copies.
 ///
 /// Move-only; a moved-from one remains usable and continues from its own position.
 class COURIER_HUB_SERIALISATION_EXPORT NonOwningByteBufferViewIStreambuf
@@ -394,6 +409,10 @@ public:
     NonOwningByteBufferViewIStreambuf&
     operator=(NonOwningByteBufferViewIStreambuf&& other) noexcept;
     ~NonOwningByteBufferViewIStreambuf() override;
+
+    /// Reads the next n bytes into a buffer of their own, a copy. Throws as
+    /// ByteBufferIStreambuf::take() does; the position is then unchanged.
+    [[nodiscard]] ByteBuffer take(std::size_t n) { return takeCopy(n); }
 
 protected:
     /// As in std::streambuf. The override, which does what the base class does, is part of the
@@ -448,6 +467,24 @@ public:
     /// empty. Constant time; allocates nothing.
     [[nodiscard]] ByteBuffer release();
 
+    /// The room behind the bytes written, of at least n bytes, for an encoder that writes to
+    /// memory. Their values are unspecified. Valid until the next write, prepare() or release(),
+    /// and unless this object is moved. Grows as a write of n bytes does, and throws what that
+    /// throws.
+    [[nodiscard]] std::span<std::byte> prepare(std::size_t n) {
+        reserveFor(n);
+        return {reinterpret_cast<std::byte*>(pptr()), room()};
+    }
+
+    /// Counts the first n bytes of that room as written. Throws std::out_of_range "Requested to
+    /// commit more bytes than were prepared" when there are fewer; nothing is then written.
+    void commit(std::size_t n) {
+        if (n > room()) {
+            detail::throwOutOfRange("Requested to commit more bytes than were prepared");
+        }
+        setp(pptr() + n, epptr());
+    }
+
 protected:
     /// As in std::streambuf.
     int_type overflow(int_type c) override;
@@ -458,6 +495,9 @@ private:
         void operator()(void* block) const noexcept;
     };
 
+    [[nodiscard]] std::size_t room() const noexcept {
+        return static_cast<std::size_t>(epptr() - pptr());
+    }
     void reserveFor(std::size_t added);
     void setCapacity(std::size_t capacity);
     void swap(ByteBufferOStreambuf& other) noexcept;

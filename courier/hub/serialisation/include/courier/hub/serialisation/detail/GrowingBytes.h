@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 #include <utility>
 
 #if defined(__clang__) && __clang_major__ >= 16
@@ -13,6 +14,32 @@
 #endif
 
 namespace courier::hub::serialisation::detail {
+
+// As std::memcpy, which costs a call and a search for the best way: up to 64 bytes are copied by a
+// few overlapping copies of constant length, which are inlined.
+inline void copyBytes(void* to, void const* from, std::size_t n) noexcept {
+    auto* const target = static_cast<std::byte*>(to);
+    auto const* const source = static_cast<std::byte const*>(from);
+    auto const copyEnds = [&](auto constant) {
+        std::memcpy(target, source, constant);
+        std::memcpy(target + n - constant, source + n - constant, constant);
+    };
+    if (n > 64) {
+        std::memcpy(target, source, n);
+    } else if (n > 32) {
+        copyEnds(std::integral_constant<std::size_t, 32>());
+    } else if (n >= 16) {
+        copyEnds(std::integral_constant<std::size_t, 16>());
+    } else if (n >= 8) {
+        copyEnds(std::integral_constant<std::size_t, 8>());
+    } else if (n >= 4) {
+        copyEnds(std::integral_constant<std::size_t, 4>());
+    } else if (n != 0) { // the first, the middle and the last one
+        target[0] = source[0];
+        target[n / 2] = source[n / 2];
+        target[n - 1] = source[n - 1];
+    }
+}
 
 // A range of bytes that grows. It owns its bytes, in memory from std::malloc, or borrows them until
 // it first enlarges them:
@@ -82,15 +109,7 @@ public:
     }
     // Adds a copy of n bytes, which may be bytes of this object. Preconditions: 0 < n <= room(), p
     // is not null.
-    void append(std::byte const* p, std::size_t n) noexcept {
-        std::byte* const to = extend(n);
-        if (n - 16 <= 16) { // 16 to 32 bytes: two overlapping copies, inlined
-            std::memcpy(to, p, 16);
-            std::memcpy(to + n - 16, p + n - 16, 16);
-        } else {
-            std::memcpy(to, p, n);
-        }
-    }
+    void append(std::byte const* p, std::size_t n) noexcept { copyBytes(extend(n), p, n); }
 
     // Removes the first, or the last, n bytes. When the first are removed, borrowed bytes keep
     // their address and owned ones move to the front. Precondition: n <= size().
