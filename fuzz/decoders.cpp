@@ -3,10 +3,11 @@
 // the two documented errors, in bounded memory. What was read can be written again.
 #include "../tests/Support.h"
 #include "Input.h"
+#include "examples/formats/ReadLimit.h"
 #include "examples/program/Element.h"
-#include "examples/program/LoadedModules.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Module.h>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -20,8 +21,13 @@ using fuzz::Input;
 constexpr std::size_t mebibyte = 1 << 20;
 
 struct Modules {
-    Modules() { loaded.load(MODULE_DIR, catalogue, mebibyte); }
-    LoadedModules loaded;
+    Modules() {
+        setReadLimit(catalogue, mebibyte);
+        for (auto const& entry : std::filesystem::directory_iterator(MODULE_DIR)) {
+            loaded.emplace_back(entry.path()).registerIn(catalogue);
+        }
+    }
+    std::vector<Module> loaded;
     Catalogue catalogue;
 };
 Modules& modules = *new Modules; // never unloaded: the fuzzer reads their counters until the end

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Modules that are loaded into one process, one of them built by the other compiler.
 #include "Support.h"
-#include "examples/program/LoadedModules.h"
+
+#include <courier/hub/serialisation/Module.h>
 
 #include <map>
 
@@ -28,10 +29,15 @@ TEST(ModulesTest, OfTwoCompilersServeEachOtherAndUnload) {
     }
     for (int round = 0; round < 2; ++round) {
         {
-            courier::examples::LoadedModules modules;
+            std::vector<Module> modules;
+            for (std::string const format : formats) {
+                modules.emplace_back(MODULE_DIR "/" + format + ".so");
+            }
             Catalogue catalogues[2];
             for (auto& catalogue : catalogues) {
-                modules.load(MODULE_DIR, catalogue, 0);
+                for (Module const& module : modules) {
+                    module.registerIn(catalogue);
+                }
                 EXPECT_TRUE(isMapped("here[.]so"));
                 for (std::string const format : formats) {
                     EXPECT_EQ(outcome(catalogue, format, {{"a", 1}}), "a 1\n");
@@ -45,6 +51,20 @@ TEST(ModulesTest, OfTwoCompilersServeEachOtherAndUnload) {
     if (formats.size() < 2) {
         GTEST_SKIP() << "with one compiler only: g++ and clang++ are wanted, to see them meet";
     }
+}
+
+TEST(ModulesTest, RefusesWithTheCauseWhatIsNoModuleOfThisLibrary) {
+    auto const text = testing::TempDir() + "module.txt";
+    std::ofstream(text) << "text";
+    for (auto const& [file, cause] : std::map<std::string, std::string>{
+             {"missing.so", "missing.so: there is no such file"},
+             {text, "module.txt: .*Check that it is a shared object"},
+             {BEDROCK, "bedrock.*: it does not export courier_register_module"},
+             {OTHER, "other.so: it uses .*other.so, and this program uses .*libcourier_hub"}}) {
+        auto const message = messageOf<std::runtime_error>([&] { Module const module(file); });
+        EXPECT_TRUE(std::regex_search(message, std::regex(cause))) << message;
+    }
+    EXPECT_FALSE(isMapped("other[.]so"));
 }
 
 } // namespace

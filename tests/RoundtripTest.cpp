@@ -3,7 +3,7 @@
 
 #include "Support.h"
 #include "examples/program/Element.h"
-#include "examples/program/LoadedModules.h"
+#include "examples/program/Run.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -97,9 +97,9 @@ TEST(RoundtripTest, ProgramSaysWhatCameBackAndWhatWentWrong) {
 
 TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
     constexpr auto modulePaths = "/modules/\\w+[.]so";
-    std::optional<LoadedModules> modules(std::in_place);
     std::optional<Catalogue> catalogue(std::in_place);
-    modules->load(MODULE_DIR, *catalogue, 4 * mebibyte);
+    setReadLimit(*catalogue, 4 * mebibyte);
+    auto modules = loadModules(MODULE_DIR, *catalogue);
     EXPECT_TRUE(isMapped(modulePaths));
     std::map<std::string, std::uint64_t> typeOf;
     for (ElementType const& type : elementTypes) {
@@ -151,7 +151,7 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
         EXPECT_TRUE(sink.count > 2 * mebibyte && sink.count <= 3 * mebibyte) << sink.count;
     }
     catalogue.reset();
-    modules.reset();
+    modules.clear();
     EXPECT_FALSE(isMapped(modulePaths));
 }
 

@@ -40,10 +40,9 @@ namespace courier::examples {
 ///     template <class Archive> void serialize(Archive& archive, Struct& value)
 ///
 /// in the namespace of the struct. Include cereal's headers for the types of its members.
-template <class Struct>
-void registerStruct(hub::serialisation::Catalogue& catalogue, std::uint64_t readLimit) {
+template <class Struct> void registerStruct(hub::serialisation::Catalogue& catalogue) {
     using namespace hub::serialisation;
-    // The exceptions of cereal are classes of this module: see Module.h.
+    // The exceptions of cereal are classes of this module.
     addFormat<Struct>(
         catalogue, "cereal",
         [](Struct const& value, std::ostream& target, stop_token const& stop) {
@@ -55,7 +54,7 @@ void registerStruct(hub::serialisation::Catalogue& catalogue, std::uint64_t read
                 throw std::runtime_error(error.what());
             }
         },
-        limited(readLimit, [](std::istream& in, ReadBudget budget) {
+        limited(catalogue, [](std::istream& in, ReadBudget budget) {
             Struct value;
             try {
                 cereal::UserDataAdapter<ReadBudget, cereal::PortableBinaryInputArchive> archive(

@@ -80,9 +80,9 @@ Message readMessage(std::istream& in, ReadBudget budget) {
 /// A module whose messages have descriptors (without `optimize_for = LITE_RUNTIME`) must never be
 /// unloaded. Link libprotobuf dynamically, as modules and program pass messages to each other.
 template <std::derived_from<google::protobuf::MessageLite> Message>
-void registerMessage(hub::serialisation::Catalogue& catalogue, std::uint64_t readLimit) {
+void registerMessage(hub::serialisation::Catalogue& catalogue) {
     hub::serialisation::addFormat<Message>(catalogue, "protobuf", writeMessage<Message>,
-                                           limited(readLimit, readMessage<Message>));
+                                           limited(catalogue, readMessage<Message>));
 }
 
 } // namespace courier::examples

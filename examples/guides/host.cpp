@@ -3,45 +3,22 @@
 
 #include "Temperature.h"
 
-#include <courier/hub/serialisation/Catalogue.h>
 #include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Module.h>
 
 #include <dlfcn.h>
 
 #include <iostream>
-#include <memory>
-#include <stdexcept>
 #include <string>
 
 using namespace courier::hub::serialisation;
 
 namespace {
 
-struct Unload {
-    void operator()(void* module) const noexcept { ::dlclose(module); }
-};
-using Module = std::unique_ptr<void, Unload>;
-
-Module load(char const* path) {
-    Module module(::dlopen(path, RTLD_NOW | RTLD_LOCAL));
-    if (!module) {
-        throw std::runtime_error(::dlerror());
-    }
-    return module;
-}
-
-void registerModule(Module const& module, Catalogue& catalogue) {
-    void* const entry = ::dlsym(module.get(), "courier_register_module");
-    if (entry == nullptr) {
-        throw std::runtime_error(::dlerror());
-    }
-    reinterpret_cast<void (*)(Catalogue&)>(entry)(catalogue);
-}
-
 double decode(char const* path, ByteBufferView bytes) {
-    Module const module = load(path); // destroyed last: everything below holds its code
-    Catalogue catalogue;              // destroyed after everything that it returns
-    registerModule(module, catalogue);
+    Module const module(path); // destroyed last: everything below holds its code
+    Catalogue catalogue;       // destroyed after everything that it returns
+    module.registerIn(catalogue);
 
     constexpr auto id = courier::hub::core::getTypeID<Temperature>();
     ByteBufferIStream in(bytes);

@@ -3,6 +3,7 @@
 
 #include "Temperature.h"
 
+#include <courier/hub/serialisation/Module.h>
 #include <courier/hub/serialisation/Registration.h>
 
 #include <array>
@@ -50,7 +51,7 @@ Temperature readBinary(std::istream& in) {
 
 } // namespace
 
-extern "C" [[gnu::visibility("default")]] void courier_register_module(Catalogue& catalogue) {
+void courier_register_module(Catalogue& catalogue) {
     addFormat<Temperature>(catalogue, "text", writeText, readText);
     addFormat<Temperature>(catalogue, "binary", writeBinary, readBinary);
 }

@@ -5,6 +5,7 @@
 
 #include <courier/hub/serialisation/Catalogue.h>
 #include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Module.h>
 
 #include <gtest/gtest.h>
 
@@ -15,8 +16,6 @@
 using namespace courier::hub::serialisation;
 using courier::hub::core::GenericPayload;
 using courier::hub::core::getTypeID;
-
-extern "C" void courier_register_module(Catalogue& catalogue);
 
 namespace {
 

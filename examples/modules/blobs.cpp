@@ -3,9 +3,9 @@
 
 #include "examples/elements/Blob.h"
 #include "examples/formats/ReadLimit.h"
-#include "examples/modules/Module.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Module.h>
 #include <courier/hub/serialisation/Registration.h>
 
 #define ZLIB_CONST // input is read-only
@@ -210,11 +210,10 @@ Blob readZstd(std::istream& in, ReadBudget budget) {
 
 } // namespace courier::examples
 
-void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
-                             std::uint64_t readLimit) {
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
     using namespace courier::examples;
     using courier::hub::serialisation::addFormat;
-    addFormat<Blob>(catalogue, "raw", writeRaw, limited(readLimit, readRaw));
-    addFormat<Blob>(catalogue, "deflate", writeDeflate, limited(readLimit, readDeflate));
-    addFormat<Blob>(catalogue, "zstd", writeZstd, limited(readLimit, readZstd));
+    addFormat<Blob>(catalogue, "raw", writeRaw, limited(catalogue, readRaw));
+    addFormat<Blob>(catalogue, "deflate", writeDeflate, limited(catalogue, readDeflate));
+    addFormat<Blob>(catalogue, "zstd", writeZstd, limited(catalogue, readZstd));
 }

@@ -3,9 +3,9 @@
 
 #include "examples/elements/Document.h"
 #include "examples/formats/ReadLimit.h"
-#include "examples/modules/Module.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Module.h>
 #include <courier/hub/serialisation/Registration.h>
 
 #include <cstdint>
@@ -184,8 +184,7 @@ constexpr WireFormat wireFormats[] = {
 
 } // namespace courier::examples
 
-void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
-                             std::uint64_t readLimit) {
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
     using namespace courier::examples;
     using namespace courier::hub::serialisation;
     for (WireFormat const& format : wireFormats) {
@@ -199,7 +198,7 @@ void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
                     throwStandard(error);
                 }
             },
-            limited(readLimit, [format](std::istream& in, ReadBudget budget) {
+            limited(catalogue, [format](std::istream& in, ReadBudget budget) {
                 return read(in, format.input, budget);
             }));
     }

@@ -3,7 +3,8 @@
 
 #include "examples/elements/Histogram.h"
 #include "examples/formats/CerealFormat.h"
-#include "examples/modules/Module.h"
+
+#include <courier/hub/serialisation/Module.h>
 
 #include <cereal/types/string.hpp>
 #include <cereal/types/vector.hpp>
@@ -16,7 +17,6 @@ template <class Archive> void serialize(Archive& archive, Histogram& histogram) 
 
 } // namespace courier::examples
 
-void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
-                             std::uint64_t readLimit) {
-    courier::examples::registerStruct<courier::examples::Histogram>(catalogue, readLimit);
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
+    courier::examples::registerStruct<courier::examples::Histogram>(catalogue);
 }

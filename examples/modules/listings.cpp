@@ -3,9 +3,9 @@
 
 #include "examples/elements/Listing.h"
 #include "examples/formats/ProtobufFormat.h"
-#include "examples/modules/Module.h"
 
-void courier_register_module(courier::hub::serialisation::Catalogue& catalogue,
-                             std::uint64_t readLimit) {
-    courier::examples::registerMessage<courier::examples::Listing>(catalogue, readLimit);
+#include <courier/hub/serialisation/Module.h>
+
+void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) {
+    courier::examples::registerMessage<courier::examples::Listing>(catalogue);
 }

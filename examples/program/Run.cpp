@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "examples/program/Run.h"
 
-#include "examples/program/LoadedModules.h"
-
 #include <CLI/CLI.hpp>
 
 #include <csignal>
@@ -11,6 +9,8 @@
 #include <chrono>
 #include <filesystem>
 #include <iostream>
+#include <set>
+#include <stdexcept>
 #include <thread>
 
 namespace courier::examples {
@@ -49,6 +49,23 @@ void addReadLimit(CLI::App& app, std::uint64_t& bytes) {
         ->default_str("4GiB");
 }
 
+std::vector<Module> loadModules(std::filesystem::path const& directory, Catalogue& catalogue) {
+    std::set<std::filesystem::path> files;
+    for (auto const& entry : std::filesystem::directory_iterator(directory)) {
+        if (entry.path().extension() == ".so") {
+            files.insert(entry.path());
+        }
+    }
+    if (files.empty()) {
+        throw std::runtime_error("no modules in " + directory.string());
+    }
+    std::vector<Module> modules;
+    for (auto const& file : files) {
+        modules.emplace_back(file).registerIn(catalogue);
+    }
+    return modules;
+}
+
 std::filesystem::path programFile() { return std::filesystem::read_symlink("/proc/self/exe"); }
 
 int run(CLI::App& app, int argc, char** argv, std::string const& name,
@@ -59,10 +76,11 @@ int run(CLI::App& app, int argc, char** argv, std::string const& name,
 
     // Records, serialisers, elements that were read and even exceptions may refer to code of the
     // modules, so the modules are declared first and unloaded last.
-    LoadedModules modules;
+    std::vector<Module> modules;
     try {
         Catalogue catalogue;
-        modules.load(programFile().parent_path().parent_path() / "modules", catalogue, readLimit);
+        setReadLimit(catalogue, readLimit);
+        modules = loadModules(programFile().parent_path().parent_path() / "modules", catalogue);
         return program(catalogue, stop);
     } catch (std::exception const& error) {
         std::cerr << name << ": " << error.what() << '\n';

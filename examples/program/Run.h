@@ -2,12 +2,16 @@
 #ifndef COURIER_EXAMPLES_PROGRAM_RUN_H
 #define COURIER_EXAMPLES_PROGRAM_RUN_H
 
+#include "examples/formats/ReadLimit.h"
+
 #include <courier/hub/serialisation/Catalogue.h>
+#include <courier/hub/serialisation/Module.h>
 
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -17,11 +21,15 @@ namespace courier::examples {
 
 /// The option that sets how much memory reading one element may take.
 void addReadLimit(CLI::App& app, std::uint64_t& bytes);
-inline constexpr std::uint64_t defaultReadLimit = std::uint64_t{4} << 30;
 
 /// What a program does once it has read its command line. Returns the exit status.
 using Program = std::function<int(hub::serialisation::SerialisationCatalogue const& catalogue,
                                   hub::serialisation::stop_source stop)>;
+
+/// Loads every module of a directory, in order of name, as "*" finds the format that was registered
+/// first. Throws std::runtime_error if there is none.
+[[nodiscard]] std::vector<hub::serialisation::Module>
+loadModules(std::filesystem::path const& directory, hub::serialisation::Catalogue& catalogue);
 
 /// Reads the command line, loads the modules that were built with this program, and calls
 /// `program`.

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Built by two compilers, with two values of WIRE_FORMAT. Registers that format and a "client of"
 // it, which uses the formats of every module as clients do, and writes the results.
-#include "examples/modules/Module.h"
-
 #include <courier/hub/serialisation/FanOut.h>
 #include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Module.h>
 #include <courier/hub/serialisation/Registration.h>
 
 #include <map>
@@ -62,7 +61,7 @@ void send(Rows const& table, Catalogue const& catalogue, std::ostream& out) {
 
 } // namespace
 
-void courier_register_module(Catalogue& catalogue, std::uint64_t) {
+void courier_register_module(Catalogue& catalogue) {
     addFormat<Rows>(catalogue, WIRE_FORMAT, writeRows, readRows);
     addWriter<Rows>(catalogue, "client of " WIRE_FORMAT,
                     [&](Rows const& table, std::ostream& out) { send(table, catalogue, out); });

@@ -36,13 +36,20 @@ else()
     add_custom_target(module_there COMMAND ${CMAKE_COMMAND} -E rm -f ${there})
 endif()
 
+# Stands for a module that is linked with another version of the library.
+file(CONFIGURE OUTPUT other.cpp CONTENT "
+extern \"C\" { int _ZTVN7courier3hub13serialisation9CatalogueE; void courier_register_module() {} }\n")
+add_library(other MODULE ${CMAKE_CURRENT_BINARY_DIR}/other.cpp)
+set_target_properties(other PROPERTIES PREFIX "")
+
 add_executable(modules_tests ModulesTest.cpp)
 target_include_directories(modules_tests PRIVATE ${PROJECT_SOURCE_DIR})
 target_compile_definitions(modules_tests PRIVATE
-    MODULE_DIR="${modules_dir}" WIRE_FORMATS=${wire_formats})
+    MODULE_DIR="${modules_dir}" WIRE_FORMATS=${wire_formats}
+    BEDROCK="$<TARGET_FILE:bedrock>" OTHER="$<TARGET_FILE:other>")
 target_link_libraries(modules_tests
-    PRIVATE courier::hub::serialisation GTest::gtest GTest::gtest_main ${CMAKE_DL_LIBS})
-add_dependencies(modules_tests module_here module_there)
+    PRIVATE courier::hub::serialisation GTest::gtest GTest::gtest_main)
+add_dependencies(modules_tests module_here module_there other)
 gtest_discover_tests(modules_tests)
 
 add_test(NAME module_exports COMMAND ${CMAKE_COMMAND} -D NM=${CMAKE_NM}

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // A module whose elements say what their reader does: "abort", or "sleep SECONDS".
 #include "examples/elements/Blob.h"
-#include "examples/modules/Module.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
+#include <courier/hub/serialisation/Module.h>
 #include <courier/hub/serialisation/Registration.h>
 
 #include <chrono>
@@ -39,6 +39,6 @@ Blob readTrap(std::istream& in) {
 
 } // namespace
 
-void courier_register_module(Catalogue& catalogue, std::uint64_t) {
+void courier_register_module(Catalogue& catalogue) {
     addFormat<Blob>(catalogue, "trap", writeTrap, readTrap);
 }
