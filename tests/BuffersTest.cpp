@@ -160,6 +160,17 @@ TEST(ByteBuffer, RefusesLengthsBeforeTheyWrap) {
     EXPECT_ERROR(std::length_error, tooLong, lying(twoTo63).reserve(0));
 }
 
+TEST(ByteBufferDeathTest, EndsTheProcessAtAnAccessBeyondTheEnd) { // as COURIER_HARDENED is defined
+    ByteBuffer buffer(3);
+    ByteBufferView view = buffer;
+    EXPECT_DEATH(buffer[3] = std::byte(), "access to byte 3 of 3");
+    EXPECT_DEATH(discard(std::as_const(buffer)[3]), "access to byte 3 of 3");
+    EXPECT_DEATH(view[4] = std::byte(), "access to byte 4 of 3");
+    EXPECT_DEATH(discard(std::as_const(view)[4]), "access to byte 4 of 3");
+    EXPECT_DEATH(discard(*ByteBuffer().begin()), "access to byte 0 of 0");
+    EXPECT_EQ(buffer[2], view[2]);
+}
+
 TEST(ByteBufferView, OfNoBytesWithALengthIsOfNoUse) {
     ByteBufferView null(static_cast<std::byte*>(nullptr), 3);
     EXPECT_ERROR(std::runtime_error, incompatible, ByteBuffer(null));
@@ -185,7 +196,8 @@ template <class T> constexpr bool viewed = std::is_constructible_v<ByteBufferVie
 template <class... T> constexpr bool implied = (std::is_convertible_v<T, ByteBufferView> || ...);
 static_assert(viewed<ByteBuffer&> && viewed<unsigned char (&)[3]> && viewed<std::u8string>);
 static_assert(!viewed<char const (&)[3]> && !viewed<std::vector<int>> && !viewed<std::byte*>);
-static_assert(!implied<ByteBuffer&, std::string&, std::vector<std::byte>, std::span<std::byte>>);
+static_assert(implied<ByteBuffer&> &&
+              !implied<std::string&, std::vector<std::byte>, std::span<std::byte>>);
 
 TEST(ByteBufferView, IsMadeFromWhatHasBytes) {
     std::string letters = "abc";

@@ -41,3 +41,8 @@ refuse("Give the class a name" "struct { int a; } u; (void)getTypeID<decltype(u)
 refuse("returns it by value"
     "GenericDeserialiser d([](std::istream&) -> GenericPayload& { throw 1; });")
 refuse("delete" "ByteBufferIStreambuf in{ByteBuffer(3)};")
+refuse("MakeItAStdSharedPtr" "payload.add(new Price{1});")
+foreach(wrong "ByteBuffer b(\"text\");" "ByteBufferView v(\"text\");" "ByteBuffer().append(\"text\");")
+    refuse("WrapInStdStringView" "${wrong}")
+endforeach()
+refuse("AdoptStdStringInstead" "adopt(\"text\");")

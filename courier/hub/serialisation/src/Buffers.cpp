@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace courier::hub::serialisation {
@@ -71,6 +73,11 @@ void throwOutOfRange(char const* message) { throw std::out_of_range(message); }
 
 void throwIncompatibleIterators() {
     throw std::runtime_error("Attempting to take difference between incompatible MessageIterators");
+}
+
+void endOutOfBounds(std::size_t i, std::size_t size) noexcept {
+    std::fprintf(stderr, "courier::hub::serialisation: access to byte %zu of %zu\n", i, size);
+    std::abort();
 }
 
 void throwTooLong() { throw std::length_error("vector too long"); }

@@ -88,6 +88,10 @@ struct GenericPayload {
     GenericPayload& operator=(GenericPayload const&) = delete;
     ~GenericPayload() = default;
 
+    template <class MakeItAStdSharedPtr>
+    requires std::is_pointer_v<MakeItAStdSharedPtr>
+    void add(MakeItAStdSharedPtr) = delete;
+
     /// Appends one element of type T, which the payload shares. Amortised constant. Throws
     /// std::bad_alloc; strong guarantee.
     template <class T> void add(std::shared_ptr<T> value) {

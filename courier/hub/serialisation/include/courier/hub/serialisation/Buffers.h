@@ -69,6 +69,11 @@ inline constexpr std::size_t longest = PTRDIFF_MAX;
 /// strong guarantee for the content. Thread-compatible: const operations may run on several threads
 /// while none changes the buffer. To copy bytes out, use std::span<std::byte const>(buffer),
 /// because some standard libraries make one block copy only for the iterators that they know.
+///
+/// In hardened mode an operator[] beyond the end, of a buffer or a view, and the dereference of a
+/// null iterator end the process with a line on standard error that names the index and the size.
+/// It is on where the program defines COURIER_HARDENED or _GLIBCXX_ASSERTIONS, or uses a hardening
+/// mode of libc++. It changes no ABI. Otherwise these accesses are not checked and cost nothing.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBuffer {
 public:
     /// As in standard containers.
@@ -120,6 +125,10 @@ public:
     /// length, std::length_error "vector too long" above 2^63 - 1 bytes, std::bad_alloc.
     explicit ByteBuffer(ByteBufferView const& view);
 
+    // A pointer has no length, and a literal a 0 at its end. To copy its bytes, use ByteBufferView.
+    template <std::same_as<char> WrapInStdStringView>
+    explicit ByteBuffer(WrapInStdStringView const*) = delete;
+
     /// Takes over the content of the other buffer, which is then empty. The bytes keep their
     /// address.
     ByteBuffer(ByteBuffer&& other) noexcept
@@ -166,9 +175,13 @@ public:
         return empty() ? nullptr : bytes_.data();
     }
 
-    /// Byte i. Not checked; precondition: i < size().
-    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return bytes_.data()[i]; }
+    /// Byte i. Precondition: i < size(), checked in hardened mode only.
+    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept {
+        detail::checkAccess(i, size());
+        return bytes_.data()[i];
+    }
     [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept {
+        detail::checkAccess(i, size());
         return bytes_.data()[i];
     }
 
@@ -202,12 +215,10 @@ public:
     [[nodiscard]] const_iterator cend() noexcept { return std::as_const(*this).end(); }
     [[nodiscard]] const_iterator cend() const noexcept { return end(); }
 
-    /// True when both have the same bytes, in whichever form. Linear: one block comparison.
+    /// True when both have the same bytes, in whichever form; one of them may be a view. Linear:
+    /// one block comparison.
     [[nodiscard]] friend bool operator==(ByteBuffer const& a, ByteBuffer const& b) noexcept {
         return ByteBufferView(a) == ByteBufferView(b);
-    }
-    [[nodiscard]] friend bool operator==(ByteBuffer const& a, ByteBufferView b) noexcept {
-        return ByteBufferView(a) == b;
     }
 
     /// Removes all bytes. Releases the block, if there is one; in vector form the capacity stays.
@@ -240,6 +251,9 @@ public:
         }
         return *this;
     }
+
+    template <std::same_as<char> WrapInStdStringView>
+    ByteBuffer& append(WrapInStdStringView const*) = delete;
 
     /// Adds one byte at the end. The buffer is then in vector form. Amortised constant, except that
     /// in external form it copies the bytes of the block. Throws std::length_error "vector too
@@ -293,6 +307,11 @@ public:
     /// A new buffer in vector form with a copy of the bytes, allocated to the exact size. Linear.
     /// Throws std::length_error "vector too long", std::bad_alloc.
     [[nodiscard]] ByteBuffer clone() const { return ByteBuffer(wholeView()); }
+
+    /// A view of all bytes. Valid as long as an iterator would be.
+    [[nodiscard]] operator ByteBufferView() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+        return wholeView();
+    }
 
     /// A view of a part: the first n bytes, the last n, those from `offset` to the end, or `count`
     /// of these. As in std::span, a count of 0 gives no bytes. The view is valid as long as an
@@ -445,6 +464,10 @@ template <detail::AdoptableRange Owner> [[nodiscard]] ByteBuffer adopt(Owner&& o
     ByteBufferView const bytes(*held); // after the move: a short string's bytes move with it
     return detail::adoptHeld(bytes, std::move(held));
 }
+
+// Nothing keeps the bytes behind a pointer alive.
+template <std::same_as<char> AdoptStdStringInstead>
+ByteBuffer adopt(AdoptStdStringInstead const*) = delete;
 
 /// The same over bytes that any object keeps alive: a std::shared_ptr, a mapping, a message. The
 /// bytes must keep their address when the owner is moved; those of a short std::string do not.

@@ -24,8 +24,23 @@ class ByteBuffer;
 class ByteBufferView;
 
 namespace detail {
-// Out of line, so that the difference inlines well.
+// Out of line, so that their callers inline well.
 [[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void throwIncompatibleIterators();
+[[noreturn]] COURIER_HUB_SERIALISATION_EXPORT void endOutOfBounds(std::size_t i,
+                                                                  std::size_t size) noexcept;
+
+// The check of an access that is unchecked otherwise. It is on if the user defines COURIER_HARDENED
+// or has the standard library check the same: libstdc++ by _GLIBCXX_ASSERTIONS, libc++ by one of
+// its hardening modes.
+inline void checkAccess([[maybe_unused]] std::size_t i,
+                        [[maybe_unused]] std::size_t size) noexcept {
+#if defined(COURIER_HARDENED) || defined(_GLIBCXX_ASSERTIONS) ||                                   \
+    (defined(_LIBCPP_HARDENING_MODE) && _LIBCPP_HARDENING_MODE != _LIBCPP_HARDENING_MODE_NONE)
+    if (i >= size) {
+        endOutOfBounds(i, size);
+    }
+#endif
+}
 } // namespace detail
 
 /// The iterator of ByteBuffer and ByteBufferView. It is contiguous. T is std::byte for mutable and
@@ -37,8 +52,9 @@ namespace detail {
 /// position is in vector form.
 ///
 /// A plain value that owns nothing. No operation throws, except for subtraction and ordering.
-/// Dereferencing and advancing past the end are not checked. Thread-compatible. Every operation
-/// takes constant time and allocates nothing.
+/// Dereferencing and advancing past the end are not checked; in hardened mode (see ByteBuffer)
+/// dereferencing the null position is. Thread-compatible. Every operation takes constant time and
+/// allocates nothing.
 template <class T> class ByteBufferIterator {
     static_assert(std::is_same_v<std::remove_const_t<T>, std::byte>);
     using VectorPosition =
@@ -71,9 +87,12 @@ public:
         : address_(other.address_), inVector_(other.inVector_) {}
 
     /// The byte here, or n bytes further on.
-    reference operator*() const noexcept { return *address_; }
+    reference operator*() const noexcept { return (*this)[0]; }
     pointer operator->() const noexcept { return address_; }
-    reference operator[](difference_type n) const noexcept { return address_[n]; }
+    reference operator[](difference_type n) const noexcept {
+        detail::checkAccess(0, address_ == nullptr ? 0 : 1); // a position does not know its end
+        return address_[n];
+    }
 
     /// Moves by n bytes, or by one.
     ByteBufferIterator& operator+=(difference_type n) noexcept {

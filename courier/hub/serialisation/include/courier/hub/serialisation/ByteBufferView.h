@@ -93,6 +93,10 @@ public:
     ByteBufferView(std::byte const* data, std::size_t size) noexcept
         : start_(const_cast<std::byte*>(data)), length_(size) {}
 
+    // A pointer has no length, and a literal a 0 at its end.
+    template <std::same_as<char> WrapInStdStringView>
+    explicit ByteBufferView(WrapInStdStringView const*) = delete;
+
     /// The elements of a contiguous range of bytes or characters: a ByteBuffer, a std::span, a
     /// std::string, a std::string_view, a std::vector or std::array of std::byte or of any
     /// character type. String literals are rejected: wrap them in std::string_view.
@@ -122,9 +126,15 @@ public:
     /// True when size() is 0.
     [[nodiscard]] bool empty() const noexcept { return length_ == 0; }
 
-    /// Byte i. Not checked; precondition: i < size().
-    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept { return start_[i]; }
-    [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept { return start_[i]; }
+    /// Byte i. Precondition: i < size(), checked in hardened mode only (see ByteBuffer).
+    [[nodiscard]] std::byte& operator[](std::size_t i) noexcept {
+        detail::checkAccess(i, length_);
+        return start_[i];
+    }
+    [[nodiscard]] std::byte const& operator[](std::size_t i) const noexcept {
+        detail::checkAccess(i, length_);
+        return start_[i];
+    }
 
     /// Byte i. Throws std::out_of_range "Attempt to access position beyond the end of the
     /// ByteBufferView" when i is not below size().

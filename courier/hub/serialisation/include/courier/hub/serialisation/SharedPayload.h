@@ -55,7 +55,7 @@ public:
     /// polls. More than 365 days waits without limit.
     /// @return whether it is released.
     template <class Rep, class Period>
-    bool waitFor(std::chrono::duration<Rep, Period> const& timeout) const {
+    [[nodiscard]] bool waitFor(std::chrono::duration<Rep, Period> const& timeout) const {
         // A deadline far beyond this would overflow the clock.
         std::chrono::duration<double> const seconds = timeout;
         if (seconds > std::chrono::hours(24 * 365)) {
