@@ -8,7 +8,7 @@ using namespace courier::hub::core;
 using namespace courier::hub::serialisation;
 struct Price { int cents; };
 void put(Price const&, std::ostream&);
-Price take(std::istream&);
+Price get(std::istream&);
 void tried(Catalogue& catalogue, GenericPayload& payload) { ${code} }
 ")
     list(TRANSFORM INCLUDES PREPEND -I)
@@ -24,17 +24,17 @@ function(refuse pattern code)
     endif()
 endfunction()
 
-compile("addFormat<Price>(catalogue, \"text\", put, take); payload.emplace<Price>();")
+compile("addFormat<Price>(catalogue, \"text\", put, get); payload.emplace<Price>();")
 if(NOT status EQUAL 0)
     message(FATAL_ERROR "What is right does not compile:\n${said}")
 endif()
 set(add "<Price>(catalogue, \"text\",")
-refuse("write is called as write.elements" "addFormat${add} [](Price const&) {}, take);")
+refuse("write is called as write.elements" "addFormat${add} [](Price const&) {}, get);")
 refuse("It returns nothing" "addWriter${add} [](Price const&, std::ostream&) { return true; });")
 refuse("with const references" "addWriter${add} [](Price&, std::ostream&) {});")
 refuse("not by reference" "addReader${add} [](std::istream&) -> Price& { throw 1; });")
 refuse("It returns the element" "addReader${add} [](std::istream&) { return 1; });")
-refuse("without const" "addFormat<Price const>(catalogue, \"text\", put, take);")
+refuse("without const" "addFormat<Price const>(catalogue, \"text\", put, get);")
 refuse("is not const" "payload.add(std::make_shared<Price const>());")
 refuse("Give the class a name" "auto const f = [] {}; (void)getTypeID<decltype(f)>();")
 refuse("Give the class a name" "struct { int a; } u; (void)getTypeID<decltype(u)>();")
