@@ -48,23 +48,6 @@ detail::GrowingBytes copyOf(ByteBufferView view) {
     return copyOf(view, checkedLength(view.size()));
 }
 
-// What the parts of a split buffer share: the buffer as it was, and their number.
-struct Whole {
-    ByteBuffer buffer;
-    std::atomic<std::size_t> parts{1};
-};
-
-// The deleter of a part. One pointer, so that std::function stores it without an allocation.
-struct ReleasePart {
-    Whole* whole;
-    void operator()(void*) const noexcept {
-        // Each thread releases its use of the bytes; the last one acquires all of them.
-        if (whole->parts.fetch_sub(1, std::memory_order_acq_rel) == 1) {
-            delete whole;
-        }
-    }
-};
-
 } // namespace
 
 namespace detail {
@@ -280,6 +263,58 @@ void ByteBuffer::trimBack(std::size_t n) {
     }
 }
 
+// What the parts of a split buffer share: the buffer as it was, freed with the last of its shares.
+struct ByteBuffer::Whole {
+    ByteBuffer buffer;
+    std::atomic<std::size_t> shares;
+};
+
+// The deleter of a part, small enough for a std::function to store it without an allocation. A part
+// that is split has shares in stock, so that the common count need not change for each split.
+struct ByteBuffer::ReleasePart {
+    Whole* whole;
+    std::size_t shares;
+    void operator()(void*) const noexcept {
+        // Releases this thread's use of the bytes; the last one acquires all of them.
+        if (whole->shares.fetch_sub(shares, std::memory_order_acq_rel) == shares) {
+            delete whole;
+        }
+    }
+};
+
+// A share of what owns the bytes, which is on the heap then. Precondition: there are bytes.
+ByteBuffer::ReleasePart ByteBuffer::share() {
+    auto* mine = isExternal() ? deleter_.target<ReleasePart>() : nullptr;
+    if (mine == nullptr || mine->shares == 1) {
+        mine = &restock(mine);
+    }
+    --mine->shares;
+    return {mine->whole, 1};
+}
+
+// Takes more shares into stock. Without any yet, moves what owns the bytes to the heap.
+ByteBuffer::ReleasePart& ByteBuffer::restock(ReleasePart* mine) {
+    constexpr std::size_t added = 65536;
+    if (mine == nullptr) {
+        auto whole = std::make_unique<Whole>();
+        whole->shares = added;
+        ByteBuffer all(bytes_.data(), size(), ReleasePart{whole.get(), added});
+        whole.release()->buffer = std::move(*this);
+        *this = std::move(all);
+        return *deleter_.target<ReleasePart>();
+    }
+    mine->whole->shares.fetch_add(added, std::memory_order_relaxed);
+    mine->shares += added;
+    return *mine;
+}
+
+// A part of the bytes, all of which this buffer keeps. Precondition: it is within them, and not
+// empty.
+ByteBuffer ByteBuffer::sharePart(std::size_t offset, std::size_t count) {
+    ReleasePart const part = share();
+    return ByteBuffer(bytes_.data() + offset, count, part);
+}
+
 ByteBuffer ByteBuffer::splitFront(std::size_t n) {
     if (n > size()) {
         detail::throwOutOfRange("Requested to remove more bytes than exist");
@@ -290,26 +325,10 @@ ByteBuffer ByteBuffer::splitFront(std::size_t n) {
     if (n == size()) {
         return std::move(*this);
     }
-    ByteBuffer front = share(0, n);
+    std::byte* const first = bytes_.data();
+    ReleasePart const part = share();
     bytes_.trimFront(n);
-    return front;
-}
-
-// A part of the bytes, which this buffer keeps as well. This one is then in external form.
-// Precondition: the part is within the bytes and not empty.
-ByteBuffer ByteBuffer::share(std::size_t offset, std::size_t count) {
-    ReleasePart const* part = isExternal() ? deleter_.target<ReleasePart>() : nullptr;
-    if (part == nullptr) {
-        auto whole = std::make_unique<Whole>();
-        Block all(bytes_.data(), ReleasePart{whole.get()});
-        std::size_t const length = size();
-        whole.release()->buffer = std::move(*this);
-        *this = ByteBuffer(std::move(all), length);
-        part = deleter_.target<ReleasePart>();
-    }
-    Block shared(bytes_.data() + offset, *part);
-    part->whole->parts.fetch_add(1, std::memory_order_relaxed);
-    return ByteBuffer(std::move(shared), count);
+    return ByteBuffer(first, n, part);
 }
 
 // Preconditions: holdsVector(), and n is at most its capacity.

@@ -42,15 +42,6 @@ void GrowingBytes::reallocate(std::size_t capacity) {
     capacity_ = capacity;
 }
 
-void GrowingBytes::trimFront(std::size_t n) noexcept {
-    size_ -= n;
-    if (capacity_ == 0) {
-        data_ += n;
-    } else if (n != 0) {
-        std::memmove(data_, data_ + n, size_);
-    }
-}
-
 // Not inline, so that the library's std::free is called: each module may have one of its own.
 void GrowingBytes::release(std::byte* data) noexcept { std::free(data); }
 

@@ -15,10 +15,13 @@ void GenericPayloadWrapperRefCount::addRef() {
     ++count_;
 }
 
-void GenericPayloadWrapperRefCount::release() noexcept {
+void GenericPayloadWrapperRefCount::release() noexcept { release(1); }
+
+void GenericPayloadWrapperRefCount::release(std::uint32_t references) noexcept {
     {
         std::lock_guard const lock(mutex_);
-        if (--count_ != 0) {
+        count_ -= references;
+        if (count_ != 0) {
             return;
         }
     }

@@ -7,6 +7,7 @@
 #include <functional>
 #include <new>
 #include <stdexcept>
+#include <typeinfo>
 
 namespace courier::hub::serialisation {
 
@@ -33,17 +34,9 @@ ByteBufferByteStreamImpl::~ByteBufferByteStreamImpl() = default;
 
 ByteStreamIterator ByteBufferByteStreamImpl::begin() { return ByteStreamIterator(*this); }
 
-ByteStreamCharIterator& ByteStreamCharIterator::operator++() {
-    if (!inner_) {
-        throwAtEnd();
-    }
-    if (inner_->source_ == nullptr) {
-        inner_.reset();
-        current_.reset();
-    } else {
-        current_ = toChar(*(*inner_)++);
-    }
-    return *this;
+// A derived class may override what the iterator would inline.
+bool ByteStreamIterator::isBuffer(ByteStreamImpl const& source) noexcept {
+    return typeid(source) == typeid(ByteBufferByteStreamImpl);
 }
 
 namespace detail {
@@ -134,7 +127,7 @@ ByteBuffer ByteBufferIStreambuf::take(std::size_t n) {
         return takeCopy(n);
     }
     auto const offset = static_cast<std::size_t>(unread().data() - owned_->data());
-    ByteBuffer taken = owned_->share(offset, n);
+    ByteBuffer taken = owned_->sharePart(offset, n);
     passOver(n);
     return taken;
 }
@@ -207,16 +200,14 @@ std::streamsize ByteBufferOStreambuf::xsputn(char const* s, std::streamsize n) {
     if (n <= 0) {
         return 0;
     }
-    reserveFor(static_cast<std::size_t>(n));
-    detail::copyBytes(pptr(), s, static_cast<std::size_t>(n));
-    setp(pptr() + n, epptr());
+    auto const count = static_cast<std::size_t>(n);
+    char* const to = reinterpret_cast<char*>(prepare(count).data());
+    detail::copyBytes(to, s, count);
+    setp(to + count, epptr());
     return n;
 }
 
-void ByteBufferOStreambuf::reserveFor(std::size_t added) {
-    if (added <= room()) {
-        return;
-    }
+void ByteBufferOStreambuf::grow(std::size_t added) {
     std::size_t const written = size();
     if (added > detail::longest - written) {
         detail::throwTooLong();

@@ -352,6 +352,11 @@ private:
         takeOwner(other);
     }
 
+    struct Whole;
+    struct ReleasePart;
+    template <class Release> ByteBuffer(std::byte* block, std::size_t size, Release const& release)
+        : block_(block), bytes_(block, size), deleter_(release) {}
+
     [[nodiscard]] bool isExternal() const noexcept { return block_ != nullptr; }
     [[nodiscard]] bool holdsVector() const noexcept { return !isExternal() && bytes_.isBorrowed(); }
 
@@ -406,7 +411,9 @@ private:
         takeOwner(other);
     }
 
-    [[nodiscard]] ByteBuffer share(std::size_t offset, std::size_t count);
+    [[nodiscard]] ReleasePart share();
+    [[nodiscard]] ReleasePart& restock(ReleasePart* mine);
+    [[nodiscard]] ByteBuffer sharePart(std::size_t offset, std::size_t count);
     void appendBeyondRoom(ByteBufferView view);
     void pushBackBeyondRoom(std::byte b);
     void resizeVector(std::size_t n);

@@ -107,8 +107,11 @@ public:
     [[nodiscard]] std::shared_ptr<Sentinel> getSentinel() const;
 
 private:
-    friend class GenericPayloadWrapperPtr; // sets the count to 1 without a lock
-    std::uint32_t count_ = 0;              // guarded by mutex_
+    friend class GenericPayloadWrapperPtr; // sets the count without a lock
+    friend class FanOutReferences;         // the same, and drops several at once
+    void release(std::uint32_t references) noexcept;
+
+    std::uint32_t count_ = 0; // guarded by mutex_
     std::shared_ptr<Sentinel> sentinel_;
     std::mutex mutex_;
 };

@@ -60,7 +60,8 @@ public:
 /// source's position is one past it.
 ///
 /// It owns nothing. Copies share the source, which must outlive them. If an operation throws, the
-/// iterator is unchanged. Each step costs two virtual calls.
+/// iterator is unchanged. A step over a source that is exactly a ByteBufferByteStreamImpl is
+/// inlined; over any other it costs two virtual calls: operator bool(), then getByte().
 class ByteStreamIterator {
 public:
     /// Required by std::iterator_traits.
@@ -87,11 +88,9 @@ public:
 
     /// Reads the next byte of the source. Makes the end iterator if there is none. Throws what the
     /// source throws.
-    ByteStreamIterator(ByteStreamImpl& source COURIER_HUB_SERIALISATION_LIFETIMEBOUND) {
-        if (source) {
-            current_ = source.getByte();
-            source_ = &source;
-        }
+    ByteStreamIterator(ByteStreamImpl& source COURIER_HUB_SERIALISATION_LIFETIMEBOUND)
+        : source_(&source), isBuffer_(isBuffer(source)) {
+        ++*this;
     }
 
     /// The byte here. Throws std::out_of_range "Attempt to dereference an invalid
@@ -105,18 +104,7 @@ public:
 
     /// Reads the next byte, or becomes the end iterator. Throws std::out_of_range "Attempt to
     /// increment the end ByteStreamIterator" at the end, and what the source throws.
-    ByteStreamIterator& operator++() {
-        if (source_ == nullptr) {
-            throwAtEnd();
-        }
-        if (*source_) {
-            current_ = source_->getByte();
-        } else {
-            source_ = nullptr;
-            current_.reset();
-        }
-        return *this;
-    }
+    inline ByteStreamIterator& operator++();
 
     /// The same. Returns a holder of the byte at the old position.
     PostIncrementHolder operator++(int) {
@@ -140,8 +128,12 @@ private:
         detail::throwOutOfRange("Attempt to increment the end ByteStreamIterator");
     }
 
+    [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT static bool
+    isBuffer(ByteStreamImpl const& source) noexcept;
+
     ByteStreamImpl* source_ = nullptr; // null at the end, and only there
     std::optional<std::byte> current_; // empty at the end, and only there
+    bool isBuffer_ = false;            // source_ is exactly a ByteBufferByteStreamImpl
 };
 
 static_assert(std::is_trivially_copyable_v<ByteStreamIterator>);
@@ -189,7 +181,18 @@ public:
 
     /// Moves to the next character, or becomes the end iterator. Throws std::out_of_range "Attempt
     /// to increment the end ByteStreamCharIterator" at the end, and what the source throws.
-    COURIER_HUB_SERIALISATION_EXPORT ByteStreamCharIterator& operator++();
+    ByteStreamCharIterator& operator++() {
+        if (!inner_) {
+            throwAtEnd();
+        }
+        if (inner_->source_ == nullptr) {
+            inner_.reset();
+            current_.reset();
+        } else {
+            current_ = toChar(*(*inner_)++);
+        }
+        return *this;
+    }
 
     /// The same. Returns a holder of the character at the old position.
     PostIncrementHolder operator++(int) {
@@ -250,10 +253,31 @@ public:
     }
 
 private:
+    friend class ByteStreamIterator; // reads in place
+
     ByteBuffer buffer_;     // its bytes keep their address when it is moved
     std::byte const* next_; // equal to end_ at the end
     std::byte const* end_;
 };
+
+inline ByteStreamIterator& ByteStreamIterator::operator++() {
+    if (source_ == nullptr) {
+        throwAtEnd();
+    }
+    if (isBuffer_) {
+        auto& buffer = static_cast<ByteBufferByteStreamImpl&>(*source_);
+        if (buffer.next_ != buffer.end_) {
+            current_ = *buffer.next_++;
+            return *this;
+        }
+    } else if (*source_) {
+        current_ = source_->getByte();
+        return *this;
+    }
+    source_ = nullptr;
+    current_.reset();
+    return *this;
+}
 
 /// The owner of one source; a std::ranges::input_range. Use it to pass bytes to code that need not
 /// know where they come from. To read in bulk, use a std::istream over one of the stream buffers
@@ -472,7 +496,9 @@ public:
     /// and unless this object is moved. Grows as a write of n bytes does, and throws what that
     /// throws.
     [[nodiscard]] std::span<std::byte> prepare(std::size_t n) {
-        reserveFor(n);
+        if (n > room()) {
+            grow(n);
+        }
         return {reinterpret_cast<std::byte*>(pptr()), room()};
     }
 
@@ -498,7 +524,7 @@ private:
     [[nodiscard]] std::size_t room() const noexcept {
         return static_cast<std::size_t>(epptr() - pptr());
     }
-    void reserveFor(std::size_t added);
+    void grow(std::size_t added);
     void setCapacity(std::size_t capacity);
     void swap(ByteBufferOStreambuf& other) noexcept;
 

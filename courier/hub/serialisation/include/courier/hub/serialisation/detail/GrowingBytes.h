@@ -113,7 +113,14 @@ public:
 
     // Removes the first, or the last, n bytes. When the first are removed, borrowed bytes keep
     // their address and owned ones move to the front. Precondition: n <= size().
-    COURIER_HUB_SERIALISATION_EXPORT void trimFront(std::size_t n) noexcept;
+    void trimFront(std::size_t n) noexcept {
+        size_ -= n;
+        if (capacity_ == 0) {
+            data_ += n;
+        } else if (n != 0) {
+            std::memmove(data_, data_ + n, size_);
+        }
+    }
     void trimBack(std::size_t n) noexcept { size_ -= n; }
 
 private:
