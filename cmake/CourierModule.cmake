@@ -10,6 +10,7 @@ include(CheckLinkerFlag)
 function(courier_add_module name)
     add_library(${name} MODULE ${ARGN})
     target_link_libraries(${name} PRIVATE courier::hub::serialisation)
+    target_compile_definitions(${name} PRIVATE COURIER_MODULE_NAME="${name}") # see TypeID.h
     set_target_properties(${name} PROPERTIES
         PREFIX ""
         CXX_VISIBILITY_PRESET hidden

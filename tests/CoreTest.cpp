@@ -17,9 +17,10 @@ struct Mine {};
 } // namespace
 
 TEST(TypeID, GivesWhatBelongsToAFileAnIdentifierOfItsOwn) {
-    using courier::hub::core::hashTypeText;
+    using courier::hub::core::getTypeName, courier::hub::core::hashTypeText;
     std::string const file = __BASE_FILE__;
     EXPECT_EQ(getTypeID<OfThisFile>(), hashTypeText("i<{anonymous}::OfThisFile in " + file));
+    EXPECT_EQ(getTypeName<OfThisFile&>(), "{anonymous}::OfThisFile in " + file);
     EXPECT_EQ(getTypeID<OfThisFile const*>(),
               hashTypeText("i<{anonymous}::OfThisFile const* in " + file));
     EXPECT_NE(getTypeID<OfThisFileToo<int>>(), getTypeID<OfThisFileToo<long>>());

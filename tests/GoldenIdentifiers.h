@@ -48,7 +48,8 @@ static_assert(hashTypeText("abc") == 0x68FE5A6E75DA685E);
 static_assert(hashTypeText("\x80\xFF") == 0x17846F076B110E00);
 
 #define STRING "std::basic_string<char,std::char_traits<char>,std::allocator<char>>"
-#define GOLDEN(id, text, ...) static_assert(getTypeID<__VA_ARGS__>() == id, text);
+#define GOLDEN(id, text, ...)                                                                      \
+    static_assert(getTypeID<__VA_ARGS__>() == id && getTypeName<__VA_ARGS__>() == text, text);
 #include "GoldenIdentifiers.def"
 #undef GOLDEN
 #undef STRING

@@ -20,7 +20,7 @@ find_program(OTHER_CXX ${other} DOC "The compiler whose modules must get on with
 if(OTHER_CXX)
     add_custom_command(OUTPUT ${there}
         COMMAND ${OTHER_CXX} -std=c++20 -O1 -fPIC -shared -o ${there}
-            -fvisibility=hidden -fvisibility-inlines-hidden -DWIRE_FORMAT=\"there\"
+            -fvisibility=hidden -fvisibility-inlines-hidden -DWIRE_FORMAT=\"there\" -DCOURIER_MODULE_NAME=\"there\"
             "-I$<JOIN:$<TARGET_PROPERTY:module_here,INCLUDE_DIRECTORIES>,;-I>"
             -MD -MF ${there}.d -MT ${there} ${CMAKE_CURRENT_SOURCE_DIR}/modules/module.cpp
             $<TARGET_FILE:courier_hub_serialisation> $<TARGET_FILE:bedrock>

@@ -4,6 +4,7 @@
 
 #include <courier/hub/core/detail/TypeSpelling.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <type_traits>
@@ -54,14 +55,54 @@ constexpr std::uint64_t hashTypeText(std::string_view text) noexcept {
     return hash.value();
 }
 
+namespace detail {
+template <class T, class Out> constexpr void spellTypeOfModule(Out& out) noexcept {
+    spellType<T>(out);
+    if constexpr (isOfOneFile(compilersName<T>())) {
+        out.add(" in ");
+#ifdef COURIER_MODULE_NAME
+        out.add(COURIER_MODULE_NAME " ");
+#endif
+        out.add(__BASE_FILE__);
+    }
+}
+
+struct Length {
+    constexpr void add(std::string_view piece) noexcept { value += piece.size(); }
+    std::size_t value = 0;
+};
+template <class T> constexpr auto textOfType() noexcept {
+    constexpr std::size_t length = [] {
+        Length counted;
+        spellTypeOfModule<T>(counted);
+        return counted.value;
+    }();
+    Text<length> text;
+    spellTypeOfModule<T>(text);
+    return text;
+}
+// Hidden: g++ makes it a unique symbol otherwise, with which a module is never unloaded.
+template <class T>
+#ifndef _WIN32
+[[gnu::visibility("hidden")]]
+#endif
+inline constexpr auto typeText = textOfType<T>();
+} // namespace detail
+
 /// The identifier of a type: a constant that is equal in every module for equal types, whether
 /// built by g++ or clang, with libstdc++ or libc++. References and top-level const and volatile are
 /// ignored. T may be incomplete.
 ///
 /// A type that belongs to one file (in an unnamed namespace, local to a function, or composed of
-/// such a type) has a different identifier in each file. It is made of the type's name and the name
-/// of the main source file, as passed to the compiler. Use such types within their file only, in
-/// tests for example.
+/// such a type) has a different identifier in each file. It is made of the type's name, the name of
+/// the module, and the name of the main source file, as passed to the compiler. Use such types
+/// within their file only, in tests for example.
+///
+/// courier_add_module() defines the module's name, COURIER_MODULE_NAME, a string literal. Define it
+/// for modules that are built by other means: if two of them compile a file of one relative path,
+/// or under a -ffile-prefix-map that makes it so, the compiler calls both files the same. Without
+/// it, such a type of one module has the identifier of the type of that name in the other, and
+/// get() takes one for the other.
 ///
 /// Local classes need care:
 ///  - clang does not name the function that contains a class. The class has the identifier of a
@@ -90,14 +131,16 @@ template <class T> constexpr std::uint64_t getTypeID() noexcept {
         using Type = std::remove_cvref_t<T>;
         TypeTextHash hash;
         hash.add("i<");
-        detail::spellType<Type>(hash);
-        if constexpr (detail::isOfOneFile(detail::compilersName<Type>())) {
-            hash.add(" in ");
-            hash.add(__BASE_FILE__);
-        }
+        detail::spellTypeOfModule<Type>(hash);
         return hash.value();
     }();
     return id;
+}
+
+/// The name of a type, as getTypeID() hashes it: hashTypeText("i<" + name) is the identifier. For
+/// messages: compilers' own names differ.
+template <class T> constexpr std::string_view getTypeName() noexcept {
+    return detail::typeText<std::remove_cvref_t<T>>.view();
 }
 
 static_assert(getTypeID<void>() == 0x5BE70EF845054701,
