@@ -6,9 +6,10 @@
 #include <courier/hub/serialisation/Registration.h>
 
 #include <chrono>
-#include <cstddef>
+#include <functional>
 #include <future>
 #include <iostream>
+#include <memory>
 #include <ostream>
 #include <system_error>
 #include <utility>
@@ -42,9 +43,8 @@ void writeOnThreads(Catalogue const& catalogue) {
     std::vector<std::future<ByteBuffer>> written;
     for (GenericSerialiser& each : serialisers) {
         written.push_back(std::async(std::launch::async, [serialise = std::move(each)]() mutable {
-            GenericSerialiser const mine = std::move(serialise); // destroyed on return
             ByteBufferOStream out;
-            mine(out);
+            std::move(serialise)(out); // releases its share of the payload, even if it throws
             return out.release();
         }));
     }
@@ -52,6 +52,23 @@ void writeOnThreads(Catalogue const& catalogue) {
     for (std::future<ByteBuffer>& bytes : written) {
         std::cout << bytes.get().size() << " bytes\n"; // throws what the write threw
     }
+}
+
+void writeInPool(Catalogue const& catalogue) {
+    std::vector<std::function<void()>> pool; // whose tasks must be copyable
+    auto [serialisers, sentinel] = createSerialisersFor(makePayload(), catalogue, "text");
+    for (GenericSerialiser& each : serialisers) {
+        auto serialise = std::make_shared<GenericSerialiser>(std::move(each));
+        pool.emplace_back([serialise] {
+            ByteBufferOStream out;
+            std::invoke(std::move(*serialise),
+                        out); // the payload is released even if the task is kept
+        });
+    }
+    for (std::function<void()> const& task : pool) {
+        task();
+    }
+    std::cout << "released: " << sentinel->isReleased() << '\n';
 }
 
 void stopWriting(Catalogue const& catalogue) {
@@ -80,5 +97,6 @@ int main() {
     Catalogue catalogue;
     addWriter<Sheet>(catalogue, "text", writeSheet);
     writeOnThreads(catalogue);
+    writeInPool(catalogue);
     stopWriting(catalogue);
 }

@@ -34,7 +34,7 @@ int main(int count, char** arguments) {
         return 2;
     }
     try {
-        std::string const text = "21.5";
+        std::string const text = "21.5\n";
         std::cout << decode(arguments[1], ByteBufferView(text)) << " degrees\n";
     } catch (std::exception const& error) {
         std::cerr << "host: " << error.what() << '\n';

@@ -23,7 +23,7 @@ void writeText(Temperature const& temperature, std::ostream& out) {
 
 Temperature readText(std::istream& in) {
     Temperature temperature{};
-    if (!(in >> temperature.celsius)) {
+    if (!(in >> temperature.celsius) || in.get() != '\n') {
         throw std::runtime_error("not a temperature");
     }
     return temperature;

@@ -30,7 +30,7 @@ void writeOrder(Order const& order, Customer const& customer, std::ostream& out)
 std::tuple<Order, Customer> readOrder(std::istream& in) {
     Order order{};
     Customer customer;
-    if (!(in >> order.number >> customer.name)) {
+    if (!(in >> order.number >> customer.name) || in.get() != '\n') {
         throw std::runtime_error("not an order and its customer");
     }
     return {order, customer};

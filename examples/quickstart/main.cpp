@@ -11,7 +11,7 @@ struct Price {
 void writePrice(Price const& price, std::ostream& out) { out << price.cents << '\n'; }
 Price readPrice(std::istream& in) {
     Price price{};
-    return in >> price.cents ? price : throw std::runtime_error("not a price");
+    return in >> price.cents && in.get() == '\n' ? price : throw std::runtime_error("not a price");
 }
 
 int main() {

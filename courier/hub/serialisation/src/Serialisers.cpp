@@ -27,12 +27,21 @@ GenericSerialiser& GenericSerialiser::operator=(GenericSerialiser&& other) {
     return *this;
 }
 
-void GenericSerialiser::operator()(std::ostream& out) const {
+void GenericSerialiser::operator()(std::ostream& out) const& {
     routine_(stopSource_.get_token(), out);
 }
 
-void GenericSerialiser::operator()(stop_token token, std::ostream& out) const {
+void GenericSerialiser::operator()(stop_token token, std::ostream& out) const& {
     routine_(std::move(token), out);
+}
+
+void GenericSerialiser::operator()(std::ostream& out) && {
+    std::move(*this)(stopSource_.get_token(), out);
+}
+
+void GenericSerialiser::operator()(stop_token token, std::ostream& out) && {
+    Routine const released = std::exchange(routine_, nullptr);
+    released(std::move(token), out);
 }
 
 // GenericDeserialiser

@@ -81,10 +81,16 @@ public:
     ~GenericSerialiser() = default;
 
     /// Calls the routine with a token of the serialiser's own stop source.
-    void operator()(std::ostream& out) const;
+    void operator()(std::ostream& out) const&;
 
     /// Calls the routine with this token instead.
-    void operator()(stop_token token, std::ostream& out) const;
+    void operator()(stop_token token, std::ostream& out) const&;
+
+    /// The same for an rvalue, as in std::move(serialiser)(out). Then releases the routine, and its
+    /// share of the payload with it, even when the routine throws. The serialiser has an empty
+    /// routine from the start of the call.
+    void operator()(std::ostream& out) &&;
+    void operator()(stop_token token, std::ostream& out) &&;
 
     /// The source through which this serialiser can be stopped; empty if it has none.
     [[nodiscard]] stop_source getStopSource() const { return stopSource_; }

@@ -45,7 +45,10 @@ public:
         condition_.notify_all();
     }
 
-    /// Blocks until it is released.
+    /// Blocks until it is released. **Whatever holds a serialiser keeps the payload, even after the
+    /// serialiser has written:** a std::future holds its task, and what that captured, until the
+    /// future is destroyed, and a thread pool may hold its task objects. In a task, call
+    /// std::move(serialiser)(out), which releases the payload as soon as it is written.
     void wait() const {
         std::unique_lock<std::mutex> lock(mutex_);
         condition_.wait(lock, [this] { return released_; });
