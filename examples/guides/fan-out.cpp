@@ -61,8 +61,7 @@ void writeInPool(Catalogue const& catalogue) {
         auto serialise = std::make_shared<GenericSerialiser>(std::move(each));
         pool.emplace_back([serialise] {
             ByteBufferOStream out;
-            std::invoke(std::move(*serialise),
-                        out); // the payload is released even if the task is kept
+            std::invoke(std::move(*serialise), out); // frees its share even if the task is kept
         });
     }
     for (std::function<void()> const& task : pool) {
