@@ -3,17 +3,19 @@
 #define COURIER_EXAMPLES_FORMATS_PROTOBUF_FORMAT_H
 
 #include "examples/formats/ReadLimit.h"
+#include "examples/formats/WriteBlock.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Registration.h>
 
 #include <google/protobuf/message_lite.h>
 
-#include <array>
+#include <algorithm>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -28,36 +30,26 @@ void writeMessage(Message const& message, std::ostream& target,
     if (size > std::numeric_limits<int>::max()) {
         throw std::runtime_error("a message cannot be longer than 2 GiB");
     }
-    // The encoder is not exception-safe, so it writes to memory, not to the stream.
-    hub::serialisation::ByteBuffer bytes(size);
-    if (!message.SerializePartialToArray(bytes.data(), static_cast<int>(size))) {
-        throw std::runtime_error("the message cannot be written");
-    }
     hub::serialisation::StoppableOStream out(stop, target);
-    out.write(reinterpret_cast<char const*>(bytes.data()), static_cast<std::streamsize>(size));
-}
-
-/// The bytes up to the end of a stream that does not have them in memory.
-inline hub::serialisation::ByteBuffer readAll(std::istream& in, ReadBudget& budget) {
-    hub::serialisation::ByteBufferOStream all;
-    std::array<char, 65536> piece;
-    while (in.read(piece.data(), piece.size()), in.gcount() > 0) {
-        budget.spend(static_cast<std::uint64_t>(in.gcount()));
-        all.write(piece.data(), in.gcount());
-    }
-    return all.release();
+    // The encoder is not exception-safe, so it writes to memory, not to the stream.
+    writeBlock(out, size, [&](std::span<std::byte> room) {
+        message.SerializeWithCachedSizesToArray(reinterpret_cast<std::uint8_t*>(room.data()));
+        return size;
+    });
 }
 
 /// Reads a message to the end of the stream: in place, if the stream has its bytes in memory.
 template <std::derived_from<google::protobuf::MessageLite> Message>
 Message readMessage(std::istream& in, ReadBudget budget) {
     using namespace hub::serialisation;
-    auto const inPlace = unread(in);
-    ByteBuffer const copied = inPlace ? ByteBuffer() : readAll(in, budget);
-    ByteBufferView const bytes = inPlace.value_or(ByteBufferView(copied));
     // An empty element of a list is two bytes, which become an object.
     constexpr std::uint64_t memoryPerByte = 64;
-    if (bytes.size() > std::numeric_limits<int>::max()) {
+    constexpr std::size_t longest = std::numeric_limits<int>::max();
+    auto const inPlace = unread(in);
+    ByteBuffer const copied =
+        inPlace ? ByteBuffer() : take(in, std::min(budget.left(), longest) + 1);
+    ByteBufferView const bytes = inPlace.value_or(ByteBufferView(copied));
+    if (bytes.size() > longest) {
         throw std::runtime_error("a message cannot be longer than 2 GiB");
     }
     budget.spend(bytes.size() * memoryPerByte);

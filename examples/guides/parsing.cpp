@@ -9,9 +9,11 @@
 #include <charconv>
 #include <cstddef>
 #include <iostream>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 using namespace courier::hub::serialisation;
 
@@ -22,7 +24,7 @@ std::string_view text(ByteBufferView bytes) {
 }
 
 // Reads one message and returns its body, in place. The stream is then at the next message.
-ByteBufferView readMessage(ByteBufferIStream& in) {
+ByteBuffer readMessage(ByteBufferIStream& in) {
     std::size_t length = 0;
     for (std::string line; std::getline(in, line) && !line.empty();) {
         constexpr std::string_view name = "length: ";
@@ -37,9 +39,24 @@ ByteBufferView readMessage(ByteBufferIStream& in) {
     if (!in || length > in.unread().size()) {
         throw std::runtime_error("the message ends too early");
     }
-    ByteBufferView const body = in.unread().first(length);
-    in.skip(length);
-    return body;
+    return in.take(length);
+}
+
+// Receives once, and returns the messages that are complete: a byte that says how long a message
+// is, and as many bytes. Leaves the beginning of the next one in `rest`.
+std::vector<ByteBuffer> receive(std::istream& socket, ByteBuffer& rest) {
+    constexpr std::size_t most = 65536;
+    rest.resize(rest.size() + most); // moves the beginning to a block of its own
+    socket.read(reinterpret_cast<char*>(rest.data() + rest.size() - most), most);
+    rest.trimBack(most - static_cast<std::size_t>(socket.gcount()));
+
+    std::vector<ByteBuffer> messages;
+    auto const next = [&] { return 1 + std::to_integer<std::size_t>(rest.front()); };
+    while (!rest.empty() && next() <= rest.size()) {
+        messages.push_back(rest.splitFront(next()));
+        messages.back().trimFront(1);
+    }
+    return messages;
 }
 
 // Writes a message whose length is known only once its body is written.
@@ -71,7 +88,7 @@ int main() {
 
     ByteBufferIStream in(std::move(bytes));
     std::cout << '"' << text(readMessage(in)) << "\"\n";
-    ByteBufferView const second = readMessage(in);
+    ByteBuffer const second = readMessage(in);
     bool const inPlace = second.data() + second.size() == end;
     std::cout << '"' << text(second) << (inPlace ? "\", in place\n" : "\", copied\n");
 
@@ -81,4 +98,11 @@ int main() {
     } catch (std::runtime_error const& error) {
         std::cout << error.what() << '\n';
     }
+
+    std::istringstream socket("\x5hello\x3you\x9the be");
+    ByteBuffer rest;
+    for (ByteBuffer const& message : receive(socket, rest)) {
+        std::cout << '"' << text(message) << "\"\n";
+    }
+    std::cout << rest.size() << " bytes of the next message\n";
 }

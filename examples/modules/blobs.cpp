@@ -3,6 +3,7 @@
 
 #include "examples/elements/Blob.h"
 #include "examples/formats/ReadLimit.h"
+#include "examples/formats/WriteBlock.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Module.h>
@@ -30,9 +31,7 @@ namespace courier::examples {
 
 namespace {
 
-using hub::serialisation::ByteBufferOStream;
-using hub::serialisation::stop_token;
-using hub::serialisation::StoppableOStream;
+using namespace hub::serialisation;
 
 constexpr std::size_t chunkSize = std::size_t{256} << 10;
 
@@ -47,17 +46,16 @@ struct Step {
 template <class Compress> void writeCompressed(Blob const& blob, std::ostream& target,
                                                stop_token const& stop, Compress compress) {
     StoppableOStream out(stop, target);
-    auto const bytes = blob.bytes();
-    std::span<std::byte const> rest(bytes.data(), bytes.size());
-    std::vector<char> output(chunkSize);
-    bool ended = false;
-    while (!ended) {
+    std::span<std::byte const> rest(blob.bytes());
+    for (bool ended = false; !ended;) {
         out.throwIfStopped();
-        auto const input = rest.first(std::min(rest.size(), chunkSize));
-        Step const step = compress(input, output, input.size() == rest.size());
-        out.write(output.data(), static_cast<std::streamsize>(step.produced));
-        rest = rest.subspan(step.consumed);
-        ended = step.ended;
+        writeBlock(out, chunkSize, [&](std::span<std::byte> output) {
+            auto const input = rest.first(std::min(rest.size(), chunkSize));
+            Step const step = compress(input, output, input.size() == rest.size());
+            rest = rest.subspan(step.consumed);
+            ended = step.ended;
+            return step.produced;
+        });
     }
 }
 
@@ -65,23 +63,26 @@ template <class Compress> void writeCompressed(Blob const& blob, std::ostream& t
 // decompressed bytes, never for a length that the data claims.
 template <class Decompress>
 Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) {
-    std::vector<char> buffer(chunkSize);
-    std::vector<char> output(chunkSize);
-    std::span<char const> input;
+    std::vector<std::byte> buffer(chunkSize);
+    std::span<std::byte const> input;
     ByteBufferOStream bytes;
-    Step step{0, 0, false};
-    while (!step.ended) {
-        if (input.empty() && step.produced < output.size()) {
-            in.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+    bool isMore = false; // decompressed bytes for which there was no room
+    for (bool ended = false; !ended;) {
+        if (input.empty() && !isMore) {
+            in.read(reinterpret_cast<char*>(buffer.data()),
+                    static_cast<std::streamsize>(buffer.size()));
             input = std::span(buffer).first(static_cast<std::size_t>(in.gcount()));
             if (input.empty()) {
                 throw std::runtime_error("the data ends too early");
             }
         }
-        step = decompress(input, output);
-        input = input.subspan(step.consumed);
+        auto const output = bytes.prepare(chunkSize).first(chunkSize);
+        Step const step = decompress(input, output);
         budget.spend(step.produced);
-        bytes.write(output.data(), static_cast<std::streamsize>(step.produced));
+        bytes.commit(step.produced);
+        input = input.subspan(step.consumed);
+        isMore = step.produced == output.size();
+        ended = step.ended;
     }
     if (!input.empty() || in.peek() != std::istream::traits_type::eof()) {
         throw std::runtime_error("bytes follow the end of the data");
@@ -94,26 +95,25 @@ Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) 
 void writeRaw(Blob const& blob, std::ostream& target, stop_token const& stop) {
     StoppableOStream out(stop, target);
     auto const bytes = blob.bytes();
+    static_cast<void>(prepare(out, bytes.size())); // so that a block need not grow
     // Written in place: the stream cuts them into pieces.
     out.write(reinterpret_cast<char const*>(bytes.data()),
               static_cast<std::streamsize>(bytes.size()));
 }
 
+// A part of the received block, if the stream owns that.
 Blob readRaw(std::istream& in, ReadBudget budget) {
-    std::vector<char> chunk(chunkSize);
-    ByteBufferOStream bytes;
-    while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())), in.gcount() > 0) {
-        budget.spend(static_cast<std::uint64_t>(in.gcount()));
-        bytes.write(chunk.data(), in.gcount());
-    }
-    return Blob(bytes.release());
+    std::uint64_t const most = budget.left();
+    ByteBuffer bytes = take(in, std::max(most, most + 1)); // one more shows that there is too much
+    budget.spend(bytes.size());
+    return Blob(std::move(bytes));
 }
 
 // deflate: a zlib stream, which ends with a checksum
 
 using ZlibEnd = std::unique_ptr<z_stream, int (*)(z_stream*)>;
 
-void give(z_stream& zlib, std::span<Bytef const> input, std::span<char> output) {
+void give(z_stream& zlib, std::span<Bytef const> input, std::span<std::byte> output) {
     zlib.next_in = input.data();
     zlib.avail_in = static_cast<uInt>(input.size());
     zlib.next_out = reinterpret_cast<Bytef*>(output.data());
@@ -126,12 +126,13 @@ void writeDeflate(Blob const& blob, std::ostream& out, stop_token const& stop) {
         throw std::bad_alloc();
     }
     ZlibEnd const end(&zlib, deflateEnd);
-    writeCompressed(blob, out, stop, [&](auto input, std::span<char> output, bool isLastInput) {
-        give(zlib, {reinterpret_cast<Bytef const*>(input.data()), input.size()}, output);
-        int const result = deflate(&zlib, isLastInput ? Z_FINISH : Z_NO_FLUSH);
-        return Step{input.size() - zlib.avail_in, output.size() - zlib.avail_out,
-                    result == Z_STREAM_END};
-    });
+    writeCompressed(
+        blob, out, stop, [&](auto input, std::span<std::byte> output, bool isLastInput) {
+            give(zlib, {reinterpret_cast<Bytef const*>(input.data()), input.size()}, output);
+            int const result = deflate(&zlib, isLastInput ? Z_FINISH : Z_NO_FLUSH);
+            return Step{input.size() - zlib.avail_in, output.size() - zlib.avail_out,
+                        result == Z_STREAM_END};
+        });
 }
 
 Blob readDeflate(std::istream& in, ReadBudget budget) {
@@ -140,20 +141,21 @@ Blob readDeflate(std::istream& in, ReadBudget budget) {
         throw std::bad_alloc();
     }
     ZlibEnd const end(&zlib, inflateEnd);
-    return readCompressed(in, budget, [&](std::span<char const> input, std::span<char> output) {
-        give(zlib, {reinterpret_cast<Bytef const*>(input.data()), input.size()}, output);
-        int const result = inflate(&zlib, Z_NO_FLUSH);
-        if (result == Z_MEM_ERROR) {
-            throw std::bad_alloc();
-        }
-        // Z_BUF_ERROR means that it needs more input.
-        if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
-            throw std::runtime_error(std::string("the data is damaged: ") +
-                                     (zlib.msg != nullptr ? zlib.msg : zError(result)));
-        }
-        return Step{input.size() - zlib.avail_in, output.size() - zlib.avail_out,
-                    result == Z_STREAM_END};
-    });
+    return readCompressed(
+        in, budget, [&](std::span<std::byte const> input, std::span<std::byte> output) {
+            give(zlib, {reinterpret_cast<Bytef const*>(input.data()), input.size()}, output);
+            int const result = inflate(&zlib, Z_NO_FLUSH);
+            if (result == Z_MEM_ERROR) {
+                throw std::bad_alloc();
+            }
+            // Z_BUF_ERROR means that it needs more input.
+            if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
+                throw std::runtime_error(std::string("the data is damaged: ") +
+                                         (zlib.msg != nullptr ? zlib.msg : zError(result)));
+            }
+            return Step{input.size() - zlib.avail_in, output.size() - zlib.avail_out,
+                        result == Z_STREAM_END};
+        });
 }
 
 // zstd: one frame, which ends with a checksum
@@ -178,14 +180,15 @@ void writeZstd(Blob const& blob, std::ostream& out, stop_token const& stop) {
         throw std::bad_alloc();
     }
     requireSuccess(ZSTD_CCtx_setParameter(zstd.get(), ZSTD_c_checksumFlag, 1));
-    writeCompressed(blob, out, stop, [&](auto input, std::span<char> output, bool isLastInput) {
-        ZSTD_inBuffer source{input.data(), input.size(), 0};
-        ZSTD_outBuffer target{output.data(), output.size(), 0};
-        std::size_t const left = ZSTD_compressStream2(zstd.get(), &target, &source,
-                                                      isLastInput ? ZSTD_e_end : ZSTD_e_continue);
-        requireSuccess(left);
-        return Step{source.pos, target.pos, isLastInput && left == 0};
-    });
+    writeCompressed(
+        blob, out, stop, [&](auto input, std::span<std::byte> output, bool isLastInput) {
+            ZSTD_inBuffer source{input.data(), input.size(), 0};
+            ZSTD_outBuffer target{output.data(), output.size(), 0};
+            std::size_t const left = ZSTD_compressStream2(
+                zstd.get(), &target, &source, isLastInput ? ZSTD_e_end : ZSTD_e_continue);
+            requireSuccess(left);
+            return Step{source.pos, target.pos, isLastInput && left == 0};
+        });
 }
 
 Blob readZstd(std::istream& in, ReadBudget budget) {
@@ -197,13 +200,14 @@ Blob readZstd(std::istream& in, ReadBudget budget) {
     // must support 8 MiB; 128 MiB is the library's own limit.
     int const widest = std::clamp(static_cast<int>(std::bit_width(budget.left())) - 1, 23, 27);
     requireSuccess(ZSTD_DCtx_setParameter(zstd.get(), ZSTD_d_windowLogMax, widest));
-    return readCompressed(in, budget, [&](std::span<char const> input, std::span<char> output) {
-        ZSTD_inBuffer source{input.data(), input.size(), 0};
-        ZSTD_outBuffer target{output.data(), output.size(), 0};
-        std::size_t const left = ZSTD_decompressStream(zstd.get(), &target, &source);
-        requireSuccess(left);
-        return Step{source.pos, target.pos, left == 0};
-    });
+    return readCompressed(
+        in, budget, [&](std::span<std::byte const> input, std::span<std::byte> output) {
+            ZSTD_inBuffer source{input.data(), input.size(), 0};
+            ZSTD_outBuffer target{output.data(), output.size(), 0};
+            std::size_t const left = ZSTD_decompressStream(zstd.get(), &target, &source);
+            requireSuccess(left);
+            return Step{source.pos, target.pos, left == 0};
+        });
 }
 
 } // namespace

@@ -155,6 +155,12 @@ Document read(std::istream& in, Json::input_format_t format, ReadBudget budget) 
     return Document{builder.take()};
 }
 
+// The encoders write single bytes, so they get memory, which is then written at once.
+void writeAll(auto const& block, std::ostream& out) {
+    out.write(reinterpret_cast<char const*>(block.data()),
+              static_cast<std::streamsize>(block.size()));
+}
+
 struct WireFormat {
     char const* name;
     Json::input_format_t input;
@@ -163,21 +169,21 @@ struct WireFormat {
 
 constexpr WireFormat wireFormats[] = {
     {"json", Json::input_format_t::json,
-     [](Json const& value, std::ostream& out) { out << value; }},
+     [](Json const& value, std::ostream& out) { writeAll(value.dump(), out); }},
     {"cbor", Json::input_format_t::cbor,
-     [](Json const& value, std::ostream& out) { Json::to_cbor(value, out); }},
+     [](Json const& value, std::ostream& out) { writeAll(Json::to_cbor(value), out); }},
     {"msgpack", Json::input_format_t::msgpack,
-     [](Json const& value, std::ostream& out) { Json::to_msgpack(value, out); }},
+     [](Json const& value, std::ostream& out) { writeAll(Json::to_msgpack(value), out); }},
     {"bson", Json::input_format_t::bson,
      [](Json const& value, std::ostream& out) {
          if (!value.is_object()) {
              throw std::runtime_error(std::string("BSON needs an object at the top, not ") +
                                       value.type_name());
          }
-         Json::to_bson(value, out);
+         writeAll(Json::to_bson(value), out);
      }},
     {"ubjson", Json::input_format_t::ubjson,
-     [](Json const& value, std::ostream& out) { Json::to_ubjson(value, out); }},
+     [](Json const& value, std::ostream& out) { writeAll(Json::to_ubjson(value), out); }},
 };
 
 } // namespace
