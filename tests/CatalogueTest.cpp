@@ -10,14 +10,14 @@ using namespace tests;
 
 TEST(CatalogueDeathTest, EndsTheProcessOnADuplicate) {
     Catalogue catalogue;
-    catalogue.add(record("wf", 1, {1}, "first"));
+    catalogue.add(record("wf", 0xA, {1}, "first"));
     catalogue.add(reader("wf", 1, 1));
     // The path is relative to the project, not one of the build machine.
-    EXPECT_DEATH(catalogue.add(record("wf", 1, {2}, "second")),
-                 "^Attempted to add duplicate serialiser for wf "
+    EXPECT_DEATH(catalogue.add(record("wf", 0xB, {1}, "second")),
+                 "identifier 0xA, now for 0xB\nAttempted to add duplicate serialiser for wf "
                  "\\[courier/hub/serialisation/src/Catalogue.cpp:.+Catalogue::add");
     EXPECT_DEATH(catalogue.add(reader("wf", 1, 2)),
-                 "^Attempted to add duplicate deserialiser for wf ");
+                 "identifier 0x1, now for 0x1\nAttempted to add duplicate deserialiser for wf ");
 #ifndef _WIN32
     EXPECT_EXIT(bedrock::core::diag::terminate("50 %d", "file", 7, "function"),
                 testing::KilledBySignal(SIGABRT), "^50 %d \\[file:7, function]\n(qemu: .*)?$");
@@ -100,6 +100,30 @@ TEST(CatalogueTest, LooksUp) {
             EXPECT_EQ("out of range", expected);
         }
     }
+}
+
+TEST(CatalogueTest, ExplainsAFailedLookUp) {
+    Catalogue catalogue;
+    catalogue.add(record("json", 0xA1, {}, "json"));
+    auto const explained = [](auto lookUp) -> std::string {
+        try {
+            lookUp();
+        } catch (LookUpError const& error) {
+            return LookUpError(error).explain();
+        }
+        return "";
+    };
+    EXPECT_EQ(explained([&] { discard(catalogue.getSerialiserFor("jsn", 0xA1)); }),
+              "No serialiser found for jsn, type identifier 0xA1. Registered for that: json. Check "
+              "how the wire format is spelt, and that the module that registers it was loaded.");
+    EXPECT_EQ(
+        explained([&] {
+            discard(createSerialisersFor(payloadOf({0xA1, 0xB2}), catalogue, "json"));
+        }),
+        "No serialiser found for json, for element 1, type identifier 0xB2. Nothing is "
+        "registered for that. Check that the module of the type was loaded and has registered "
+        "in this catalogue, and that the element is a std::shared_ptr to the very type that "
+        "the module registers, not to a base class or to another pointer.");
 }
 
 // A factory that uses the catalogue that calls it.

@@ -17,7 +17,7 @@ struct FanOutTest : testing::Test {
             return kept.push_back(std::move(view)), writing("kept ");
         };
         auto const refuse = [](auto const&...) -> GenericSerialiser {
-            throw std::runtime_error("refused");
+            throw LookUpError("refused by ", "a factory", {}, {});
         };
         constexpr std::uint64_t id = getTypeID<Element>();
         catalogue.add(Serialiser("write", id, {1}, write, write, nullptr));
@@ -47,8 +47,8 @@ Case const cases[] = {
     {"fewer than elements", 3, {"write", "write"}, "Fewer wire formats than payload elements", 0},
     {"an element that is not there", 3, {"write"}, "out of range", 2},
     {"as many as wrap", ~std::size_t{0}, {"write"}, "out of range", 2},
-    {"an unknown one", 2, {"write", "unknown"}, "No serialiser found for unknown", 1},
-    {"a factory that throws", 2, {"write", "refuse"}, "refused", 1},
+    {"an unknown one", 2, {"write", "unknown"}, "1: No serialiser found for unknown", 1},
+    {"a factory that throws", 2, {"write", "refuse"}, "refused by a factory", 1},
     {"an empty factory", 2, {"write", "none"}, std::bad_function_call().what(), 1},
 };
 
@@ -74,6 +74,9 @@ TEST_F(FanOutTest, MakesASerialiserForEachElementOrNone) {
                 }
             } catch (std::out_of_range const& error) {
                 said = error.what()[0] == 'F' ? error.what() : "out of range";
+            } catch (LookUpError const& error) {
+                said = error.element() ? std::to_string(*error.element()) + ": " : "";
+                said += error.what();
             } catch (std::exception const& error) {
                 said = error.what();
             }

@@ -140,8 +140,7 @@ TEST_F(RegistrationTest, ServesSeveralElementsAndDropsNone) {
 }
 
 TEST_F(RegistrationTest, TakesElementsByValueOrByOwningPointer) {
-    auto const handle = std::make_shared<int>();
-    addReader<Price>(catalogue, "value", readPrice, handle);
+    addReader<Price>(catalogue, "value", readPrice);
     addReader<Price>(catalogue, "unique",
                      [](std::istream& in) { return std::make_unique<Price>(readPrice(in)); });
     addReader<Price>(catalogue, "shared",
@@ -155,8 +154,27 @@ TEST_F(RegistrationTest, TakesElementsByValueOrByOwningPointer) {
     EXPECT_ERROR(std::logic_error, "The reader returned a null pointer",
                  readAs("null", getTypeID<Price>()));
     EXPECT_EQ(readAs("value", getTypeID<Pair>()).get<Order>(1).number, 1);
-    EXPECT_EQ(catalogue.getDeserialiserFor("value", getTypeID<Price>()).getHandle(), handle);
-    EXPECT_EQ(handle.use_count(), 2);
+}
+
+TEST_F(RegistrationTest, KeepsTheHandleUntilTheCodeThatNeedsItIsDestroyed) {
+    std::string log;
+    auto const logged = [&log](char name) {
+        return std::shared_ptr<void>(&log, [&log, name](void*) { log += name; });
+    };
+    auto own = std::make_unique<Catalogue>();
+    addFormat<Price>(
+        *own, "text", [code = logged('w')](Price const&, std::ostream&) {},
+        [code = logged('r')](std::istream&) { return Price{1}; }, logged('h'));
+    auto serialiser =
+        std::make_unique<GenericSerialiser>(own->getSerialiserFor("text", viewWith(Price{1})));
+    auto reader =
+        std::make_unique<GenericDeserialiser>(own->getDeserialiserFor("text", getTypeID<Price>()));
+    EXPECT_EQ(serialiser->getHandle(), reader->getHandle());
+    own.reset();
+    reader.reset();
+    EXPECT_EQ(log, "r");
+    serialiser.reset();
+    EXPECT_EQ(log, "rwh");
 }
 
 TEST_F(RegistrationTest, RefusesNamesThatNobodyCouldAskFor) {

@@ -9,6 +9,7 @@
 #include <boost/current_function.hpp>
 
 #include <algorithm>
+#include <cstdio>
 #include <forward_list>
 #include <iosfwd>
 #include <stdexcept>
@@ -236,6 +237,37 @@ void insert(RecordSet<Record>& set, Record& record, Refuse refuse, Indices&... i
     (indices.add(added), ...);
 }
 
+// What a factory's own look-ups throw does not concern the look-up that called it.
+template <class CallFactory> GenericSerialiser made(CallFactory callFactory) {
+    try {
+        return callFactory();
+    } catch (LookUpError& error) {
+        error.setThrownByFactory();
+        throw;
+    }
+}
+
+std::string hex(std::uint64_t typeID) {
+    char text[20];
+    std::snprintf(text, sizeof(text), "0x%llX", static_cast<unsigned long long>(typeID));
+    return text;
+}
+
+std::string joined(std::vector<std::string> const& texts) {
+    std::string all;
+    for (std::string const& text : texts) {
+        all += (all.empty() ? "" : ", ") + text;
+    }
+    return all;
+}
+
+// A line of its own, because the diagnostic's text is part of the interface.
+template <class Record> void printKeys(Record const& first, Record const& duplicate) {
+    std::fprintf(stderr, "courier::hub::serialisation: registered first for type identifier %s, now for %s\n",
+                 hex(RecordKeys::key<std::uint64_t>(first)).c_str(),
+                 hex(RecordKeys::key<std::uint64_t>(duplicate)).c_str());
+}
+
 Serialiser makeVoidSerialiser(std::string const& wireFormat) {
     return Serialiser(
         wireFormat, core::getTypeID<void>(), {},
@@ -281,6 +313,32 @@ std::vector<std::string> const& LookUpError::supportedWireFormats() const noexce
     return details_->supported;
 }
 
+std::string LookUpError::explain() const {
+    std::vector<std::string> ids;
+    for (std::uint64_t const id : typeIDs()) {
+        ids.push_back(hex(id));
+    }
+    std::string text = what();
+    text += element_ ? ", for element " + std::to_string(*element_) : "";
+    text += (ids.size() == 1 ? ", type identifier " : ", type identifiers ");
+    text += ids.empty() ? "none" : joined(ids);
+    if (supportedWireFormats().empty()) {
+        return text + ". Nothing is registered for that. Check that the module of the type was "
+                      "loaded and has registered in this catalogue, and that the element is a "
+                      "std::shared_ptr to the very type that the module registers, not to a base "
+                      "class or to another pointer.";
+    }
+    return text + ". Registered for that: " + joined(supportedWireFormats()) +
+           ". Check how the wire format is spelt, and that the module that registers it was "
+           "loaded.";
+}
+
+void LookUpError::setElement(std::size_t index) noexcept {
+    if (!isThrownByFactory_) {
+        element_ = index;
+    }
+}
+
 SerialisationCatalogue::~SerialisationCatalogue() = default;
 
 Catalogue::Catalogue() : records_(std::make_unique<Records>()) {}
@@ -289,8 +347,10 @@ Catalogue::~Catalogue() = default;
 
 void Catalogue::add(Serialiser serialiser) {
     SerialiserSet& set = records_->serialisers;
-    auto const refuse = [function = BOOST_CURRENT_FUNCTION](Serialiser const& blocking) {
+    auto const refuse = [&serialiser,
+                         function = BOOST_CURRENT_FUNCTION](Serialiser const& blocking) {
         if (bedrock_diag_terminate()) {
+            printKeys(blocking, serialiser);
             std::string const message =
                 "Attempted to add duplicate serialiser for " + RecordKeys::wireFormat(blocking);
             bedrock::core::diag::terminate(message, __FILE__, __LINE__, function);
@@ -301,8 +361,10 @@ void Catalogue::add(Serialiser serialiser) {
 
 void Catalogue::add(Deserialiser deserialiser) {
     DeserialiserSet& set = records_->deserialisers;
-    auto const refuse = [function = BOOST_CURRENT_FUNCTION](Deserialiser const& blocking) {
+    auto const refuse = [&deserialiser,
+                         function = BOOST_CURRENT_FUNCTION](Deserialiser const& blocking) {
         if (bedrock_diag_terminate()) {
+            printKeys(blocking, deserialiser);
             std::string const message =
                 "Attempted to add duplicate deserialiser for " + RecordKeys::wireFormat(blocking);
             bedrock::core::diag::terminate(message, __FILE__, __LINE__, function);
@@ -330,24 +392,27 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
     if (payload.values.empty()) {
         return GenericSerialiser();
     }
+    TypeIDs const& typeIDs = payload.typeIDs;
     SerialiserSet& set = records_->serialisers;
-    Query const query(payload.typeIDs, wireFormat);
+    Query const query(typeIDs, wireFormat);
     return lookUp(
         set,
         [&] {
             Serialiser const* const found = findAny(set, query);
-            return found != nullptr ? found
-                                    : findAny(set, Query(payload.typeIDs.at(0), wireFormat));
+            if (found == nullptr && typeIDs.empty()) {
+                core::detail::throwNoElement(0, payload.elementCount, 0, payload.values.size());
+            }
+            return found != nullptr ? found : findAny(set, Query(typeIDs[0], wireFormat));
         },
         [&](Serialiser const& found) { return found.getSerialiser(std::move(payload)); },
         [&] {
-            std::vector<std::string> supported = wireFormats(set, payload.typeIDs);
-            for (std::string& format : wireFormats(set, payload.typeIDs.front())) {
+            std::vector<std::string> supported = wireFormats(set, typeIDs);
+            for (std::string& format : wireFormats(set, typeIDs.front())) {
                 if (std::find(supported.begin(), supported.end(), format) == supported.end()) {
                     supported.push_back(std::move(format));
                 }
             }
-            return LookUpError("No serialiser found for ", wireFormat, payload.typeIDs,
+            return LookUpError("No serialiser found for ", wireFormat, typeIDs,
                                std::move(supported));
         });
 }
@@ -355,17 +420,19 @@ GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view,
                                               stop_source stopSource) const {
-    return lookUpSerialiser(records_->serialisers, view.getTypeID(), wireFormat,
-                            [&](Serialiser const& found) {
-                                return found.getSerialiser(std::move(view), std::move(stopSource));
-                            });
+    return lookUpSerialiser(
+        records_->serialisers, view.getTypeID(), wireFormat, [&](Serialiser const& found) {
+            return made(
+                [&] { return found.getSerialiser(std::move(view), std::move(stopSource)); });
+        });
 }
 
 GenericSerialiser Catalogue::getSerialiserFor(std::string const& wireFormat,
                                               GenericPayloadView view) const {
-    return lookUpSerialiser(
-        records_->serialisers, view.getTypeID(), wireFormat,
-        [&](Serialiser const& found) { return found.getSerialiser(std::move(view)); });
+    return lookUpSerialiser(records_->serialisers, view.getTypeID(), wireFormat,
+                            [&](Serialiser const& found) {
+                                return made([&] { return found.getSerialiser(std::move(view)); });
+                            });
 }
 
 GenericDeserialiser Catalogue::getDeserialiserFor(std::string const& wireFormat,

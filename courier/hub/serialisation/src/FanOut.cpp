@@ -63,7 +63,12 @@ template <class LookUp> FanOut fanOut(core::GenericPayload&& payload, LookUp loo
     // The count may be too large: then the look-up must fail, not this allocation.
     serialisers.reserve(std::min(count, elements.typeIDs.size()));
     for (std::size_t i = 0; i < count; ++i) {
-        serialisers.emplace_back(Made{[&] { return lookUp(i, shared.view(i)); }});
+        try {
+            serialisers.emplace_back(Made{[&] { return lookUp(i, shared.view(i)); }});
+        } catch (LookUpError& error) {
+            error.setElement(i);
+            throw;
+        }
     }
     return {std::move(serialisers), (*shared).getSentinel()};
 }

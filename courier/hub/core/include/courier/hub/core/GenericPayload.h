@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <type_traits>
 #include <typeinfo>
@@ -22,8 +24,10 @@ namespace courier::hub::core {
 /// Copying does not throw.
 class BadElementType : public std::bad_cast {
 public:
-    /// For the element `index`, with the type identifiers present and wanted.
-    BadElementType(std::size_t index, std::uint64_t present, std::uint64_t wanted) noexcept
+    /// For the element `index`, with the type identifiers present and wanted, and the name of the
+    /// type wanted, if it is known.
+    BadElementType(std::size_t index, std::uint64_t present, std::uint64_t wanted,
+                   std::string_view wantedName = {}) noexcept
         : index_(index), present_(present), wanted_(wanted) {
         add("Element ");
         addNumber(index, 10);
@@ -33,9 +37,16 @@ public:
         if (present != wanted) {
             addNumber(wanted, 16);
         }
+        if (!wantedName.empty()) {
+            add(" of ");
+            std::size_t const room = text_.size() - 1 - size_;
+            bool const isLong = wantedName.size() > room;
+            add(wantedName.substr(0, isLong ? room - 3 : room));
+            add(isLong ? "..." : "");
+        }
     }
 
-    /// Names the element and both identifiers.
+    /// Names the element, both identifiers and the type wanted. A long name is cut.
     [[nodiscard]] char const* what() const noexcept override { return text_.data(); }
 
     /// The position of the element in the payload.
@@ -62,23 +73,34 @@ private:
     std::uint64_t present_;
     std::uint64_t wanted_;
     std::size_t size_ = 0;
-    std::array<char, 96> text_{}; // the longest text has 91 characters
+    std::array<char, 512> text_{}; // with a 0 at the end; without a name at most 91 characters
 };
+
+namespace detail {
+[[noreturn]] inline void throwNoElement(std::size_t i, std::size_t elementCount,
+                                        std::size_t typeIDs, std::size_t values) {
+    throw std::out_of_range("The payload has no element " + std::to_string(i) +
+                            ": its elementCount is " + std::to_string(elementCount) + ", with " +
+                            std::to_string(typeIDs) + " typeIDs and " + std::to_string(values) +
+                            " values");
+}
+} // namespace detail
 
 /// A type-erased payload of several elements. Element i has type identifier typeIDs[i] and value
 /// values[i]. Use add(), emplace() and get(), which keep the members consistent; the members are
-/// public because they are part of the interface.
+/// public because they are part of the interface. Whoever adds to typeIDs and values directly also
+/// sets elementCount: a fan-out makes that many serialisers, and none if it is still 0.
 ///
 /// It shares the ownership of its values. Move-only. A moved-from payload has empty sequences but
 /// keeps its elementCount. Thread-compatible.
 struct GenericPayload {
-    std::vector<std::uint64_t> typeIDs;           ///< type identifier of each element
-    std::vector<std::shared_ptr<void>> values;    ///< value of each element
+    std::vector<std::uint64_t> typeIDs;           ///< of each element; see elementCount
+    std::vector<std::shared_ptr<void>> values;    ///< of each element; see elementCount
     std::vector<std::function<void()>> callables; ///< passed through, never called here
     std::vector<std::shared_ptr<void>> objects;   ///< passed through; kept alive by the payload
     std::vector<bool> flags;                      ///< passed through
     std::vector<bool> moreFlags;                  ///< passed through
-    std::size_t elementCount = 0;                 ///< number of elements
+    std::size_t elementCount = 0; ///< decides how many are written; add(), emplace() keep it
 
     /// Without elements, or with those of the other payload.
     GenericPayload() = default;
@@ -117,8 +139,9 @@ struct GenericPayload {
         return element;
     }
 
-    /// Element i, whose type must be T. Throws std::out_of_range if i is not below the number of
-    /// elements, and BadElementType, a std::bad_cast, if the element has another type or no value.
+    /// Element i, whose type must be T. Throws std::out_of_range if there is no type identifier or
+    /// value i, and BadElementType, a std::bad_cast, if the element has another type or no value.
+    /// The texts say what there is.
     template <class T> [[nodiscard]] T& get(std::size_t i) { return *find<T>(i); }
 
     /// The same, read-only.
@@ -126,16 +149,19 @@ struct GenericPayload {
 
 private:
     template <class T> [[nodiscard]] T* find(std::size_t i) const {
-        std::uint64_t const present = typeIDs.at(i);
-        void* const value = values.at(i).get();
+        if (i >= typeIDs.size() || i >= values.size()) {
+            detail::throwNoElement(i, elementCount, typeIDs.size(), values.size());
+        }
+        std::uint64_t const present = typeIDs[i];
+        void* const value = values[i].get();
         if (present != getTypeID<T>() || value == nullptr) {
-            throwBadElement(i, present, getTypeID<T>());
+            throwBadElement(i, present, getTypeID<T>(), getTypeName<T>());
         }
         return static_cast<T*>(value);
     }
     [[noreturn]] static void throwBadElement(std::size_t i, std::uint64_t present,
-                                             std::uint64_t wanted) {
-        throw BadElementType(i, present, wanted);
+                                             std::uint64_t wanted, std::string_view wantedName) {
+        throw BadElementType(i, present, wanted, wantedName);
     }
 };
 

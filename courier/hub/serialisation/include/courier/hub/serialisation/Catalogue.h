@@ -7,8 +7,10 @@
 #include <courier/hub/serialisation/Serialisers.h>
 #include <courier/hub/serialisation/SharedPayload.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -39,9 +41,24 @@ public:
     /// of its list come first, then those of its first element.
     [[nodiscard]] std::vector<std::string> const& supportedWireFormats() const noexcept;
 
+    /// The element of the fan-out whose look-up it was. Empty if no fan-out called the look-up, or
+    /// if a factory threw this error.
+    [[nodiscard]] std::optional<std::size_t> element() const noexcept { return element_; }
+
+    /// Sentences for a log: what() with the element and the type identifiers requested, which wire
+    /// formats there are for them, and what to check. Throws std::bad_alloc.
+    [[nodiscard]] std::string explain() const;
+
+    /// Called by createSerialisersFor(), which sets the element, and by a catalogue that passes on
+    /// what a factory threw, so that a fan-out does not set it.
+    void setElement(std::size_t index) noexcept;
+    void setThrownByFactory() noexcept { isThrownByFactory_ = true; }
+
 private:
     struct Details;
     std::shared_ptr<Details const> details_;
+    std::optional<std::size_t> element_;
+    bool isThrownByFactory_ = false;
 };
 
 /// What clients see of a catalogue: look-ups by wire format and type identifier, and queries for
@@ -138,7 +155,9 @@ public:
 ///  - A factory may look up in the same catalogue, even while a registration waits.
 ///  - It may register records of the other kind there. Registering the same kind would deadlock, so
 ///    add() throws std::logic_error instead.
-///  - It must not wait for another thread that registers there: both would wait forever.
+///  - It must not wait for another thread that registers or looks up there: the registration waits
+///    for the factory, and a look-up that comes later waits for the registration. The same holds
+///    across catalogues: if factories of A look up in B, those of B must not look up in A.
 ///  - A registration waits for running factories, and later look-ups wait for it. Keep factories
 ///    short, and do the work in the serialiser's routine.
 ///
@@ -151,11 +170,11 @@ public:
 
     /// Registers a serialiser. It is a duplicate if a record in the same wire format has the same
     /// type identifier, or the same list of identifiers, even if both are empty. A duplicate ends
-    /// the process with a diagnostic if bedrock_diag_terminate() returns true; otherwise it is
-    /// ignored. Amortised constant, but the registration that doubles the tables copies them: it
-    /// takes milliseconds at 10,000 records and more than a second at 1,000,000, in which look-ups
-    /// continue. Throws std::bad_alloc, and std::logic_error while this thread runs or copies a
-    /// serialiser factory of this catalogue.
+    /// the process with a diagnostic, and a line with the identifiers before it, if
+    /// bedrock_diag_terminate() returns true; otherwise it is ignored. Amortised constant, but the
+    /// registration that doubles the tables copies them: it takes milliseconds at 10,000 records
+    /// and more than a second at 1,000,000, in which look-ups continue. Throws std::bad_alloc, and
+    /// std::logic_error while this thread runs or copies a serialiser factory of this catalogue.
     void add(Serialiser serialiser);
 
     /// Registers a deserialiser. It is a duplicate if a record in the same wire format has the same

@@ -22,11 +22,11 @@ namespace courier::hub::serialisation {
 /// serialisers have run. If no serialiser keeps its view, the Sentinel is released before the call
 /// returns.
 ///
-/// Throws what a look-up throws (LookUpError, std::out_of_range if the payload has fewer type
-/// identifiers than elements, whatever a factory throws) and std::bad_alloc. There is no partial
-/// result: the payload and the serialisers made so far are destroyed, and the caller's payload is
-/// moved-from. Only if the shared payload itself cannot be allocated is the caller's payload
-/// unchanged.
+/// Throws what a look-up throws (LookUpError with its element(), std::out_of_range if the payload
+/// has fewer type identifiers than elements, whatever a factory throws) and std::bad_alloc. There
+/// is no partial result: the payload and the serialisers made so far are destroyed, and the
+/// caller's payload is moved-from. Only if the shared payload itself cannot be allocated is the
+/// caller's payload unchanged.
 ///
 /// Thread-safe if the catalogue is. The serialisers may be called and destroyed on any threads. One
 /// look-up for each element, on the calling thread.

@@ -16,6 +16,10 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+#include <version>
+#ifdef __cpp_lib_jthread
+#include <stop_token>
+#endif
 
 // Registers how types are written and read, by two functions for each wire format:
 //
@@ -82,17 +86,47 @@ concept ReaderOf = std::copy_constructible<Read> &&
 
 namespace detail {
 
-// Reports at the call what is wrong with it. The result suppresses further errors.
+template <class Write, class... Arguments>
+concept Writes = std::invocable<Write, Arguments..., std::ostream&> ||
+    std::invocable<Write, Arguments..., std::ostream&, stop_token const&>;
+#ifdef __cpp_lib_jthread
+template <class Write, class... Arguments>
+concept WritesWithStdToken = std::invocable<Write, Arguments..., std::ostream&, std::stop_token>;
+#else
+template <class, class...>
+concept WritesWithStdToken = false;
+#endif
+
+// Reports at the call which rule is broken. The result suppresses further errors.
 template <class Write, class... Elements> constexpr bool isWriter() {
     constexpr bool areElements = (ElementType<Elements> && ...);
     static_assert(areElements,
                   "an element has an object type without const, volatile and reference");
-    if constexpr (areElements) {
-        static_assert(
-            WriterOf<Write, Elements...>,
-            "write is called as write(elements..., std::ostream&), or with a stop_token "
-            "const& behind, with const references to the elements, and as a const object. "
-            "It returns nothing: a failure is an exception, or a stream that has failed");
+    constexpr bool isCopyable = std::copy_constructible<Write>;
+    static_assert(isCopyable, "write must be copyable, because each serialiser keeps a copy. Hold "
+                              "what cannot be copied by a std::shared_ptr");
+    if constexpr (areElements && isCopyable) {
+        constexpr bool isCalled = Writes<Write const&, Elements const&...>;
+        if constexpr (!isCalled) {
+            constexpr bool isStd = WritesWithStdToken<Write const&, Elements const&...>;
+            constexpr bool isMutable = Writes<Write&, Elements const&...>;
+            constexpr bool changesElements = Writes<Write const&, Elements&...>;
+            static_assert(!isStd, "write takes a std::stop_token, but a stop_source of this "
+                                  "library gives a courier::hub::serialisation::stop_token: take "
+                                  "that by const reference");
+            static_assert(!isMutable, "write is called as a const object, because several threads "
+                                      "may call it at once: make its operator() const, or the "
+                                      "lambda not mutable");
+            static_assert(!changesElements, "write is called with const references to the "
+                                            "elements, because other serialisers may read them");
+            static_assert(isStd || isMutable || changesElements,
+                          "write is called as write(elements..., std::ostream&), or with a "
+                          "stop_token const& behind");
+        } else {
+            static_assert(WriterOf<Write, Elements...>,
+                          "write returns nothing: a failure is an exception, or a stream that has "
+                          "failed");
+        }
         return WriterOf<Write, Elements...>;
     }
     return false;
@@ -101,11 +135,26 @@ template <class F, class... Elements> constexpr bool isReader() {
     constexpr bool areElements = (ElementType<Elements> && ...);
     static_assert(areElements,
                   "an element has an object type without const, volatile and reference");
-    if constexpr (areElements) {
-        static_assert(ReaderOf<F, Elements...>,
-                      "read is called as read(std::istream&), as a const object. It returns the "
-                      "element, or a std::tuple of several, by value, by std::unique_ptr or by "
-                      "std::shared_ptr, and not by reference");
+    constexpr bool isCopyable = std::copy_constructible<F>;
+    static_assert(isCopyable, "read must be copyable, because each deserialiser keeps a copy. Hold "
+                              "what cannot be copied by a std::shared_ptr");
+    if constexpr (areElements && isCopyable) {
+        if constexpr (!std::invocable<F const&, std::istream&>) {
+            constexpr bool isMutable = std::invocable<F&, std::istream&>;
+            static_assert(!isMutable, "read is called as a const object, because several threads "
+                                      "may call it at once: make its operator() const, or the "
+                                      "lambda not mutable");
+            static_assert(isMutable, "read is called as read(std::istream&)");
+        } else {
+            using Result = std::invoke_result_t<F const&, std::istream&>;
+            constexpr bool owns = !std::is_reference_v<Result> && !std::is_pointer_v<Result>;
+            static_assert(owns, "read returns its result by value, by std::unique_ptr or by "
+                                "std::shared_ptr, and not by reference or pointer: nothing would "
+                                "own it");
+            static_assert(!owns || ReaderOf<F, Elements...>,
+                          "read returns the element, of exactly the type that is registered, or a "
+                          "std::tuple of several");
+        }
         return ReaderOf<F, Elements...>;
     }
     return false;
@@ -130,6 +179,7 @@ void callWriter(Write const& write, stop_token const& token, std::ostream& out,
 // The routine that writes one element of a shared payload. For several types, that element is a
 // tuple of them. The view keeps the payload alive.
 template <class Write, class... Elements> struct ElementRoutine {
+    std::shared_ptr<void> handle; // destroyed last: the writer and the elements may need it
     [[no_unique_address]] Write write;
     GenericPayloadView view;
 
@@ -145,6 +195,7 @@ template <class Write, class... Elements> struct ElementRoutine {
 
 // The routine that writes a whole payload of several elements.
 template <class Write, class... Elements> struct PayloadRoutine {
+    std::shared_ptr<void> handle;
     [[no_unique_address]] Write write;
     GenericPayloadWrapperPtr payload;
 
@@ -157,30 +208,37 @@ template <class Write, class... Elements> struct PayloadRoutine {
     }
 };
 
-template <class... Elements, class Write>
-Serialiser makeSerialiser(std::string const& wireFormat, Write write) {
+template <class Routine> GenericSerialiser
+serialiserOf(Routine routine,
+             stop_source stop = stop_source(bedrock::concurrent::threadpool::nostopstate)) {
+    std::shared_ptr<void> handle = routine.handle;
+    return GenericSerialiser(std::move(routine), std::move(stop), {}, std::move(handle));
+}
+
+template <class... Elements, class Write> Serialiser
+makeSerialiser(std::string const& wireFormat, Write write, std::shared_ptr<void> const& handle) {
     using Routine = ElementRoutine<Write, Elements...>;
     std::vector<std::uint64_t> const typeIDs{core::getTypeID<Elements>()...};
     return Serialiser(
         wireFormat, core::getTypeID<typename Read<Elements...>::Type>(), typeIDs,
-        [write](GenericPayloadView&& view) {
-            return GenericSerialiser(Routine{write, std::move(view)});
+        [handle, write](GenericPayloadView&& view) {
+            return serialiserOf(Routine{handle, write, std::move(view)});
         },
-        [write](GenericPayloadView&& view, stop_source&& stop) {
-            return GenericSerialiser(Routine{write, std::move(view)}, std::move(stop));
+        [handle, write](GenericPayloadView&& view, stop_source&& stop) {
+            return serialiserOf(Routine{handle, write, std::move(view)}, std::move(stop));
         },
-        [write](core::GenericPayload&& payload) {
+        [handle, write](core::GenericPayload&& payload) {
             // A payload of more elements finds this record by its first element: refuse to drop the
             // rest.
             if (payload.elementCount == 1) {
-                return GenericSerialiser(Routine{
-                    write,
+                return serialiserOf(Routine{
+                    handle, write,
                     GenericPayloadView(GenericPayloadWrapperPtr::make(std::move(payload)), 0)});
             }
             if constexpr (sizeof...(Elements) > 1) {
                 if (payload.elementCount == sizeof...(Elements)) {
-                    return GenericSerialiser(PayloadRoutine<Write, Elements...>{
-                        write, GenericPayloadWrapperPtr::make(std::move(payload))});
+                    return serialiserOf(PayloadRoutine<Write, Elements...>{
+                        handle, write, GenericPayloadWrapperPtr::make(std::move(payload))});
                 }
             }
             throwOtherElements(payload, sizeof...(Elements));
@@ -198,7 +256,7 @@ template <class... Elements, class F>
 Deserialiser makeDeserialiser(std::string const& wireFormat, F read, std::shared_ptr<void> handle) {
     using Element = typename Read<Elements...>::Type;
     using Result = std::invoke_result_t<F const&, std::istream&>;
-    auto routine = [reader = std::move(read)](std::istream& in) -> core::GenericPayload {
+    auto routine = [handle, reader = std::move(read)](std::istream& in) -> core::GenericPayload {
         core::GenericPayload payload;
         if constexpr (sizeof...(Elements) > 1) {
             auto const add = [&payload](Elements&... each) {
@@ -234,16 +292,19 @@ Deserialiser makeDeserialiser(std::string const& wireFormat, F read, std::shared
 /// found by the identifier of the tuple. A look-up for a payload with another number of elements
 /// throws std::invalid_argument, so that no element is dropped.
 ///
-/// Each factory keeps a copy of `write`, and so does each serialiser; several threads may call them
-/// at once. A duplicate is handled as by Catalogue::add(). Throws std::invalid_argument if the wire
-/// format is empty or "*", which look-ups take for any wire format; std::bad_alloc; and what
-/// copying `write` throws. Strong guarantee. Thread-safe. Each serialiser of an element allocates
-/// once, for its routine; that of a whole payload three times.
+/// Each factory keeps a copy of `write`, and so does each serialiser. They also share the handle,
+/// which may own the library whose code writes: it is released after `write` and the elements;
+/// several threads may call them at once. A duplicate is handled as by Catalogue::add(). Throws
+/// std::invalid_argument if the wire format is empty or "*", which look-ups take for any wire
+/// format; std::bad_alloc; and what copying `write` throws. Strong guarantee. Thread-safe. Each
+/// serialiser of an element allocates once, for its routine; that of a whole payload three times.
 template <class Element, class... More, class Write>
-void addWriter(Catalogue& catalogue, std::string const& wireFormat, Write write) {
+void addWriter(Catalogue& catalogue, std::string const& wireFormat, Write write,
+               std::shared_ptr<void> handle = {}) {
     if constexpr (detail::isWriter<Write, Element, More...>()) {
         detail::requireName(wireFormat);
-        catalogue.add(detail::makeSerialiser<Element, More...>(wireFormat, std::move(write)));
+        catalogue.add(
+            detail::makeSerialiser<Element, More...>(wireFormat, std::move(write), handle));
     }
 }
 
@@ -271,7 +332,7 @@ void addReader(Catalogue& catalogue, std::string const& wireFormat, Read read,
 template <class Element, class... More, class Write, class Read>
 void addFormat(Catalogue& catalogue, std::string const& wireFormat, Write write, Read read,
                std::shared_ptr<void> handle = {}) {
-    addWriter<Element, More...>(catalogue, wireFormat, std::move(write));
+    addWriter<Element, More...>(catalogue, wireFormat, std::move(write), handle);
     addReader<Element, More...>(catalogue, wireFormat, std::move(read), std::move(handle));
 }
 

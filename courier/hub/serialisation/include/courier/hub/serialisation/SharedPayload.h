@@ -231,7 +231,14 @@ struct GenericPayloadView {
 
     /// The type identifier of the element. Throws std::out_of_range if the index is not below the
     /// number of type identifiers, or if the view is moved-from.
-    [[nodiscard]] std::uint64_t getTypeID() const { return payload().typeIDs.at(index); }
+    [[nodiscard]] std::uint64_t getTypeID() const {
+        core::GenericPayload const& shared = payload();
+        if (index >= shared.typeIDs.size()) {
+            core::detail::throwNoElement(index, shared.elementCount, shared.typeIDs.size(),
+                                         shared.values.size());
+        }
+        return shared.typeIDs[index];
+    }
 
     /// The element, whose type must be T. No lock guards it: serialisers that share a payload may
     /// only read it. Throws what core::GenericPayload::get() throws, and std::out_of_range if the
