@@ -3,7 +3,7 @@
 set -eu
 . checks/common.sh
 need $to_build $to_nats
-build release --target nats nats_tests
-ctest --preset release -L nats
+build release --target nats roundtrip
 python3 -W ignore tests/nats/nats_test.py
+python3 -W ignore tests/nats/nats_test.py --failover 1 4
 python3 examples/nats/measure.py

@@ -18,7 +18,7 @@ namespace courier::examples {
 struct ReadLimit {
     std::uint64_t bytes;
 };
-inline constexpr std::uint64_t defaultReadLimit = std::uint64_t{4} << 30;
+inline constexpr std::uint64_t defaultReadLimit = std::uint64_t{256} << 20;
 inline constexpr char readLimitName[] = "setting"; // as a wire format, which needs no bytes
 
 inline void setReadLimit(hub::serialisation::Catalogue& catalogue, std::uint64_t bytes) {
@@ -40,10 +40,8 @@ inline std::uint64_t readLimit(hub::serialisation::Catalogue const& catalogue) {
 /// The rest of the memory that reading one element may take. Without a limit, a few damaged or
 /// hostile bytes can expand to any size.
 ///
-/// A blob counts its bytes; a document approximately its values and texts. Lengths that the data
-/// only claims count nothing. A decoder's own memory is not counted: less than a mebibyte and, for
-/// zstd, the window that the data requests, which is bounded by the limit and 128 MiB but may
-/// always be 8 MiB.
+/// A blob counts its bytes, a document its values and texts with all that they take while they are
+/// read. A decoder's own memory is not counted: less than a mebibyte, and 8 MiB for zstd.
 class ReadBudget {
 public:
     explicit ReadBudget(std::uint64_t limit) noexcept : limit_(limit), left_(limit) {}

@@ -15,7 +15,6 @@
 #include <zstd_errors.h>
 
 #include <algorithm>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <istream>
@@ -43,11 +42,13 @@ struct Step {
 };
 
 // Runs a compressor over all the bytes: Step compress(input, output, bool isLastInput).
-template <class Compress> void writeCompressed(Blob const& blob, std::ostream& out,
+template <class Compress> void writeCompressed(Blob const& blob, std::ostream& target,
                                                stop_token const& stop, Compress compress) {
+    StoppableOStream out(stop, target);
     std::span<std::byte const> rest(blob.bytes());
     for (bool ended = false; !ended;) {
-        writeBlock(chunkSize, out, stop, [&](std::span<std::byte> output) {
+        out.throwIfStopped();
+        writeBlock(out, chunkSize, [&](std::span<std::byte> output) {
             auto const input = rest.first(std::min(rest.size(), chunkSize));
             Step const step = compress(input, output, input.size() == rest.size());
             rest = rest.subspan(step.consumed);
@@ -90,9 +91,13 @@ Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) 
 
 // raw: the bytes themselves
 
-void writeRaw(Blob const& blob, std::ostream& out, stop_token const& stop) {
-    static_cast<void>(prepare(out, blob.bytes().size())); // so that a block need not grow
-    writeAll(std::span<std::byte const>(blob.bytes()), out, stop);
+void writeRaw(Blob const& blob, std::ostream& target, stop_token const& stop) {
+    StoppableOStream out(stop, target);
+    auto const bytes = blob.bytes();
+    static_cast<void>(prepare(out, bytes.size())); // so that a block need not grow
+    // Written in place: the stream cuts them into pieces.
+    out.write(reinterpret_cast<char const*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
 }
 
 // A part of the received block, if the stream owns that.
@@ -191,8 +196,8 @@ Blob readZstd(std::istream& in, ReadBudget budget) {
         throw std::bad_alloc();
     }
     // The decoder allocates the window that a frame claims, however few bytes follow. Every decoder
-    // must support 8 MiB; 128 MiB is the library's own limit.
-    int const widest = std::clamp(static_cast<int>(std::bit_width(budget.left())) - 1, 23, 27);
+    // must support 8 MiB.
+    constexpr int widest = 23;
     requireSuccess(ZSTD_DCtx_setParameter(zstd.get(), ZSTD_d_windowLogMax, widest));
     return readCompressed(
         in, budget, [&](std::span<std::byte const> input, std::span<std::byte> output) {

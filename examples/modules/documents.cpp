@@ -3,15 +3,15 @@
 
 #include "examples/elements/Document.h"
 #include "examples/formats/ReadLimit.h"
-#include "examples/formats/WriteBlock.h"
 
+#include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Module.h>
 #include <courier/hub/serialisation/Registration.h>
 
 #include <cstdint>
 #include <istream>
+#include <limits>
 #include <ostream>
-#include <span>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
@@ -23,10 +23,17 @@ namespace courier::examples {
 namespace {
 
 using Json = nlohmann::json;
-using hub::serialisation::stop_token;
 
 // Encoders, decoders and comparisons recurse into a document: the stack sets the limit.
 constexpr std::size_t deepestNesting = 500;
+
+// What a value takes: its place in an array, which may be held twice while the array grows, and
+// again while the document is destroyed. A text or a container takes a block of its own as well,
+// and a text is held up to three times while it is read.
+constexpr std::uint64_t perValue = 4 * sizeof(Json);
+constexpr std::uint64_t perBlock = 64;
+constexpr std::uint64_t perTextByte = 2;
+constexpr std::uint64_t perByteRead = 3;
 
 // The exceptions of nlohmann-json are classes of this module: see Module.h. Their messages begin
 // with an identifier in brackets.
@@ -52,17 +59,17 @@ public:
     bool number_unsigned(number_unsigned_t value) override { return add(value); }
     bool number_float(number_float_t value, string_t const&) override { return add(value); }
     bool string(string_t& value) override {
-        budget_.spend(value.size());
+        budget_.spend(perBlock + perTextByte * value.size());
         return add(std::move(value));
     }
     bool binary(binary_t& value) override {
-        budget_.spend(value.size());
+        budget_.spend(perBlock + perTextByte * value.size());
         return add(std::move(value));
     }
-    bool start_object(std::size_t) override { return open(Json::object()); }
-    bool start_array(std::size_t) override { return open(Json::array()); }
+    bool start_object(std::size_t size) override { return open(Json::object(), size); }
+    bool start_array(std::size_t size) override { return open(Json::array(), size); }
     bool key(string_t& name) override {
-        budget_.spend(sizeof(Json::object_t::value_type) + name.size());
+        budget_.spend(perBlock + sizeof(Json::object_t::value_type) + perTextByte * name.size());
         member_ = &(*open_.back())[std::move(name)];
         isAtStart_ = true;
         return true;
@@ -79,7 +86,12 @@ private:
         put(std::move(value));
         return true;
     }
-    bool open(Json container) {
+    bool open(Json container, std::size_t claimed) {
+        // Ten bytes can claim a million values, which take no bytes themselves.
+        if (claimed != unknownSize && claimed > budget_.left() / perValue) {
+            budget_.spend(budget_.left() + 1);
+        }
+        budget_.spend(perBlock);
         if (open_.size() == deepestNesting) {
             throw std::runtime_error("it is nested more than " + std::to_string(deepestNesting) +
                                      " levels deep");
@@ -94,7 +106,7 @@ private:
     }
 
     Json& put(Json value) {
-        budget_.spend(sizeof(Json));
+        budget_.spend(perValue);
         isAtStart_ = true;
         if (open_.empty()) {
             return root_ = std::move(value);
@@ -104,6 +116,8 @@ private:
         }
         return *member_ = std::move(value);
     }
+
+    static constexpr auto unknownSize = std::numeric_limits<std::size_t>::max();
 
     ReadBudget budget_;
     bool isAtStart_ = true;
@@ -134,7 +148,7 @@ protected:
             }
             left_ = whole_;
         }
-        left_.spend(1);
+        left_.spend(perByteRead);
         return byte;
     }
 
@@ -157,34 +171,35 @@ Document read(std::istream& in, Json::input_format_t format, ReadBudget budget) 
     return Document{builder.take()};
 }
 
-// The encoders write single bytes, so they write to memory, not to the stream.
-void writeBytes(auto const& encoded, std::ostream& out, stop_token const& stop) {
-    writeAll(std::as_bytes(std::span(encoded)), out, stop);
+// The encoders write single bytes, so they get memory, which is then written at once.
+void writeAll(auto const& block, std::ostream& out) {
+    out.write(reinterpret_cast<char const*>(block.data()),
+              static_cast<std::streamsize>(block.size()));
 }
 
 struct WireFormat {
     char const* name;
     Json::input_format_t input;
-    void (*write)(Json const& value, std::ostream& out, stop_token const& stop);
+    void (*write)(Json const& value, std::ostream& out);
 };
 
 constexpr WireFormat wireFormats[] = {
     {"json", Json::input_format_t::json,
-     [](Json const& value, auto&... to) { writeBytes(value.dump(), to...); }},
+     [](Json const& value, std::ostream& out) { writeAll(value.dump(), out); }},
     {"cbor", Json::input_format_t::cbor,
-     [](Json const& value, auto&... to) { writeBytes(Json::to_cbor(value), to...); }},
+     [](Json const& value, std::ostream& out) { writeAll(Json::to_cbor(value), out); }},
     {"msgpack", Json::input_format_t::msgpack,
-     [](Json const& value, auto&... to) { writeBytes(Json::to_msgpack(value), to...); }},
+     [](Json const& value, std::ostream& out) { writeAll(Json::to_msgpack(value), out); }},
     {"bson", Json::input_format_t::bson,
-     [](Json const& value, auto&... to) {
+     [](Json const& value, std::ostream& out) {
          if (!value.is_object()) {
              throw std::runtime_error(std::string("BSON needs an object at the top, not ") +
                                       value.type_name());
          }
-         writeBytes(Json::to_bson(value), to...);
+         writeAll(Json::to_bson(value), out);
      }},
     {"ubjson", Json::input_format_t::ubjson,
-     [](Json const& value, auto&... to) { writeBytes(Json::to_ubjson(value), to...); }},
+     [](Json const& value, std::ostream& out) { writeAll(Json::to_ubjson(value), out); }},
 };
 
 } // namespace
@@ -197,9 +212,10 @@ void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) 
     for (WireFormat const& format : wireFormats) {
         addFormat<Document>(
             catalogue, format.name,
-            [format](Document const& document, std::ostream& out, stop_token const& stop) {
+            [format](Document const& document, std::ostream& target, stop_token const& stop) {
+                StoppableOStream out(stop, target);
                 try {
-                    format.write(document.value, out, stop);
+                    format.write(document.value, out);
                 } catch (Json::exception const& error) {
                     throwStandard(error);
                 }

@@ -2,155 +2,113 @@
 #ifndef COURIER_EXAMPLES_NATS_MESSAGES_H
 #define COURIER_EXAMPLES_NATS_MESSAGES_H
 
-#include "examples/nats/Nats.h"
+#include "examples/nats/Session.h"
+#include "examples/program/Text.h"
 
 #include <courier/hub/serialisation/Buffers.h>
-#include <courier/hub/serialisation/Streams.h>
 
-#include <chrono>
-#include <cstddef>
-#include <cstdint>
-#include <functional>
-#include <ios>
-#include <string>
-#include <string_view>
-#include <vector>
+#include <nlohmann/json.hpp>
+#include <zlib.h>
 
-// The messages between the sender and the workers. Two streams hold them, so that a limit on the
-// first never keeps results from being stored:
+#include <tuple>
+
+// The messages between a sender and the workers:
 //
-//     STREAM.RUN.element.I               element I, or the notice that all its parts are stored
-//     STREAM.RUN.part.I.K                part K of an element that is too long for one message
-//     STREAM-results.RUN.report.WORKER.N what became of some elements
-//     STREAM-results.RUN.taken.WORKER.N  elements that a worker is about to decode
+//     STREAM.RUN.I               element I, with its Label as a header
+//     STREAM-reports.RUN.WORKER  what became of some elements: a list of Results
 //
-// The second stream also keeps the servers' own notices of elements that were delivered too often.
-//
-// The workers share a queue of the elements. Parts are in no queue: the worker that takes the
-// notice fetches them, and so does the next one after a redelivery.
+// Anyone who may write can send anything. What is not well-formed throws std::exception when it is
+// read; whether the rest is true is up to the reader.
 
 namespace courier::examples {
 
-/// The stream and its settings. All programs of one stream must have the same.
-struct Place {
-    nats::Access access;
-    std::string stream = "elements"; // a single word
-    int replicas = 3;                // servers that hold each message
-    std::int64_t maxBytes = -1;      // of the elements in the stream; no limit
-    std::int64_t attempts = 5;       // deliveries of one element
-    std::chrono::seconds redeliverAfter{10};
+using Json = nlohmann::json;
+using Label = std::tuple<std::string, std::uint64_t, std::uint64_t>; // wire format, type, CRC-32
 
-    [[nodiscard]] nats::Stream elements() const;
-    [[nodiscard]] nats::Stream results() const;
-
-    /// The queue that the workers share. An element is delivered to another worker if its own one
-    /// does not answer within `redeliverAfter`.
-    [[nodiscard]] nats::Queue workers() const;
-
-    /// A queue for one run: of its reports; of its records of who took what; of the servers'
-    /// notices.
-    [[nodiscard]] nats::Queue reportsOf(std::string const& run) const;
-    [[nodiscard]] nats::Queue takenOf(std::string const& run) const;
-    [[nodiscard]] nats::Queue givenUpDuring(std::string const& run) const;
-
-    [[nodiscard]] std::string inElements(std::string const& run, std::string const& what) const {
-        return elements().name + '.' + run + '.' + what;
-    }
-    [[nodiscard]] std::string inResults(std::string const& run, std::string const& what) const {
-        return results().name + '.' + run + '.' + what;
-    }
-
-private:
-    [[nodiscard]] std::string notices() const;
-};
-
-/// The headers of an element and of its parts.
-struct Envelope {
-    std::string run;
-    std::size_t element = 0;
-    std::string wireFormat;
-    std::uint64_t typeID = 0;
-    std::uint64_t size = 0;  // of the whole element, in bytes
-    std::uint32_t crc32 = 0; // of all its bytes
-    std::size_t part = 0;    // from 1; 0 in the message of the whole element
-    std::size_t parts = 0;   // 0 if the message of the whole element has the bytes
-
-    friend bool operator==(Envelope const&, Envelope const&) = default;
-
-    /// The end of its subject, after the run.
-    [[nodiscard]] std::string what() const;
-
-    /// A message with these headers and a copy of the bytes. Throws std::invalid_argument when the
-    /// name of the wire format has control characters; nats::Error.
-    [[nodiscard]] nats::Message toMessage(Place const& place,
-                                          hub::serialisation::ByteBufferView bytes) const;
-
-    /// Throws std::runtime_error, which names the header that is missing or wrong.
-    [[nodiscard]] static Envelope of(natsMsg* message);
-};
-
-/// The result of one element.
 struct Result {
-    std::size_t element = 0;
+    std::uint64_t element = 0;
     std::uint64_t size = 0;     // bytes that were received
-    std::uint32_t crc32 = 0;    // of these
+    std::uint64_t crc32 = 0;    // as in the label
     std::uint64_t delivery = 0; // counted from 1
-    std::chrono::nanoseconds time{};
-    std::string error = {}; // why it cannot be read; empty if it was
+    std::uint64_t time = 0;     // in nanoseconds
+    std::string error = {};     // why it cannot be read; empty if it was
 };
 
-/// A worker's report on some elements of one run. `id` is unique among the reports of all workers.
-struct Report {
-    std::string run;
-    std::string worker;
-    std::vector<Result> results;
+inline std::uint64_t whole(Json const& number) {
+    if (!number.is_number_unsigned()) {
+        throw std::runtime_error("a number is negative, fractional or too large");
+    }
+    return number;
+}
 
-    [[nodiscard]] nats::Message toMessage(Place const& place, std::string const& id) const;
-    [[nodiscard]] static Report of(natsMsg* message);
-};
+inline void to_json(Json& json, Result const& result) {
+    auto const& [element, size, crc32, delivery, time, error] = result;
+    json = {element, size, crc32, delivery, time, error};
+}
 
-/// The elements of one run that a worker is about to decode, so that the sender can name the
-/// workers that failed on an element.
-struct Taken {
-    std::string run;
-    std::string worker;
-    std::vector<std::size_t> elements;
+inline void from_json(Json const& json, Result& result) {
+    result = {whole(json.at(0)), whole(json.at(1)), whole(json.at(2)),
+              whole(json.at(3)), whole(json.at(4)), json.at(5).get<std::string>()};
+}
 
-    [[nodiscard]] nats::Message toMessage(Place const& place, std::string const& id) const;
-    [[nodiscard]] static Taken of(natsMsg* message);
-};
+/// ASCII without control characters, whatever the text has; not long.
+inline std::string printable(Json const& value) {
+    return value.dump(-1, ' ', true, Json::error_handler_t::replace).substr(0, 500);
+}
 
-/// The bytes of a message, in place.
-[[nodiscard]] std::string_view contentOf(natsMsg* message);
+inline bool isWorkerName(std::string const& text) {
+    constexpr auto allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_";
+    return !text.empty() && text.find_first_not_of(allowed) == std::string::npos;
+}
 
-/// A buffer in external form over the bytes of a message, which it owns. Null gives an empty
-/// buffer.
-[[nodiscard]] hub::serialisation::ByteBuffer adopt(nats::Message message);
+/// The words of a subject: stream, run, element or worker.
+inline std::vector<std::string> subjectOf(natsMsg* message) {
+    auto words = split(natsMsg_GetSubject(message), '.');
+    if (words.size() != 3 || words[1].size() != 16 ||
+        words[1].find_first_not_of("0123456789abcdef") != std::string::npos) {
+        throw std::runtime_error("the subject is not that of a run");
+    }
+    return words;
+}
 
-/// Reads buffers one after the other, each in place, and gets the next one when the one before has
-/// been read.
-class PartsIStreambuf : public hub::serialisation::ByteBufferIStreambuf {
-public:
-    /// `get` is called with 1, 2, ... `parts`; the reading call throws what it throws.
-    using Get = std::function<hub::serialisation::ByteBuffer(std::size_t part)>;
-    PartsIStreambuf(std::size_t parts, Get get);
+inline std::string_view textOf(natsMsg* message) {
+    return {natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))};
+}
 
-protected:
-    int_type underflow() override;
-    std::streamsize xsgetn(char* target, std::streamsize count) override;
+inline std::uint64_t crc32(hub::serialisation::ByteBufferView bytes) {
+    auto const* const data = reinterpret_cast<Bytef const*>(bytes.data());
+    return data == nullptr ? 0 : ::crc32_z(0, data, bytes.size());
+}
 
-private:
-    Get get_;
-    std::size_t parts_;
-    std::size_t read_ = 0;
-};
+/// Has a copy of the bytes.
+inline nats::Message makeElement(std::string const& subject, Label const& label,
+                                 hub::serialisation::ByteBufferView bytes) {
+    natsMsg* message = nullptr;
+    auto const* const data = reinterpret_cast<char const*>(bytes.data());
+    natsMsg_Create(&message, subject.c_str(), nullptr, data, static_cast<int>(bytes.size()));
+    nats::Message owner(message);
+    if (natsMsgHeader_Set(message, "Courier-Label", Json(label).dump(-1, ' ', true).c_str()) !=
+        NATS_OK) {
+        throw std::bad_alloc();
+    }
+    return owner;
+}
 
-/// Continues the checksum of earlier bytes; start with 0.
-[[nodiscard]] std::uint32_t crc32(std::uint32_t before, hub::serialisation::ByteBufferView bytes);
+inline Label labelOf(natsMsg* message) {
+    char const* label = nullptr;
+    if (natsMsgHeader_Get(message, "Courier-Label", &label) != NATS_OK) {
+        throw std::runtime_error("there is no header Courier-Label");
+    }
+    auto const json = Json::parse(label);
+    return {json.at(0), whole(json.at(1)), whole(json.at(2))};
+}
 
-/// How many bytes of an element fit into a message with its headers. Throws std::runtime_error if
-/// the server takes only messages that are too short for anything.
-[[nodiscard]] std::size_t room(std::size_t maxPayload, Envelope const& envelope);
+inline std::vector<Result> resultsOf(natsMsg* message) {
+    if (textOf(message).size() > std::size_t{1} << 20) {
+        throw std::runtime_error("it is too long for a report");
+    }
+    return Json::parse(textOf(message)).get<std::vector<Result>>();
+}
 
 } // namespace courier::examples
 

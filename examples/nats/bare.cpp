@@ -1,62 +1,65 @@
 // SPDX-License-Identifier: Apache-2.0
 // The baseline for the sender and its workers: moves messages of one size through a stream of the
-// same kind with the client library alone, which publishes without waiting, fetches in batches and
-// acknowledges. Prints messages a second.
+// same kind with the client library alone. Prints messages a second.
 
-#include "examples/nats/Options.h"
+#include "examples/nats/Session.h"
 
 #include <atomic>
 #include <iostream>
-#include <random>
-#include <string>
 #include <thread>
-#include <vector>
 
-using namespace courier::examples;
+using namespace courier::examples::nats;
 
 int main(int argc, char** argv) {
-    Place place;
-    place.stream = "bare";
-    std::size_t count = 5000;
+    Options options;
+    options.stream = "bare";
+    int count = 5000;
     std::size_t size = 1000;
     CLI::App app("Measures what the client library can do.", "bare");
-    addOptions(app, place);
+    options.addTo(app);
     app.add_option("--count", count, "Messages")->capture_default_str();
     app.add_option("--size", size, "Bytes of each")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
-    try {
-        nats::Session session(place.access);
-        prepare(session, place);
-        std::string const run = std::to_string(std::random_device()());
-        auto const start = nats::Clock::now();
-        std::atomic<std::size_t> done = 0;
-        auto const take = [&] {
-            auto queue = session.join(place.workers());
-            while (done < count) {
-                for (auto const& message : queue.take(256, std::chrono::milliseconds(20))) {
-                    session.answer(nats::replySubject(message.get()), "+ACK");
-                    ++done;
-                }
+    Session session(options, "bare", [](auto const&) {}); // makes the stream and the queue
+    session.join({.stream = options.stream, .name = "takers", .subject = options.stream + ".>"});
+    natsConnection* connection = nullptr;
+    natsConnection_ConnectTo(&connection, options.urls.front().c_str());
+    jsOptions settings;
+    jsOptions_Init(&settings);
+    settings.PublishAsync.MaxPending = 4096;
+    settings.PublishAsync.StallWait = 60'000;
+    jsCtx* jetStream = nullptr;
+    natsConnection_JetStream(&jetStream, connection, &settings);
+    std::atomic<int> done = 0;
+    auto const take = [&] {
+        jsSubOptions bound;
+        jsSubOptions_Init(&bound);
+        bound.Stream = options.stream.c_str();
+        bound.Consumer = "takers";
+        natsSubscription* queue = nullptr;
+        js_PullSubscribe(&queue, jetStream, nullptr, "takers", nullptr, &bound, nullptr);
+        while (done < count) {
+            natsMsgList list{};
+            natsSubscription_Fetch(&list, queue, 256, 20, nullptr);
+            for (int i = 0; i < list.Count; ++i) {
+                natsMsg_Ack(list.Msgs[i], nullptr);
+                ++done;
             }
-        };
-        std::vector<std::jthread> takers;
-        takers.reserve(2);
-        for (int i = 0; i < 2; ++i) {
-            takers.emplace_back(take);
+            natsMsgList_Destroy(&list);
         }
-        std::vector<std::byte> const bytes(size);
-        for (std::size_t i = 0; i < count; ++i) {
-            session.publish(Envelope{.run = run, .element = i, .wireFormat = "raw"}.toMessage(
-                                place, courier::hub::serialisation::ByteBufferView(bytes)),
-                            [](auto) {});
+        natsSubscription_Destroy(queue);
+    };
+    auto const start = Clock::now();
+    std::vector<char> const bytes(size);
+    {
+        std::jthread const takers[] = {std::jthread(take), std::jthread(take)};
+        for (int i = 0; i < count; ++i) {
+            js_PublishAsync(jetStream, (options.stream + ".x").c_str(), bytes.data(),
+                            static_cast<int>(size), nullptr);
         }
-        takers.clear();
-        std::chrono::duration<double> const time = nats::Clock::now() - start;
-        std::cout << static_cast<std::size_t>(static_cast<double>(count) / time.count())
-                  << " a second\n";
-        session.purge(place.elements().name, place.inElements(run, ">"));
-    } catch (std::exception const& error) {
-        std::cerr << "bare: " << error.what() << '\n';
-        return 1;
     }
+    std::chrono::duration<double> const time = Clock::now() - start;
+    std::cout << static_cast<int>(count / time.count()) << " a second\n";
+    jsCtx_Destroy(jetStream);
+    natsConnection_Destroy(connection);
 }

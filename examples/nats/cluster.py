@@ -33,8 +33,7 @@ def start(command, log, **options):
 def stop(processes, patience=10):
     """Terminates them, and kills those that do not end in time."""
     for process in processes:
-        if process.poll() is None:
-            process.send_signal(signal.SIGTERM)
+        process.send_signal(signal.SIGTERM)
     deadline = time.monotonic() + patience
     for process in processes:
         try:
@@ -53,22 +52,32 @@ def free_ports(count):
 
 
 class Cluster:
-    """Servers with JetStream and a directory of their own. `extra` is added to the configuration of
-    each, `store` to that of JetStream."""
+    """Servers with JetStream, for messages of up to 32 MiB, and a directory of their own. `extra`
+    is added to the configuration of each; `store` replaces the directory of JetStream."""
 
-    def __init__(self, directory, size=3, extra="", store="", scheme="nats"):
+    def __init__(
+        self, directory, size=3, extra="", store=None, scheme="nats", login="", jetstream=True
+    ):
         self.directory = pathlib.Path(directory).resolve()
-        self.size, self.extra, self.store, self.scheme = size, extra, store, scheme
+        self.store = store or self.directory / "store"
+        self.size, self.extra, self.scheme, self.jetstream = (
+            size,
+            extra,
+            f"{scheme}://{login}",
+            jetstream,
+        )
         self.servers = []
 
     def __enter__(self):
         for _ in range(3):  # another process may take a free port first
             shutil.rmtree(self.directory, ignore_errors=True)
             self.directory.mkdir(parents=True)
-            ports = free_ports(2 * self.size)
-            self.servers = [self._start(i, ports) for i in range(self.size)]
-            if all(self._is_up(port) for port in ports[: self.size]):
-                self.urls = [f"{self.scheme}://127.0.0.1:{p}" for p in ports[: self.size]]
+            self.ports = free_ports(2 * self.size)
+            self.servers = [self.start_server(i) for i in range(self.size)]
+            if all(self._is_up(port) for port in self.ports[: self.size]):
+                urls = [f"{self.scheme}127.0.0.1:{p}" for p in self.ports[: self.size]]
+                self.url = ",".join(urls)
+                self.arguments = ["--url", self.url, "--replicas", str(self.size)]
                 return self
             stop(self.servers)
         raise RuntimeError(f"nats-server does not start: see {self.directory}/*.log")
@@ -77,27 +86,19 @@ class Cluster:
         stop(self.servers)
         shutil.rmtree(self.directory / "store", ignore_errors=True)
 
-    @property
-    def url(self):
-        return ",".join(self.urls)
+    def restart(self, i):
+        self.servers[i] = self.start_server(i)
 
-    @property
-    def arguments(self):
-        return ["--url", self.url, "--replicas", str(self.size)]
-
-    def _start(self, i, ports):
-        routes = [f"nats://127.0.0.1:{port}" for port in ports[self.size :]]
-        cluster = (
-            f"cluster {{ name: c, listen: 127.0.0.1:{ports[self.size + i]}, " f"routes: {routes} }}"
-            if self.size > 1
-            else ""
-        )
+    def start_server(self, i):
+        routes = [f"nats://127.0.0.1:{port}" for port in self.ports[self.size :]]
+        lines = [f"server_name: s{i}", f"listen: 127.0.0.1:{self.ports[i]}", "max_payload: 32MB"]
+        if self.jetstream:
+            lines.append(f'jetstream {{ store_dir: "{self.store}/{i}" }}')
+        if self.size > 1:
+            listen = f"127.0.0.1:{self.ports[self.size + i]}"
+            lines.append(f"cluster {{ name: c, listen: {listen}, routes: {routes} }}")
         file = self.directory / f"server-{i}.conf"
-        file.write_text(
-            f"server_name: s{i}\nlisten: 127.0.0.1:{ports[i]}\n"
-            f'jetstream {{ store_dir: "{self.directory}/store/{i}"\n{self.store} }}\n'
-            f"{cluster}\n{self.extra}\n".replace("'", '"')
-        )
+        file.write_text("\n".join([*lines, self.extra, ""]).replace("'", '"'))
         return start([NATS_SERVER, "-c", str(file)], self.directory / f"server-{i}.log")
 
     def _is_up(self, port):

@@ -27,7 +27,7 @@ for size in 1, 3:
     with cluster.Cluster(state / "cluster", size) as servers:
         workers = [
             cluster.start(
-                [programs / "worker", *servers.arguments, "--name", f"worker {i}"],
+                [programs / "worker", *servers.arguments, "--name", f"worker-{i}"],
                 state / f"worker-{i}.log",
             )
             for i in range(2)

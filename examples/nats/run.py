@@ -44,7 +44,7 @@ def main():
             log = state / f"worker-{i}.log"
             log.unlink(missing_ok=True)
             workers.append(
-                cluster.start([programs / "worker", "--url", url, "--name", f"worker {i}"], log)
+                cluster.start([programs / "worker", "--url", url, "--name", f"worker-{i}"], log)
             )
         sender = subprocess.Popen(
             [programs / "sender", "--url", url, *(rest or ["--copies", "30"])],

@@ -2,30 +2,25 @@
 // Takes elements from a queue that it shares with other workers, and decodes each in place. Prints
 // a line for each: run, element, wire format, bytes, CRC-32, how often it was delivered.
 
+#include "examples/formats/ReadLimit.h"
 #include "examples/nats/Messages.h"
-#include "examples/nats/Options.h"
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
 #include "examples/program/Text.h"
 
+#include <malloc.h>
+#include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
-#include <chrono>
+#include <atomic>
+#include <csignal>
 #include <iostream>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
-#include <random>
 #include <set>
-#include <stdexcept>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 namespace {
 
@@ -35,302 +30,254 @@ using namespace std::chrono_literals;
 using nats::Clock;
 
 struct Options {
-    Place place;
+    nats::Options nats;
     std::string name;
     std::uint64_t readLimit = defaultReadLimit;
     int patience = 600; // seconds that decoding one element may take
 };
 
-// This worker cannot decode the element now; it, or another one, may succeed later.
-struct Again : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+struct Stopped {}; // thrown after Control-C, while servers are away
 
-// The elements that a worker has taken and not yet answered. Thread-safe.
-class InHand {
-public:
-    void take(std::vector<nats::Message> const& messages) {
-        std::lock_guard const lock(mutex_);
-        for (auto const& message : messages) {
-            replies_.insert(nats::replySubject(message.get()));
-        }
-        since_ = Clock::now();
-    }
-
-    /// Starts the time of the next element.
-    void next() {
-        std::lock_guard const lock(mutex_);
-        since_ = Clock::now();
-    }
-
-    void release(std::string const& reply) {
-        std::lock_guard const lock(mutex_);
-        replies_.erase(reply);
-    }
-
-    /// Tells the servers repeatedly that this worker is at work on them. When one element takes
-    /// longer than the worker's patience it stops, and they are delivered to others.
-    void sayAtWork(nats::Session const& session, Clock::duration interval, Clock::duration patience,
-                   std::stop_token const& stop) {
-        std::unique_lock lock(mutex_);
-        while (!stop.stop_requested()) {
-            changed_.wait_for(lock, stop, interval, [] { return false; });
-            if (Clock::now() - since_ < patience) {
-                for (auto const& reply : replies_) {
-                    session.answer(reply, "+WPI");
-                }
-            }
-        }
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable_any changed_;
-    std::set<std::string> replies_; // their subjects
-    Clock::time_point since_;       // the start of the element that is being decoded
-};
+std::atomic<bool> isDecoding = false; // in this process
 
 class Worker {
 public:
-    Worker(Options const& options, SerialisationCatalogue const& catalogue)
-        : options_(options), catalogue_(catalogue), session_(options.place.access),
-          queue_(joinWorkers(session_, options.place)),
-          sayingAtWork_([this](std::stop_token const& stop) {
-              inHand_.sayAtWork(session_, Clock::duration(options_.place.redeliverAfter) / 3,
-                                std::chrono::seconds(options_.patience), stop);
-          }) {}
+    Worker(Options const& options, SerialisationCatalogue const& catalogue, stop_token stop)
+        : options_(options), catalogue_(catalogue), stop_(std::move(stop)),
+          session_(options.nats, "worker", [this](auto const& why) { waitFor(why); }) {
+        session_.join({.stream = options.nats.stream,
+                       .name = "workers",
+                       .subject = options.nats.stream + ".>",
+                       .redeliverAfter = std::chrono::seconds(options.nats.redeliverAfter)});
+        // Runs before what was registered earlier: a decoder that calls exit() must not look like a
+        // worker that has done its work.
+        std::atexit([] { isDecoding ? ::_exit(1) : void(); });
+        watching_ = std::jthread([this](std::stop_token const& end) { watch(end); });
+    }
 
-    void run(stop_token const& stop) {
-        std::cerr << options_.name << ": ready\n";
-        int ahead = 1; // elements to take at once
-        while (!stop.stop_requested()) {
-            auto messages = queue_.take(ahead);
-            inHand_.take(messages);
-            record(messages);
+    void run() {
+        say("ready");
+        std::size_t ahead = 1; // elements to take at once
+        while (!stop_.stop_requested()) {
+            auto messages = session_.fetch(ahead, 500ms);
+            take(messages);
             auto const start = Clock::now();
             for (auto& message : messages) {
-                if (stop.stop_requested()) {
-                    answer(nats::replySubject(message.get()), "-NAK");
+                std::string const reply = natsMsg_GetReply(message.get());
+                if (stop_.stop_requested()) {
+                    answer(reply, "-NAK");
                 } else {
-                    handle(std::move(message));
+                    handle(std::move(message), reply);
                 }
-                inHand_.next();
                 if (Clock::now() - reported_ > share) {
                     report();
                 }
             }
             report();
             if (!messages.empty()) {
-                auto const each = (Clock::now() - start) / messages.size();
-                auto const affordable = share / std::max<Clock::duration>(each, 1us);
-                ahead = static_cast<int>(
-                    std::clamp<std::int64_t>(affordable, 1, std::min(2 * ahead, most)));
+                auto const each = (Clock::now() - start) / messages.size() + 1us;
+                ahead = std::clamp<std::size_t>(share / each, 1, std::min(2 * ahead, most));
             }
         }
-        session_.settle(1min);
-        session_.flush();
     }
 
 private:
     // A worker takes as many elements as it decodes in this time, so that none waits here for long
     // while another worker is idle, and reports as often.
-    static constexpr auto share = 200ms;
-    static constexpr int most = 256;
+    static constexpr Clock::duration share = 200ms;
+    static constexpr std::size_t most = 256;
 
-    static nats::Subscriber joinWorkers(nats::Session const& session, Place const& place) {
-        prepare(session, place);
-        return session.join(place.workers());
+    void say(std::string const& text) const { std::cerr << options_.name + ": " + text + '\n'; }
+
+    void waitFor(std::string const& why) {
+        if (!why.empty() && !isWaiting_) {
+            say(why + ": waiting");
+        }
+        isWaiting_ = !why.empty();
+        if (isWaiting_ && stop_.stop_requested()) {
+            throw Stopped();
+        }
     }
 
-    // Records what this worker is about to decode, before anything can crash it.
-    void record(std::vector<nats::Message> const& messages) {
-        std::map<std::string, Taken> byRun;
+    // Tells the servers repeatedly that this worker is at work on what it has taken. Ends a process
+    // that hangs.
+    void watch(std::stop_token const& end) {
+        auto const interval = std::chrono::milliseconds(options_.nats.redeliverAfter * 1000 / 3);
+        std::unique_lock lock(mutex_);
+        while (!changed_.wait_for(lock, end, interval, [&] { return end.stop_requested(); })) {
+            if (isDecoding && Clock::now() - start_.load() > patience()) {
+                say("decoding takes too long: ending");
+                ::_exit(1);
+            }
+            auto const replies = inHand_;
+            lock.unlock(); // sending may take long
+            for (auto const& reply : replies) {
+                session_.answer(reply, "+WPI");
+            }
+            lock.lock();
+        }
+    }
+
+    [[nodiscard]] std::chrono::seconds patience() const {
+        return std::chrono::seconds(options_.patience);
+    }
+
+    void take(std::vector<nats::Message> const& messages) {
+        std::lock_guard const lock(mutex_);
         for (auto const& message : messages) {
-            try {
-                Envelope const envelope = Envelope::of(message.get());
-                Taken& taken = byRun[envelope.run];
-                taken.run = envelope.run;
-                taken.elements.push_back(envelope.element);
-            } catch (std::runtime_error const&) { // handle() reports it
-            }
-        }
-        for (auto& [run, taken] : byRun) {
-            taken.worker = options_.name;
-            session_.publish(taken.toMessage(options_.place, newID()), [](auto) {});
-        }
-        if (!byRun.empty()) {
-            session_.flush();
+            inHand_.insert(natsMsg_GetReply(message.get()));
         }
     }
 
-    void handle(nats::Message message) {
-        std::string const reply = nats::replySubject(message.get());
-        std::optional<Envelope> envelope;
+    void answer(std::string const& reply, char const* word) {
+        session_.answer(reply, word);
+        std::lock_guard const lock(mutex_);
+        inHand_.erase(reply);
+    }
+
+    void handle(nats::Message message, std::string const& reply) {
+        std::string const subject = natsMsg_GetSubject(message.get());
+        std::string run;
+        Label label;
+        Result result;
         try {
-            envelope = Envelope::of(message.get());
-        } catch (std::runtime_error const& error) {
-            std::cerr << options_.name << ": not an element: " << error.what() << '\n';
-            answer(reply, "+TERM"); // nobody else can read it either
-            return;
-        }
-        Result result{.element = envelope->element, .delivery = nats::deliveries(message.get())};
-        auto const start = Clock::now();
-        try {
-            auto const source = open(*envelope, std::move(message), result);
-            if (result.delivery > 1) {
-                readInChild(*envelope, *source, result);
-            } else {
-                read(*envelope, *source, result);
-            }
-        } catch (nats::Error const&) {
-            throw;
-        } catch (Again const& error) {
-            std::cerr << options_.name << ": element " << result.element << ": " << error.what()
-                      << '\n';
-            answer(reply, R"(-NAK {"delay": 1000000000})");
-            return;
+            run = subjectOf(message.get())[1];
+            result.element = whole(Json::parse(subjectOf(message.get())[2]));
+            label = labelOf(message.get());
         } catch (std::exception const& error) {
-            result.error = error.what(); // it would fail on any worker
+            say("ignored, message " + std::to_string(++ignored_) + ": " +
+                printable({subject, error.what()}));
+            answer(reply, "+ACK"); // nobody else can read it either
+            return;
         }
-        result.time = Clock::now() - start;
-        std::cout << (result.error.empty() ? "decoded " : "failed ") << envelope->run << ' '
-                  << result.element << ' ' << envelope->wireFormat << ' ' << result.size << ' '
+        ByteBufferView const bytes(textOf(message.get()));
+        result.size = bytes.size();
+        result.crc32 = std::get<2>(label);
+        result.delivery = nats::deliveries(message.get());
+        start_ = Clock::now();
+        try {
+            ByteBufferIStreambuf source(
+                std::make_unique<ByteBuffer>(adopt(bytes, std::move(message))));
+            if (crc32(bytes) != result.crc32) {
+                throw std::runtime_error("the bytes are not those that were sent");
+            }
+            if (result.delivery > 1) {
+                readInChild(label, source);
+            } else {
+                isDecoding = true;
+                read(label, source);
+            }
+        } catch (std::exception const& error) {
+            result.error = error.what() + std::string(*error.what() == '\0', '?');
+        }
+        isDecoding = false;
+        auto const time = Clock::now() - start_.load();
+        result.time = static_cast<std::uint64_t>(std::chrono::nanoseconds(time).count());
+        if (time > 10ms) {
+            ::malloc_trim(0); // what a large element took is not kept beside the next one
+        }
+        std::cout << (result.error.empty() ? "decoded " : "failed ") + run + ' ' << result.element
+                  << ' ' << printable(std::get<0>(label)) << ' ' << result.size << ' '
                   << result.crc32 << ' ' << result.delivery << std::endl;
-        auto& [replies, done] = done_[envelope->run];
+        auto& [replies, results] = done_[run];
         replies.push_back(reply);
-        done.run = envelope->run;
-        done.worker = options_.name;
-        done.results.push_back(std::move(result));
+        results.push_back(std::move(result));
     }
 
     // Acknowledged last, when the results are stored. Until then another worker gets the elements
     // if this one fails.
     void report() {
-        for (auto& [run, each] : done_) {
-            session_.publish(each.second.toMessage(options_.place, newID()),
-                             [this, replies = std::move(each.first)](auto) {
-                                 for (auto const& reply : replies) {
-                                     answer(reply, "+ACK");
-                                 }
-                             });
+        for (auto const& [run, each] : done_) {
+            session_.store(options_.nats.reports() + '.' + run + '.' + options_.name,
+                           Json(each.second).dump(-1, ' ', true, Json::error_handler_t::replace));
+            for (auto const& reply : each.first) {
+                answer(reply, "+ACK");
+            }
         }
         done_.clear();
         reported_ = Clock::now();
     }
 
-    void answer(std::string const& reply, char const* word) {
-        session_.answer(reply, word);
-        inHand_.release(reply);
-    }
-
-    [[nodiscard]] std::string newID() { return id_ + '.' + std::to_string(++messages_); }
-
     // An element that is delivered again may have crashed a worker. A child process decodes it, so
-    // that it crashes no other worker, and the elements taken with it are not delivered again.
-    void readInChild(Envelope const& envelope, std::streambuf& source, Result const& result) {
+    // that it crashes no other worker, and the elements taken with it are not delivered again. The
+    // child has a result only if it says so, whatever its status.
+    void readInChild(Label const& label, std::streambuf& source) {
         std::array<int, 2> ends{};
         ::pid_t const child = ::pipe(ends.data()) == 0 ? ::fork() : -1;
         if (child < 0) {
-            throw Again("cannot start a process");
+            throw std::runtime_error("it was delivered before, and no process can be started");
         }
         if (child == 0) {
-            ::alarm(static_cast<unsigned>(options_.patience));
-            std::string error;
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            isDecoding = true;
+            std::string said = "=";
             try {
-                read(envelope, source, result);
-            } catch (std::exception const& thrown) {
-                error = thrown.what();
+                read(label, source);
+            } catch (std::exception const& error) {
+                said += error.what();
             }
-            bool const isWritten = ::write(ends[1], error.data(), error.size()) >= 0;
-            ::_exit(isWritten ? 0 : 1);
+            ::_exit(::write(ends[1], said.data(), said.size()) > 0 ? 0 : 1);
         }
         ::close(ends[1]);
-        std::string error;
-        std::array<char, 256> piece{};
-        for (::ssize_t n = 0; (n = ::read(ends[0], piece.data(), piece.size())) > 0;) {
-            error.append(piece.data(), static_cast<std::size_t>(n));
-        }
+        ::pollfd end{ends[0], POLLIN, 0};
+        auto const timeout = std::chrono::milliseconds(patience()).count();
+        bool const isLate = ::poll(&end, 1, static_cast<int>(timeout)) == 0;
+        std::array<char, 1000> said{}; // as much as is printed, and more
+        ::ssize_t const size = isLate ? 0 : ::read(ends[0], said.data(), said.size());
         ::close(ends[0]);
+        ::kill(child, SIGKILL);
         int status = 0;
         ::waitpid(child, &status, 0);
-        if (status != 0) {
-            throw Again("decoding it ended a process with status " + std::to_string(status));
+        if (size <= 0) {
+            throw std::runtime_error(
+                isLate ? "decoding it took longer than " + std::to_string(options_.patience) + " s"
+                : WIFSIGNALED(status) ? "decoding it ended the process with signal " +
+                                            std::to_string(WTERMSIG(status))
+                                      : "decoding it ended the process");
         }
-        if (!error.empty()) {
-            throw std::runtime_error(error);
+        if (size > 1) {
+            throw std::runtime_error(
+                std::string(said.data() + 1, static_cast<std::size_t>(size) - 1));
         }
     }
 
-    // The bytes of the element, in the client library's memory.
-    std::unique_ptr<std::streambuf> open(Envelope const& envelope, nats::Message message,
-                                         Result& result) {
-        auto const count = [&result](ByteBuffer buffer) {
-            ByteBufferView const bytes(buffer);
-            result.size += bytes.size();
-            result.crc32 = crc32(result.crc32, bytes);
-            return buffer;
-        };
-        if (envelope.parts == 0) {
-            return std::make_unique<ByteBufferIStreambuf>(
-                std::make_unique<ByteBuffer>(count(adopt(std::move(message)))));
+    void read(Label const& label, std::streambuf& source) const {
+        auto const& [wireFormat, type, sum] = label;
+        if (!catalogue_.hasDeserialiserFor(wireFormat, type)) {
+            throw std::runtime_error(
+                "no module reads type " + hexadecimal(type) + " from \"" + wireFormat +
+                "\"; there is: " +
+                join(catalogue_.getSupportedDeserialisationWireFormats(type), ", "));
         }
-        auto const get = [this, envelope, count](std::size_t part) {
-            Envelope expected = envelope;
-            expected.part = part;
-            auto const subject = options_.place.inElements(envelope.run, expected.what());
-            auto found = session_.find(options_.place.stream, subject);
-            if (!found) {
-                throw Again("there is no " + subject);
-            }
-            if (Envelope::of(found.get()) != expected) {
-                throw std::runtime_error(subject + " is of another element");
-            }
-            return count(adopt(std::move(found)));
-        };
-        if (result.delivery == 1) {
-            return std::make_unique<PartsIStreambuf>(envelope.parts, get);
-        }
-        // A child process has no connection: it needs all parts beforehand.
-        auto const parts = std::make_shared<std::vector<ByteBuffer>>();
-        for (std::size_t part = 1; part <= envelope.parts; ++part) {
-            parts->push_back(get(part));
-        }
-        return std::make_unique<PartsIStreambuf>(
-            envelope.parts, [parts](std::size_t part) { return std::move(parts->at(part - 1)); });
-    }
-
-    void read(Envelope const& envelope, std::streambuf& source, Result const& result) const {
-        if (!catalogue_.hasDeserialiserFor(envelope.wireFormat, envelope.typeID)) {
-            auto const formats = catalogue_.getSupportedDeserialisationWireFormats(envelope.typeID);
-            throw std::runtime_error("no module reads type " + hexadecimal(envelope.typeID) +
-                                     " from \"" + envelope.wireFormat + "\"; there is " +
-                                     (formats.empty() ? "none for it" : join(formats, ", ")));
-        }
-        auto const deserialise =
-            catalogue_.getDeserialiserFor(envelope.wireFormat, envelope.typeID);
-        auto const payload = decode(deserialise, source);
-        if (result.size != envelope.size || result.crc32 != envelope.crc32) {
-            throw std::runtime_error("the bytes are not those that were sent");
-        }
+        auto const payload = decode(catalogue_.getDeserialiserFor(wireFormat, type), source);
         // Here a real worker would do its work with the payload.
     }
 
     Options const& options_;
     SerialisationCatalogue const& catalogue_;
-    std::string const id_ = std::to_string(std::random_device()());
-    std::size_t messages_ = 0; // that this worker has published
-    std::map<std::string, std::pair<std::vector<std::string>, Report>> done_; // by run
+    stop_token stop_;
+    std::size_t ignored_ = 0;
+    bool isWaiting_ = false;
+    // By run: the replies of elements that are done, and the results.
+    std::map<std::string, std::pair<std::vector<std::string>, std::vector<Result>>> done_;
     Clock::time_point reported_ = Clock::now();
-    InHand inHand_;
+    std::atomic<Clock::time_point> start_{}; // of the present element
+
+    std::mutex mutex_;
+    std::condition_variable_any changed_;
+    std::set<std::string> inHand_; // replies of the elements that are not answered yet
+
     nats::Session session_; // its callbacks use what is above
-    nats::Subscriber queue_;
-    std::jthread sayingAtWork_;
+    std::jthread watching_;
 };
 
 std::string hostAndProcess() {
-    std::array<char, 256> host{};
+    std::array<char, 64> host{};
     ::gethostname(host.data(), host.size() - 1);
-    return std::string(host.data()) + ':' + std::to_string(::getpid());
+    std::string name = std::string(host.data()) + '-' + std::to_string(::getpid());
+    std::replace_if(
+        name.begin(), name.end(), [](char c) { return !isWorkerName({c}); }, '-');
+    return name;
 }
 
 } // namespace
@@ -338,22 +285,26 @@ std::string hostAndProcess() {
 int main(int argc, char** argv) {
     Options options;
     options.name = hostAndProcess();
+    ::mallopt(M_MMAP_THRESHOLD, 1 << 20); // large blocks return to the system at once
     CLI::App app("Decodes the elements that senders put into a stream, together with all other "
                  "workers of it, until Control-C.",
                  "worker");
-    addOptions(app, options.place);
+    options.nats.addTo(app);
     app.add_option("-n,--name", options.name, "What the sender's table calls it")
-        ->type_name("NAME")
+        ->check([](std::string const& name) {
+            return isWorkerName(name) ? "" : "must be letters, digits, - and _";
+        })
         ->capture_default_str();
-    app.add_option("--patience", options.patience,
-                   "Seconds that decoding one element may take before another worker gets it")
-        ->check(CLI::PositiveNumber)
-        ->type_name("SECONDS")
+    app.add_option("--patience", options.patience, "Seconds that decoding one element may take")
+        ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
     addReadLimit(app, options.readLimit);
     return run(app, argc, argv, options.name, options.readLimit,
                [&](auto const& catalogue, stop_source const& stop) {
-                   Worker(options, catalogue).run(stop.get_token());
+                   try {
+                       Worker(options, catalogue, stop.get_token()).run();
+                   } catch (Stopped const&) { // what it has in hand goes to other workers
+                   }
                    return 0;
                });
 }

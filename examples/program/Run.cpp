@@ -46,7 +46,7 @@ void addReadLimit(CLI::App& app, std::uint64_t& bytes) {
     app.add_option("--read-limit", bytes, "The most memory that reading one element may take")
         ->transform(CLI::AsSizeValue(false))
         ->type_name("SIZE")
-        ->default_str("4GiB");
+        ->default_str("256MiB");
 }
 
 std::vector<Module> loadModules(std::filesystem::path const& directory, Catalogue& catalogue) {

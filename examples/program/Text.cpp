@@ -75,4 +75,12 @@ std::string join(std::vector<std::string> const& texts, std::string_view separat
     return joined;
 }
 
+std::vector<std::string> split(std::string_view text, char separator) {
+    std::vector<std::string> texts{""};
+    for (char const c : text) {
+        c == separator ? void(texts.emplace_back()) : texts.back().push_back(c);
+    }
+    return texts;
+}
+
 } // namespace courier::examples

@@ -36,6 +36,9 @@ void printTable(std::ostream& out, std::vector<Row> const& rows, std::string_vie
 /// One after the other, with a separator in between.
 [[nodiscard]] std::string join(std::vector<std::string> const& texts, std::string_view separator);
 
+/// The texts between the separators: one more than there are separators.
+[[nodiscard]] std::vector<std::string> split(std::string_view text, char separator);
+
 } // namespace courier::examples
 
 #endif

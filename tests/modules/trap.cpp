@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// A module whose elements say what their reader does: "abort", or "sleep SECONDS".
+// A module whose elements say what their reader does: "abort", "exit" or "sleep SECONDS".
 #include "examples/elements/Blob.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
@@ -29,6 +29,9 @@ Blob readTrap(std::istream& in) {
     in >> word;
     if (word == "abort") {
         std::abort();
+    }
+    if (word == "exit") {
+        std::exit(0);
     }
     if (word == "sleep" && in >> seconds) {
         std::this_thread::sleep_for(std::chrono::seconds(seconds));
