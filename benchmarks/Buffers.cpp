@@ -1,190 +1,216 @@
 // SPDX-License-Identifier: Apache-2.0
-// Owning bytes: adopting a block, moving a buffer, growing one piece by piece.
+// Owning bytes: adopting a block, moving and splitting it, growing by pieces.
 #include "Support.h"
 
 #include <courier/hub/serialisation/Buffers.h>
 
 #include <absl/strings/cord.h>
-#include <zmq.h>
 
 #include <algorithm>
-#include <cstring>
-#include <iterator>
+#include <array>
+#include <cstdlib>
+#include <span>
+#include <vector>
 
 namespace benchmarks {
 namespace {
 
 using namespace courier::hub::serialisation;
 
-constexpr std::size_t blockSize = 4096;
+using Vector = std::vector<std::byte>;
 
 std::size_t freed = 0;
 
+// Counts only, so that a figure has no cost of an allocator.
 void release(void* /*block*/) { ++freed; }
-void releaseMessage(void* block, void* /*hint*/) { release(block); }
 
-ByteBuffer adopt(Bytes const& bytes) {
-    return {ByteBuffer::Block(bytes.data(), [](void* p) { release(p); }), bytes.size()};
-}
-
-// Adopts a block that the deleter only counts, so that the figure has no cost of an allocator.
-template <class Adopt> void addAdoption(char const* who, Adopt adoptAndDestroy) {
-    addCounted(name("adopt", blockSize, who), [adoptAndDestroy] {
-        Bytes bytes(blockSize, Bytes::source);
-        std::size_t const before = freed;
-        adoptAndDestroy(bytes);
-        require(freed == before + 1, "the deleter runs once");
-        return [adoptAndDestroy, bytes = std::move(bytes)] { adoptAndDestroy(bytes); };
-    });
-}
-
-// A message of the peer, with a C++ owner.
-class ZmqMessage {
-public:
-    ZmqMessage() { zmq_msg_init(&message_); }
-    explicit ZmqMessage(Bytes const& bytes) {
-        zmq_msg_init_data(&message_, bytes.data(), bytes.size(), releaseMessage, nullptr);
-    }
-    ZmqMessage(ZmqMessage&& other) noexcept : ZmqMessage() { *this = std::move(other); }
-    ZmqMessage& operator=(ZmqMessage&& other) noexcept {
-        zmq_msg_move(&message_, &other.message_);
-        return *this;
-    }
-    ~ZmqMessage() { zmq_msg_close(&message_); }
-
-private:
-    zmq_msg_t message_;
+// What keeps an adopted block alive, and the size of the block.
+template <class Pointer> struct Sized {
+    Pointer pointer;
+    std::size_t size;
 };
+template <class Deleter> using Unique = Sized<std::unique_ptr<void, Deleter>>;
 
-// Moves the messages of one queue to another and back: onto existing empty ones (assign), or onto
-// new ones, after which the old ones are destroyed (construct). One message alone, moved back and
-// forth, would only show how long a processor takes to read what it has just written.
-template <class Message> void addMoves(char const* who, Message (*make)(Bytes const& bytes)) {
+// In place, as a receiver would write it.
+template <class Owner> [[gnu::always_inline]] inline Owner adopt(std::span<std::byte> bytes) {
+    return {{bytes.data(), [](void* block) { release(block); }}, bytes.size()};
+}
+template <> absl::Cord adopt(std::span<std::byte> bytes) {
+    return absl::MakeCordFromExternal({reinterpret_cast<char*>(bytes.data()), bytes.size()},
+                                      [](absl::string_view) { release(nullptr); });
+}
+template <> ByteBufferView adopt(std::span<std::byte> bytes) {
+    return {bytes.data(), bytes.size()};
+}
+template <> Vector adopt(std::span<std::byte> bytes) {
+    return {bytes.data(), bytes.data() + bytes.size()};
+}
+
+template <class Owner> void addAdoption(char const* who) {
+    Row("adopt a received block and free it").add(who, [] {
+        return [bytes = bytesAt(source, 4096)] {
+            std::size_t const before = freed;
+            {
+                auto const owner = adopt<Owner>(bytes);
+                escape(&owner);
+            }
+            require(freed == before + 1, "the deleter runs once");
+        };
+    });
+}
+
+// Of many buffers and back. One alone would show how long a processor takes to read what it has
+// just written.
+template <class Owner> void addMove(char const* who) {
     constexpr std::size_t count = 64;
-    static Bytes const bytes(blockSize, Bytes::source);
-    auto const queue = [make] {
-        std::vector<Message> messages;
-        std::generate_n(std::back_inserter(messages), count, [make] { return make(bytes); });
-        return messages;
-    };
-    auto const assign = [](std::vector<Message>& from, std::vector<Message>& to) {
-        std::move(from.begin(), from.end(), to.begin());
-        escape(to.data());
-    };
-    auto const construct = [](std::vector<Message>& from, std::vector<Message>& to) {
-        for (Message& message : from) {
-            to.push_back(std::move(message));
+    Row("move a buffer from one queue to another", 2 * count).add(who, [] {
+        static auto const bytes = bytesAt(source, 4096);
+        std::array<std::vector<Owner>, 2> queues;
+        for (std::vector<Owner>& queue : queues) {
+            queue.reserve(count);
         }
-        from.clear();
-        escape(to.data());
-    };
-    auto const addMove = [&](char const* work, std::size_t others, auto move) {
-        auto const makePair = [=] {
-            return [move, here = queue(), there = std::vector<Message>(others)]() mutable {
-                move(here, there);
-                move(there, here);
+        for (std::size_t i = 0; i < count; ++i) {
+            queues[0].push_back(adopt<Owner>(bytes));
+        }
+        return [queues = std::move(queues)]() mutable {
+            for (std::size_t from : {0U, 1U}) {
+                for (Owner& owner : queues[from]) {
+                    queues[1 - from].push_back(std::move(owner));
+                }
+                queues[from].clear();
+                escape(&queues);
+            }
+        };
+    });
+}
+
+template <class Owner> void addOwner(char const* who) {
+    addAdoption<Owner>(who);
+    addMove<Owner>(who);
+}
+
+// Each message lives on its own. `split` gets the block, the offset and the size of the message.
+template <class Block, class Split> void addSplit(char const* who, Split split) {
+    constexpr std::size_t count = 1000;
+    for (std::size_t const size : {1024U, 16384U}) {
+        std::string const amount = std::to_string(size >> 10U) + " KiB";
+        Row("1,000 messages of " + amount + " out of one block, for each", count).add(who, [=] {
+            std::vector<std::invoke_result_t<Split, Block&, std::size_t, std::size_t>> messages;
+            messages.reserve(count);
+            return [=, bytes = bytesAt(source, count * size),
+                    messages = std::move(messages)]() mutable {
+                Block block = adopt<Block>(bytes);
+                for (std::size_t i = 0; i < count; ++i) {
+                    messages.push_back(split(block, i * size, size));
+                }
+                escape(messages.data());
+                messages.clear();
             };
-        };
-        addCounted(name(work, blockSize, who), makePair, 2 * count);
-    };
-    addMove("move", count, assign);
-    addMove("move_construct", 0, construct);
-}
-
-// Grows an empty target by pieces, up to `total` bytes, and destroys it.
-template <class Target, class Append>
-void addAppend(std::size_t piece, std::size_t total, char const* who, Append append) {
-    std::string const work = "append" + std::to_string(piece);
-    add(name(work, total, who), [=] {
-        return [=, source = Bytes(total, Bytes::source), size = opaque(piece)] {
-            Target target;
-            for (std::size_t done = 0; done < source.size(); done += size) {
-                append(target, source.data() + done, size);
-            }
-            escape(&target);
-        };
-    });
-    // The same piece again and again: a source as large as the target would not stay in the cache.
-    coldOperations().push_back({name("cold_" + work, total, who), [=] {
-                                    std::vector<std::byte> const source(piece, std::byte{1});
-                                    Target target;
-                                    for (std::size_t done = 0; done < total; done += piece) {
-                                        append(target, source.data(), piece);
-                                    }
-                                    escape(&target);
-                                }});
-}
-
-// Zeroed memory that has not been read.
-template <class Target> void addZeroed(char const* who) {
-    constexpr std::size_t size = std::size_t{64} << 20;
-    add(name("zeroed", size, who), [] {
-        return [n = opaque(size)] {
-            Target const target(n);
-            escape(&target);
-        };
-    });
-}
-
-void addAppends(std::size_t piece, std::size_t total) {
-    addAppend<ByteBuffer>(piece, total, "courier",
-                          [](ByteBuffer& target, std::byte const* p, std::size_t n) {
-                              target.append(ByteBufferView(p, n));
-                          });
-    addAppend<std::vector<std::byte>>(piece, total, "vector",
-                                      [](std::vector<std::byte>& target, std::byte const* p,
-                                         std::size_t n) { target.insert(target.end(), p, p + n); });
-    addAppend<std::string>(piece, total, "string",
-                           [](std::string& target, std::byte const* p, std::size_t n) {
-                               target.append(reinterpret_cast<char const*>(p), n);
-                           });
-    addAppend<absl::Cord>(piece, total, "cord",
-                          [](absl::Cord& target, std::byte const* p, std::size_t n) {
-                              target.Append({reinterpret_cast<char const*>(p), n});
-                          });
-    add(name("append" + std::to_string(piece), total, "limit"), [=] {
-        return [source = Bytes(total, Bytes::source), target = Bytes(total, Bytes::destination),
-                size = opaque(piece)] {
-            for (std::size_t done = 0; done < source.size(); done += size) {
-                std::memcpy(target.data() + done, source.data() + done, size);
-            }
-            escape(target.data());
-        };
-    });
-}
-
-Family const buffers([] {
-    addAdoption("courier", [](Bytes const& bytes) {
-        ByteBuffer const buffer = adopt(bytes);
-        escape(&buffer);
-    });
-    addAdoption("shared_ptr", [](Bytes const& bytes) {
-        std::shared_ptr<void> const pointer(bytes.data(), [](void* p) { release(p); });
-        escape(&pointer);
-    });
-    addAdoption("zmq", [](Bytes const& bytes) {
-        zmq_msg_t message;
-        zmq_msg_init_data(&message, bytes.data(), bytes.size(), releaseMessage, nullptr);
-        escape(&message);
-        zmq_msg_close(&message);
-    });
-    addAdoption("cord", [](Bytes const& bytes) {
-        absl::Cord const cord = absl::MakeCordFromExternal(
-            {bytes.chars(), bytes.size()}, [](absl::string_view) { release(nullptr); });
-        escape(&cord);
-    });
-
-    addMoves<ByteBuffer>("courier", adopt);
-    addMoves<ZmqMessage>("zmq", [](Bytes const& bytes) { return ZmqMessage(bytes); });
-
-    addZeroed<ByteBuffer>("courier");
-    addZeroed<std::vector<std::byte>>("vector");
-    for (std::size_t const piece : {16U, 256U}) {
-        for (std::size_t const total : {4096U, 65536U, 1048576U}) {
-            addAppends(piece, total);
-        }
+        });
     }
-});
+}
+
+void addSplits() {
+    using Shared = std::shared_ptr<std::byte>;
+    addSplit<ByteBuffer>("courier", [](ByteBuffer& block, std::size_t, std::size_t n) {
+        return block.splitFront(n);
+    });
+    addSplit<ByteBufferView>("copies", [](ByteBufferView& block, std::size_t at, std::size_t n) {
+        return Vector(block.data() + at, block.data() + at + n);
+    });
+    addSplit<Sized<Shared>>("aliases", [](Sized<Shared>& block, std::size_t at, std::size_t n) {
+        return Sized<Shared>{{block.pointer, block.pointer.get() + at}, n};
+    });
+    addSplit<absl::Cord>("Cord", [](absl::Cord& block, std::size_t at, std::size_t n) {
+        return block.Subcord(at, n);
+    });
+}
+
+// Grows empty targets by pieces, in turn, and destroys them.
+template <class Target, std::size_t targets = 1, class Append> void
+addAppend(Row const& row, char const* who, std::size_t piece, std::size_t total, Append append) {
+    row.add(who, [=] {
+        return [=, bytes = bytesAt(source, piece), size = opaque(piece)] {
+            std::array<Target, targets> grown;
+            for (std::size_t done = 0; done < total; done += size) {
+                for (Target& target : grown) {
+                    append(target, bytes.data(), size);
+                }
+            }
+            escape(&grown);
+        };
+    });
+}
+
+template <std::size_t targets = 1>
+void addAppends(Row const& row, std::size_t piece, std::size_t total) {
+    addAppend<ByteBuffer, targets>(row, "courier", piece, total,
+                                   [](ByteBuffer& target, std::byte const* p, std::size_t n) {
+                                       target.append(ByteBufferView(p, n));
+                                   });
+    addAppend<Vector, targets>(row, "vector", piece, total,
+                               [](Vector& target, std::byte const* p, std::size_t n) {
+                                   target.insert(target.end(), p, p + n);
+                               });
+    addAppend<std::string, targets>(row, "string", piece, total,
+                                    [](std::string& target, std::byte const* p, std::size_t n) {
+                                        target.append(reinterpret_cast<char const*>(p), n);
+                                    });
+}
+
+void addAllAppends() {
+    for (std::size_t const piece : {1U, 8U, 24U, 33U, 64U, 256U}) {
+        addAppends(Row("append pieces of " + std::to_string(piece) + " B up to 64 KiB"), piece,
+                   65536);
+    }
+    auto const pushBack = [](auto& target, std::byte const* p, std::size_t) {
+        target.push_back(*p);
+    };
+    addAppend<ByteBuffer>(Row("append pieces of 1 B up to 64 KiB"), "courier push_back", 1, 65536,
+                          pushBack);
+    addAppend<Vector>(Row("append pieces of 1 B up to 64 KiB"), "push_back", 1, 65536, pushBack);
+    constexpr std::size_t large = 1048576;
+    addAppends(Row("append pieces of 256 B up to 1 MiB"), 256, large);
+    addAppends<2>(Row("the same to two buffers in turn"), 256, large);
+    addAppends(Row("the same, first in a process", 1, Kind::cold), 256, large);
+}
+
+template <class Make> void addZeroes(char const* who, Make make) {
+    constexpr std::size_t size = std::size_t{64} << 20U;
+    for (bool const isTouched : {false, true}) {
+        std::string const touched =
+            isTouched ? "a byte of each page written" : "until they are read";
+        Row("64 MiB of zeroes, " + touched, 1, Kind::timed).add(who, [=] {
+            return [=, n = opaque(size)] {
+                auto bytes = make(n);
+                for (std::size_t i = 0; isTouched && i < n; i += 4096) {
+                    bytes[i] = std::byte{1};
+                }
+                escape(&bytes);
+            };
+        });
+    }
+}
 
 } // namespace
+
+void addBuffers() {
+    addOwner<ByteBuffer>("courier");
+    addOwner<Unique<void (*)(void*)>>("function");
+    addOwner<Unique<std::function<void(void*)>>>("callable");
+    addOwner<Sized<std::shared_ptr<void>>>("shared");
+    addAdoption<absl::Cord>("Cord");
+    addMove<Vector>("vector");
+    addSplits();
+    addAllAppends();
+    addZeroes("courier", [](std::size_t n) { return ByteBuffer(n); });
+    addZeroes("vector", [](std::size_t n) { return Vector(n); });
+    addZeroes("calloc", [](std::size_t n) {
+        struct Free {
+            void operator()(std::byte* block) const { std::free(block); }
+        };
+        return std::unique_ptr<std::byte[], Free>(static_cast<std::byte*>(std::calloc(n, 1)));
+    });
+}
+
 } // namespace benchmarks

@@ -8,43 +8,35 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
+#include <string_view>
 #include <thread>
+#include <vector>
 
 #if __has_include(<valgrind/callgrind.h>)
 #include <valgrind/callgrind.h>
+#else
+#define CALLGRIND_TOGGLE_COLLECT
+#define CALLGRIND_ZERO_STATS
+#define CALLGRIND_DUMP_STATS_AT(label) static_cast<void>(label)
 #endif
 
 namespace {
-
 thread_local std::size_t allocationCount = 0;
-
 } // namespace
 
-// The GNU C library lets a program wrap its allocator. Operator new calls malloc, so this counts
-// the peers that are written in C too.
+// The GNU C library lets a program wrap its allocator. Operator new calls malloc.
 extern "C" {
 void* __libc_malloc(std::size_t size) noexcept;
 void* __libc_calloc(std::size_t count, std::size_t size) noexcept;
 void* __libc_realloc(void* block, std::size_t size) noexcept;
-void* __libc_memalign(std::size_t alignment, std::size_t size) noexcept;
 
-void* malloc(std::size_t size) noexcept {
-    ++allocationCount;
-    return __libc_malloc(size);
-}
+void* malloc(std::size_t size) noexcept { return ++allocationCount, __libc_malloc(size); }
 void* calloc(std::size_t count, std::size_t size) noexcept {
-    ++allocationCount;
-    return __libc_calloc(count, size);
+    return ++allocationCount, __libc_calloc(count, size);
 }
 void* realloc(void* block, std::size_t size) noexcept {
-    ++allocationCount;
-    return __libc_realloc(block, size);
-}
-void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
-    ++allocationCount;
-    return __libc_memalign(alignment, size);
+    return ++allocationCount, __libc_realloc(block, size);
 }
 }
 
@@ -57,119 +49,107 @@ void require(bool holds, char const* what) {
     }
 }
 
-std::size_t allocations() noexcept { return allocationCount; }
-
-std::size_t allocatedBytes() noexcept {
-    struct mallinfo2 const info = mallinfo2();
-    return info.uordblks + info.hblkhd;
-}
-
-double processorSeconds() noexcept {
-    std::timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
-Bytes::Bytes(std::size_t size, Place place)
-    : block_(std::make_unique_for_overwrite<std::byte[]>(size + 2 * 4096)), size_(size) {
-    auto const address = reinterpret_cast<std::uintptr_t>(block_.get());
-    start_ = block_.get() + (4096 - address % 4096) + place;
-    std::uint32_t random = 1;
-    for (std::size_t i = 0; i < size; ++i) {
+std::span<std::byte> bytesAt(Offset offset, std::size_t size) {
+    auto* const page = static_cast<std::byte*>(std::aligned_alloc(4096, (size / 4096 + 2) * 4096));
+    std::span const bytes(page + offset, size);
+    std::ranges::generate(bytes, [random = std::uint32_t{1}]() mutable {
         random = random * 1664525 + 1013904223;
-        start_[i] = static_cast<std::byte>(random >> 24);
-    }
-}
-
-std::string name(std::string const& work, std::size_t size, std::string const& who) {
-    return work + "/" + std::to_string(size) + "/" + who;
-}
-
-void report(benchmark::State& state, double operations, std::size_t allocated) {
-    auto const done = static_cast<double>(state.iterations()) * operations;
-    auto const average = benchmark::Counter::kAvgThreads;
-    state.counters["operations"] = {operations, average};
-    state.counters["allocations"] = {static_cast<double>(allocated) / done, average};
-}
-
-std::vector<Counted>& countedOperations() {
-    static std::vector<Counted> operations;
-    return operations;
-}
-
-std::vector<Cold>& coldOperations() {
-    static std::vector<Cold> operations;
-    return operations;
+        return static_cast<std::byte>(random >> 24U);
+    });
+    return bytes;
 }
 
 namespace {
 
-// In a process that has done nothing else, so it has never freed a large block. Prints the median
-// of fifteen runs.
-int measureCold(std::string const& name) {
-    for (Cold const& operation : coldOperations()) {
-        if (operation.name == name) {
-            std::array<double, 15> times{};
-            for (double& time : times) {
-                double const start = processorSeconds();
-                operation.run();
-                time = processorSeconds() - start;
-            }
-            std::sort(times.begin(), times.end());
-            std::printf("%.0f\n", 1e9 * times[times.size() / 2]);
-            return EXIT_SUCCESS;
-        }
-    }
-    return EXIT_FAILURE;
-}
+struct Counted {
+    std::string name;
+    double operations;
+    std::function<void(std::size_t)> run;
+};
 
-// Under callgrind, dumps the instructions of each counted operation twice, for few and for many
-// runs: the difference has no cost of the preparation.
-int countInstructions() {
-#ifdef CALLGRIND_ZERO_STATS
-    addCounted("empty/0/loop", [] { return [] { escape(nullptr); }; });
-    for (Counted const& operation : countedOperations()) {
-        operation.run(10); // binds the functions of shared libraries
-        for (std::size_t const times : {100U, 1100U}) {
-            CALLGRIND_ZERO_STATS;
-            operation.run(times);
-            std::string const label = operation.name + " " + std::to_string(times) + " " +
-                                      std::to_string(operation.operations);
-            CALLGRIND_DUMP_STATS_AT(label.c_str());
-        }
-    }
-    return EXIT_SUCCESS;
-#else
-    return EXIT_FAILURE;
-#endif
-}
+std::vector<Counted> countedOperations;
 
-// Brings the process to the state of one that has been running for a while: it has had a second
-// thread, so reference counts are atomic, and it has freed large blocks, so malloc keeps them
-// instead of returning them to the system. Otherwise a benchmark would depend on those before it.
-void grow() {
-    std::thread([] {}).join();
-    void* const large = std::malloc(std::size_t{31} << 20U); // malloc keeps no block above 32 MiB
-    escape(large);
-    std::free(large);
+// Under callgrind: dumps the instructions of each counted operation.
+void countInstructions() {
+    for (Counted const& operation : countedOperations) {
+        operation.run(2); // binds the functions of shared libraries, fills what is filled once
+        std::clock_t const start = std::clock();
+        operation.run(1);
+        double const seconds = static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
+        auto const times = static_cast<std::size_t>(std::clamp(0.02 / seconds, 2.0, 500.0));
+        CALLGRIND_ZERO_STATS;
+        operation.run(times);
+        std::string const label = std::to_string(times) + " " +
+                                  std::to_string(operation.operations) + " " + operation.name;
+        CALLGRIND_DUMP_STATS_AT(label.c_str());
+    }
 }
 
 } // namespace
 
+Row::Row(std::string work, double operations, Kind kind)
+    : work_(std::move(work)), operations_(operations), kind_(kind) {
+    static constexpr std::array kinds{"counted", "timed", "cold", "threads", "memory"};
+    work_.insert(0, std::string(kinds.at(static_cast<std::size_t>(kind_))) + " | ").append(" | ");
+}
+
+void Row::addTimed(std::string const& who, std::function<void(benchmark::State&)> body) const {
+    auto* const added = benchmark::RegisterBenchmark((work_ + who).c_str(), std::move(body));
+    if (kind_ == Kind::cold || kind_ == Kind::memory) {
+        added->Iterations(1);
+    } else if (kind_ == Kind::threads) {
+        added->Threads(2)->UseRealTime();
+    }
+}
+
+void Row::addCounted(std::string const& who, std::function<void(std::size_t)> run) const {
+    if (kind_ == Kind::counted) {
+        countedOperations.push_back({work_ + who, operations_, std::move(run)});
+    }
+}
+
+std::size_t Row::allocations() noexcept { return allocationCount; }
+
+std::size_t Row::allocatedBytes() noexcept {
+    struct mallinfo2 const info = mallinfo2();
+    return info.uordblks + info.hblkhd;
+}
+
+// Brings the process to the state of one that has been running for a while: it has had a second
+// thread, so reference counts are atomic, and has freed a large block, so malloc keeps freed
+// memory.
+void Row::settle() {
+    static bool const once = [] {
+        std::thread([] {}).join();
+        std::free(opaque(std::malloc(std::size_t{31} << 20U))); // it keeps no block above 32 MiB
+        return true;
+    }();
+    escape(&once);
+}
+
+void Row::toggleCounting() { CALLGRIND_TOGGLE_COLLECT; }
+
 } // namespace benchmarks
 
 int main(int argc, char** argv) {
-    if (argc == 3 && std::strcmp(argv[1], "--cold") == 0) {
-        return benchmarks::measureCold(argv[2]);
-    }
-    benchmarks::grow();
-    if (argc == 2 && std::strcmp(argv[1], "--instructions") == 0) {
-        return benchmarks::countInstructions();
+    using namespace benchmarks;
+    addBuffers();
+    addLoops();
+    addStreams();
+    addCodecs();
+    addCatalogue();
+    addFanOut();
+    if (argc == 2 && std::string_view(argv[1]) == "--instructions") {
+        Row("").add("nothing", [] { return [] {}; }); // what counting itself takes
+        countInstructions();
+        return EXIT_SUCCESS;
     }
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return EXIT_FAILURE;
-    }
+#if defined(__clang__)
+    benchmark::AddCustomContext("compiler", __VERSION__);
+#else
+    benchmark::AddCustomContext("compiler", "g++ " __VERSION__);
+#endif
     benchmark::RunSpecifiedBenchmarks();
     return EXIT_SUCCESS;
 }

@@ -1,9 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What all benchmarks share.
-//
-// A benchmark is named <work>/<size>/<who>, where <who> is `courier`, one of its peers, or `limit`
-// for what the machine can do. A function prepares the input and returns the operation. Only the
-// operation is timed. It counts as one or more, by which times and allocations are divided.
+// What all benchmarks share: a Row of the table, and what keeps a measurement honest.
 #ifndef COURIER_BENCHMARKS_SUPPORT_H
 #define COURIER_BENCHMARKS_SUPPORT_H
 
@@ -12,13 +8,13 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string>
-#include <vector>
+#include <utility>
 
 /// Aligns a function to a cache line: the speed of a loop varies with its address by up to a factor
-/// of two. The compiler must not know the callers, as if the function were in another file: g++
-/// would otherwise pass the members of a small argument instead of its address, and know what
-/// overlaps.
+/// of two. The compiler must not know the callers, as if the function were in another file.
 #if defined(__clang__)
 #define BENCHMARK_ALONE [[gnu::noinline, gnu::aligned(64)]]
 #else
@@ -27,11 +23,16 @@
 
 namespace benchmarks {
 
+/// Each adds the rows of one file to the table.
+void addBuffers();
+void addLoops();
+void addStreams();
+void addCodecs();
+void addCatalogue();
+void addFanOut();
+
 /// The compiler must assume that the object and all memory are read and changed here.
 inline void escape(void const* object) noexcept { asm volatile("" : : "r"(object) : "memory"); }
-
-/// The compiler must compute the number.
-template <class Number> void keep(Number number) noexcept { asm volatile("" : : "r"(number)); }
 
 /// The same value, unknown to the compiler.
 template <class Value> [[nodiscard]] Value opaque(Value value) noexcept {
@@ -43,93 +44,114 @@ template <class Value> [[nodiscard]] Value opaque(Value value) noexcept {
 /// else.
 void require(bool holds, char const* what);
 
-/// The allocations of the calling thread so far, whether by operator new or by malloc.
-[[nodiscard]] std::size_t allocations() noexcept;
+/// Bytes of arbitrary values, never freed, at an offset in a page. Source and destination must not
+/// have the same offset, nor that of malloc's large blocks: each load would wait for a store that
+/// it does not depend on.
+enum Offset : std::size_t { source = 1088, destination = 2176 };
+[[nodiscard]] std::span<std::byte> bytesAt(Offset offset, std::size_t size);
 
-/// The bytes that are allocated now.
-[[nodiscard]] std::size_t allocatedBytes() noexcept;
-
-/// The processor time of the calling thread, in user and system mode. It is used for everything
-/// except look-ups by several threads: nothing here waits, and other processes matter less.
-[[nodiscard]] double processorSeconds() noexcept;
-
-/// Bytes of arbitrary values, touched beforehand, at a fixed offset in a page. The offsets differ
-/// from each other and from that of malloc's large blocks (16): if source and destination have the
-/// same offset, each load waits for a store that it does not depend on.
-class Bytes {
-public:
-    enum Place : std::size_t { source = 1088, destination = 2176 };
-
-    Bytes(std::size_t size, Place place);
-
-    [[nodiscard]] std::byte* data() const noexcept { return start_; }
-    [[nodiscard]] std::size_t size() const noexcept { return size_; }
-    [[nodiscard]] char* chars() const noexcept { return reinterpret_cast<char*>(start_); }
-
-private:
-    std::unique_ptr<std::byte[]> block_;
-    std::byte* start_;
-    std::size_t size_;
+/// How a row is measured.
+enum class Kind {
+    counted, ///< processor time, and instructions
+    timed,   ///< processor time: the instructions say little, or take too long to count
+    cold,    ///< processor time of the first run in a process: a process for each sample
+    threads, ///< on two threads at once, by the clock, as each of them sees it
+    memory,  ///< the bytes that are allocated for what is made
 };
 
-/// The name of a benchmark.
-[[nodiscard]] std::string name(std::string const& work, std::size_t size, std::string const& who);
+/// One row of the table: work, done by courier and by what one would use instead. report.py names
+/// these, and says what one gives up by taking them.
+class Row {
+public:
+    /// One call of the operation counts as many: they share its time and allocations.
+    explicit Row(std::string work, double operations = 1, Kind kind = Kind::counted);
 
-/// Sets by how many operations a benchmark's times and allocations are divided.
-void report(benchmark::State& state, double operations, std::size_t allocated);
+    /// Adds one that does the work. make() prepares the input and returns the operation, which is
+    /// measured. If that has a prepare(), it is called before each run, and not measured.
+    template <class Make> void add(std::string const& who, Make make) const {
+        using Operation = std::invoke_result_t<Make>;
+        auto const made = std::make_shared<std::optional<Operation>>();
+        auto const operation = [=]() -> Operation& {
+            return *made ? **made : made->emplace(make());
+        };
+        addTimed(who, [=, *this](benchmark::State& state) {
+            if (kind_ == Kind::threads) {
+                Operation ofThisThread = make();
+                measure(state, ofThisThread);
+            } else {
+                measure(state, operation());
+            }
+        });
+        addCounted(who, [=](std::size_t times) { count(operation(), times); });
+    }
 
-/// Registers a benchmark of what `make()` returns.
-template <class Make>
-benchmark::internal::Benchmark* add(std::string const& fullName, Make make, double operations = 1) {
-    auto const body = [make, operations](benchmark::State& state) {
-        auto operation = make();
-        operation(); // maps its memory
-        std::size_t const before = allocations();
+    /// Adds one whose memory is measured: that of what make() returns.
+    template <class Make> void addMade(std::string const& who, Make make) const {
+        addTimed(who, [=, *this](benchmark::State& state) {
+            std::size_t const before = allocatedBytes();
+            auto const made = make();
+            state.counters["value"] = static_cast<double>(allocatedBytes() - before) / operations_;
+            for (auto _ : state) {
+                escape(&made);
+            }
+        });
+    }
+
+private:
+    void addTimed(std::string const& who, std::function<void(benchmark::State&)> body) const;
+    void addCounted(std::string const& who, std::function<void(std::size_t)> run) const;
+
+    static std::size_t allocations() noexcept; // of this thread so far, by new or by malloc
+    static std::size_t allocatedBytes() noexcept;
+    static void settle();
+    static void toggleCounting();
+
+    template <class Operation> static constexpr bool prepares = requires(Operation o) {
+        o.prepare();
+    };
+
+    template <class Operation> void measure(benchmark::State& state, Operation& operation) const {
+        auto const average = benchmark::Counter::kAvgThreads;
+        auto const warmUp = [&] { // maps its memory, fills what is filled once
+            if constexpr (prepares<Operation>) {
+                operation.prepare();
+            }
+            std::size_t const before = allocations();
+            operation();
+            return allocations() - before;
+        };
+        if (kind_ != Kind::cold) {
+            settle();
+            warmUp();
+            state.counters["allocations"] = {static_cast<double>(warmUp()) / operations_, average};
+        }
         for (auto _ : state) {
+            if constexpr (prepares<Operation>) {
+                state.PauseTiming();
+                operation.prepare();
+                state.ResumeTiming();
+            }
             escape(&operation); // the compiler may keep no earlier result
             operation();
         }
-        report(state, operations, allocations() - before);
-    };
-    return benchmark::RegisterBenchmark(fullName.c_str(), body);
-}
-
-/// An operation that is also counted in instructions: run() does it as often as it is told.
-struct Counted {
-    std::string name;
-    double operations;
-    std::function<void(std::size_t times)> run;
-};
-[[nodiscard]] std::vector<Counted>& countedOperations();
-
-/// The same as add(), for an operation that is too short for precise times: it is also counted in
-/// instructions.
-template <class Make> benchmark::internal::Benchmark*
-addCounted(std::string const& fullName, Make make, double operations = 1, bool isShort = true) {
-    if (isShort) {
-        auto const run = [make](std::size_t times) {
-            auto operation = make();
-            for (std::size_t i = 0; i < times; ++i) {
-                escape(&operation);
-                operation();
-            }
-        };
-        countedOperations().push_back({fullName, operations, run});
+        state.counters["operations"] = {operations_, average};
     }
-    return add(fullName, make, operations);
-}
 
-/// An operation that is measured in a process of its own: main() does it when it is called with
-/// `--cold` and the name, and prints the processor time in nanoseconds.
-struct Cold {
-    std::string name;
-    std::function<void()> run;
-};
-[[nodiscard]] std::vector<Cold>& coldOperations();
+    template <class Operation> static void count(Operation& operation, std::size_t times) {
+        for (std::size_t i = 0; i < times; ++i) {
+            if constexpr (prepares<Operation>) {
+                operation.prepare();
+            }
+            toggleCounting();
+            escape(&operation);
+            operation();
+            toggleCounting();
+        }
+    }
 
-/// A family registers its benchmarks by an object at namespace scope.
-struct Family {
-    explicit Family(void (*addAll)()) { addAll(); }
+    std::string work_;
+    double operations_;
+    Kind kind_;
 };
 
 } // namespace benchmarks

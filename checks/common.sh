@@ -7,7 +7,7 @@
         libcereal-dev libcli11-dev libprotobuf-dev protobuf-compiler zlib1g-dev libzstd-dev dpkg-dev
         file"
     to_nats="nats-server libnats-dev openssl python3"
-    to_bench="libbenchmark-dev libabsl-dev libzmq3-dev gnuplot-nox valgrind python3"
+    to_bench="libbenchmark-dev libabsl-dev valgrind python3"
     to_document="doxygen"
     to_sanitise="clang libclang-rt-dev llvm"
     to_format="clang-format black shellcheck codespell"

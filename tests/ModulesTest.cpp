@@ -56,13 +56,14 @@ TEST(ModulesTest, OfTwoCompilersServeEachOtherAndUnload) {
 TEST(ModulesTest, RefusesWithTheCauseWhatIsNoModuleOfThisLibrary) {
     auto const text = testing::TempDir() + "module.txt";
     std::ofstream(text) << "text";
-    for (auto const& [file, cause] : std::map<std::string, std::string>{
+    for (auto const& each : std::map<std::string, std::string>{
              {"missing.so", "missing.so: there is no such file"},
              {text, "module.txt: .*Check that it is a shared object"},
              {BEDROCK, "bedrock.*: it does not export courier_register_module"},
              {OTHER, "other.so: it uses .*other.so, and this program uses .*libcourier_hub"}}) {
-        auto const message = messageOf<std::runtime_error>([&] { Module const module(file); });
-        EXPECT_TRUE(std::regex_search(message, std::regex(cause))) << message;
+        auto const message =
+            messageOf<std::runtime_error>([&] { Module const module(each.first); });
+        EXPECT_TRUE(std::regex_search(message, std::regex(each.second))) << message;
     }
     EXPECT_FALSE(isMapped("other[.]so"));
 }

@@ -24,15 +24,14 @@ namespace courier::examples {
 /// Writes the message's bytes. They do not mark their end, so a message that is cut between two
 /// fields is a valid shorter message.
 template <std::derived_from<google::protobuf::MessageLite> Message>
-void writeMessage(Message const& message, std::ostream& target,
+void writeMessage(Message const& message, std::ostream& out,
                   hub::serialisation::stop_token const& stop) {
     std::size_t const size = message.ByteSizeLong();
     if (size > std::numeric_limits<int>::max()) {
         throw std::runtime_error("a message cannot be longer than 2 GiB");
     }
-    hub::serialisation::StoppableOStream out(stop, target);
     // The encoder is not exception-safe, so it writes to memory, not to the stream.
-    writeBlock(out, size, [&](std::span<std::byte> room) {
+    writeBlock(size, out, stop, [&](std::span<std::byte> room) {
         message.SerializeWithCachedSizesToArray(reinterpret_cast<std::uint8_t*>(room.data()));
         return size;
     });

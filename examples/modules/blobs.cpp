@@ -42,13 +42,11 @@ struct Step {
 };
 
 // Runs a compressor over all the bytes: Step compress(input, output, bool isLastInput).
-template <class Compress> void writeCompressed(Blob const& blob, std::ostream& target,
+template <class Compress> void writeCompressed(Blob const& blob, std::ostream& out,
                                                stop_token const& stop, Compress compress) {
-    StoppableOStream out(stop, target);
     std::span<std::byte const> rest(blob.bytes());
     for (bool ended = false; !ended;) {
-        out.throwIfStopped();
-        writeBlock(out, chunkSize, [&](std::span<std::byte> output) {
+        writeBlock(chunkSize, out, stop, [&](std::span<std::byte> output) {
             auto const input = rest.first(std::min(rest.size(), chunkSize));
             Step const step = compress(input, output, input.size() == rest.size());
             rest = rest.subspan(step.consumed);
@@ -91,13 +89,9 @@ Blob readCompressed(std::istream& in, ReadBudget budget, Decompress decompress) 
 
 // raw: the bytes themselves
 
-void writeRaw(Blob const& blob, std::ostream& target, stop_token const& stop) {
-    StoppableOStream out(stop, target);
-    auto const bytes = blob.bytes();
-    static_cast<void>(prepare(out, bytes.size())); // so that a block need not grow
-    // Written in place: the stream cuts them into pieces.
-    out.write(reinterpret_cast<char const*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+void writeRaw(Blob const& blob, std::ostream& out, stop_token const& stop) {
+    static_cast<void>(prepare(out, blob.bytes().size())); // so that a block need not grow
+    writeAll(std::span<std::byte const>(blob.bytes()), out, stop);
 }
 
 // A part of the received block, if the stream owns that.

@@ -3,8 +3,8 @@
 
 #include "examples/elements/Document.h"
 #include "examples/formats/ReadLimit.h"
+#include "examples/formats/WriteBlock.h"
 
-#include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Module.h>
 #include <courier/hub/serialisation/Registration.h>
 
@@ -12,6 +12,7 @@
 #include <istream>
 #include <limits>
 #include <ostream>
+#include <span>
 #include <stdexcept>
 #include <streambuf>
 #include <string>
@@ -23,6 +24,7 @@ namespace courier::examples {
 namespace {
 
 using Json = nlohmann::json;
+using hub::serialisation::stop_token;
 
 // Encoders, decoders and comparisons recurse into a document: the stack sets the limit.
 constexpr std::size_t deepestNesting = 500;
@@ -171,35 +173,34 @@ Document read(std::istream& in, Json::input_format_t format, ReadBudget budget) 
     return Document{builder.take()};
 }
 
-// The encoders write single bytes, so they get memory, which is then written at once.
-void writeAll(auto const& block, std::ostream& out) {
-    out.write(reinterpret_cast<char const*>(block.data()),
-              static_cast<std::streamsize>(block.size()));
+// The encoders write single bytes, so they write to memory, not to the stream.
+void writeBytes(auto const& encoded, std::ostream& out, stop_token const& stop) {
+    writeAll(std::as_bytes(std::span(encoded)), out, stop);
 }
 
 struct WireFormat {
     char const* name;
     Json::input_format_t input;
-    void (*write)(Json const& value, std::ostream& out);
+    void (*write)(Json const& value, std::ostream& out, stop_token const& stop);
 };
 
 constexpr WireFormat wireFormats[] = {
     {"json", Json::input_format_t::json,
-     [](Json const& value, std::ostream& out) { writeAll(value.dump(), out); }},
+     [](Json const& value, auto&... to) { writeBytes(value.dump(), to...); }},
     {"cbor", Json::input_format_t::cbor,
-     [](Json const& value, std::ostream& out) { writeAll(Json::to_cbor(value), out); }},
+     [](Json const& value, auto&... to) { writeBytes(Json::to_cbor(value), to...); }},
     {"msgpack", Json::input_format_t::msgpack,
-     [](Json const& value, std::ostream& out) { writeAll(Json::to_msgpack(value), out); }},
+     [](Json const& value, auto&... to) { writeBytes(Json::to_msgpack(value), to...); }},
     {"bson", Json::input_format_t::bson,
-     [](Json const& value, std::ostream& out) {
+     [](Json const& value, auto&... to) {
          if (!value.is_object()) {
              throw std::runtime_error(std::string("BSON needs an object at the top, not ") +
                                       value.type_name());
          }
-         writeAll(Json::to_bson(value), out);
+         writeBytes(Json::to_bson(value), to...);
      }},
     {"ubjson", Json::input_format_t::ubjson,
-     [](Json const& value, std::ostream& out) { writeAll(Json::to_ubjson(value), out); }},
+     [](Json const& value, auto&... to) { writeBytes(Json::to_ubjson(value), to...); }},
 };
 
 } // namespace
@@ -212,10 +213,9 @@ void courier_register_module(courier::hub::serialisation::Catalogue& catalogue) 
     for (WireFormat const& format : wireFormats) {
         addFormat<Document>(
             catalogue, format.name,
-            [format](Document const& document, std::ostream& target, stop_token const& stop) {
-                StoppableOStream out(stop, target);
+            [format](Document const& document, std::ostream& out, stop_token const& stop) {
                 try {
-                    format.write(document.value, out);
+                    format.write(document.value, out, stop);
                 } catch (Json::exception const& error) {
                     throwStandard(error);
                 }
