@@ -79,6 +79,7 @@ std::string explain(natsStatus status, jsErrCode code = {}, char const* detail =
     } else if (isFull(code)) {
         text = "the stream has reached its limit, or the disks are full (" + text + ')';
     }
+    text += code != 0 ? ", error " + std::to_string(code) : "";
     return withoutSecrets(text);
 }
 

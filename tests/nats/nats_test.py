@@ -31,7 +31,7 @@ sys.path.insert(0, "examples/nats")
 import cluster
 
 BUILD = pathlib.Path("build/release").resolve()
-STATE = pathlib.Path("build/nats-test").resolve()
+STATE = pathlib.Path(os.environ.get("STATE", "build/nats-test")).resolve()
 PROGRAMS = STATE / "programs/nats"
 TYPES = {}
 DISK = STATE / "disk"
