@@ -501,7 +501,7 @@ def failover(place, seed):
         place.end(sender, says=f"{100 * copies} of {100 * copies} elements decoded")
         result = check(sender)
         sender = place.sender("--copies", str(100 * copies), *files)
-        place.wait(sender.log, r"(sent .*\n){%d}" % chance.randrange(1, 200))
+        place.wait(sender.log, r"(?s)(\nsent .*?){%d}" % chance.randrange(1, 200))
         sender.send_signal(signal.SIGINT)
         place.end(sender, 130)
         check(sender)
