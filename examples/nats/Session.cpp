@@ -132,6 +132,8 @@ Session::Session(Options const& options, std::string role, Waiting waiting, Stor
     jetStream_.reset(jetStream);
     makeStream(options.stream, options.maxBytes, options.replicas);
     makeStream(options.reports(), -1, options.replicas);
+    wanted_ = 1;
+    lookForRoom(); // the first elements need not wait for resend()
 }
 
 Session::~Session() {

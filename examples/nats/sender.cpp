@@ -67,6 +67,7 @@ public:
                             .name = "reports-" + run_,
                             .subject = options_.nats.reports() + '.' + run_ + ".*",
                             .lifeTime = 24h});
+            start_ = Clock::now();
             for (std::size_t i = 0; i < std::min(options_.threads, states_.size()); ++i) {
                 senders.push_back(std::async(std::launch::async, [this] { send(); }));
             }
@@ -296,7 +297,7 @@ private:
     Options const& options_;
     std::string const run_ = nats::randomName();
     stop_source stop_;
-    Clock::time_point const start_ = Clock::now();
+    Clock::time_point start_ = Clock::now(); // of sending
     std::vector<std::string> formats_;
     std::vector<GenericSerialiser> serialisers_;
     std::shared_ptr<Sentinel> sentinel_;
