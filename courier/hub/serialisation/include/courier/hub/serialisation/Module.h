@@ -54,8 +54,9 @@ public:
     /// throws std::bad_alloc. The module is then not loaded.
     explicit Module(std::filesystem::path const& file);
 
-    Module(Module&&) noexcept;
-    Module& operator=(Module&&) noexcept;
+    /// Takes the module over. An assignment unloads what this object held first.
+    Module(Module&& other) noexcept;
+    Module& operator=(Module&& other) noexcept;
     ~Module();
 
     /// Calls the module's courier_register_module(). Throws what that throws. A second call with
