@@ -35,8 +35,24 @@ ByteBufferByteStreamImpl::~ByteBufferByteStreamImpl() = default;
 ByteStreamIterator ByteBufferByteStreamImpl::begin() { return ByteStreamIterator(*this); }
 
 // A derived class may override what the iterator would inline.
-bool ByteStreamIterator::isBuffer(ByteStreamImpl const& source) noexcept {
-    return typeid(source) == typeid(ByteBufferByteStreamImpl);
+ByteBufferByteStreamImpl* ByteStreamIterator::asBuffer(ByteStreamImpl& source) noexcept {
+    return typeid(source) == typeid(ByteBufferByteStreamImpl)
+               ? static_cast<ByteBufferByteStreamImpl*>(&source)
+               : nullptr;
+}
+
+// Out of line, because g++ takes current_ for uninitialised where it inlines this.
+ByteStreamCharIterator& ByteStreamCharIterator::operator++() {
+    if (!inner_) {
+        throwAtEnd();
+    }
+    if (inner_->source_ == nullptr) {
+        inner_.reset();
+        current_.reset();
+    } else {
+        current_ = toChar(*(*inner_)++);
+    }
+    return *this;
 }
 
 namespace detail {

@@ -32,6 +32,7 @@
 
 namespace courier::hub::serialisation {
 
+class ByteBufferByteStreamImpl;
 class ByteStreamIterator;
 
 /// An abstract source of bytes. Each byte is read once, in order. The read position belongs to the
@@ -89,7 +90,7 @@ public:
     /// Reads the next byte of the source. Makes the end iterator if there is none. Throws what the
     /// source throws.
     ByteStreamIterator(ByteStreamImpl& source COURIER_HUB_SERIALISATION_LIFETIMEBOUND)
-        : source_(&source), isBuffer_(isBuffer(source)) {
+        : source_(&source), buffer_(asBuffer(source)) {
         ++*this;
     }
 
@@ -128,12 +129,12 @@ private:
         detail::throwOutOfRange("Attempt to increment the end ByteStreamIterator");
     }
 
-    [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT static bool
-    isBuffer(ByteStreamImpl const& source) noexcept;
+    [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT static ByteBufferByteStreamImpl*
+    asBuffer(ByteStreamImpl& source) noexcept;
 
-    ByteStreamImpl* source_ = nullptr; // null at the end, and only there
-    std::optional<std::byte> current_; // empty at the end, and only there
-    bool isBuffer_ = false;            // source_ is exactly a ByteBufferByteStreamImpl
+    ByteStreamImpl* source_ = nullptr;           // null at the end, and only there
+    std::optional<std::byte> current_;           // empty at the end, and only there
+    ByteBufferByteStreamImpl* buffer_ = nullptr; // the source, if it is exactly of this class
 };
 
 static_assert(std::is_trivially_copyable_v<ByteStreamIterator>);
@@ -181,18 +182,7 @@ public:
 
     /// Moves to the next character, or becomes the end iterator. Throws std::out_of_range "Attempt
     /// to increment the end ByteStreamCharIterator" at the end, and what the source throws.
-    ByteStreamCharIterator& operator++() {
-        if (!inner_) {
-            throwAtEnd();
-        }
-        if (inner_->source_ == nullptr) {
-            inner_.reset();
-            current_.reset();
-        } else {
-            current_ = toChar(*(*inner_)++);
-        }
-        return *this;
-    }
+    COURIER_HUB_SERIALISATION_EXPORT ByteStreamCharIterator& operator++();
 
     /// The same. Returns a holder of the character at the old position.
     PostIncrementHolder operator++(int) {
@@ -264,10 +254,9 @@ inline ByteStreamIterator& ByteStreamIterator::operator++() {
     if (source_ == nullptr) {
         throwAtEnd();
     }
-    if (isBuffer_) {
-        auto& buffer = static_cast<ByteBufferByteStreamImpl&>(*source_);
-        if (buffer.next_ != buffer.end_) {
-            current_ = *buffer.next_++;
+    if (buffer_ != nullptr) {
+        if (buffer_->next_ != buffer_->end_) {
+            current_ = *buffer_->next_++;
             return *this;
         }
     } else if (*source_) {
