@@ -6,6 +6,7 @@ need $to_build $to_sanitise
 minutes=${FUZZ_MINUTES:-1}
 targets=$(ls fuzz/corpus)
 build fuzz --target $(printf 'fuzz_%s ' $targets) >&2
+export ASAN_OPTIONS=allocator_may_return_null=1 # exhausted memory is an outcome
 runs=0
 for target in $targets; do
     work=build/fuzz/found/$target

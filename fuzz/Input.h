@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -19,7 +20,7 @@ struct Place {
     std::size_t step = 0;
     char const* operation = "the start";
 };
-inline Place place;
+inline thread_local Place place;
 
 inline std::ostream& operator<<(std::ostream& out, Place const& p) {
     return out << p.input << ", step " << p.step << ", " << p.operation;
@@ -37,6 +38,10 @@ template <class Library, class Model> void requireSame(char const* asked, Librar
         std::abort();
     }
 }
+
+/// The same for the message of what a call throws, or "no exception".
+#define SAME_ERROR(Exception, message, call)                                                       \
+    SAME(tests::messageOf<Exception>([&] { static_cast<void>(call); }), message)
 
 /// An action for Input::oneOf(). The message of a failure has its text.
 #define DO(...) std::pair(#__VA_ARGS__, [&] { __VA_ARGS__; })
@@ -56,17 +61,25 @@ public:
     std::size_t below(std::size_t n) noexcept { return byte() % n; }
     bool oneIn(std::size_t n) noexcept { return below(n) == n - 1; }
     bool flag() noexcept { return oneIn(2); }
-    /// A length, short more often than not, up to 1016.
-    std::size_t length() noexcept {
+
+    /// A length. Half of the time it is one of those at which something may change, or next to
+    /// one: `atHand` is the caller's own, such as a size. Otherwise it is short, up to 1016.
+    std::size_t length(std::size_t atHand = 0) noexcept {
+        constexpr std::size_t one = 1;
+        std::size_t const edges[] = {0,         1,         16,        32,       4096,   one << 16,
+                                     one << 31, one << 32, one << 63, ~one + 1, atHand, atHand};
+        if (flag()) {
+            return edges[below(std::size(edges))] + below(3) - 1;
+        }
         std::size_t const root = byte();
         return root * root / 64;
     }
-    /// A length near 2^31, 2^32, 2^63 or 2^64.
-    std::size_t hugeLength() noexcept {
-        constexpr std::size_t one = 1;
-        constexpr std::size_t near[] = {one << 31, one << 32, one << 63, 0};
-        return near[below(4)] + byte() - 128;
+    /// The same, of content that is made.
+    std::size_t size(std::size_t atHand = 0) noexcept {
+        std::size_t const n = length(atHand);
+        return n <= most ? n : n % 64;
     }
+    static constexpr std::size_t most = 5000;
 
     /// Does one of these actions.
     template <class... Actions> void oneOf(Actions const&... actions) {

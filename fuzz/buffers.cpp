@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// ByteBuffer, ByteBufferView and their iterators against a plain vector for each buffer.
+// ByteBuffer, ByteBufferView and their iterators against a std::vector for each buffer.
 #include "../tests/Support.h"
 #include "Input.h"
 
@@ -8,211 +8,272 @@
 namespace {
 
 using namespace tests;
+using fuzz::Input;
 using Bytes = std::vector<std::byte>;
 
-constexpr auto incompatible = "Attempting to take difference between incompatible MessageIterators";
-std::string const pastEnd = "Attempt to access position beyond the end of the ByteBuffer";
+std::string const none = "no exception";
+std::string const incompatible =
+    "Attempting to take difference between incompatible MessageIterators";
+constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
 
-#define SAME_ERROR(Exception, message, call)                                                       \
-    SAME(messageOf<Exception>([&] { static_cast<void>(call); }), message)
-
-// What a buffer holds, and in which form. While this vector keeps its block, the buffer must too.
+// What a buffer holds. While this vector keeps its block, the buffer must too.
 struct Model {
-    void makeRoom(std::size_t n) {
-        if (external || n > bytes.capacity()) {
-            Bytes larger;
-            larger.reserve(n + n / 2);
-            larger.insert(larger.end(), bytes.data(), bytes.data() + std::min(n, bytes.size()));
-            bytes = std::move(larger);
-            external = false;
-        }
+    [[nodiscard]] bool isExternal() const { return block != nullptr; }
+    void convert(std::size_t capacity) {
+        Bytes larger;
+        larger.reserve(capacity);
+        larger.insert(larger.end(), bytes.data(), bytes.data() + std::min(capacity, bytes.size()));
+        bytes = std::move(larger);
+        block = nullptr;
+        place = nullptr;
     }
-    void convert() {
-        if (external) {
-            *this = {Bytes(bytes)};
+    void makeRoom(std::size_t n) {
+        if (isExternal() || n > bytes.capacity()) {
+            convert(n + n / 2);
         }
     }
     void append(Bytes const& added) {
         makeRoom(bytes.size() + added.size());
         bytes.insert(bytes.end(), added.begin(), added.end());
     }
+    void resize(std::size_t n) { makeRoom(n), bytes.resize(n); }
+    void reserve(std::size_t n) {
+        isExternal() ? convert(std::max(n, bytes.size())) : bytes.reserve(n);
+    }
+    void clear() { isExternal() ? convert(0) : bytes.clear(); }
+    void push_back(std::byte b) {
+        isExternal() ? convert(bytes.size()) : void();
+        bytes.push_back(b);
+    }
     void trimFront(std::size_t n) {
         bytes.erase(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(n));
-        bufferPlace += external ? n : 0;
+        bufferPlace += isExternal() ? n : 0;
     }
     void trimBack(std::size_t n) { bytes.resize(bytes.size() - n); }
+
     Bytes bytes{};
-    bool external = false;
-    std::byte const* place = nullptr; // of these bytes after the last step, and of the buffer's
-    std::byte const* bufferPlace = nullptr;
+    std::shared_ptr<void> block{};          // in external form: freed when the buffer's must be
+    bool keepsDeleter = false;              // even after the block is gone
+    std::byte const* place = nullptr;       // of these bytes after the last step
+    std::byte const* bufferPlace = nullptr; // and of the buffer's
 };
 
-void trim(auto& holder, Model& model, std::size_t n, bool atFront) {
-    auto const from = [&](auto& bytes) { atFront ? bytes.trimFront(n) : bytes.trimBack(n); };
-    if (n <= model.bytes.size()) {
-        from(holder);
-        from(model);
-    } else {
-        SAME_ERROR(std::out_of_range, "Requested to remove more bytes than exist", from(holder));
+// What an operation throws that needs this capacity, and perhaps half as much again. Nothing
+// between what a test may allocate and what no machine has is tried.
+bool isTried(std::size_t capacity) { return capacity <= 2 * Input::most || capacity >> 48 != 0; }
+std::string refusal(std::size_t capacity, bool withHalf = true) {
+    bool const wraps = capacity > longest || (withHalf && capacity / 2 > longest - capacity);
+    return wraps ? "vector too long" : capacity >> 48 != 0 ? std::bad_alloc().what() : none;
+}
+std::string said(auto call) {
+    try {
+        call();
+    } catch (std::exception const& error) {
+        return error.what();
     }
+    return none;
 }
 
-// Bytes that adopt() takes, counted as a block is.
-struct Owner : std::string {
-    Owner(std::string content, Blocks& counts) : std::string(std::move(content)), blocks(&counts) {
-        ++blocks->made;
-    }
-    Owner(Owner&& other) noexcept
-        : std::string(std::move(other)), blocks(std::exchange(other.blocks, nullptr)) {}
-    Owner& operator=(Owner&&) = delete;
-    ~Owner() { blocks != nullptr ? ++blocks->freed : 0; }
-    Blocks* blocks;
-};
-
-// Checks of what buffers and views share.
-void requireSame(auto&& holder, Bytes const& bytes, std::string const& name) {
-    auto const& constant = holder;
+// What buffers and views share, in every overload: call it with the object and as a constant.
+void inspect(auto& holder, Bytes const& bytes, std::string const& name) {
+    std::string const pastEnd = "Attempt to access position beyond the end of the " + name;
     SAME(text(ByteBufferView(holder)), text(ByteBufferView(bytes)));
     SAME(Bytes(holder.begin(), holder.end()), bytes);
-    SAME(Bytes(constant.cbegin(), constant.cend()), bytes);
+    SAME(Bytes(holder.cbegin(), holder.cend()), bytes);
     SAME(holder.size(), bytes.size());
     SAME(holder.empty(), bytes.empty());
-    SAME_ERROR(std::out_of_range, pastEnd + name, holder.at(bytes.size()));
-    SAME_ERROR(std::out_of_range, pastEnd + name, constant.at(~std::size_t{0}));
+    SAME_ERROR(std::out_of_range, pastEnd, holder.at(bytes.size()));
+    SAME_ERROR(std::out_of_range, pastEnd, holder.at(~std::size_t{0}));
+    SAME_ERROR(std::out_of_range, bytes.empty() ? name + " is empty" : none, holder.front());
+    std::byte const* const start = holder.data();
     if (bytes.empty()) {
-        SAME(constant.data(), nullptr);
-        SAME(holder.data(), nullptr);
-        SAME_ERROR(std::out_of_range, "ByteBuffer" + name + " is empty", holder.front());
-        SAME_ERROR(std::out_of_range, "ByteBuffer" + name + " is empty", constant.front());
-        return;
-    }
-    std::size_t const last = bytes.size() - 1;
-    for (std::byte const* const place : std::initializer_list<std::byte const*>{
-             &holder[last], &holder.at(last), &holder.front() + last, holder.data() + last,
-             &constant[last], &constant.at(last), &constant.front() + last}) {
-        SAME(place, constant.data() + last);
+        SAME(start, nullptr);
+    } else {
+        std::size_t const last = bytes.size() - 1;
+        SAME(&holder.front(), start);
+        SAME(&holder[last], start + last);
+        SAME(&holder.at(last), start + last);
     }
 }
 
-// Parts of huge lengths, compared with numbers. No byte is read.
-void claim(fuzz::Input& input) {
-    static std::byte first{};
-    std::byte* const volatile start = &first; // no compiler knows how much is there
-    auto const length = [&] { return input.flag() ? input.length() : input.hugeLength(); };
-    constexpr std::size_t farthest = std::size_t{1} << 40; // offset that an address allows
-    std::size_t const size = input.hugeLength(), far = length(), count = length();
-    std::size_t const offset = far > size ? far : far % farthest;
-    auto const place = [](std::ptrdiff_t from, std::size_t n) {
-        return n == 0 ? "" : std::to_string(from) + " and " + std::to_string(n) + " bytes";
-    };
-    auto const part = [&](std::size_t from, std::size_t n) -> std::string {
-        bool const fits = from <= size && n <= size - from;
-        return fits ? place(static_cast<std::ptrdiff_t>(from), n) : "Invalid range requested";
-    };
-    auto const same = [&](auto taken, std::string const& expected) {
-        std::string shown;
-        std::string const error = messageOf<std::out_of_range>([&] {
-            ByteBufferView const view = taken();
-            shown = place(view.data() - start, view.size());
-        });
-        SAME(error == "no exception" ? shown : error, expected);
-    };
-    auto const ask = [&](auto&& of) {
-        same([&] { return of.makeView(offset, count); },
-             part(offset, count == 0 ? size - offset : count));
-        same([&] { return of.subview(offset, count); }, part(offset, count));
-        same([&] { return of.subview(offset); }, part(offset, size - offset));
-        same([&] { return of.first(count); }, part(0, count));
-        if (count > size || size - count < farthest) {
-            same([&] { return of.last(count); }, part(size - count, count));
-        }
-        std::string const tooMany = "Requested to remove more bytes than exist";
-        SAME_ERROR(std::out_of_range, count > size ? tooMany : "no exception", of.trimBack(count));
-        SAME(of.size(), count > size ? size : size - count);
-    };
-    ask(ByteBufferView(start, size));
-    ask(ByteBuffer(ByteBuffer::Block(start, [](void*) {}), size));
+// An iterator against a position.
+void walk(Input& input, auto const begin, std::size_t size) {
+    auto const n = static_cast<std::ptrdiff_t>(size);
+    auto const position = [&] { return static_cast<std::ptrdiff_t>(input.length(size)) % (n + 1); };
+    std::ptrdiff_t const at = std::abs(position()), to = std::abs(position()), d = to - at;
+    auto it = begin + at;
+    auto const there = to + begin;
+    SAME(it - begin, at);
+    SAME(there - it, d);
+    SAME((it <=> there) == (at <=> to) && (it == there) == (at == to), true);
+    SAME(it + d == there && d + it == there && there - d == it, true);
+    SAME((it += d) == there && (it -= d) == begin + at, true);
+    if (at < n) {
+        SAME(it.operator->(), std::to_address(begin) + at);
+        SAME(&*it == &begin[at] && &there[-d] == &*it, true);
+        SAME(it++ - begin, at);
+        SAME(it-- - begin, at + 1);
+        SAME(++it - begin, at + 1);
+        SAME(--it - begin, at);
+    }
 }
+
+// Parts of something of this size that starts there. No byte is read: few of them may be there.
+void parts(Input& input, auto&& of, std::byte const* start, std::size_t size) {
+    std::size_t const n = input.length(size), rest = n <= size ? size - n : 0;
+    std::size_t const count = input.length(rest);
+    auto const isReachable = [](std::size_t offset) { return offset >> 40 == 0; };
+    auto const same = [&](std::size_t from, std::size_t length, auto part) {
+        if (from > size || length > size - from) {
+            SAME_ERROR(std::out_of_range, "Invalid range requested", part());
+        } else if (isReachable(from)) {
+            ByteBufferView const view = part();
+            SAME(view.size(), length);
+            SAME(view.data(), start == nullptr || length == 0 ? nullptr : start + from);
+        }
+    };
+    same(0, n, [&] { return of.first(n); });
+    same(rest, n, [&] { return of.last(n); });
+    same(n, rest, [&] { return of.subview(n); });
+    same(n, count, [&] { return of.subview(n, count); });
+    same(n, count == 0 ? rest : count, [&] { return of.makeView(n, count); });
+    std::string const error = n > size ? "Requested to remove more bytes than exist" : none;
+    if (ByteBufferView front(start, size), back = front; isReachable(rest == 0 ? 0 : n)) {
+        SAME_ERROR(std::out_of_range, error, front.trimFront(n));
+        SAME_ERROR(std::out_of_range, error, back.trimBack(n));
+        if (n <= size) {
+            SAME(back == ByteBufferView(start, rest), true);
+            SAME(front.size(), rest);
+            SAME(front.data(), rest == 0 || start == nullptr ? nullptr : start + n);
+            SAME(back.data(), rest == 0 ? nullptr : start);
+        }
+    }
+}
+
+// Counts how many of it there are.
+struct Counted {
+    explicit Counted(int& c) : count(&c) { ++*count; }
+    Counted(Counted const& other) : Counted(*other.count) {}
+    Counted& operator=(Counted const&) = default;
+    ~Counted() { --*count; }
+    int* count;
+};
+struct Owner : std::string { // of bytes that adopt() takes
+    Owner(std::string content, int& count) : std::string(std::move(content)), counted(count) {}
+    Counted counted;
+};
 
 struct Run {
-    fuzz::Input input;
-    Blocks blocks{};
+    Input input;
+    int owners = 0, expectedOwners = 0, deleters = 0;
+    bool isSplit = false;
+    std::size_t last = 0; // buffer that was acted on
     std::vector<ByteBuffer> buffers = std::vector<ByteBuffer>(3);
     std::array<Model, 3> models{};
 
+    // A deleter may use the buffers, of which none has the block any more.
+    void release(std::byte* block, std::size_t size) {
+        --owners;
+        for (ByteBuffer& each : buffers) {
+            std::less<std::byte const*> const before;
+            std::byte const* const start = each.data();
+            SAME(start != nullptr && !before(start, block) && before(start, block + size), false);
+            std::to_address(each.begin()) == nullptr ? each.clear() : void();
+        }
+        delete[] block;
+    }
+    ByteBuffer adoptBlock(Bytes const& content) {
+        ++owners;
+        auto* const block = new std::byte[content.size() + 1];
+        std::copy(content.begin(), content.end(), block);
+        auto const free = [this, block, n = content.size(), alive = Counted(deleters)](void* p) {
+            SAME(p, block);
+            release(block, n + 1);
+        };
+        return {ByteBuffer::Block(block, free), content.size()};
+    }
+
     void make(ByteBuffer& buffer, Model& model, std::size_t n) {
-        Bytes own = bytes(input.fresh(n));
+        std::string const content = input.fresh(n);
+        Bytes own = bytes(content);
         ByteBufferView const view(own);
-        auto const owner = std::make_shared<Owner>(text(view), blocks);
+        Owner named(content, owners);
+        auto const shared = std::make_shared<Owner>(named);
         auto const never = [](void*) { std::abort(); };
         model = {own};
+        auto const external = [&](ByteBuffer made, bool keepsDeleter = false) {
+            buffer = std::move(made);
+            model.block.reset(&++expectedOwners, [](int* count) { --*count; });
+            model.keepsDeleter = keepsDeleter;
+        };
         input.oneOf(
             DO(buffer = ByteBuffer(view)), DO(buffer = view.operator ByteBuffer()),
             DO(own.reserve(n + 3), buffer = ByteBuffer(std::move(own)), model.bytes.reserve(n + 3)),
             DO(buffer = ByteBuffer(n), model = {Bytes(n)}),
             DO(buffer = ByteBuffer({nullptr, never}, n), model = {}),
-            DO(buffer = blocks.adopt(text(view)), model.external = true),
-            DO(buffer = adopt(Owner(text(view), blocks)), model.external = true),
-            DO(buffer = adopt(ByteBufferView(*owner), owner), model.external = true));
+            DO(external(adoptBlock(own), true)), DO(external(adopt(Owner(content, owners)))),
+            DO(external(adopt(named))), DO(external(adopt(std::as_const(named)))),
+            DO(external(adopt(ByteBufferView(*shared), shared))),
+            DO(auto moved = shared; external(adopt(ByteBufferView(*shared), std::move(moved)))));
+        SAME(named == content, true); // an owner with a name is copied
+        SAME_ERROR(std::invalid_argument, "ByteBuffer needs a deleter for its block",
+                   ByteBuffer(ByteBuffer::Block(&named, nullptr), n));
     }
 
     // A view of some of a buffer's bytes, and the bytes that it must have.
     std::pair<ByteBufferView, Model> cut(std::size_t i) {
-        Model part{models[i].bytes};
-        std::size_t const size = part.bytes.size();
-        std::size_t const offset = input.length() % (size + 2);
-        std::size_t const count = input.length() % (size + 2);
-        ByteBuffer const& buffer = buffers[i];
-        bool const zeroIsAll = input.flag();
-        auto const take = [&] {
-            return zeroIsAll ? buffer.makeView(offset, count) : buffer.subview(offset, count);
-        };
-        if (offset + count > size) {
-            SAME_ERROR(std::out_of_range, "Invalid range requested", take());
-            return {};
-        }
-        ByteBufferView view = take();
-        SAME(zeroIsAll ? view : buffer.first(offset + count).last(count), view);
-        SAME(text(buffer.subview(offset)), text(buffer.makeView(offset, 0)));
-        part.trimFront(offset);
-        part.bytes.resize(zeroIsAll && count == 0 ? size - offset : count);
-        trim(view, part, input.length() % (size + 2), input.flag());
-        requireSame(view, part.bytes, "View");
+        Bytes const& all = models[i].bytes;
+        std::size_t const offset = input.length(all.size()) % (all.size() + 1);
+        std::size_t const count = input.length(all.size()) % (all.size() + 1 - offset);
+        ByteBufferView view = std::as_const(buffers[i]).subview(offset, count);
+        auto const from = all.begin() + static_cast<std::ptrdiff_t>(offset);
+        Model part{Bytes(from, from + static_cast<std::ptrdiff_t>(count))};
+        inspect(view, part.bytes, "ByteBufferView");
+        inspect(std::as_const(view), part.bytes, "ByteBufferView");
         return {view, part};
     }
 
     // Appends something to a buffer, or to a view, which makes another buffer.
     ByteBuffer append(auto& target, Model& model, std::size_t j) {
-        Bytes all, fresh = bytes(input.fresh(input.length()));
         auto const piece = cut(j);
-        if (models[j].external) { // what is trimmed stays readable, through an earlier view
-            std::size_t const n = fresh.size() % (models[j].bytes.size() + 1);
-            trim(buffers[j], models[j], n, n % 2 == 0);
+        if (models[j].isExternal()) { // what is trimmed stays readable, through an earlier view
+            std::size_t const n = input.byte() % (models[j].bytes.size() + 1);
+            n % 2 == 0 ? buffers[j].trimFront(n) : buffers[j].trimBack(n);
+            n % 2 == 0 ? models[j].trimFront(n) : models[j].trimBack(n);
         }
+        Bytes all;
         for (Model const& each : models) {
             all.insert(all.end(), each.bytes.begin(), each.bytes.end());
         }
+        std::size_t const room = model.bytes.capacity() - model.bytes.size();
+        Bytes const fresh = bytes(input.fresh(input.size(room)));
+        Bytes const held = models[j].bytes;
+        Bytes vector = fresh;
         ByteBuffer made;
         auto const add = [&](Bytes const& bytes, bool always, auto&& argument) {
             if (always || !bytes.empty()) {
-                model.append(Bytes(bytes));
+                model.append(bytes);
             }
             auto&& appended = target.append(std::forward<decltype(argument)>(argument));
             if constexpr (!std::is_same_v<decltype(appended), ByteBuffer&>) {
                 made = std::move(appended);
+            } else {
+                SAME(&appended, &target);
             }
         };
-        std::vector<ByteBuffer> const none;
+        std::vector<ByteBuffer> const nothing;
         input.oneOf(DO(add(all, true, buffers)), // the target is among them
-                    DO(add(all, true, std::move(buffers))), DO(add({}, false, none)),
-                    DO(add(models[j].bytes, false, buffers[j])),
-                    DO(add(models[j].bytes, false, std::move(buffers[j]))),
-                    DO(add(fresh, false, fresh)), DO(add(fresh, false, Bytes(fresh))),
+                    DO(add(all, true, std::move(buffers))), DO(add({}, false, nothing)),
+                    DO(add(held, false, buffers[j])), DO(add(held, false, std::move(buffers[j]))),
+                    DO(add(held, false, std::as_const(buffers[j]))), DO(add(fresh, false, vector)),
+                    DO(add(fresh, false, std::move(vector))),
+                    DO(add(fresh, false, std::as_const(vector))), DO(add(fresh, false, fresh)),
                     DO(add(piece.second.bytes, false, piece.first)));
+        SAME(vector, fresh);
         return made;
     }
 
-    void move(ByteBuffer& from, Model& fromModel, ByteBuffer& to, Model& toModel) {
+    static void move(ByteBuffer& from, Model& fromModel, ByteBuffer& to, Model& toModel) {
         ByteBuffer moved(std::move(from));
         Model movedModel = std::exchange(fromModel, {});
         SAME(from.size(), 0U);
@@ -222,81 +283,183 @@ struct Run {
         to = std::move(itself);
     }
 
+    // Both parts are in external form and share what owns the bytes.
+    void split(std::size_t i, std::size_t j, std::size_t n) {
+        Model& model = models[i];
+        std::size_t const size = model.bytes.size();
+        ByteBuffer front = buffers[i].splitFront(n);
+        Model frontModel;
+        if (n == size) {
+            std::swap(frontModel, n == 0 ? frontModel : model);
+        } else if (n != 0) {
+            model.block = model.isExternal() ? model.block : std::make_shared<int>();
+            model.keepsDeleter = false; // its owner does
+            isSplit = true;
+            frontModel = model;
+            frontModel.place = frontModel.bytes.data();
+            frontModel.trimBack(size - n);
+            model.trimFront(n);
+        }
+        buffers[j] = std::move(front);
+        models[j] = std::move(frontModel);
+    }
+
+    // Sizes and lengths that nothing has: no byte is read.
+    void lie(ByteBuffer& buffer, Model& model) {
+        static std::byte first{};
+        std::byte* const volatile start = &first; // no compiler knows how much is there
+        std::size_t const held = model.bytes.size(), size = input.length(longest - held);
+        std::size_t const more = input.length(size);
+        auto const lying = [&](std::size_t n) {
+            return ByteBuffer(ByteBuffer::Block(start, [](void*) {}), n);
+        };
+        ByteBuffer liar = lying(size);
+        ByteBufferView view(start, size), null(static_cast<std::byte*>(nullptr), size);
+        parts(input, liar, start, size);
+        parts(input, std::as_const(liar), start, size);
+        parts(input, view, start, size);
+        parts(input, null, nullptr, size);
+        if (size >> 48 != 0) {
+            auto const sum = [](std::size_t a, std::size_t b) {
+                return a > longest || b > longest - a ? "vector too long" : refusal(a + b);
+            };
+            std::vector<ByteBuffer> list;
+            list.push_back(lying(size));
+            list.push_back(lying(more));
+            Bytes const one(1);
+            SAME(said([&] { buffer.append(view); }), sum(size, held));
+            SAME(said([&] { buffer.append(liar); }), sum(size, held));
+            SAME(said([&] { buffer.append(null); }), sum(size, held));
+            SAME(said([&] { buffer.append(std::move(list)); }),
+                 more > longest - std::min(size, longest) ? "vector too long"
+                                                          : sum(size + more, held));
+            SAME(said([&] { liar.append(one); }), sum(size, 1));
+            SAME(said([&] { liar.push_back(one[0]); }),
+                 size >= longest ? "vector too long" : refusal(size + 1, false));
+            SAME(said([&] { liar.reserve(more); }), refusal(std::max(size, more), false));
+            SAME(said([&] { discard(liar.clone()); }), refusal(size, false));
+            SAME(said([&] { discard(view.append(one)); }), refusal(size, false));
+            SAME(said([&] { discard(ByteBuffer(view)); }), refusal(size, false));
+            SAME(said([&] { discard(ByteBuffer(size)); }), refusal(size, false));
+            SAME(liar.size(), size);
+        } else if (size != 0) {
+            SAME_ERROR(std::runtime_error, incompatible, ByteBuffer(null));
+            SAME_ERROR(std::runtime_error, incompatible, null.append(buffer));
+            SAME_ERROR(std::runtime_error, incompatible, Bytes(null.begin(), null.end()));
+            SAME_ERROR(std::runtime_error, incompatible, null.end() <=> ByteBuffer(1).begin());
+            Owner named("named", owners);
+            SAME_ERROR(std::runtime_error, incompatible, adopt(null, named));
+            SAME_ERROR(std::runtime_error, incompatible, adopt(null, std::move(named)));
+            SAME(std::string(named), "named");
+            SAME(null == null && null.begin() != null.end() && null != buffer.first(0), true);
+            if (isTried(size + held)) {
+                SAME_ERROR(std::runtime_error, incompatible, buffer.append(null));
+                model.makeRoom(held + size); // room was made before the view was refused
+            }
+        }
+        SAME(null == ByteBufferView(), size == 0);
+        SAME(null == view && view == null, size == 0);
+        null.clear();
+        view.clear();
+        SAME(view == null && view.data() == nullptr && view.begin() == null.end(), true);
+    }
+
     void step() {
-        std::size_t const i = input.below(3);
+        std::size_t const i = last = input.flag() ? last : input.below(3);
         std::size_t const j = input.below(3);
-        std::size_t const n = input.length();
         ByteBuffer& buffer = buffers[i];
         ByteBuffer& other = buffers[j];
         Model& model = models[i];
+        std::size_t const size = model.bytes.size();
+        std::size_t const n = input.length(input.flag() ? size : model.bytes.capacity());
         std::byte const spare{};
         std::byte const& b = other.empty() ? spare : other[n % other.size()];
-        auto part = cut(i);
-        input.oneOf(
-            DO(make(buffer, model, n)), DO(trim(buffer, model, n, input.flag())),
-            DO(model.convert(), model.bytes.reserve(n), buffer.reserve(n)),
-            DO(model.makeRoom(n), model.bytes.resize(n), buffer.resize(n)),
-            DO(model.makeRoom(0), model.bytes.clear(), buffer.clear()),
-            DO(buffer = other.clone(), model = {models[j].bytes}),
-            DO(move(other, models[j], buffer, model)),
-            DO(model.convert(), model.bytes.push_back(b), buffer.push_back(b)),
-            DO(model.convert(), model.bytes.push_back(spare), buffer.push_back(std::byte{})),
-            DO(append(buffer, model, j)),
-            DO(make(buffer, model, n), check(), append(buffer, model, i)),
-            DO(buffer = append(part.first, part.second, j), model = std::move(part.second)),
-            DO(claim(input)), DO(refuse(buffer, model, n + 1)));
-        if (model.external != models[j].external) {
+        // With an n that is too large, an operation throws this and changes nothing.
+        auto const unlessTooLarge = [&](std::string const& error, auto does, auto follow) {
+            SAME(said(does), error);
+            error == none ? follow() : void();
+        };
+        std::string const tooMany = n > size ? "Requested to remove more bytes than exist" : none;
+        auto const reserve = [&] {
+            unlessTooLarge(
+                refusal(std::max(n, size), false), [&] { buffer.reserve(n); },
+                [&] { model.reserve(n); });
+        };
+        auto const resize = [&] {
+            unlessTooLarge(
+                refusal(n), [&] { buffer.resize(n); }, [&] { model.resize(n); });
+        };
+        auto const trimFront = [&] {
+            unlessTooLarge(
+                tooMany, [&] { buffer.trimFront(n); }, [&] { model.trimFront(n); });
+        };
+        auto const trimBack = [&] {
+            unlessTooLarge(
+                tooMany, [&] { buffer.trimBack(n); }, [&] { model.trimBack(n); });
+        };
+        auto const splitFront = [&] {
+            SAME_ERROR(std::out_of_range, tooMany, n > size ? buffer.splitFront(n) : ByteBuffer());
+            n > size ? void() : split(i, j, n);
+        };
+        input.oneOf(DO(make(buffer, model, input.size())), DO(trimFront()), DO(trimBack()),
+                    DO(isTried(n) ? reserve() : void()), DO(isTried(n) ? resize() : void()),
+                    DO(model.clear(), buffer.clear()),
+                    DO(buffer = other.clone(), model = {models[j].bytes}),
+                    DO(move(other, models[j], buffer, model)),
+                    DO(std::swap(buffer, other), std::swap(model, models[j])),
+                    DO(model.push_back(b), buffer.push_back(b)),
+                    DO(model.push_back(spare), buffer.push_back(std::byte{})),
+                    DO(append(buffer, model, j)),
+                    DO(make(buffer, model, input.size()), check(), append(buffer, model, i)),
+                    DO(auto part = cut(i); buffer = append(part.first, part.second, j);
+                       model = std::move(part.second)),
+                    DO(splitFront()), DO(lie(buffer, model)),
+                    DO(walk(input, buffer.begin(), model.bytes.size())),
+                    DO(walk(input, std::as_const(buffer).begin(), model.bytes.size())),
+                    DO(parts(input, buffer, std::as_const(buffer).data(), model.bytes.size())));
+        bool const isAlike = model.isExternal() == models[j].isExternal();
+        if (!isAlike && !other.empty()) {
             SAME_ERROR(std::runtime_error, incompatible, buffer.end() - other.end());
-            SAME_ERROR(std::runtime_error, incompatible, buffer.end() <=> other.end());
+            SAME(buffer.begin() == other.begin(), false);
+        }
+        if (!buffer.empty()) {
+            SAME(ByteBufferView(buffer).end() == buffer.cend(), model.isExternal());
         }
         SAME(buffer == other, model.bytes == models[j].bytes);
     }
 
-    static void refuse(ByteBuffer& buffer, Model& model, std::size_t n) {
-        constexpr std::size_t most = std::numeric_limits<std::size_t>::max();
-        static std::byte foreign{};
-        std::byte* const volatile elsewhere = &foreign; // no compiler knows how much is there
-        for (std::size_t const tooLong : {most, most - n, most / 2 + n, most / 2 - n}) {
-            SAME_ERROR(std::length_error, "vector too long", buffer.resize(tooLong));
-            for (auto* const start : {buffer.data(), static_cast<std::byte*>(elsewhere)}) {
-                ByteBufferView const view(start, tooLong);
-                SAME_ERROR(std::length_error, "vector too long", buffer.append(view));
-            }
-        }
-        SAME_ERROR(std::length_error, "vector too long", buffer.reserve(most / 2 + n));
-        ByteBufferView const null(static_cast<std::byte*>(nullptr), n);
-        SAME_ERROR(std::runtime_error, incompatible, buffer.append(null));
-        model.makeRoom(model.bytes.size() + n); // room was made before the view was refused
-    }
-
     void check() {
-        int adopted = 0;
+        int keptDeleters = 0;
         for (std::size_t i = 0; i < models.size(); ++i) {
             Model& model = models[i];
-            requireSame(buffers[i], model.bytes, "");
-            SAME(buffers[i].capacity(), model.external ? 0 : model.bytes.capacity());
+            inspect(buffers[i], model.bytes, "ByteBuffer");
+            inspect(std::as_const(buffers[i]), model.bytes, "ByteBuffer");
+            SAME(buffers[i].capacity(), model.isExternal() ? 0 : model.bytes.capacity());
             auto const* const place = std::to_address(buffers[i].begin());
             if (model.place != nullptr && model.place == model.bytes.data()) {
                 SAME(place, model.bufferPlace);
             }
             model.place = model.bytes.data();
             model.bufferPlace = place;
-            adopted += model.external ? 1 : 0;
+            keptDeleters += model.keepsDeleter ? 1 : 0;
         }
-        SAME(blocks.made - blocks.freed, adopted);
+        SAME(owners, expectedOwners);
+        SAME(deleters, isSplit ? deleters : keptDeleters);
     }
 };
 
 } // namespace
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-    Run run{fuzz::Input(data, size)};
-    auto const isSmall = [](Model const& model) { return model.bytes.size() < 5000; };
+    Run run{Input(data, size)};
+    auto const isSmall = [](Model const& model) { return model.bytes.size() < Input::most; };
     while (run.input && std::ranges::all_of(run.models, isSmall)) {
         run.step();
         run.check();
     }
-    run.buffers.clear();
-    SAME(run.blocks.freed, run.blocks.made);
+    run.models = {};
+    run.isSplit = false;
+    std::ranges::generate(run.buffers, [] { return ByteBuffer(); });
+    run.check();
     return 0;
 }

@@ -20,6 +20,13 @@ struct Entry {
 };
 using Entries = std::vector<Entry>;
 
+// What a LookUpError says. The text of an exception stops at a zero.
+std::string missing(std::string text, std::string const& format, IDs const& ids,
+                    Formats const& supported) {
+    return text.substr(0, text.find('\0')) + ": " +
+           testing::PrintToString(std::tuple(format, ids, supported));
+}
+
 // The result of a look-up: what is written or read, or the error.
 std::string said(auto lookUp) {
     try {
@@ -33,16 +40,17 @@ std::string said(auto lookUp) {
         }
     } catch (std::out_of_range const&) {
         return "out of range";
-    } catch (std::runtime_error const& e) {
-        return e.what();
+    } catch (LookUpError const& error) {
+        LookUpError const copy(error);
+        SAME(copy.typeID(), copy.typeIDs().empty() ? 0 : copy.typeIDs()[0]);
+        return missing(copy.what(), copy.wireFormat(), copy.typeIDs(), copy.supportedWireFormats());
     }
 }
 
-// The same, from the entries. An error message stops at a zero in its text.
+// The same, from the entries.
 std::string said(Entries const& entries, auto fits, std::string const& factory, std::string none) {
     auto const found = std::ranges::find_if(entries, fits);
-    return found != entries.end() ? std::to_string(found->name) + factory
-                                  : none.substr(0, none.find('\0'));
+    return found != entries.end() ? std::to_string(found->name) + factory : none;
 }
 
 Formats formats(Entries const& entries, auto fits) {
@@ -106,29 +114,47 @@ struct Run {
             }
         };
         auto const lookForSerialiser = [&] {
-            std::string const none = "No serialiser found for " + format;
+            auto const none = [&](IDs const& asked, Formats const& supported) {
+                return missing("No serialiser found for " + format, format, asked, supported);
+            };
+            Formats const ofList = formats(serialisers, hasList);
             std::string const byList = said(serialisers, inAny(hasList), " payload", "");
-            auto const byID = [&](std::size_t i, auto factory) {
-                return i < ids.size() ? said(serialisers, inAny(hasID(ids[i])), factory, none)
-                                      : "out of range";
+            auto const byID = [&](std::uint64_t asked, auto factory) {
+                return said(serialisers, inAny(hasID(asked)), factory,
+                            none({asked}, formats(serialisers, hasID(asked))));
+            };
+            auto const byPayload = [&] {
+                Formats supported = ofList;
+                for (std::string const& each : formats(serialisers, hasID(ids[0]))) {
+                    if (std::ranges::count(ofList, each) == 0) {
+                        supported.push_back(each);
+                    }
+                }
+                return said(serialisers, inAny(hasID(ids[0])), " payload", none(ids, supported));
+            };
+            auto const byElement = [&](std::size_t i, auto factory) {
+                return i < ids.size() ? byID(ids[i], factory) : "out of range";
             };
             auto const ask = [&](auto&&... key) {
                 return said([&] { return catalogue.getSerialiserFor(format, std::move(key)...); });
             };
-            SAME(ask(id), isVoid ? "" : said(serialisers, inAny(hasID(id)), " payload", none));
-            SAME(ask(ids), said(serialisers, inAny(hasList), " payload", none));
-            SAME(ask(payloadOf(ids)), byList.empty() ? byID(0, " payload") : byList);
+            SAME(ask(id), isVoid ? "" : byID(id, " payload"));
+            SAME(ask(ids), byList.empty() ? none(ids, ofList) : byList);
+            SAME(ask(payloadOf(ids)), !byList.empty() ? byList
+                                      : ids.empty()   ? "out of range"
+                                                      : byPayload());
             for (std::size_t i = 0; i <= ids.size(); ++i) {
-                SAME(ask(viewOf(ids, i)), byID(i, " view"));
-                SAME(ask(viewOf(ids, i), stop_source()), byID(i, " stop"));
+                SAME(ask(viewOf(ids, i)), byElement(i, " view"));
+                SAME(ask(viewOf(ids, i), stop_source()), byElement(i, " stop"));
             }
-            SAME(catalogue.getSupportedWireFormats(ids), formats(serialisers, hasList));
+            SAME(catalogue.getSupportedWireFormats(ids), ofList);
             SAME(catalogue.getSupportedWireFormats(id),
                  isVoid ? Formats{"builtin"} : formats(serialisers, hasID(id)));
         };
         auto const lookForDeserialiser = [&] {
-            auto const found =
-                said(deserialisers, inFormat(hasID(id)), "", "No deserialiser found for " + format);
+            auto const found = said(deserialisers, inFormat(hasID(id)), "",
+                                    missing("No deserialiser found for " + format, format, {id},
+                                            formats(deserialisers, hasID(id))));
             SAME(said([&] { return catalogue.getDeserialiserFor(format, id); }),
                  isVoid ? "out of range" : found); // a payload without elements
             SAME(catalogue.hasDeserialiserFor(format, id), isVoid || found[0] != 'N');

@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
     }
     for (unsigned seed = first; seed < first + inputs; ++seed) {
         std::mt19937 random(seed);
-        std::vector<std::uint8_t> bytes(random() % 400);
+        std::vector<std::uint8_t> bytes(random() % 1000);
         std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(random()); });
         run("seed " + std::to_string(seed), bytes);
     }

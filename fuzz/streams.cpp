@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// What a ByteBufferOStream writes, with and without a StoppableOStream in front of it, read through
-// both read stream buffers, a ByteBufferIStream and the byte iterators, against the standard
-// library's string streams and a plain position.
+// What is written through a ByteBufferOStream, a StoppableOStream and a ByteBufferOStreambuf, and
+// read through every stream buffer, stream and byte iterator, against the standard library's string
+// streams and plain positions.
 #include "../tests/Support.h"
 #include "Input.h"
 
@@ -13,71 +13,209 @@ namespace {
 
 using namespace tests;
 using fuzz::Input;
+using std::ios;
 
+std::string const none = "no exception";
+std::string const tooFew = "Requested to take more bytes than exist";
+constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
 std::streamsize size(std::string const& text) { return static_cast<std::streamsize>(text.size()); }
-
-void move(ByteBufferOStream& out) {
-    ByteBufferOStream taken(std::move(out));
-    out << 'x';
-    SAME(text(out.release()), "x");
-    out = std::move(taken);
-}
-void stop(ByteBufferOStream& out) {
-    stop_source source;
-    StoppableOStream stopped(source.get_token(), out);
-    source.request_stop();
-    SAME(messageOf<std::system_error>([&] { stopped << 1; }),
-         messageOf<std::system_error>([&] { stopped.throwIfStopped(); }));
-    SAME(out.bad(), true);
-    stopped.clear();
-    out.clear();
-}
-void fail(ByteBufferOStream& out) {
-    out.setstate(std::ios::failbit);
-    std::ios::failure const part("ByteBufferOStream holds only a part of what was written");
-    SAME(messageOf<std::ios::failure>([&] { discard(out.release()); }), part.what());
-    out.clear();
+std::string failure(char const* text) { return ios::failure(text).what(); }
+std::string said(auto call) {
+    try {
+        call();
+    } catch (std::exception const& error) {
+        return error.what();
+    }
+    return none;
 }
 
-ByteBuffer write(Input& input) {
-    ByteBufferOStream out(input.length());
-    StoppableOStream stoppable(stop_token(), out);
-    std::ostringstream model;
-    for (bool more = true; more; more = input && !input.oneIn(32)) {
-        std::size_t const n = input.length();
+// What a move must transfer. `like` gives it for a new stream, which a moved-from one is like.
+std::string describe(auto& stream) {
+    std::ostringstream said;
+    said << stream.rdstate() << stream.exceptions() << stream.fill()
+         << (stream.ios::rdbuf() == stream.rdbuf()) << stream.rdbuf()->in_avail();
+    return said.str();
+}
+template <class Stream> void move(Input& input, Stream& stream, Stream unused) {
+    std::string const before = describe(stream), fresh = describe(unused);
+    Stream taken(std::move(stream));
+    SAME(describe(taken), before);
+    SAME(describe(stream), fresh);
+    Stream& itself = taken;
+    taken = std::move(itself);
+    input.flag() ? void(stream = std::move(taken)) : stream.swap(taken);
+    SAME(describe(stream), before);
+    SAME(describe(taken), fresh);
+}
+
+struct Sink : ByteBufferOStreambuf { // which shows its room
+    using ByteBufferOStreambuf::ByteBufferOStreambuf, ByteBufferOStreambuf::overflow;
+    [[nodiscard]] std::size_t room() const { return static_cast<std::size_t>(epptr() - pptr()); }
+    [[nodiscard]] char const* end() const { return pptr(); }
+};
+
+struct Writer {
+    Input& input;
+    std::size_t reserved = input.size();
+    ByteBufferOStream out{reserved};
+    StoppableOStream stoppable{stop_token(), out};
+    std::ostringstream model{};
+    Sink sink{reserved};
+    std::string inSink{};
+
+    void put(std::size_t n) {
         std::string const bytes = input.fresh(n);
         bool const direct = input.flag();
-        auto const both = [&](auto put) {
-            put(direct ? static_cast<std::ostream&>(out) : stoppable), put(model);
+        auto const both = [&](auto act) {
+            act(direct ? static_cast<std::ostream&>(out) : stoppable), act(model);
         };
         input.oneOf(DO(both([&](std::ostream& to) { to.put(static_cast<char>(n)); })),
                     DO(both([&](std::ostream& to) { to.write(bytes.data(), size(bytes)); })),
-                    DO(both([&](std::ostream& to) { to << n << ' ' << bytes << std::endl; })),
-                    DO(move(out)), DO(stop(out)), DO(fail(out)),
-                    DO(SAME(text(out.release()), model.str()); model.str({})));
-        SAME(out.rdstate(), std::ios::goodbit);
-        SAME(stoppable.rdstate(), std::ios::goodbit);
-        SAME(out.size(), model.str().size());
+                    DO(both([&](std::ostream& to) { to << n << ' ' << bytes << std::endl; })));
     }
-    ByteBuffer written = out.release();
-    SAME(text(written), model.str());
-    return written;
-}
+
+    void prepareAndCommit(std::size_t n) {
+        std::string const bytes = input.fresh(n);
+        bool const direct = input.flag(), isMember = direct && input.flag();
+        StoppableOStream nested(stop_token(), stoppable);
+        std::ostream& to = direct ? static_cast<std::ostream&>(out) : nested;
+        auto const room = isMember ? out.prepare(n) : prepare(to, n).value();
+        SAME(room.size() >= n, true);
+        std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(room.data()));
+        auto const count = [&](std::size_t k) { isMember ? out.commit(k) : commit(to, k); };
+        SAME_ERROR(std::out_of_range, "Requested to commit more bytes than were prepared",
+                   count(room.size() + 1));
+        count(n);
+        model << bytes;
+        SAME(said([&] { discard(isMember ? out.prepare(longest) : prepare(to, longest)); }),
+             out.size() == 0 ? std::bad_alloc().what() : "vector too long");
+        SAME(to.bad(), true);
+        nested.clear();
+        stoppable.clear();
+        out.clear();
+    }
+
+    // Room that is enough is used; otherwise it grows to at least 512 and twice what was written.
+    void putInSink(std::size_t n) {
+        std::size_t const room = sink.room();
+        char const* const end = sink.end();
+        std::string const bytes = input.fresh(n);
+        if (n == 1) {
+            sink.sputc(bytes[0]);
+        } else if (input.flag()) {
+            std::copy(bytes.begin(), bytes.end(), reinterpret_cast<char*>(sink.prepare(n).data()));
+            sink.commit(n);
+        } else {
+            SAME(sink.sputn(bytes.data(), size(bytes)), size(bytes));
+        }
+        if (n <= room) {
+            SAME(sink.end(), end + n);
+        } else {
+            std::size_t const before = inSink.size();
+            SAME(sink.room() + before + n >= std::max({before + n, 2 * before, std::size_t{512}}),
+                 true);
+        }
+        inSink += bytes;
+    }
+    void overflow() {
+        SAME(sink.overflow(std::char_traits<char>::eof()) != std::char_traits<char>::eof(), true);
+        SAME(sink.sputn("", -1), 0);
+        std::size_t const n = input.length(longest - inSink.size());
+        if (n >> 48 != 0 && n <= longest) {
+            SAME(said([&] { sink.sputn("", static_cast<std::streamsize>(n)); }),
+                 n > longest - inSink.size() ? "vector too long" : std::bad_alloc().what());
+        } else if (n > longest) {
+            SAME(said([&] { Sink made(n); }), "vector too long");
+        }
+    }
+
+    // Nothing is written to a stream that isn't good, nor released from it.
+    void fail() {
+        constexpr ios::iostate states[] = {ios::eofbit, ios::failbit, ios::badbit,
+                                           ios::eofbit | ios::failbit};
+        ios::iostate const state = states[input.below(4)];
+        bool const throws = input.flag();
+        out.exceptions(ios::goodbit);
+        std::string const refused = failure("The target of a StoppableOStream takes no more bytes");
+        auto const attempt = [&](std::string const& error, auto act) {
+            out.clear(state);
+            out.exceptions(throws ? ios::badbit & ~state : ios::goodbit);
+            SAME(said([&] {
+                     StoppableOStream through(stop_token(), out);
+                     act(through);
+                 }),
+                 error);
+            SAME(out.bad(), error != none || (state & ios::badbit) != 0);
+            out.exceptions(ios::goodbit);
+        };
+        attempt(refused, [](auto& to) { to.put('x'); });
+        attempt(refused, [](auto& to) { to << "text"; });
+        attempt(none, [&](auto& to) { SAME(prepare(to, 1) || prepare(out, 1), false); });
+        attempt(none, [&](auto& to) { commit(to, 0), commit(out, 0); });
+        SAME_ERROR(std::out_of_range, "Requested to commit more bytes than were prepared",
+                   commit(out, 1));
+        out.clear(state);
+        StoppableOStream flushed(stop_token(), out);
+        flushed.exceptions(ios::goodbit);
+        SAME(!flushed.flush(), out.fail());
+        flushed.clear();
+        SAME_ERROR(ios::failure, failure("ByteBufferOStream holds only a part of what was written"),
+                   out.release());
+        out.clear();
+        {
+            StoppableOStream spoiled(stop_token(), out); // by the encoder itself
+            spoiled.exceptions(ios::goodbit);
+            spoiled.setstate(state);
+        }
+        SAME(out.rdstate(), state == ios::eofbit ? ios::goodbit : ios::badbit);
+        out.clear();
+        out.exceptions(ios::badbit);
+    }
+    void stop() {
+        stop_source source;
+        StoppableOStream stopped(source.get_token(), out);
+        stopped.throwIfStopped();
+        source.request_stop();
+        auto const attempt = [&](bool failsTarget, auto act) {
+            SAME_ERROR(
+                std::system_error,
+                std::system_error(std::make_error_code(std::errc::operation_canceled)).what(),
+                act());
+            SAME(stopped.bad() && out.bad(), failsTarget);
+            stopped.clear();
+            out.clear();
+        };
+        attempt(true, [&] { stopped << 1; });
+        attempt(true, [&] { discard(prepare(stopped, 1)); });
+        attempt(true, [&] { commit(stopped, 0); });
+        attempt(false, [&] { stopped.throwIfStopped(); });
+    }
+    void moveSink() {
+        Sink taken(std::move(sink));
+        SAME(sink.size(), 0U);
+        sink = std::move(taken);
+        Sink& itself = sink;
+        sink = std::move(itself);
+        SAME(taken.size(), 0U);
+    }
+
+    void step() {
+        std::size_t const n = input.size(sink.room());
+        input.oneOf(DO(put(n)), DO(put(n)), DO(putInSink(n)), DO(putInSink(n)), DO(overflow()),
+                    DO(prepareAndCommit(n)), DO(move(input, out, ByteBufferOStream())), DO(stop()),
+                    DO(fail()), DO(moveSink()),
+                    DO(SAME(text(out.release()), model.str()); model.str({})),
+                    DO(SAME(text(sink.release()), inSink); inSink.clear()));
+        SAME(out.rdstate(), ios::goodbit);
+        SAME(stoppable.rdstate(), ios::goodbit);
+        SAME(out.size(), model.view().size());
+        SAME(sink.size(), inSink.size());
+    }
+};
 
 // The operations on a stream: with n bytes of room, a byte, and a number for the result.
 using Count = std::streamsize;
 using Act = Count (*)(std::istream& in, std::string& got, char byte);
-// Skips n bytes if it can, and returns whether it did. The model has a foreign stream buffer.
-Count skipped(std::istream& in, std::size_t n) {
-    auto const most = in ? static_cast<std::size_t>(in.rdbuf()->in_avail()) : 0;
-    if (dynamic_cast<std::istringstream*>(&in) == nullptr) {
-        std::string const said = messageOf<std::out_of_range>([&] { skip(in, n); });
-        SAME(said, n <= most ? "no exception" : "Requested to skip more bytes than exist");
-    } else if (n <= most) {
-        in.rdbuf()->pubseekoff(static_cast<Count>(n), std::ios::cur, std::ios::in);
-    }
-    return Count(n <= most);
-}
 #define ACT(...)                                                                                   \
     std::pair<char const*, Act>(#__VA_ARGS__,                                                      \
                                 [](std::istream& in, [[maybe_unused]] auto& got,                   \
@@ -86,20 +224,22 @@ constexpr std::pair<char const*, Act> acts[] = {
     ACT(!in.read(got.data(), size(got))),
     ACT(in.readsome(got.data(), size(got))),
     ACT(in.rdbuf()->sgetn(got.data(), size(got))),
+    ACT(in.rdbuf()->sgetn(got.data(), -1)),
     ACT(!std::getline(in, got, byte)),
     ACT(!(in >> got)),
     ACT(!in.ignore(size(got), std::uint8_t(byte))),
+    ACT(!in.ignore(size(got))),
     ACT(in.get()),
     ACT(in.peek()),
-    ACT(!in.unget()),
-    ACT(!in.putback(byte)),
     ACT(in.rdbuf()->sgetc()),
     ACT(in.rdbuf()->sbumpc()),
     ACT(in.rdbuf()->snextc()),
+    ACT(in.rdbuf()->sputc(byte)),
+    ACT(in.rdbuf()->pubseekoff(0, ios::beg, ios::out)),
+    ACT(!in.unget()), // these put back, which take() forbids
+    ACT(!in.putback(byte)),
     ACT(in.rdbuf()->sungetc()),
     ACT(in.rdbuf()->sputbackc(byte)),
-    ACT(in.rdbuf()->sputc(byte)),
-    ACT(skipped(in, got.size())),
 };
 
 std::string act(Act act, std::istream& in, std::size_t n) {
@@ -107,7 +247,7 @@ std::string act(Act act, std::istream& in, std::size_t n) {
     std::string said;
     try {
         said = std::to_string(act(in, got, static_cast<char>(n)));
-    } catch (std::ios::failure const&) {
+    } catch (ios::failure const&) {
         said = "bad"; // an attempt to put back before the first byte
     }
     for (std::streamsize const each :
@@ -120,115 +260,262 @@ std::string act(Act act, std::istream& in, std::size_t n) {
 void read(Input& input, ByteBuffer const& content) {
     Blocks blocks;
     ByteBufferIStreambuf owner(std::make_unique<ByteBuffer>(blocks.adopt(text(content))));
+    ByteBufferIStreambuf borrower(content);
     NonOwningByteBufferViewIStreambuf viewer(content);
     std::istringstream model(text(content));
-    std::istream ofOwner(&owner), ofViewer(&viewer);
-    ByteBufferIStream whole(blocks.adopt(text(content))), borrower(content);
-    std::istream* const in[] = {&ofOwner, &ofViewer, &whole, &borrower};
-    for (std::istream* const stream : {in[0], in[1], static_cast<std::istream*>(&model)}) {
-        stream->exceptions(std::ios::badbit);
+    std::istream ofOwner(&owner), ofBorrower(&borrower), ofViewer(&viewer);
+    ByteBufferIStream whole(blocks.adopt(text(content))), borrowing(content);
+    std::istream* const in[] = {&ofOwner, &ofBorrower, &ofViewer, &whole, &borrowing};
+    for (std::istream* const stream : {in[0], in[1], in[2], static_cast<std::istream*>(&model)}) {
+        stream->exceptions(ios::badbit);
     }
+    auto const unreadOfModel = [&] { return static_cast<std::size_t>(model.rdbuf()->in_avail()); };
+    std::vector<std::pair<ByteBuffer, std::string>> parts; // that were taken
+    bool mayPutBack = true;
+    auto const takeParts = [&] {
+        std::size_t const left = unreadOfModel(), n = input.length(left);
+        bool const isFree = input.flag(), isFew = n > left, wasGood = model.good();
+        std::string bytes(std::min(n, left), '\0');
+        if (isFree || (!isFew && !model.fail())) {
+            auto const state = model.rdstate();
+            model.clear();
+            model.read(bytes.data(), isFree && !wasGood ? 0 : size(bytes));
+            bytes.resize(isFree && !wasGood ? 0 : bytes.size());
+            model.clear(!isFree    ? state
+                        : !wasGood ? state | ios::failbit
+                        : isFew    ? ios::failbit | ios::eofbit
+                                   : ios::goodbit);
+            std::byte const* const places[] = {owner.unread().data(),
+                                               whole.rdbuf()->unread().data()};
+            for (std::size_t i = 0; i < std::size(in); ++i) {
+                parts.emplace_back(isFree   ? take(*in[i], n)
+                                   : i == 0 ? owner.take(n)
+                                   : i == 1 ? borrower.take(n)
+                                   : i == 2 ? viewer.take(n)
+                                   : i == 3 ? whole.take(n)
+                                            : borrowing.take(n),
+                                   bytes);
+                SAME(text(parts.back().first), bytes);
+                SAME(in[i]->rdstate(), model.rdstate());
+                if (i % 3 == 0 && !bytes.empty()) {
+                    SAME(parts.back().first.data(), places[i / 3]); // in place
+                }
+            }
+            mayPutBack = mayPutBack && bytes.empty();
+            model.ignore(0); // the number of bytes read last is the same again
+            std::ranges::for_each(in, [](std::istream* stream) { stream->ignore(0); });
+        } else {
+            SAME(said([&] { discard(whole.take(n)); }),
+                 model.fail() ? failure("ByteBufferIStream has failed") : tooFew);
+            isFew ? SAME(said([&] { discard(owner.take(n)); }), tooFew) : void();
+            isFew ? SAME(said([&] { discard(viewer.take(n)); }), tooFew) : void();
+        }
+    };
     while (input && !input.oneIn(32)) {
-        auto const& [name, does] = acts[input.below(std::size(acts))];
+        ++fuzz::place.step;
+        auto const& [name, does] = acts[input.below(std::size(acts) - (mayPutBack ? 0 : 4))];
         fuzz::place.operation = name;
-        std::size_t const n = input.length();
-        bool const clear = input.flag();
+        std::size_t const n = input.size(unreadOfModel());
         std::string const expected = act(does, model, n);
-        std::string_view rest = model.view();
-        rest.remove_prefix(rest.size() - static_cast<std::size_t>(model.rdbuf()->in_avail()));
+        std::size_t const left = unreadOfModel(), skipped = input.length(left);
+        bool const isRefused = skipped > left, hasFailed = model.fail();
+        std::string const tooMany = "Requested to skip more bytes than exist";
         for (std::istream* const stream : in) {
             SAME(act(does, *stream, n), expected);
-            SAME(stream->rdbuf()->pubseekoff(0, std::ios::beg), std::streampos(-1));
+            SAME(stream->rdbuf()->pubseekoff(0, ios::beg), std::streampos(-1));
+            auto const state = stream->rdstate();
             std::optional<ByteBufferView> const shown = unread(*stream);
-            SAME(shown.has_value(), !stream->fail());
-            SAME(shown ? text(*shown) : rest, rest);
-            if (clear) {
-                stream->clear();
-            }
+            SAME(shown.has_value(), !hasFailed);
+            SAME(shown ? text(*shown) : "",
+                 hasFailed ? "" : model.str().substr(model.view().size() - left));
+            SAME_ERROR(std::out_of_range, isRefused || (hasFailed && skipped != 0) ? tooMany : none,
+                       skip(*stream, skipped));
+            SAME(stream->rdstate(), state);
         }
-        if (clear) {
-            model.clear();
+        SAME_ERROR(ios::failure, hasFailed ? failure("ByteBufferIStream has failed") : none,
+                   whole.unread());
+        SAME(said([&] { borrowing.skip(~std::size_t{0}); }),
+             hasFailed ? failure("ByteBufferIStream has failed") : tooMany);
+        if (!hasFailed && !isRefused) {
+            model.rdbuf()->pubseekoff(static_cast<Count>(skipped), ios::cur, ios::in);
         }
         if (input.flag()) {
+            model.clear();
+            std::ranges::for_each(in, [](std::istream* stream) { stream->clear(); });
+        }
+        if (input.oneIn(4)) {
+            fuzz::place.operation = "take";
+            model.bad() ? void() : takeParts(); // setting a state would throw
+        }
+        if (input.oneIn(4)) {
             fuzz::place.operation = "move";
             ByteBufferIStreambuf taken(std::move(owner));
             SAME(owner.sgetc(), std::char_traits<char>::eof());
             owner = std::move(taken);
             SAME(taken.sgetc(), std::char_traits<char>::eof());
-            NonOwningByteBufferViewIStreambuf same(std::move(viewer));
-            SAME(same.sgetc(), viewer.sgetc());
+            ByteBufferIStreambuf& itself = owner;
+            owner = std::move(itself);
+            NonOwningByteBufferViewIStreambuf same(std::move(viewer)), other{ByteBufferView()};
             SAME(same.in_avail(), viewer.in_avail());
-            viewer = std::move(same);
-            ByteBufferIStream moved(std::move(whole));
-            SAME(whole.unread().size(), 0U);
-            whole = std::move(moved);
+            other = std::move(same);
+            viewer = std::move(other);
+            move(input, whole, ByteBufferIStream(ByteBufferView()));
+            move(input, borrowing, ByteBufferIStream(ByteBufferView()));
         }
     }
     SAME(blocks.freed, 0);
     owner = ByteBufferIStreambuf(content);
     whole = ByteBufferIStream(content);
+    for (auto const& [part, bytes] : parts) {
+        SAME(text(part), bytes);
+    }
+    parts.clear();
     SAME(blocks.freed, 2);
 }
 
+// A source of a user's own, whose next byte may fail.
+struct Source final : ByteStreamImpl {
+    Source(std::string content, bool const& f) : bytes(std::move(content)), fails(f) {}
+    ByteStreamIterator begin() override { return ByteStreamIterator(*this); }
+    explicit operator bool() const override { return at < bytes.size(); }
+    std::byte getByte() override {
+        if (at == bytes.size()) {
+            throw std::out_of_range("Attempt to access position beyond the end of the ByteBuffer");
+        }
+        return fails ? throw std::domain_error("mine") : std::byte(bytes[at++]);
+    }
+    std::string bytes;
+    bool const& fails;
+    std::size_t at = 0;
+};
+
 // The position of a byte iterator is that of its byte, and of a character iterator also that of the
 // next one; at the end there is none.
-void iterate(Input& input, ByteBuffer source) {
+void iterate(Input& input, ByteBuffer content) {
     using Place = std::optional<std::size_t>;
-    std::string const bytes = text(source);
-    ByteStream stream(std::make_unique<ByteBufferByteStreamImpl>(std::move(source)));
+    std::string const bytes = text(content);
+    bool const isOurs = input.flag();
+    bool fails = false;
+    ByteStream stream;
+    SAME(said([&] { stream.getByte(); }), "ByteStream has no source");
+    SAME(stream.begin() == stream.end() && !stream, true);
+    if (isOurs) {
+        stream = ByteStream(std::make_unique<ByteBufferByteStreamImpl>(std::move(content)));
+    } else {
+        stream = ByteStream(std::make_unique<Source>(bytes, fails));
+    }
+    bool const never = false;
+    Source elsewhere(std::string(2, 'x'), never);
     ByteStreamIterator it;
+    ByteStreamIterator const other(elsewhere);
     ByteStreamCharIterator character;
+    ByteStreamCharIterator const otherCharacter(other);
     Place at, characterAt, ahead;
     std::size_t position = 0;
     auto const next = [&] { return position < bytes.size() ? Place(position++) : Place(); };
-    auto const same = [&](Place place, std::string const& error, auto action) {
-        if (place) {
-            SAME(static_cast<char>(action()), bytes[*place]);
+    // Something that reads a byte if there is one, and changes nothing if it throws.
+    auto const read = [&](char const* atEnd, auto act, auto follow) {
+        std::string const error = atEnd != nullptr                   ? atEnd
+                                  : fails && position < bytes.size() ? "mine"
+                                                                     : none;
+        SAME(said(act), error);
+        error == none ? follow() : void();
+    };
+    auto advance = [post = false](auto& which) mutable {
+        auto const old = which;
+        if ((post = !post)) {
+            auto const held = which++;
+            SAME(*held, *old);
         } else {
-            SAME(messageOf<std::out_of_range>(action), "Attempt to " + error);
+            ++which;
         }
     };
+    auto const moveStream = [&] {
+        ByteStream taken(std::move(stream));
+        SAME(static_cast<bool>(stream), false);
+        stream = std::move(taken);
+    };
+    auto const readAll = [&] {
+        std::string const rest = at ? bytes[*at] + bytes.substr(position) : "";
+        SAME(std::string(ByteStreamCharIterator(it), {}), rest);
+        position = at ? bytes.size() : position;
+    };
     while (input) {
-        auto const advance = [post = input.flag()](auto& which) {
-            auto const old = which;
-            return post ? *which++ : (++which, *old);
+        input.oneOf(
+            DO(read(
+                nullptr, [&] { it = stream.begin(); }, [&] { at = next(); })),
+            DO(read(
+                position == bytes.size()
+                    ? "Attempt to access position beyond the end of the ByteBuffer"
+                    : nullptr,
+                [&] { SAME(static_cast<char>(stream.getByte()), bytes[position]); },
+                [&] { next(); })),
+            DO(read(
+                at ? nullptr : "Attempt to increment the end ByteStreamIterator",
+                [&] { advance(it); }, [&] { at = next(); })),
+            DO(read(
+                !characterAt ? "Attempt to increment the end ByteStreamCharIterator" : nullptr,
+                [&] { advance(character); },
+                [&] { characterAt = std::exchange(ahead, ahead ? next() : ahead); })),
+            DO(read(
+                at ? nullptr : "no exception", [&] { character = it; },
+                [&] { characterAt = at, ahead = at ? next() : at; })),
+            DO(moveStream()), DO(fails = !isOurs && !fails), DO(fails ? void() : readAll()));
+        auto const same = [&](Place place, char const* error, auto const& which) {
+            SAME(said([&] { SAME(static_cast<char>(*which), bytes[place.value_or(0)]); }),
+                 place ? none : error);
         };
-        auto const getByte = [&] {
-            same(next(), "access position beyond the end of the ByteBuffer",
-                 [&] { return stream.getByte(); });
-        };
-        auto const advanceByte = [&] {
-            same(at, "increment the end ByteStreamIterator", [&] { return advance(it); });
-            at = at ? next() : at;
-        };
-        auto const advanceCharacter = [&] {
-            same(characterAt, "increment the end ByteStreamCharIterator",
-                 [&] { return advance(character); });
-            characterAt = std::exchange(ahead, ahead ? next() : ahead);
-        };
-        auto const moveStream = [&] {
-            ByteStream taken(std::move(stream));
-            SAME(static_cast<bool>(stream), false);
-            stream = std::move(taken);
-        };
-        input.oneOf(DO(it = stream.begin(), at = next()), DO(getByte()), DO(advanceByte()),
-                    DO(advanceCharacter()), DO(moveStream()),
-                    DO(character = it, characterAt = at, ahead = at ? next() : at));
-        same(at, "dereference an invalid ByteStreamIterator", [&] { return *it; });
-        same(characterAt, "dereference an invalid ByteStreamCharIterator",
-             [&] { return *character; });
+        same(at, "Attempt to dereference an invalid ByteStreamIterator", it);
+        same(characterAt, "Attempt to dereference an invalid ByteStreamCharIterator", character);
         SAME(it == stream.end(), !at);
         SAME(character == decltype(character)(), !characterAt);
+        SAME(it == decltype(it)(it) && character == decltype(character)(character), true);
+        SAME(it == other || character == otherCharacter, false);
         SAME(static_cast<bool>(stream), position < bytes.size());
     }
+}
+
+// The deleter of a source's former buffer sees the source with its new one.
+void assign(Input& input) {
+    std::vector<bool> seen;
+    ByteBufferByteStreamImpl* inspected = nullptr;
+    auto const source = [&](std::string const& bytes) {
+        auto* const block = new std::byte[bytes.size() + 1];
+        auto const free = [&, block](void*) {
+            seen.push_back(inspected != nullptr && *inspected);
+            delete[] block;
+        };
+        std::memcpy(block, bytes.data(), bytes.size());
+        return ByteBufferByteStreamImpl(ByteBuffer(ByteBuffer::Block(block, free), bytes.size()));
+    };
+    std::string const bytes = input.fresh(1 + input.size());
+    ByteBufferByteStreamImpl from = source(bytes), to = source(input.fresh(input.size()));
+    ByteBufferByteStreamImpl& itself = from;
+    inspected = &to;
+    bool const isRead = from.getByte() == std::byte(bytes[0]);
+    from = std::move(itself);
+    to = std::move(from);
+    SAME(seen, std::vector<bool>{bytes.size() > 1});
+    SAME(isRead && !from && static_cast<bool>(to) == (bytes.size() > 1), true);
+    SAME(from.begin() == ByteStreamIterator(), true);
+    ByteBufferByteStreamImpl moved(std::move(to));
+    SAME(std::string(ByteStreamCharIterator(moved.begin()), {}), bytes.substr(1));
+    SAME(said([&] { to.getByte(); }),
+         "Attempt to access position beyond the end of the ByteBuffer");
 }
 
 } // namespace
 
 int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
     Input input(data, size);
-    ByteBuffer written = write(input);
+    Writer writer{input};
+    while (input && !input.oneIn(16)) {
+        writer.step();
+    }
+    ByteBuffer const written = writer.out.release();
+    SAME(text(written), writer.model.str());
     read(input, written);
-    iterate(input, std::move(written));
+    assign(input);
+    iterate(input, written.clone());
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <future>
 
+// What the model in fuzz/ does not cover.
 using namespace tests;
 
 TEST(CatalogueDeathTest, EndsTheProcessOnADuplicate) {
@@ -37,71 +38,6 @@ TEST(CatalogueTest, AllocatesNothingToSearch) {
     EXPECT_EQ(allocations(), before);
 }
 
-std::string said(GenericSerialiser const& made) { return written(made); }
-std::string said(GenericDeserialiser const& read) { return std::to_string(valueRead(read)); }
-std::string said(Serialiser const& found) { return said(found.getSerialiser(GenericPayload())); }
-std::string said(bool has) { return has ? "yes" : "no"; }
-template <class Item> std::string said(std::vector<Item> const& list) {
-    return testing::PrintToString(list);
-}
-
-struct LookUp {
-    char const* why;
-    std::string (*asked)(Catalogue const& c);
-    std::string expected;
-};
-#define ASK(...) [](Catalogue const& c) { return said(__VA_ARGS__); }
-
-LookUp const lookUps[] = {
-    {"an element in a format", ASK(c.getSerialiserFor("json", viewOf({9, 1}, 1))), "json view"},
-    {"the same, to be stopped", ASK(c.getSerialiserFor("json", viewOf({1}, 0), {})), "json stop"},
-    {"the same, by nobody",
-     ASK(c.getSerialiserFor("json", viewOf({1}, 0),
-                            stop_source(bedrock::concurrent::threadpool::nostopstate))),
-     "json stop"},
-    {"a record by identifier", ASK(c.getSerialiserFor("text", 1)), "pair payload"},
-    {"a payload by its list", ASK(c.getSerialiserFor("text", payloadOf({1, 2}))), "pair payload"},
-    {"a payload by its first element, if no record has the list",
-     ASK(c.getSerialiserFor("json", payloadOf({1, 9}))), "json payload"},
-    {"in any format: the first one", ASK(c.getSerialiserFor("*", viewOf({1}, 0))), "json view"},
-    {"in any format, by list", ASK(c.getSerialiserFor("*", IDs{1, 2})), "pair payload"},
-    {"in another format of that length", ASK(c.getSerialiserFor("text", viewOf({2}, 0))),
-     R"(No serialiser found for text: { 2 }, { "bin" })"},
-    {"in a format whose name begins with a star", ASK(c.getSerialiserFor("**", 1)),
-     R"(No serialiser found for **: { 1 }, { "json", "text" })"},
-    {"by a list in another order", ASK(c.getSerialiserFor("*", IDs{2, 1})),
-     "No serialiser found for *: { 2, 1 }, {}"},
-    {"by a payload of neither", ASK(c.getSerialiserFor("none", payloadOf({1, 2}))),
-     R"(No serialiser found for none: { 1, 2 }, { "text", "json" })"},
-    {"an element past the end", ASK(c.getSerialiserFor("json", viewOf({1}, 1))), "out of range"},
-    {"the formats of a type", ASK(c.getSupportedWireFormats(1)), R"({ "json", "text" })"},
-    {"a reader", ASK(c.getDeserialiserFor("json", 1)), "10"},
-    {"a reader of any format", ASK(c.getDeserialiserFor("*", 1)),
-     R"(No deserialiser found for *: { 1 }, { "json" })"},
-    {"whether there is a reader of any format", ASK(c.hasDeserialiserFor("*", 1)), "no"},
-};
-
-TEST(CatalogueTest, LooksUp) {
-    Catalogue catalogue;
-    catalogue.add(record("json", 1, {1}, "json"));
-    catalogue.add(record("text", 1, {1, 2}, "pair"));
-    catalogue.add(record("bin", 2, {}, "bin"));
-    catalogue.add(reader("json", 1, 10));
-    for (auto const& [why, asked, expected] : lookUps) {
-        SCOPED_TRACE(why);
-        try {
-            EXPECT_EQ(asked(catalogue), expected);
-        } catch (LookUpError const& error) {
-            EXPECT_EQ(error.what() + (": " + said(error.typeIDs())) + ", " +
-                          said(error.supportedWireFormats()),
-                      expected);
-            EXPECT_EQ(error.typeID(), error.typeIDs().empty() ? 0 : error.typeIDs().front());
-        } catch (std::out_of_range const&) {
-            EXPECT_EQ("out of range", expected);
-        }
-    }
-}
-
 TEST(CatalogueTest, ExplainsAFailedLookUp) {
     Catalogue catalogue;
     catalogue.add(record("json", 0xA1, {}, "json"));
@@ -124,6 +60,18 @@ TEST(CatalogueTest, ExplainsAFailedLookUp) {
         "registered for that. Check that the module of the type was loaded and has registered "
         "in this catalogue, and that the element is a std::shared_ptr to the very type that "
         "the module registers, not to a base class or to another pointer.");
+    auto const inner = [](auto&&...) -> GenericSerialiser {
+        throw LookUpError("No serialiser found for ", "inner", {}, {});
+    };
+    catalogue.add(Serialiser("json", 0xC3, {0xC3}, inner, inner, inner));
+    for (bool const isStoppable : {false, true}) { // what a factory throws is of no element
+        auto const fanOut = [&] {
+            std::vector<std::string> const formats(1, "json");
+            isStoppable ? discard(createSerialisersFor(payloadOf({0xC3}), catalogue, formats, {}))
+                        : discard(createSerialisersFor(payloadOf({0xC3}), catalogue, formats));
+        };
+        EXPECT_EQ(explained(fanOut).find("No serialiser found for inner, type"), 0U);
+    }
 }
 
 // A factory that uses the catalogue that calls it.

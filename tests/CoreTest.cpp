@@ -59,44 +59,28 @@ TEST(TypeID, KnowsNamesThatNothingTellsApart) {
     }
 }
 
-TEST(GenericPayload, HoldsElementsByType) {
+TEST(GenericPayload, SaysWhatABadElementHas) {
+    using courier::hub::core::BadElementType;
     GenericPayload payload;
-    payload.add(std::make_shared<int>(7));
+    payload.emplace<int>(7);
     payload.add(std::shared_ptr<double>());
-    payload.get<int>(0) = 8;
-    EXPECT_EQ(std::as_const(payload).get<int>(0), 8);
-    EXPECT_THROW(discard(payload.get<unsigned>(0)), std::bad_cast);
-    EXPECT_ERROR(courier::hub::core::BadElementType,
+    EXPECT_ERROR(BadElementType,
                  "Element 0 has type identifier 0x717A581CF9B345CB, not 0x50B935BC7BC34261 "
                  "of unsigned int",
                  payload.get<unsigned>(0));
-    EXPECT_ERROR(courier::hub::core::BadElementType,
+    EXPECT_ERROR(BadElementType,
                  "Element 1 has type identifier 0x4C3B1FACE658E2A8 but no value of double",
                  payload.get<double>(1));
-    EXPECT_STREQ(courier::hub::core::BadElementType(10, 16, 16).what(),
+    EXPECT_STREQ(BadElementType(10, 16, 16).what(),
                  "Element 10 has type identifier 0x10 but no value");
-    EXPECT_STREQ(courier::hub::core::BadElementType(~std::size_t{0}, ~0ULL, ~0ULL - 1).what(),
+    EXPECT_STREQ(BadElementType(~std::size_t{0}, ~0ULL, ~0ULL - 1).what(),
                  "Element 18446744073709551615 has type identifier 0xFFFFFFFFFFFFFFFF, not "
                  "0xFFFFFFFFFFFFFFFE");
-    std::string const cut =
-        courier::hub::core::BadElementType(0, 1, 2, std::string(600, 'x')).what();
+    std::string const cut = BadElementType(0, 1, 2, std::string(600, 'x')).what();
     EXPECT_TRUE(cut.size() == 511 && cut.ends_with("xxx...")) << cut;
-    auto& text = payload.emplace<std::string>(3, 'x');
-    EXPECT_EQ(&payload.get<std::string>(2), &text);
-    EXPECT_EQ(text, "xxx");
     EXPECT_ERROR(std::out_of_range,
-                 "The payload has no element 3: its elementCount is 3, with 3 typeIDs and 3 values",
-                 payload.get<int>(3));
+                 "The payload has no element 2: its elementCount is 2, with 2 typeIDs and 2 values",
+                 payload.get<int>(2));
     payload.typeIDs.push_back(getTypeID<int>()); // without a value
-    EXPECT_THROW(discard(payload.get<int>(3)), std::out_of_range);
-    payload.objects.push_back(std::make_shared<int>());
-    GenericPayload taken;
-    taken = std::move(payload);
-    EXPECT_EQ(taken.objects.size(), 1U);
-    EXPECT_EQ(taken.elementCount, 3U);
-    EXPECT_TRUE(payload.typeIDs.empty());
-    EXPECT_TRUE(payload.values.empty());
-    EXPECT_EQ(payload.elementCount, 3U);
-    payload.emplace<int>(1);
-    EXPECT_EQ(payload.elementCount, 1U);
+    EXPECT_THROW(discard(payload.get<int>(2)), std::out_of_range);
 }

@@ -6,6 +6,8 @@
 
 #include <bedrock/core/diag/terminate.h>
 
+#include <map>
+
 namespace {
 
 using namespace tests;
@@ -65,25 +67,31 @@ struct World {
     }
 
     // Its whole observable state.
-    std::string state() const {
-        std::ostringstream out;
-        out << text(buffer) << text(argument) << text(list[0]) << text(list[1]) << vector.size();
-        out << sink.size() << text(owner.unread()) << text(viewer.unread()) << source.position
-            << static_cast<int>(*byte) << *character;
-        out << payload.values.size() << payload.typeIDs.size() << payload.elementCount;
-        out << shared->get().values.size() << shared->getSentinel()->isReleased();
-        out << written(serialiser) << valueRead(deserialiser) << record.getWireFormat();
-        out << (deserialiser.getHandle() == nullptr);
-        out << readRecord.getWireFormat() << readRecord.getTypeID();
-        out << valueRead(readRecord.getDeserialiser());
-        deferred(out);
-        out << catalogue.getSupportedWireFormats(getTypeID<int>()).size();
+    std::map<char const*, std::string> state() const {
+        std::ostringstream deferredOut, records;
+        deferred(deferredOut);
         for (std::uint64_t id = 0; id < 10; ++id) {
-            out << catalogue.getSupportedWireFormats(elementID + id).size();
-            out << catalogue.getSupportedWireFormats(IDs{elementID + id}).size();
-            out << catalogue.getSupportedDeserialisationWireFormats(id).size();
+            records << catalogue.getSupportedWireFormats(elementID + id).size()
+                    << catalogue.getSupportedWireFormats(IDs{elementID + id}).size()
+                    << catalogue.getSupportedDeserialisationWireFormats(id).size();
         }
-        return out.str();
+        auto const join = [](auto const&... parts) {
+            return ((std::ostringstream() << ... << parts) << ' ').str();
+        };
+        return {
+            {"buffers", text(buffer) + text(argument) + text(list[0]) + text(list[1])},
+            {"streams", join(sink.size(), text(owner.unread()), text(viewer.unread()))},
+            {"source", join(source.position, static_cast<int>(*byte), *character)},
+            {"payload", join(payload.values.size(), payload.typeIDs.size(), payload.elementCount)},
+            {"shared payload",
+             join(shared->get().values.size(), shared->getSentinel()->isReleased())},
+            {"serialisers", written(serialiser) + deferredOut.str()},
+            {"deserialiser", join(valueRead(deserialiser), deserialiser.getHandle() == nullptr)},
+            {"records", record.getWireFormat() + readRecord.getWireFormat()},
+            {"read record", join(readRecord.getTypeID(), valueRead(readRecord.getDeserialiser()))},
+            {"catalogue",
+             records.str() +
+                 join(catalogue.getSupportedWireFormats(getTypeID<int>()).size(), vector.size())}};
     }
 
     GenericPayloadView view() const { return {shared, 0}; }
@@ -196,7 +204,7 @@ bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
     bool failed = true;
     {
         World world(make, blocks, destroyed);
-        std::string const state = world.state();
+        auto const state = world.state();
         failAfter(n);
         try {
             act(world);

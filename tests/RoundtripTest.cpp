@@ -5,6 +5,7 @@
 #include "examples/program/Element.h"
 #include "examples/program/Run.h"
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -95,36 +96,38 @@ TEST(RoundtripTest, ProgramSaysWhatCameBackAndWhatWentWrong) {
     std::filesystem::remove_all(directory);
 }
 
-TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
-    constexpr auto modulePaths = "/modules/\\w+[.]so";
-    std::optional<Catalogue> catalogue(std::in_place);
-    setReadLimit(*catalogue, 4 * mebibyte);
-    auto modules = loadModules(MODULE_DIR, *catalogue);
-    EXPECT_TRUE(isMapped(modulePaths));
-    std::map<std::string, std::uint64_t> typeOf;
-    for (ElementType const& type : elementTypes) {
-        for (auto const& format : catalogue->getSupportedWireFormats(type.id)) {
-            typeOf[format] = type.id;
+struct ModulesOfRoundtrip : testing::Test {
+    ModulesOfRoundtrip() {
+        setReadLimit(catalogue, mebibyte);
+        modules = loadModules(MODULE_DIR, catalogue);
+        for (ElementType const& type : elementTypes) {
+            for (auto const& format : catalogue.getSupportedWireFormats(type.id)) {
+                typeOf[format] = type.id;
+            }
         }
+    }
+    std::string encoded(std::string const& format, std::string const& bytes) {
+        return written(catalogue.getSerialiserFor(format, sample(typeOf.at(format), bytes)));
     }
     // Refused with a text that says why. Any other exception, such as std::bad_alloc, fails the
     // test.
-    auto const isRefused = [&](auto const& format, std::string const& bytes) {
-        auto const deserialise = catalogue->getDeserialiserFor(format, typeOf.at(format));
+    bool isRefused(std::string const& format, std::string const& bytes) {
+        auto const deserialise = catalogue.getDeserialiserFor(format, typeOf.at(format));
         std::istringstream in(bytes);
         try {
             return deserialise(in).elementCount != 1;
         } catch (std::runtime_error const& error) {
             return std::strlen(error.what()) > 9;
         } catch (std::length_error const& error) {
-            return std::strstr(error.what(), "read limit of 4194304 bytes") != nullptr;
+            return std::strstr(error.what(), "read limit of 1048576 bytes") != nullptr;
         }
-    };
-    auto const encoded = [&](auto const& format, std::string const& bytes) {
-        return written(catalogue->getSerialiserFor(format, sample(typeOf.at(format), bytes)));
-    };
+    }
+    std::vector<Module> modules; // unloaded last
+    Catalogue catalogue;
+    std::map<std::string, std::uint64_t> typeOf;
+};
 
-    auto const large = noise(8 * mebibyte);
+TEST_F(ModulesOfRoundtrip, RefuseCutAndDamagedBytes) {
     for (auto const& [format, typeID] : typeOf) {
         SCOPED_TRACE(format);
         bool const hasEnd = format != "raw";
@@ -141,17 +144,58 @@ TEST(RoundtripTest, ModulesRefuseDamageStopInTimeAndUnload) {
                 EXPECT_GE(isRefused(format, damaged), hasChecksum) << i;
             }
         }
-        EXPECT_TRUE(isRefused(format, encoded(format, large)));
+    }
+}
 
+TEST_F(ModulesOfRoundtrip, TakeBoundedMemoryForHostileBytes) {
+    rlimit unbounded{};
+    ::getrlimit(RLIMIT_AS, &unbounded);
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    auto const present = pages * static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    rlimit const bound{present + 32 * mebibyte, unbounded.rlim_max};
+    bool const isSanitized = present >> 40 != 0; // which takes that many addresses
+    std::mt19937 random(1);
+    auto const bytes = [&](std::size_t most) {
+        std::string made(random() % most + 1, '\0');
+        std::ranges::generate(made, [&] { return static_cast<char>(random()); });
+        return made;
+    };
+    ::setrlimit(RLIMIT_AS, isSanitized ? &unbounded : &bound);
+    for (int round = 0; round < 200; ++round) {
+        std::string hostile = bytes(16);
+        for (std::string const unit = bytes(4); hostile.size() < 2 * mebibyte;) {
+            hostile += unit; // nests, repeats or claims without end
+        }
+        for (auto const& [format, typeID] : typeOf) {
+            SCOPED_TRACE(format);
+            EXPECT_NO_THROW(isRefused(format, hostile));
+        }
+    }
+    ::setrlimit(RLIMIT_AS, &unbounded);
+}
+
+TEST_F(ModulesOfRoundtrip, StopInTimeAndReadNoMoreThanTheLimit) {
+    auto const large = noise(8 * mebibyte);
+    for (auto const& [format, typeID] : typeOf) {
+        SCOPED_TRACE(format);
+        EXPECT_TRUE(isRefused(format, encoded(format, large)));
         StoppingSink sink;
         std::ostream out(&sink);
         auto const [serialisers, sentinel] =
-            createSerialisersFor(sample(typeID, large), *catalogue, std::vector{format}, sink.stop);
+            createSerialisersFor(sample(typeID, large), catalogue, std::vector{format}, sink.stop);
         EXPECT_THROW(serialisers.at(0)(out), std::system_error);
         EXPECT_TRUE(sink.count > 2 * mebibyte && sink.count <= 3 * mebibyte) << sink.count;
     }
-    catalogue.reset();
-    modules.clear();
+}
+
+TEST(RoundtripTest, UnloadsItsModules) {
+    constexpr auto modulePaths = "/modules/\\w+[.]so";
+    {
+        Catalogue catalogue;
+        auto const modules = loadModules(MODULE_DIR, catalogue);
+        EXPECT_TRUE(isMapped(modulePaths));
+    }
     EXPECT_FALSE(isMapped(modulePaths));
 }
 

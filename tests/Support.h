@@ -61,31 +61,6 @@ template <class Exception, class Action> std::string messageOf(Action action) {
 /// Calls `f` and discards the result, for EXPECT_THROW.
 template <class Result> void discard(Result&&) {}
 
-/// Copies and moves an object in every way that its class allows, even to itself and over another
-/// one. `show` must return the same for the new object. Returns what it returns for those moved
-/// from.
-template <class T> std::string passOn(T& object, T& other, auto show) {
-    std::string const shown = show(object);
-    T& itself = object;
-    if constexpr (std::is_copy_assignable_v<T>) {
-        // On the heap: at the address of `constructed`, ThreadSanitizer would mistake the locks of
-        // the two for one.
-        auto const copy = std::make_unique<T>(object);
-        EXPECT_EQ(show(*copy), shown);
-        *copy = other;
-        EXPECT_EQ(show(*copy), show(other));
-        object = std::as_const(itself);
-    }
-    object = std::move(itself);
-    EXPECT_EQ(show(object), shown);
-    T constructed(std::move(object));
-    EXPECT_EQ(show(constructed), shown);
-    other = std::move(constructed);
-    EXPECT_EQ(show(other), shown);
-    EXPECT_EQ(show(object), show(constructed));
-    return show(object);
-}
-
 inline std::vector<std::byte> bytes(std::string_view text) {
     auto const* const first = reinterpret_cast<std::byte const*>(text.data());
     return {first, first + text.size()};
@@ -186,14 +161,6 @@ inline Serialiser record(std::string format, std::uint64_t id, IDs ids, std::str
 template <class R, class Routine>
 GenericDeserialiser reading(Routine routine, std::shared_ptr<void> handle = {}) {
     return GenericDeserialiser(std::function<R(std::istream&)>(routine), std::move(handle));
-}
-/// The result of such a call, or a text if there is nothing to call.
-inline std::string outcome(auto call) {
-    try {
-        return call();
-    } catch (std::bad_function_call const&) {
-        return "empty";
-    }
 }
 inline int valueRead(GenericDeserialiser const& deserialiser) {
     std::istringstream in;
