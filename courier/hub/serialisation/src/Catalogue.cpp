@@ -263,9 +263,11 @@ std::string joined(std::vector<std::string> const& texts) {
 
 // A line of its own, because the diagnostic's text is part of the interface.
 template <class Record> void printKeys(Record const& first, Record const& duplicate) {
-    std::fprintf(stderr, "courier::hub::serialisation: registered first for type identifier %s, now for %s\n",
-                 hex(RecordKeys::key<std::uint64_t>(first)).c_str(),
-                 hex(RecordKeys::key<std::uint64_t>(duplicate)).c_str());
+    std::fprintf(
+        stderr,
+        "courier::hub::serialisation: registered first for type identifier %s, now for %s\n",
+        hex(RecordKeys::key<std::uint64_t>(first)).c_str(),
+        hex(RecordKeys::key<std::uint64_t>(duplicate)).c_str());
 }
 
 Serialiser makeVoidSerialiser(std::string const& wireFormat) {

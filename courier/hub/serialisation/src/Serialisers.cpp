@@ -36,7 +36,7 @@ void GenericSerialiser::operator()(stop_token token, std::ostream& out) const& {
 }
 
 void GenericSerialiser::operator()(std::ostream& out) && {
-    std::move(*this)(stopSource_.get_token(), out);
+    std::move(*this).operator()(stopSource_.get_token(), out);
 }
 
 void GenericSerialiser::operator()(stop_token token, std::ostream& out) && {
