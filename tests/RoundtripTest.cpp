@@ -99,7 +99,9 @@ TEST(RoundtripTest, ProgramSaysWhatCameBackAndWhatWentWrong) {
 struct ModulesOfRoundtrip : testing::Test {
     ModulesOfRoundtrip() {
         setReadLimit(catalogue, mebibyte);
-        modules = loadModules(MODULE_DIR, catalogue);
+        for (Module const& module : modules) {
+            module.registerIn(catalogue);
+        }
         for (ElementType const& type : elementTypes) {
             for (auto const& format : catalogue.getSupportedWireFormats(type.id)) {
                 typeOf[format] = type.id;
@@ -122,7 +124,7 @@ struct ModulesOfRoundtrip : testing::Test {
             return std::strstr(error.what(), "read limit of 1048576 bytes") != nullptr;
         }
     }
-    std::vector<Module> modules; // unloaded last
+    std::vector<Module> const modules = loadModules(MODULE_DIR); // unloaded last
     Catalogue catalogue;
     std::map<std::string, std::uint64_t> typeOf;
 };
@@ -192,8 +194,9 @@ TEST_F(ModulesOfRoundtrip, StopInTimeAndReadNoMoreThanTheLimit) {
 TEST(RoundtripTest, UnloadsItsModules) {
     constexpr auto modulePaths = "/modules/\\w+[.]so";
     {
+        auto const modules = loadModules(MODULE_DIR);
         Catalogue catalogue;
-        auto const modules = loadModules(MODULE_DIR, catalogue);
+        modules.front().registerIn(catalogue);
         EXPECT_TRUE(isMapped(modulePaths));
     }
     EXPECT_FALSE(isMapped(modulePaths));

@@ -49,7 +49,7 @@ void addReadLimit(CLI::App& app, std::uint64_t& bytes) {
         ->default_str("256MiB");
 }
 
-std::vector<Module> loadModules(std::filesystem::path const& directory, Catalogue& catalogue) {
+std::vector<Module> loadModules(std::filesystem::path const& directory) {
     std::set<std::filesystem::path> files;
     for (auto const& entry : std::filesystem::directory_iterator(directory)) {
         if (entry.path().extension() == ".so") {
@@ -59,11 +59,7 @@ std::vector<Module> loadModules(std::filesystem::path const& directory, Catalogu
     if (files.empty()) {
         throw std::runtime_error("no modules in " + directory.string());
     }
-    std::vector<Module> modules;
-    for (auto const& file : files) {
-        modules.emplace_back(file).registerIn(catalogue);
-    }
-    return modules;
+    return std::vector<Module>(files.begin(), files.end());
 }
 
 std::filesystem::path programFile() { return std::filesystem::read_symlink("/proc/self/exe"); }
@@ -78,9 +74,12 @@ int run(CLI::App& app, int argc, char** argv, std::string const& name,
     // modules, so the modules are declared first and unloaded last.
     std::vector<Module> modules;
     try {
+        modules = loadModules(programFile().parent_path().parent_path() / "modules");
         Catalogue catalogue;
         setReadLimit(catalogue, readLimit);
-        modules = loadModules(programFile().parent_path().parent_path() / "modules", catalogue);
+        for (Module const& module : modules) {
+            module.registerIn(catalogue);
+        }
         return program(catalogue, stop);
     } catch (std::exception const& error) {
         std::cerr << name << ": " << error.what() << '\n';

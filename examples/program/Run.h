@@ -29,7 +29,7 @@ using Program = std::function<int(hub::serialisation::SerialisationCatalogue con
 /// Loads every module of a directory, in order of name, as "*" finds the format that was registered
 /// first. Throws std::runtime_error if there is none.
 [[nodiscard]] std::vector<hub::serialisation::Module>
-loadModules(std::filesystem::path const& directory, hub::serialisation::Catalogue& catalogue);
+loadModules(std::filesystem::path const& directory);
 
 /// Reads the command line, loads the modules that were built with this program, and calls
 /// `program`.
