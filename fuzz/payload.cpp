@@ -175,7 +175,7 @@ template <class T> struct Pool {
             act();
             text = moved;
         };
-        auto const copy = [&](auto act) {
+        auto const copy = [&]([[maybe_unused]] auto act) {
             if constexpr (std::is_copy_assignable_v<T>) {
                 act(*other);
                 text = otherText;
@@ -242,10 +242,11 @@ struct Run {
         for (std::size_t i = 0; i < count; ++i) {
             auto const shared = std::make_shared<Tracked>();
             std::string const bad = textOf("not ", i);
-            input.oneOf(DO(SAME(&payload.emplace<int>(7) == &payload.get<int>(i), true);
-                           text += " 7 " + bad),
-                        DO(payload.add(shared); text += textOf(' ', bad, ' ', *shared)),
-                        DO(payload.add(std::shared_ptr<Tracked>()); text += ' ' + bad + ' ' + bad));
+            input.oneOf(
+                DO(SAME(&payload.emplace<int>(7) == &payload.get<int>(i), true);
+                   text += " 7 " + bad),
+                DO(payload.add(shared); text += textOf(' ', bad, ' ', *shared)),
+                DO(payload.add(std::shared_ptr<Tracked>()); text += textOf(' ', bad, ' ', bad)));
             SAME(payload.elementCount, i + 1);
         }
         payload.objects.push_back(std::make_shared<Tracked>());

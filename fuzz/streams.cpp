@@ -485,7 +485,7 @@ void assign(Input& input) {
             seen.push_back(inspected != nullptr && *inspected);
             delete[] block;
         };
-        std::memcpy(block, bytes.data(), bytes.size());
+        std::ranges::copy(std::as_bytes(std::span(bytes)), block);
         return ByteBufferByteStreamImpl(ByteBuffer(ByteBuffer::Block(block, free), bytes.size()));
     };
     std::string const bytes = input.fresh(1 + input.size());

@@ -107,7 +107,7 @@ struct Thread {
         SAME(destroyed, 3); // although the thread need not have ended
         other.join();
     }
-    void deserialise() {
+    void deserialise() const {
         GenericDeserialiser copy(shared.deserialiser), assigned = reading<void>([](auto&) {});
         assigned = shared.deserialiser;
         assigned = std::move(copy);
