@@ -172,9 +172,10 @@ public:
     /// type identifier, or the same list of identifiers, even if both are empty. A duplicate ends
     /// the process with a diagnostic, and a line with the identifiers before it, if
     /// bedrock_diag_terminate() returns true; otherwise it is ignored. Amortised constant, but the
-    /// registration that doubles the tables copies them: it takes milliseconds at 10,000 records
-    /// and more than a second at 1,000,000, in which look-ups continue. Throws std::bad_alloc, and
-    /// std::logic_error while this thread runs or copies a serialiser factory of this catalogue.
+    /// registration that doubles the tables copies them: it takes some ten milliseconds at 10,000
+    /// records and more than a second at 1,000,000, in which look-ups continue. Throws
+    /// std::bad_alloc, and std::logic_error while this thread runs or copies a serialiser factory
+    /// of this catalogue.
     void add(Serialiser serialiser);
 
     /// Registers a deserialiser. It is a duplicate if a record in the same wire format has the same
