@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <iterator>
 #include <string>
@@ -42,6 +43,17 @@ template <class Library, class Model> void requireSame(char const* asked, Librar
 /// The same for the message of what a call throws, or "no exception".
 #define SAME_ERROR(Exception, message, call)                                                       \
     SAME(tests::messageOf<Exception>([&] { static_cast<void>(call); }), message)
+
+/// The message of what a call throws, whatever its type.
+inline std::string const none = "no exception";
+inline std::string said(auto call) {
+    try {
+        call();
+    } catch (std::exception const& error) {
+        return error.what();
+    }
+    return none;
+}
 
 /// An action for Input::oneOf(). The message of a failure has its text.
 #define DO(...) std::pair(#__VA_ARGS__, [&] { __VA_ARGS__; })

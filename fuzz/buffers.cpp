@@ -11,7 +11,7 @@ using namespace tests;
 using fuzz::Input;
 using Bytes = std::vector<std::byte>;
 
-std::string const none = "no exception";
+using fuzz::none, fuzz::said;
 std::string const incompatible =
     "Attempting to take difference between incompatible MessageIterators";
 constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
@@ -64,14 +64,6 @@ bool isTried(std::size_t capacity) { return capacity <= 2 * Input::most || capac
 std::string refusal(std::size_t capacity, bool withHalf = true) {
     bool const wraps = capacity > longest || (withHalf && capacity / 2 > longest - capacity);
     return wraps ? "vector too long" : capacity >> 48 != 0 ? std::bad_alloc().what() : none;
-}
-std::string said(auto call) {
-    try {
-        call();
-    } catch (std::exception const& error) {
-        return error.what();
-    }
-    return none;
 }
 
 // What buffers and views share, in every overload: call it with the object and as a constant.

@@ -15,19 +15,11 @@ using namespace tests;
 using fuzz::Input;
 using std::ios;
 
-std::string const none = "no exception";
+using fuzz::none, fuzz::said;
 std::string const tooFew = "Requested to take more bytes than exist";
 constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
 std::streamsize size(std::string const& text) { return static_cast<std::streamsize>(text.size()); }
 std::string failure(char const* text) { return ios::failure(text).what(); }
-std::string said(auto call) {
-    try {
-        call();
-    } catch (std::exception const& error) {
-        return error.what();
-    }
-    return none;
-}
 
 // What a move must transfer. `like` gives it for a new stream, which a moved-from one is like.
 std::string describe(auto& stream) {
