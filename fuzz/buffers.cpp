@@ -167,7 +167,7 @@ struct Run {
     void release(std::byte* block, std::size_t size) {
         --owners;
         for (ByteBuffer& each : buffers) {
-            std::less<std::byte const*> const before;
+            std::less<> const before;
             std::byte const* const start = each.data();
             SAME(start != nullptr && !before(start, block) && before(start, block + size), false);
             std::to_address(each.begin()) == nullptr ? each.clear() : void();

@@ -41,9 +41,9 @@ std::string said(auto lookUp) {
     } catch (std::out_of_range const&) {
         return "out of range";
     } catch (LookUpError const& error) {
-        LookUpError const copy(error);
-        SAME(copy.typeID(), copy.typeIDs().empty() ? 0 : copy.typeIDs()[0]);
-        return missing(copy.what(), copy.wireFormat(), copy.typeIDs(), copy.supportedWireFormats());
+        SAME(error.typeID(), error.typeIDs().empty() ? 0 : error.typeIDs()[0]);
+        return missing(error.what(), error.wireFormat(), error.typeIDs(),
+                       error.supportedWireFormats());
     }
 }
 
