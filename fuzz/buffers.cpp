@@ -72,6 +72,7 @@ void inspect(auto& holder, Bytes const& bytes, std::string const& name) {
     SAME(text(ByteBufferView(holder)), text(ByteBufferView(bytes)));
     SAME(Bytes(holder.begin(), holder.end()), bytes);
     SAME(Bytes(holder.cbegin(), holder.cend()), bytes);
+    SAME(holder.begin() == holder.cbegin() && holder.cend() == holder.end(), true);
     SAME(holder.size(), bytes.size());
     SAME(holder.empty(), bytes.empty());
     SAME_ERROR(std::out_of_range, pastEnd, holder.at(bytes.size()));

@@ -34,9 +34,6 @@ template <int*> struct Address;
 template <int> struct Matrix { struct Row; };
 template <int, class, class> struct Mixed;
 template <class, int, class> struct Mixed2;
-template <class, class, int, int> struct Mixed3;
-template <class, class, class, int> struct Mixed4;
-template <int, int, class> struct Mixed5;
 using Widest [[gnu::mode(TI)]] = unsigned;
 inline int object, objects[2];
 inline void function() {}

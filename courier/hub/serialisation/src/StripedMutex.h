@@ -16,9 +16,9 @@ namespace courier::hub::serialisation {
 /// Neither readers nor writers starve, whichever the platform's locks prefer: once a writer waits,
 /// new readers wait for it.
 ///
-/// Use a CallingReader to run users' code. That code may read again on its thread: it then takes no
-/// lock, because the outer reader holds one, and does not wait for a writer, which waits for the
-/// outer reader. It must not write, which would deadlock: check isReadHere() before writing.
+/// Use a CallingReader to run users' code. That code may read again on its thread: a nested read
+/// takes no lock, because the outer one holds it, and waits for no writer. It must not write, which
+/// would deadlock: check isReadHere() before writing.
 class StripedMutex {
     struct Thread;
 

@@ -7,6 +7,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -29,20 +30,16 @@ public:
     BadElementType(std::size_t index, std::uint64_t present, std::uint64_t wanted,
                    std::string_view wantedName = {}) noexcept
         : index_(index), present_(present), wanted_(wanted) {
-        add("Element ");
-        addNumber(index, 10);
-        add(" has type identifier 0x");
-        addNumber(present, 16);
-        add(present == wanted ? " but no value" : ", not 0x");
-        if (present != wanted) {
-            addNumber(wanted, 16);
-        }
-        if (!wantedName.empty()) {
-            add(" of ");
-            std::size_t const room = text_.size() - 1 - size_;
-            bool const isLong = wantedName.size() > room;
-            add(wantedName.substr(0, isLong ? room - 3 : room));
-            add(isLong ? "..." : "");
+        auto const number = [](std::uint64_t id) { return static_cast<unsigned long long>(id); };
+        std::array<char, 32> other{}; // 6 characters, 16 digits and a 0
+        std::snprintf(other.data(), other.size(), ", not 0x%llX", number(wanted));
+        int const length = std::snprintf(
+            text_.data(), text_.size(), "Element %zu has type identifier 0x%llX%s%s%.*s", index,
+            number(present), present == wanted ? " but no value" : other.data(),
+            wantedName.empty() ? "" : " of ", static_cast<int>(wantedName.size()),
+            wantedName.empty() ? "" : wantedName.data());
+        if (static_cast<std::size_t>(length) >= text_.size()) {
+            std::string_view("...").copy(text_.data() + text_.size() - 4, 3);
         }
     }
 
@@ -57,23 +54,10 @@ public:
     [[nodiscard]] std::uint64_t wanted() const noexcept { return wanted_; }
 
 private:
-    void add(std::string_view piece) noexcept {
-        for (char const c : piece) {
-            text_[size_++] = c;
-        }
-    }
-    void addNumber(std::uint64_t number, std::uint64_t base) noexcept {
-        if (number >= base) {
-            addNumber(number / base, base);
-        }
-        add(std::string_view("0123456789ABCDEF").substr(number % base, 1));
-    }
-
     std::size_t index_;
     std::uint64_t present_;
     std::uint64_t wanted_;
-    std::size_t size_ = 0;
-    std::array<char, 512> text_{}; // with a 0 at the end; without a name at most 91 characters
+    std::array<char, 512> text_{}; // with a 0 at the end
 };
 
 namespace detail {

@@ -106,9 +106,8 @@ inline constexpr auto typeText = textOfType<T>();
 ///
 /// Local classes need care:
 ///  - clang does not name the function that contains a class. The class has the identifier of a
-///  class
-///    of the same name at namespace scope, in any file, and get() takes one for the other. With
-///    clang, use a local class as an element only if its name is unique.
+///    class of the same name at namespace scope, in any file, and get() takes one for the other.
+///    With clang, use a local class as an element only if its name is unique.
 ///  - g++ does not distinguish two classes of one name in different blocks of one function.
 ///  - A class local to an inline function has a different identifier in each file that includes it.
 ///    Move it to namespace scope.
@@ -116,11 +115,12 @@ inline constexpr auto typeText = textOfType<T>();
 /// Build all modules that share one of these types with the same compiler and standard library,
 /// because compilers name them differently or incompletely:
 ///  - a type inside a user's own inline namespace: clang omits the namespace, so that two versions
-///  of
-///    a class have one identifier;
-///  - a class inside a template, or a template that takes templates, if an argument is a defaulted
-///    value (clang 14 shows it), a name that libc++ abbreviates (the streams, but not the strings),
-///    or an overloaded function (g++ shows only its name);
+///    of a class have one identifier;
+///  - a class inside a template, a template that takes templates, or one that takes types and
+///  values
+///    in another order than a type, values, or a type, a value, types, if an argument is a
+///    defaulted value (clang 14 shows it), a name that libc++ abbreviates (the streams, but not the
+///    strings), or an overloaded function (g++ shows only its name);
 ///  - a class inside a template over `auto`: g++ does not distinguish 3 from 3u there;
 ///  - a standard library's own types: iterators of containers, `std::exception_ptr`.
 ///

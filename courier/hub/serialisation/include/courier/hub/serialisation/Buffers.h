@@ -58,9 +58,9 @@ inline constexpr std::size_t longest = PTRDIFF_MAX;
 /// block is released: by clear(), push_back(), reserve(), resize(), the append() of an argument
 /// that is not empty, a move assignment into the buffer, or the destructor. Parts that share a
 /// block each release their share of it, and the last one the block. The deleter runs on the thread
-/// that releases the block. It must not be empty and must not throw. After releasing its block the
-/// buffer keeps the deleter, and what it captured, until it is assigned to or destroyed; a move
-/// passes the deleter on.
+/// that releases the block. It must not be empty and must not throw. The deleter object, with what
+/// it captured, outlives its block: until the buffer is assigned to or destroyed. A move passes it
+/// on.
 ///
 /// Move-only; clone() copies. A moved-from buffer is empty and may be used again.
 ///
@@ -226,8 +226,8 @@ public:
 
     /// Adds a copy of the argument's bytes at the end; for a vector of buffers, of the bytes of
     /// each element in turn. The argument does not change, not even an rvalue: that overload is
-    /// part of the interface. An empty argument changes nothing. Any other, even a list of empty
-    /// buffers, leaves the buffer in vector form. This buffer, or a view of its bytes, may be the
+    /// part of the interface. Appending nothing changes nothing. Anything else, even a list of
+    /// empty buffers, converts to vector form. This buffer, or a view of its bytes, may be the
     /// argument or an element of it: its bytes are those from before the call.
     ///
     /// Amortised linear in the bytes added. If the capacity is too small, one allocation makes it

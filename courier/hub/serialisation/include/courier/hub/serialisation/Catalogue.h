@@ -32,7 +32,7 @@ public:
     /// The wire format requested.
     [[nodiscard]] std::string const& wireFormat() const noexcept;
 
-    /// The type identifier requested; the first of several; 0 if there was none.
+    /// The first of typeIDs(), or 0.
     [[nodiscard]] std::uint64_t typeID() const noexcept;
     /// All type identifiers requested: those of the list or payload, or the single one.
     [[nodiscard]] std::vector<std::uint64_t> const& typeIDs() const noexcept;
@@ -174,8 +174,8 @@ public:
     /// bedrock_diag_terminate() returns true; otherwise it is ignored. Amortised constant, but the
     /// registration that doubles the tables copies them: it takes some ten milliseconds at 10,000
     /// records and more than a second at 1,000,000, in which look-ups continue. Throws
-    /// std::bad_alloc, and std::logic_error while this thread runs or copies a serialiser factory
-    /// of this catalogue.
+    /// std::bad_alloc, and std::logic_error when called from a serialiser factory of this
+    /// catalogue, or while one is copied.
     void add(Serialiser serialiser);
 
     /// Registers a deserialiser. It is a duplicate if a record in the same wire format has the same

@@ -136,11 +136,10 @@ concept DeferredRoutine =
 /// A copy has a copy of the routine and shares the handle. A moved-from deserialiser has an empty
 /// routine and handle.
 ///
-/// Several threads may copy one object at once, and call it if its routine allows that. No thread
-/// may call or copy an object while it is assigned to, nor assign from an object while that is
-/// moved from or assigned to: an assignment replaces the routine without a lock. It then replaces
-/// the handle with the source's guard and the target's locked, in this order, so two threads that
-/// assign two objects to each other at once may deadlock.
+/// Several threads may copy one object at once, and call it if its routine allows that. Do not
+/// assign to an object in use elsewhere, nor from one that another thread changes: an assignment
+/// replaces the routine without a lock. It then locks the source's guard and the target's, in this
+/// order, to replace the handle, so assigning two objects to each other at once may deadlock.
 class COURIER_HUB_SERIALISATION_EXPORT GenericDeserialiser {
 public:
     /// Reads from the stream and returns what it read.

@@ -54,8 +54,8 @@ public:
         condition_.wait(lock, [this] { return released_; });
     }
 
-    /// Blocks until it is released, but no longer than the timeout. Zero or less, or a NaN, only
-    /// polls. More than 365 days waits without limit.
+    /// Blocks until it is released, but no longer than the timeout. A timeout of zero, less, or NaN
+    /// returns at once. More than 365 days waits without limit.
     /// @return whether it is released.
     template <class Rep, class Period>
     [[nodiscard]] bool waitFor(std::chrono::duration<Rep, Period> const& timeout) const {

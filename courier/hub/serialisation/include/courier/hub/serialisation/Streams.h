@@ -139,8 +139,8 @@ private:
 
 static_assert(std::is_trivially_copyable_v<ByteStreamIterator>);
 
-/// The same as ByteStreamIterator, but yielding char, so that a std::string can be made from a
-/// pair. It reads one byte ahead of its character.
+/// The same as ByteStreamIterator, but yielding char, so that std::string(begin, end) works. It
+/// reads one byte ahead of its character.
 ///
 /// It owns nothing. The source must outlive it. If an operation throws, the iterator is unchanged.
 class ByteStreamCharIterator {
@@ -456,9 +456,8 @@ private:
 /// catches the exception and sets its badbit; it rethrows only if its exceptions() include badbit.
 ///
 /// Writing takes amortised constant time per byte: the block grows to at least 512 bytes and at
-/// least twice what was written. The spare room of a released block stays allocated until the block
-/// is freed: as much again as was written, the rest of 512 bytes, or what `reserve` left unused.
-/// Use ByteBuffer::clone() for a copy without it.
+/// least twice what was written. A released block keeps its unused capacity; ByteBuffer::clone()
+/// makes a copy without it.
 class COURIER_HUB_SERIALISATION_EXPORT ByteBufferOStreambuf : public std::streambuf {
 public:
     /// Reserves `reserve` bytes; 0 allocates nothing until the first write. Throws std::bad_alloc,

@@ -351,37 +351,6 @@ struct Composite<Template<Type, value, values...>> {
     }
 };
 
-template <template <class, class, auto...> class> struct OfTypesAndValues;
-template <template <class, class, auto...> class Template, class First, class Second, auto value,
-          auto... values>
-struct Composite<Template<First, Second, value, values...>> {
-    template <class Out> static constexpr void spell(Out& out) noexcept {
-        spellTemplate<OfTypesAndValues<Template>>(out, spellType<First, Out>,
-                                                  spellType<Second, Out>, spellValue<value, Out>,
-                                                  spellValue<values, Out>...);
-    }
-};
-
-template <template <auto, class...> class> struct OfValueAndTypes;
-template <template <auto, class...> class Template, auto value, class Type, class... Types>
-struct Composite<Template<value, Type, Types...>> {
-    template <class Out> static constexpr void spell(Out& out) noexcept {
-        spellTemplate<OfValueAndTypes<Template>>(out, spellValue<value, Out>, spellType<Type, Out>,
-                                                 spellType<Types, Out>...);
-    }
-};
-
-template <template <auto, auto, class...> class> struct OfValuesAndTypes;
-template <template <auto, auto, class...> class Template, auto first, auto second, class Type,
-          class... Types>
-struct Composite<Template<first, second, Type, Types...>> {
-    template <class Out> static constexpr void spell(Out& out) noexcept {
-        spellTemplate<OfValuesAndTypes<Template>>(out, spellValue<first, Out>,
-                                                  spellValue<second, Out>, spellType<Type, Out>,
-                                                  spellType<Types, Out>...);
-    }
-};
-
 template <template <class, auto, class...> class> struct OfTypeValueAndTypes;
 template <template <class, auto, class...> class Template, class First, auto value, class Type,
           class... Types>
@@ -390,17 +359,6 @@ struct Composite<Template<First, value, Type, Types...>> {
         spellTemplate<OfTypeValueAndTypes<Template>>(out, spellType<First, Out>,
                                                      spellValue<value, Out>, spellType<Type, Out>,
                                                      spellType<Types, Out>...);
-    }
-};
-
-template <template <class, class, class, auto...> class> struct OfThreeTypesAndValues;
-template <template <class, class, class, auto...> class Template, class First, class Second,
-          class Third, auto value, auto... values>
-struct Composite<Template<First, Second, Third, value, values...>> {
-    template <class Out> static constexpr void spell(Out& out) noexcept {
-        spellTemplate<OfThreeTypesAndValues<Template>>(
-            out, spellType<First, Out>, spellType<Second, Out>, spellType<Third, Out>,
-            spellValue<value, Out>, spellValue<values, Out>...);
     }
 };
 
