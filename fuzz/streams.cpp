@@ -228,7 +228,7 @@ constexpr std::pair<char const*, Act> acts[] = {
     ACT(in.rdbuf()->snextc()),
     ACT(in.rdbuf()->sputc(byte)),
     ACT(in.rdbuf()->pubseekoff(0, ios::beg, ios::out)),
-    ACT(!in.unget()), // these put back, which take() forbids
+    ACT(!in.unget()),
     ACT(!in.putback(byte)),
     ACT(in.rdbuf()->sungetc()),
     ACT(in.rdbuf()->sputbackc(byte)),
@@ -263,7 +263,6 @@ void read(Input& input, ByteBuffer const& content) {
     }
     auto const unreadOfModel = [&] { return static_cast<std::size_t>(model.rdbuf()->in_avail()); };
     std::vector<std::pair<ByteBuffer, std::string>> parts; // that were taken
-    bool mayPutBack = true;
     auto const takeParts = [&] {
         std::size_t const left = unreadOfModel(), n = input.length(left);
         bool const isFree = input.flag(), isFew = n > left, wasGood = model.good();
@@ -293,7 +292,9 @@ void read(Input& input, ByteBuffer const& content) {
                     SAME(parts.back().first.data(), places[i / 3]); // in place
                 }
             }
-            mayPutBack = mayPutBack && bytes.empty();
+            if (!bytes.empty()) { // nor can what was read before be put back
+                model.str(model.str().substr(model.view().size() - unreadOfModel()));
+            }
             model.ignore(0); // the number of bytes read last is the same again
             std::ranges::for_each(in, [](std::istream* stream) { stream->ignore(0); });
         } else {
@@ -305,7 +306,7 @@ void read(Input& input, ByteBuffer const& content) {
     };
     while (input && !input.oneIn(32)) {
         ++fuzz::place.step;
-        auto const& [name, does] = acts[input.below(std::size(acts) - (mayPutBack ? 0 : 4))];
+        auto const& [name, does] = acts[input.below(std::size(acts))];
         fuzz::place.operation = name;
         std::size_t const n = input.size(unreadOfModel());
         std::string const expected = act(does, model, n);
