@@ -291,6 +291,8 @@ struct Run {
                     DO(as(text(" stopped", "text| stopped"), routine, stopped, "text")),
                     DO(as(text(" running", textOf("text| running", *handle)), routine, running,
                           "text", handle)),
+                    DO(as(textOf(mine, "|| never"),
+                          [mine](auto&&, auto&&) { throw std::runtime_error(textOf(mine)); })),
                     DO(as("empty|| never", GenericSerialiser::Routine())));
     }
     void make(Maker<GenericDeserialiser>& as) {
@@ -363,6 +365,25 @@ struct Run {
         pool.check();
     }
 
+    // The last write releases the routine, even if it throws.
+    void writeLast() {
+        auto& [object, text] = std::get<Pool<GenericSerialiser>>(pools).objects[input.below(2)];
+        bool const hasToken = input.flag();
+        auto const write = [&](auto&& serialiser) {
+            return said([&] {
+                std::ostringstream out;
+                hasToken ? std::forward<decltype(serialiser)>(serialiser)(stopped.get_token(), out)
+                         : std::forward<decltype(serialiser)>(serialiser)(out);
+                return out.str();
+            });
+        };
+        if (object) {
+            std::string const expected = write(std::as_const(*object));
+            SAME(write(std::move(*object)), expected);
+            text = "empty" + text.substr(text.find('|'));
+        }
+    }
+
     void fanOut();
     void act() {
         input.oneOf(
@@ -371,7 +392,7 @@ struct Run {
             DO(step<GenericPayloadView>(noPayload)), DO(step<GenericSerialiser>("empty|| never")),
             DO(step<GenericDeserialiser>("empty")), DO(step<DeferredSerialiser>("unspecified")),
             DO(step<Serialiser>("00 empty empty empty")), DO(step<Deserialiser>("empty")),
-            DO(fanOut()));
+            DO(writeLast()), DO(fanOut()));
     }
 
     // What is alive is in a text, and a payload's sentinel tells whether it is.

@@ -183,12 +183,13 @@ struct Writer {
         attempt(false, [&] { stopped.throwIfStopped(); });
     }
     void moveSink() {
-        Sink taken(std::move(sink));
+        Sink other(reserved), &itself = other;
+        other.sputn("other", 5);
+        other = std::move(sink);
         SAME(sink.size(), 0U);
-        sink = std::move(taken);
-        Sink& itself = sink;
-        sink = std::move(itself);
-        SAME(taken.size(), 0U);
+        other = std::move(itself);
+        sink = Sink(std::move(other));
+        SAME(other.size(), 0U);
     }
 
     void step() {

@@ -131,17 +131,3 @@ TEST_F(ReentrantTest, LooksUpByWayOfAnotherCatalogue) {
               }),
               "done");
 }
-
-TEST_F(ReentrantTest, RefusesToRegisterAndStaysUsable) {
-    EXPECT_EQ(whenFactoryDoes([&] {
-                  EXPECT_THROW(catalogue.add(record("new", 4, {4}, "")), std::logic_error);
-                  catalogue.add(reader("new", 4, 1)); // the other set has a lock of its own
-              }),
-              "done");
-    catalogue.add(Serialiser(
-        "throws", 6, {6}, [](auto&&) -> GenericSerialiser { throw 1; }, nullptr, nullptr));
-    EXPECT_THROW(discard(catalogue.getSerialiserFor("throws", viewOf({6}, 0))), int);
-    catalogue.add(record("new", 4, {4}, ""));
-    EXPECT_EQ(catalogue.getSupportedWireFormats(4), Formats{"new"});
-    EXPECT_TRUE(catalogue.hasDeserialiserFor("new", 4));
-}

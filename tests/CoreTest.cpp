@@ -8,7 +8,7 @@ inline int nullptrNot; // an address whose name begins like nullptr
 static_assert(getTypeID<golden::Value<&nullptrNot>>() !=
               getTypeID<golden::Value<static_cast<int*>(nullptr)>>());
 
-std::uint64_t idOfAnotherFilesMine(); // in StopTokenTest.cpp
+std::uint64_t idOfAnotherFilesMine(); // in SharedPayloadTest.cpp
 
 namespace {
 struct OfThisFile {};

@@ -73,8 +73,8 @@ EARLY void REPLACED(free)(void* ptr) noexcept {
     freed += ptr != nullptr;
     NEXT(free)(ptr);
 }
-#if defined(_LIBCPP_VERSION) && !defined(SANITIZED)
-// libc++ allocates exceptions with it. No fault point: if it fails, they are in reserved memory.
+#if !defined(_WIN32) && !defined(SANITIZED)
+// No fault point: libc++ allocates exceptions with it, and if that fails, uses reserved memory.
 void* NEXT(memalign)(std::size_t alignment, std::size_t size) noexcept;
 void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
     return counted(NEXT(memalign)(alignment, size));
@@ -89,22 +89,3 @@ void* operator new(std::size_t size) {
 }
 void operator delete(void* block) noexcept { REPLACED(free)(block); }
 void operator delete(void* block, std::size_t) noexcept { REPLACED(free)(block); }
-
-// The start of the whole block is stored before the aligned one.
-void* operator new(std::size_t size, std::align_val_t alignment) {
-    auto const step = static_cast<std::size_t>(alignment);
-    auto* const block = static_cast<char*>(operator new(size + step));
-    char* const aligned = block + step - reinterpret_cast<std::uintptr_t>(block) % step;
-    std::memcpy(aligned - sizeof(block), &block, sizeof(block));
-    return aligned;
-}
-void operator delete(void* aligned, std::align_val_t) noexcept {
-    if (aligned != nullptr) {
-        void* block = nullptr;
-        std::memcpy(&block, static_cast<char*>(aligned) - sizeof(block), sizeof(block));
-        operator delete(block);
-    }
-}
-void operator delete(void* aligned, std::size_t, std::align_val_t alignment) noexcept {
-    operator delete(aligned, alignment);
-}

@@ -15,7 +15,7 @@
 using namespace courier::examples;
 using namespace courier::hub::serialisation;
 using courier::hub::core::GenericPayload, courier::hub::core::getTypeID;
-using tests::isMapped, tests::written;
+using tests::written;
 
 namespace {
 
@@ -189,17 +189,6 @@ TEST_F(ModulesOfRoundtrip, StopInTimeAndReadNoMoreThanTheLimit) {
         EXPECT_THROW(serialisers.at(0)(out), std::system_error);
         EXPECT_TRUE(sink.count > 2 * mebibyte && sink.count <= 3 * mebibyte) << sink.count;
     }
-}
-
-TEST(RoundtripTest, UnloadsItsModules) {
-    constexpr auto modulePaths = "/modules/\\w+[.]so";
-    {
-        auto const modules = loadModules(MODULE_DIR);
-        Catalogue catalogue;
-        modules.front().registerIn(catalogue);
-        EXPECT_TRUE(isMapped(modulePaths));
-    }
-    EXPECT_FALSE(isMapped(modulePaths));
 }
 
 } // namespace
