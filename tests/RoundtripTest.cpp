@@ -102,7 +102,7 @@ struct ModulesOfRoundtrip : testing::Test {
         for (Module const& module : modules) {
             module.registerIn(catalogue);
         }
-        for (ElementType const& type : elementTypes) {
+        for (NamedType const& type : elementTypes) {
             for (auto const& format : catalogue.getSupportedWireFormats(type.id)) {
                 typeOf[format] = type.id;
             }

@@ -19,8 +19,7 @@ public:
     /// when it cannot be read or is not a regular file.
     [[nodiscard]] static Blob map(std::filesystem::path const& file);
 
-    [[nodiscard]] hub::serialisation::ByteBufferView
-    bytes() const noexcept COURIER_HUB_SERIALISATION_LIFETIMEBOUND {
+    [[nodiscard]] hub::serialisation::ByteBufferView bytes() const noexcept {
         return hub::serialisation::ByteBufferView(bytes_);
     }
 

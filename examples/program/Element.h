@@ -20,17 +20,17 @@
 
 namespace courier::examples {
 
-struct ElementType {
+struct NamedType {
     std::string_view name;
     std::uint64_t id;
 };
 
 /// The types that this program puts into payloads.
 inline constexpr std::array elementTypes{
-    ElementType{"Document", hub::core::getTypeID<Document>()},
-    ElementType{"Blob", hub::core::getTypeID<Blob>()},
-    ElementType{"Listing", hub::core::getTypeID<Listing>()},
-    ElementType{"Histogram", hub::core::getTypeID<Histogram>()},
+    NamedType{"Document", hub::core::getTypeID<Document>()},
+    NamedType{"Blob", hub::core::getTypeID<Blob>()},
+    NamedType{"Listing", hub::core::getTypeID<Listing>()},
+    NamedType{"Histogram", hub::core::getTypeID<Histogram>()},
 };
 
 /// A file, or a value that the program has made, ready to be sent.
@@ -41,7 +41,7 @@ struct Element {
                  std::shared_ptr<Histogram>>
         value; // as in elementTypes
 
-    [[nodiscard]] ElementType const& type() const { return elementTypes.at(value.index()); }
+    [[nodiscard]] NamedType const& type() const { return elementTypes.at(value.index()); }
 
     /// Adds the value to the payload, which shares it from then on.
     void addTo(hub::core::GenericPayload& payload) const;

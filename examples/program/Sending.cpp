@@ -58,7 +58,7 @@ std::vector<std::string> resolveFormats(std::vector<std::string> wanted,
             counted(elements.size(), "element"));
     }
     for (std::size_t i = 0; i < wanted.size(); ++i) {
-        ElementType const& type = elements[i].type();
+        NamedType const& type = elements[i].type();
         auto const formats = catalogue.getSupportedWireFormats(type.id);
         if (formats.empty()) {
             throw std::runtime_error("no module writes " + std::string(type.name) + " (" +

@@ -119,7 +119,7 @@ std::vector<Outcome> transfer(std::vector<Element> const& elements,
 
 void printTypes(SerialisationCatalogue const& catalogue) {
     std::vector<Row> rows{{"type", "identifier", "written in", "read from"}};
-    for (ElementType const& type : elementTypes) {
+    for (NamedType const& type : elementTypes) {
         rows.push_back({std::string(type.name), hexadecimal(type.id),
                         join(catalogue.getSupportedWireFormats(type.id), " "),
                         join(catalogue.getSupportedDeserialisationWireFormats(type.id), " ")});
