@@ -18,10 +18,6 @@
 #include <utility>
 #include <vector>
 
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage begin
-#endif
-
 /// Buffers, streams that read and write them in place, the catalogue of serialisers, the fan-out.
 namespace courier::hub::serialisation {
 
@@ -493,9 +489,5 @@ template <detail::Adoptable Owner>
 }
 
 } // namespace courier::hub::serialisation
-
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage end
-#endif
 
 #endif

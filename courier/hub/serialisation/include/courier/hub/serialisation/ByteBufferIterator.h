@@ -13,11 +13,6 @@
 #include <utility>
 #include <vector>
 
-// The code below does pointer arithmetic, which clang's -Wunsafe-buffer-usage rejects.
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage begin
-#endif
-
 namespace courier::hub::serialisation {
 
 class ByteBuffer;
@@ -160,9 +155,5 @@ static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte>>);
 static_assert(std::is_trivially_copyable_v<ByteBufferIterator<std::byte const>>);
 
 } // namespace courier::hub::serialisation
-
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage end
-#endif
 
 #endif

@@ -15,10 +15,6 @@
 #include <utility>
 #include <vector>
 
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage begin
-#endif
-
 // On a function or parameter: the result refers to this object or argument. clang then warns when
 // it outlives a temporary or a local variable.
 #if defined(__clang__)
@@ -225,9 +221,5 @@ static_assert(std::is_trivially_copyable_v<ByteBufferView>);
 // The iterators of a view outlive it.
 template <> inline constexpr bool
     std::ranges::enable_borrowed_range<courier::hub::serialisation::ByteBufferView> = true;
-
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage end
-#endif
 
 #endif

@@ -13,11 +13,6 @@
 #include <type_traits>
 #include <utility>
 
-// The code below does pointer arithmetic, which clang's -Wunsafe-buffer-usage rejects.
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage begin
-#endif
-
 // Two ways to read bytes in place, and one to write them:
 //
 //   ByteStream            reads byte by byte, from any source, by input iterators
@@ -520,9 +515,5 @@ private:
 };
 
 } // namespace courier::hub::serialisation
-
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage end
-#endif
 
 #endif

@@ -9,10 +9,6 @@
 #include <type_traits>
 #include <utility>
 
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage begin
-#endif
-
 namespace courier::hub::serialisation::detail {
 
 // As std::memcpy, which costs a call and a search for the best way: up to 64 bytes are copied by a
@@ -135,9 +131,5 @@ private:
 };
 
 } // namespace courier::hub::serialisation::detail
-
-#if defined(__clang__) && __clang_major__ >= 16
-#pragma clang unsafe_buffer_usage end
-#endif
 
 #endif
