@@ -15,7 +15,6 @@
 #include <stdexcept>
 #include <tuple>
 #include <type_traits>
-#include <unordered_set>
 #include <utility>
 
 namespace courier::hub::serialisation {
@@ -48,18 +47,13 @@ template <class Key> struct Query {
     std::uint64_t hash;
 };
 
-// The wire formats of a set, each stored once. Records refer to theirs by address, so that a search
-// compares a text that is in the processor's cache, however many records there are.
-using WireFormats = std::unordered_set<std::string>;
-
 // A record. The records under one key form a ring, in order of registration.
 template <class Record> struct Node {
-    Node(Record&& r, std::string const& f) : record(std::move(r)), wireFormat(f) {}
+    explicit Node(Record&& r) : record(std::move(r)) {}
     template <class Key> Node*& next() noexcept {
         return std::is_same_v<Key, TypeIDs> ? nextByTypeIDs : nextByTypeID;
     }
     Record record;
-    std::string const& wireFormat;
     Node* nextByTypeID = this;
     Node* nextByTypeIDs = this;
 };
@@ -68,31 +62,14 @@ template <class Record> struct Node {
 template <class Record, class Key> class Index {
     using Address = Node<Record>*;
 
-    // The address of a record, with its type identifier and wire format beside it: so a search by
-    // an identifier need not read the record. With many records, every one that is read is a cache
-    // miss.
-    struct Entry {
-        std::uint64_t typeID = 0;
-        std::string const* wireFormat = nullptr;
-        Address node = nullptr;
-
-        explicit operator bool() const noexcept { return node != nullptr; }
-        [[nodiscard]] Key const& key() const noexcept {
-            if constexpr (std::is_same_v<Key, TypeIDs>) {
-                return RecordKeys::key<TypeIDs>(node->record);
-            } else {
-                return typeID;
-            }
-        }
-    };
-
 public:
     // The record under a key in a wire format, or null.
     [[nodiscard]] Record const* find(Query<Key> const& query) const noexcept {
-        Entry const* const found = records_.find(query.hash, [&](Entry const& entry) {
-            return entry.key() == query.key && *entry.wireFormat == query.wireFormat;
+        Address const* const found = records_.find(query.hash, [&](Address node) {
+            return RecordKeys::key<Key>(node->record) == query.key &&
+                   RecordKeys::wireFormat(node->record) == query.wireFormat;
         });
-        return found != nullptr ? &found->node->record : nullptr;
+        return found != nullptr ? &(*found)->record : nullptr;
     }
     // The record under the key and in the wire format of another one, or null.
     [[nodiscard]] Record const* find(Record const& record) const noexcept {
@@ -112,7 +89,7 @@ public:
             Address node = *last;
             do {
                 node = next(node);
-                formats.push_back(node->wireFormat);
+                formats.push_back(RecordKeys::wireFormat(node->record));
             } while (node != *last);
         }
         return formats;
@@ -120,7 +97,7 @@ public:
 
     // Larger tables, which are made while readers still search these.
     struct Enlarged {
-        HashIndex<Entry> records;
+        HashIndex<Address> records;
         HashIndex<Address> lasts;
     };
     [[nodiscard]] Enlarged enlarged() const { return {records_.enlarged(), lasts_.enlarged()}; }
@@ -132,8 +109,7 @@ public:
     // Precondition: there is room.
     void add(Node<Record>& node) noexcept {
         Key const& key = RecordKeys::key<Key>(node.record);
-        records_.insert(Query<Key>(key, node.wireFormat).hash,
-                        {RecordKeys::key<std::uint64_t>(node.record), &node.wireFormat, &node});
+        records_.insert(Query<Key>(key, RecordKeys::wireFormat(node.record)).hash, &node);
         if (Address* const last = lasts_.find(hashOf(key), is(key)); last != nullptr) {
             next(&node) = std::exchange(next(*last), &node);
             *last = &node;
@@ -148,14 +124,13 @@ private:
         return [&key](Address node) { return RecordKeys::key<Key>(node->record) == key; };
     }
 
-    HashIndex<Entry> records_; // every record, by key and wire format
-    HashIndex<Address> lasts_; // of each ring, the record registered last, by key
+    HashIndex<Address> records_; // every record, by key and wire format
+    HashIndex<Address> lasts_;   // of each ring, the record registered last, by key
 };
 
 // The records of one kind, their indices and their lock.
 template <class Record> struct RecordSet {
     StripedMutex mutex;
-    WireFormats wireFormats;
     std::forward_list<Node<Record>> nodes;
     Index<Record, std::uint64_t> byTypeID;
 };
@@ -231,8 +206,7 @@ void insert(RecordSet<Record>& set, Record& record, Refuse refuse, Indices&... i
         refuse(*blocking);
         return;
     }
-    std::string const& wireFormat = *set.wireFormats.insert(RecordKeys::wireFormat(record)).first;
-    Node<Record>& added = set.nodes.emplace_front(std::move(record), wireFormat);
+    Node<Record>& added = set.nodes.emplace_front(std::move(record));
     (indices.exchange(std::get<typename Indices::Enlarged>(larger)), ...);
     (indices.add(added), ...);
 }

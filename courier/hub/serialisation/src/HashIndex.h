@@ -68,7 +68,7 @@ public:
     template <class Matches>
     [[nodiscard]] Entry const* find(std::uint64_t hash, Matches matches) const noexcept {
         for (std::size_t i = hash >> shift_; slots_[i].entry; i = next(i)) {
-            if (matches(slots_[i].entry)) {
+            if (slots_[i].hash == hash && matches(slots_[i].entry)) {
                 return &slots_[i].entry;
             }
         }
