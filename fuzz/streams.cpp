@@ -28,9 +28,9 @@ std::string describe(auto& stream) {
          << (stream.ios::rdbuf() == stream.rdbuf()) << stream.rdbuf()->in_avail();
     return said.str();
 }
-template <class Stream> void move(Input& input, Stream& stream, Stream unused) {
+template <class Stream> void move(Input& input, Stream& stream, Stream const& unused, Stream used) {
     std::string const before = describe(stream), fresh = describe(unused);
-    Stream taken(std::move(stream));
+    Stream taken = input.flag() ? Stream(std::move(stream)) : std::move(used = std::move(stream));
     SAME(describe(taken), before);
     SAME(describe(stream), fresh);
     Stream& itself = taken;
@@ -182,6 +182,12 @@ struct Writer {
         attempt(true, [&] { commit(stopped, 0); });
         attempt(false, [&] { stopped.throwIfStopped(); });
     }
+    void moveOut() {
+        ByteBufferOStream used;
+        used << "used";
+        used.setstate(ios::failbit);
+        move(input, out, ByteBufferOStream(), std::move(used));
+    }
     void moveSink() {
         Sink other(reserved), &itself = other;
         other.sputn("other", 5);
@@ -195,8 +201,7 @@ struct Writer {
     void step() {
         std::size_t const n = input.size(sink.room());
         input.oneOf(DO(put(n)), DO(put(n)), DO(putInSink(n)), DO(putInSink(n)), DO(overflow()),
-                    DO(prepareAndCommit(n)), DO(move(input, out, ByteBufferOStream())), DO(stop()),
-                    DO(fail()), DO(moveSink()),
+                    DO(prepareAndCommit(n)), DO(moveOut()), DO(stop()), DO(fail()), DO(moveSink()),
                     DO(SAME(text(out.release()), model.str()); model.str({})),
                     DO(SAME(text(sink.release()), inSink); inSink.clear()));
         SAME(out.rdstate(), ios::goodbit);
@@ -353,8 +358,10 @@ void read(Input& input, ByteBuffer const& content) {
             SAME(same.in_avail(), viewer.in_avail());
             other = std::move(same);
             viewer = std::move(other);
-            move(input, whole, ByteBufferIStream(ByteBufferView()));
-            move(input, borrowing, ByteBufferIStream(ByteBufferView()));
+            for (ByteBufferIStream* const stream : {&whole, &borrowing}) {
+                move(input, *stream, ByteBufferIStream(ByteBufferView()),
+                     ByteBufferIStream(ByteBuffer(bytes("used"))));
+            }
         }
     }
     SAME(blocks.freed, 0);
