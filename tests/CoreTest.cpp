@@ -63,24 +63,17 @@ TEST(GenericPayload, SaysWhatABadElementHas) {
     using courier::hub::core::BadElementType;
     GenericPayload payload;
     payload.emplace<int>(7);
-    payload.add(std::shared_ptr<double>());
+    payload.typeIDs.push_back(getTypeID<int>()); // without a value
     EXPECT_ERROR(BadElementType,
                  "Element 0 has type identifier 0x717A581CF9B345CB, not 0x50B935BC7BC34261 "
                  "of unsigned int",
                  payload.get<unsigned>(0));
-    EXPECT_ERROR(BadElementType,
-                 "Element 1 has type identifier 0x4C3B1FACE658E2A8 but no value of double",
-                 payload.get<double>(1));
-    EXPECT_STREQ(BadElementType(10, 16, 16).what(),
-                 "Element 10 has type identifier 0x10 but no value");
-    EXPECT_STREQ(BadElementType(~std::size_t{0}, ~0ULL, ~0ULL - 1).what(),
-                 "Element 18446744073709551615 has type identifier 0xFFFFFFFFFFFFFFFF, not "
-                 "0xFFFFFFFFFFFFFFFE");
+    EXPECT_ERROR(std::out_of_range,
+                 "The payload has no element 1: its elementCount is 1, with 2 typeIDs and 1 values",
+                 payload.get<int>(1));
+    EXPECT_STREQ(
+        BadElementType(~std::size_t{0}, ~0ULL, ~0ULL).what(),
+        "Element 18446744073709551615 has type identifier 0xFFFFFFFFFFFFFFFF but no value");
     std::string const cut = BadElementType(0, 1, 2, std::string(600, 'x')).what();
     EXPECT_TRUE(cut.size() == 511 && cut.ends_with("xxx...")) << cut;
-    EXPECT_ERROR(std::out_of_range,
-                 "The payload has no element 2: its elementCount is 2, with 2 typeIDs and 2 values",
-                 payload.get<int>(2));
-    payload.typeIDs.push_back(getTypeID<int>()); // without a value
-    EXPECT_THROW(discard(payload.get<int>(2)), std::out_of_range);
 }
