@@ -138,7 +138,7 @@ public:
             ByteBuffer taken(std::move(other));
             ByteBuffer const former(std::move(*this));
             take(taken);
-        } else { // a self-assignment changes nothing
+        } else if (this != &other) {
             take(other);
         }
         return *this;
@@ -399,11 +399,11 @@ private:
         }
     }
 
-    // Precondition: this buffer is as default-constructed, so nothing in it has to be destroyed.
+    // Preconditions: this buffer is as default-constructed, and not `other`.
     void take(ByteBuffer& other) noexcept {
-        detail::GrowingBytes bytes(std::move(other.bytes_));
         block_ = std::exchange(other.block_, nullptr);
-        std::construct_at(&bytes_, std::move(bytes));
+        bytes_.take(other.bytes_);
+        std::destroy_at(&deleter_);
         takeOwner(other);
     }
 

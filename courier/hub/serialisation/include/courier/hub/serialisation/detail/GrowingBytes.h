@@ -59,10 +59,7 @@ public:
     COURIER_HUB_SERIALISATION_EXPORT static GrowingBytes zeroed(std::size_t n,
                                                                 std::size_t capacity);
 
-    GrowingBytes(GrowingBytes&& other) noexcept
-        : GrowingBytes(other.data_, other.size_, other.capacity_) {
-        other.forget();
-    }
+    GrowingBytes(GrowingBytes&& other) noexcept { take(other); }
     GrowingBytes& operator=(GrowingBytes&& other) noexcept {
         GrowingBytes taken(std::move(other));
         std::swap(data_, taken.data_);
@@ -91,6 +88,12 @@ public:
     // size() <= capacity.
     COURIER_HUB_SERIALISATION_EXPORT void reallocate(std::size_t capacity);
 
+    // Takes over the other's bytes. Precondition: this object has none.
+    void take(GrowingBytes& other) noexcept {
+        data_ = std::exchange(other.data_, nullptr);
+        size_ = std::exchange(other.size_, 0);
+        capacity_ = std::exchange(other.capacity_, 0);
+    }
     // Makes this object empty without freeing its bytes.
     void forget() noexcept {
         data_ = nullptr;
