@@ -132,9 +132,15 @@ TEST_F(RegistrationTest, KeepsTheHandleUntilTheCodeThatNeedsItIsDestroyed) {
         return std::shared_ptr<void>(&log, [&log, name](void*) { log += name; });
     };
     auto own = std::make_unique<Catalogue>();
-    addFormat<Price>(
-        *own, "text", [code = logged('w')](Price const&, std::ostream&) {},
-        [code = logged('r')](std::istream&) { return Price{1}; }, logged('h'));
+    auto const add = [&logged](Catalogue& to) {
+        addFormat<Price>(
+            to, "text", [code = logged('w')](Price const&, std::ostream&) {},
+            [code = logged('r')](std::istream&) { return Price{1}; }, logged('h'));
+    };
+    add(*std::make_unique<Catalogue>()); // and destroys it
+    EXPECT_TRUE(log.ends_with('h')) << log;
+    log.clear();
+    add(*own);
     auto serialiser =
         std::make_unique<GenericSerialiser>(own->getSerialiserFor("text", viewWith(Price{1})));
     auto reader =
