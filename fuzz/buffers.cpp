@@ -202,6 +202,7 @@ struct Run {
         input.oneOf(
             DO(buffer = ByteBuffer(view)), DO(buffer = view.operator ByteBuffer()),
             DO(own.reserve(n + 3), buffer = ByteBuffer(std::move(own)), model.bytes.reserve(n + 3)),
+            DO(buffer = ByteBuffer(own)), DO(buffer = ByteBuffer(std::move(own))),
             DO(buffer = ByteBuffer(n), model = {Bytes(n)}),
             DO(buffer = ByteBuffer({nullptr, never}, n), model = {}),
             DO(external(adoptBlock(own), true)), DO(external(adopt(Owner(content, owners)))),
@@ -358,7 +359,7 @@ struct Run {
     }
 
     void step() {
-        std::size_t const i = last = input.flag() ? last : input.below(3);
+        std::size_t const i = last = input.oneIn(4) ? input.below(3) : last;
         std::size_t const j = input.below(3);
         ByteBuffer& buffer = buffers[i];
         ByteBuffer& other = buffers[j];

@@ -25,7 +25,7 @@ int main(int argc, char** argv) {
     auto const number = [&](int i, unsigned otherwise) {
         return argc > i ? static_cast<unsigned>(std::stoul(argv[i])) : otherwise;
     };
-    unsigned const inputs = number(2, 3000);
+    unsigned const inputs = number(2, 5000);
     unsigned const first = number(3, 0);
     std::signal(SIGSEGV, [](int) { // reported by nothing else
         std::cerr << fuzz::place << ": invalid memory access" << std::endl;
