@@ -375,8 +375,9 @@ void read(Input& input, ByteBuffer const& content) {
 }
 
 // A source of a user's own, whose next byte may fail.
-struct Source final : ByteStreamImpl {
-    Source(std::string content, bool const& f) : bytes(std::move(content)), fails(f) {}
+template <class Base = ByteStreamImpl> struct Source final : Base {
+    Source(std::string content, bool const& f, auto&&... base)
+        : Base(std::move(base)...), bytes(std::move(content)), fails(f) {}
     ByteStreamIterator begin() override { return ByteStreamIterator(*this); }
     explicit operator bool() const override { return at < bytes.size(); }
     std::byte getByte() override {
@@ -402,11 +403,14 @@ void iterate(Input& input, ByteBuffer content) {
     SAME(stream.begin() == stream.end() && !stream, true);
     if (isOurs) {
         stream = ByteStream(std::make_unique<ByteBufferByteStreamImpl>(std::move(content)));
-    } else {
-        stream = ByteStream(std::make_unique<Source>(bytes, fails));
+    } else if (input.flag()) {
+        stream = ByteStream(std::make_unique<Source<>>(bytes, fails));
+    } else { // which has no bytes for those who ask the class that this one is derived from
+        using Derived = Source<ByteBufferByteStreamImpl>;
+        stream = ByteStream(std::make_unique<Derived>(bytes, fails, ByteBuffer()));
     }
     bool const never = false;
-    Source elsewhere(std::string(2, 'x'), never);
+    Source<> elsewhere(std::string(2, 'x'), never);
     ByteStreamIterator it;
     ByteStreamIterator const other(elsewhere);
     ByteStreamCharIterator character;
