@@ -63,9 +63,10 @@ GenericDeserialiser::GenericDeserialiser(GenericDeserialiser&& other,
 GenericDeserialiser& GenericDeserialiser::operator=(GenericDeserialiser const& other) {
     if (this != &other) {
         routine_ = other.routine_;
+        std::shared_ptr<void> former; // released without a lock
         std::shared_lock const source(other.guard_);
         std::lock_guard const target(guard_);
-        handle_ = other.handle_;
+        former = std::exchange(handle_, other.handle_);
     }
     return *this;
 }
@@ -74,9 +75,10 @@ GenericDeserialiser& GenericDeserialiser::operator=(GenericDeserialiser&& other)
     if (this != &other) {
         routine_ = nullptr; // destroys the old routine before it takes the new one over
         routine_ = std::exchange(other.routine_, nullptr);
+        std::shared_ptr<void> former;
         std::lock_guard const source(other.guard_);
         std::lock_guard const target(guard_);
-        handle_ = std::move(other.handle_);
+        former = std::exchange(handle_, std::move(other.handle_));
     }
     return *this;
 }

@@ -285,7 +285,8 @@ private:
 ///
 /// The bytes are as for ByteBufferOStreambuf::prepare(). Throws std::bad_alloc, std::length_error
 /// "vector too long", and std::system_error with std::errc::operation_canceled if a stop was
-/// requested; in each case it sets badbit, as a write does.
+/// requested; in each case it sets badbit, which a StoppableOStream passes on to its target, at the
+/// latest when it is destroyed.
 [[nodiscard]] COURIER_HUB_SERIALISATION_EXPORT std::optional<std::span<std::byte>>
 prepare(std::ostream& out, std::size_t n);
 
