@@ -60,8 +60,10 @@ package() {
 document() {
     rm -rf build/docs
     mkdir -p build/docs
-    VERSION=$(sed -n 's/^ *VERSION \([0-9.]*\)$/\1/p' CMakeLists.txt) doxygen docs/Doxyfile
+    VERSION=$(project_version) doxygen docs/Doxyfile
 }
+
+project_version() { sed -n 's/^ *VERSION \([0-9.]*\)$/\1/p' CMakeLists.txt; }
 
 cpp_files() { git ls-files '*.h' '*.cpp'; }
 python_files() { git ls-files '*.py'; }

@@ -19,10 +19,9 @@ their types.")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libcourier-hub-serialisation${abi_version})
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
-# The trigger runs ldconfig. Unless it is given scripts, cpack generates some that run ldconfig
-# again. These do not exist: cpack warns and packs none.
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/triggers
-    no-such-script/postinst no-such-script/postrm)
+# Debian wants the trigger, which runs ldconfig. The scripts that cpack generates run it again.
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+    ${CMAKE_CURRENT_LIST_DIR}/triggers ${PROJECT_BINARY_DIR}/symbols)
 set(CPACK_DEBIAN_RUNTIME_DEBUGINFO_PACKAGE ON) # this also strips the libraries
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "${what}
 
