@@ -12,9 +12,13 @@ function(courier_library target)
     add_library(${target} ${arg_SOURCES})
     add_library(${arg_NAME} ALIAS ${target})
     string(TOUPPER ${target} upper)
+    set(requires_cpp_20 "#if __cplusplus < 202002L && !defined(_MSC_VER)
+#error \"Compile with -std=c++20 or later: this library needs C++20\"
+#endif")
     generate_export_header(${target}
         EXPORT_MACRO_NAME ${upper}_EXPORT
-        EXPORT_FILE_NAME ${CMAKE_CURRENT_BINARY_DIR}/include/${arg_EXPORT_HEADER})
+        EXPORT_FILE_NAME ${CMAKE_CURRENT_BINARY_DIR}/include/${arg_EXPORT_HEADER}
+        CUSTOM_CONTENT_FROM_VARIABLE requires_cpp_20)
     target_sources(${target} PUBLIC FILE_SET HEADERS
         BASE_DIRS include ${CMAKE_CURRENT_BINARY_DIR}/include
         FILES ${arg_HEADERS} ${CMAKE_CURRENT_BINARY_DIR}/include/${arg_EXPORT_HEADER})

@@ -17,15 +17,13 @@ install(FILES
 install(EXPORT courier_hub_serialisation-targets
     DESTINATION ${package_dir} COMPONENT development)
 
-# The guides, and the programs whose lines they show. They link to each other as in the project.
-install(FILES README.md SECURITY.md CHANGELOG.md
+# The guides, and the examples. They link to each other as in the project.
+install(FILES README.md SECURITY.md CHANGELOG.md CONTRIBUTING.md LICENSE
     DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development)
-install(DIRECTORY docs examples
-    DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
-    FILES_MATCHING
-    REGEX "/docs/([^/]*|guides/.*)\\.(md|svg)$"
-    REGEX "/examples/(quickstart|guides|modules)/.*"
-    REGEX "/examples/(program|nats|roundtrip)$" EXCLUDE)
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+    FILES_MATCHING REGEX "\\.(md|svg)$")
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT development
+    PATTERN nats EXCLUDE)
 
 # Relative to the file itself, so that an installed tree can be moved, unless the library directory is
 # absolute.

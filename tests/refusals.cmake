@@ -57,6 +57,17 @@ endforeach()
 refuse("conflicting" "} extern \"C\" void courier_register_module(Catalogue const&); void f() {")
 refuse("AdoptStdStringInstead" "adopt(\"text\");")
 
+list(TRANSFORM INCLUDES PREPEND -I OUTPUT_VARIABLE options)
+foreach(header IN ITEMS Buffers FanOut)
+    file(WRITE ${WORK_DIR}/old.cpp "#include <courier/hub/serialisation/${header}.h>\n")
+    execute_process(COMMAND ${CXX} -std=c++17 -fsyntax-only ${options} ${WORK_DIR}/old.cpp
+        ERROR_VARIABLE said)
+    string(REGEX MATCH "error: [^\n]*" first "${said}")
+    if(NOT first MATCHES "Compile with -std")
+        message(SEND_ERROR "C++17 is not refused first:\n${said}")
+    endif()
+endforeach()
+
 compile("void right(Catalogue& catalogue, GenericPayload& payload) {
     addFormat${add} put, get);
     payload.emplace<Price>();

@@ -37,7 +37,9 @@ std::vector<Element> loadAll(std::vector<std::string> const& files,
         auto const program = programFile();
         auto const root = program.parent_path() / PROJECT_ROOT_FROM_PROGRAM;
         for (auto const& file : {root / "LICENSE", root / "CMakePresets.json", program}) {
-            elements.push_back(load(file, file.filename(), catalogue));
+            if (exists(file)) { // CMakePresets.json is not installed
+                elements.push_back(load(file, file.filename(), catalogue));
+            }
         }
         elements.push_back(list(root / "examples" / "modules", "modules/"));
         elements.push_back(countBytes(program, "bytes of " + std::string(program.filename())));

@@ -2,6 +2,10 @@
 #ifndef COURIER_HUB_CORE_DETAIL_TYPE_SPELLING_H
 #define COURIER_HUB_CORE_DETAIL_TYPE_SPELLING_H
 
+#if __cplusplus < 202002L && !defined(_MSC_VER)
+#error "Compile with -std=c++20 or later: this library needs C++20"
+#endif
+
 // The only part of Boost.TypeIndex that is needed. Including <boost/type_index/ctti_type_index.hpp>
 // takes half a second longer.
 #include <boost/type_index/detail/compile_time_type_info.hpp>
