@@ -8,7 +8,7 @@
         file"
     to_nats="nats-server libnats-dev openssl python3"
     to_bench="libbenchmark-dev libabsl-dev valgrind python3"
-    to_document="doxygen"
+    to_document="doxygen doxygen-awesome-css"
     to_sanitise="clang libclang-rt-dev llvm"
     to_format="clang-format black shellcheck codespell"
     to_tidy="clang clang-tidy clang-tools"

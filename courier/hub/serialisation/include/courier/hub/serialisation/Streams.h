@@ -330,12 +330,14 @@ public:
     }
 
 protected:
+    /// For the derived classes.
     explicit ReadOnlyStreambuf(ByteBufferView bytes);
     [[nodiscard]] ByteBuffer takeCopy(std::size_t n);
     void passOver(std::size_t n) noexcept;
     ReadOnlyStreambuf(ReadOnlyStreambuf const&) = default;
     ReadOnlyStreambuf& operator=(ReadOnlyStreambuf const&) = default;
 
+    /// As in std::streambuf.
     int_type underflow() override;
     std::streamsize xsgetn(char* s, std::streamsize n) override;
 };
