@@ -13,17 +13,18 @@
 #include <span>
 #include <streambuf>
 
-// Streams for encoders and decoders, ready to use:
-//
-//   ByteBufferOStream   writes a message into a ByteBuffer
-//   ByteBufferIStream   reads a message in place
-//   StoppableOStream    passes writes on to another std::ostream until a stop is requested
-//   unread(), skip()    give a decoder a block of bytes rather than a stream
-//   take()              reads a part of the bytes as a buffer of its own
-//   prepare(), commit() give an encoder a block of memory rather than a stream
-//
-// None of these types locks: use a stream on one thread at a time. A stop may be requested on any
-// thread.
+/// \file
+/// Streams for encoders and decoders, ready to use:
+///
+///     ByteBufferOStream   writes a message into a ByteBuffer
+///     ByteBufferIStream   reads a message in place
+///     StoppableOStream    passes writes on to another std::ostream until a stop is requested
+///     unread(), skip()    give a decoder a block of bytes rather than a stream
+///     take()              reads a part of the bytes as a buffer of its own
+///     prepare(), commit() give an encoder a block of memory rather than a stream
+///
+/// None of these types locks: use a stream on one thread at a time. A stop may be requested on any
+/// thread.
 
 namespace courier::hub::serialisation {
 

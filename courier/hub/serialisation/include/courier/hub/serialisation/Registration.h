@@ -21,21 +21,6 @@
 #include <stop_token>
 #endif
 
-// Registers how types are written and read, by two functions for each wire format:
-//
-//     void writePrice(Price const& price, std::ostream& out) { out << price.cents << '\n'; }
-//     Price readPrice(std::istream& in) {
-//         Price price{};
-//         if (!(in >> price.cents)) {
-//             throw std::runtime_error("not a price");
-//         }
-//         return price;
-//     }
-//
-//     addFormat<Price>(catalogue, "text", writePrice, readPrice);
-//
-// A thin layer over the records of Serialisers.h, which can do the same by hand at the same cost.
-
 namespace courier::hub::serialisation {
 
 /// A type that a payload can hold: an object type, no array, without const, volatile or reference.
@@ -327,8 +312,21 @@ void addReader(Catalogue& catalogue, std::string const& wireFormat, Read read,
     }
 }
 
-/// Registers both, the writer first. If the registration of the reader throws, that of the writer
-/// stays.
+/// Registers how a type is written and read, by two functions for each wire format:
+///
+///     void writePrice(Price const& price, std::ostream& out) { out << price.cents << '\n'; }
+///     Price readPrice(std::istream& in) {
+///         Price price{};
+///         if (!(in >> price.cents)) {
+///             throw std::runtime_error("not a price");
+///         }
+///         return price;
+///     }
+///
+///     addFormat<Price>(catalogue, "text", writePrice, readPrice);
+///
+/// A thin layer over the records of Serialisers.h, which can do the same by hand at the same cost.
+/// Registers the writer first. If the registration of the reader throws, that of the writer stays.
 template <class Element, class... More, class Write, class Read>
 void addFormat(Catalogue& catalogue, std::string const& wireFormat, Write write, Read read,
                std::shared_ptr<void> handle = {}) {

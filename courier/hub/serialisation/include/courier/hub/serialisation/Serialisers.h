@@ -20,15 +20,16 @@
 #include <utility>
 #include <vector>
 
-// The routines that write and read one payload, and the records under which modules register them.
-// Registration.h makes both from two functions.
-//
-// Calling an empty routine or an empty factory throws std::bad_function_call. Whatever a routine or
-// factory throws reaches the caller unchanged.
-//
-// How a write ends early: a routine that is stopped throws std::system_error with
-// std::errc::operation_canceled; a routine whose stream fails leaves the stream failed. A routine
-// that returns while the stream is good has written everything.
+/// \file
+/// The routines that write and read one payload, and the records under which modules register them.
+/// Registration.h makes both from two functions.
+///
+/// Calling an empty routine or an empty factory throws std::bad_function_call. Whatever a routine
+/// or factory throws reaches the caller unchanged.
+///
+/// How a write ends early: a routine that is stopped throws std::system_error with
+/// std::errc::operation_canceled; a routine whose stream fails leaves the stream failed. A routine
+/// that returns while the stream is good has written everything.
 
 namespace courier::hub::serialisation {
 

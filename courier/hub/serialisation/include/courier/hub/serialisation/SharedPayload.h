@@ -14,13 +14,14 @@
 #include <type_traits>
 #include <utility>
 
-// One payload on the heap, shared by counted references:
-//
-//   GenericPayloadView ─┐
-//   GenericPayloadView ─┼─▶ GenericPayloadWrapper ──▶ Sentinel ◀── waiting threads
-//   GenericPayloadView ─┘     payload, count
-//
-// Dropping the last reference destroys the payload and then releases the Sentinel.
+/// \file
+/// One payload on the heap, shared by counted references:
+///
+///     GenericPayloadView ─┐
+///     GenericPayloadView ─┼─▶ GenericPayloadWrapper ──▶ Sentinel ◀── waiting threads
+///     GenericPayloadView ─┘     payload, count
+///
+/// Dropping the last reference destroys the payload and then releases the Sentinel.
 
 namespace courier::hub::serialisation {
 

@@ -13,17 +13,18 @@
 #include <type_traits>
 #include <utility>
 
-// Two ways to read bytes in place, and one to write them:
-//
-//   ByteStream            reads byte by byte, from any source, by input iterators
-//   ByteBufferIStreambuf, NonOwningByteBufferViewIStreambuf
-//                         read through any std::istream
-//   ByteBufferOStreambuf  writes through any std::ostream, into a ByteBuffer
-//
-// IOStreams.h has streams that contain these stream buffers.
-//
-// None of these types locks: use a source or stream buffer, and everything that refers to it, on
-// one thread at a time.
+/// \file
+/// Two ways to read bytes in place, and one to write them:
+///
+///     ByteStream            reads byte by byte, from any source, by input iterators
+///     ByteBufferIStreambuf, NonOwningByteBufferViewIStreambuf
+///                           read through any std::istream
+///     ByteBufferOStreambuf  writes through any std::ostream, into a ByteBuffer
+///
+/// IOStreams.h has streams that contain these stream buffers.
+///
+/// None of these types locks: use a source or stream buffer, and everything that refers to it, on
+/// one thread at a time.
 
 namespace courier::hub::serialisation {
 
