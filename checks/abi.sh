@@ -1,6 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-# Checks: the symbols of the libraries against packaging/symbols
-#
 # Additions pass; a removal or change fails. `sh checks/abi.sh --renew` lists the present symbols. The
 # sizes and members of classes are checked when tests/LayoutTest.cpp is compiled.
 set -eu

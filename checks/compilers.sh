@@ -1,7 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-# Checks: every header and the README's program, under many compilers and options
-#
-# As a user's own code, with all warnings as errors; the program is run if it can be linked.
+# Every header and the README's program, as a user's own code, with all warnings as errors. The
+# program is run if it can be linked.
 set -eu
 . checks/common.sh
 need $to_build $to_sanitise clang-19 clang-22

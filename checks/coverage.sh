@@ -1,5 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-# Checks: lines and branches of the library that tests run
 set -eu
 . checks/common.sh
 need $to_build gcovr

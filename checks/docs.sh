@@ -1,5 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-# Checks: Doxygen without a warning, links that resolve
 set -eu
 . checks/common.sh
 need $to_document python3

@@ -1,5 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-# Checks: clang-format, black, shellcheck, codespell
 set -eu
 . checks/common.sh
 need $to_format

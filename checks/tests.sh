@@ -1,22 +1,16 @@
 # SPDX-License-Identifier: Apache-2.0
 # Builds and runs the tests of one preset: `sh checks/tests.sh [PRESET]`, by default release.
-#
-# Checks: g++, release, every public header alone
-# Checks asan: clang, AddressSanitizer, UndefinedBehaviorSanitizer
-# Checks asan-gcc: g++, AddressSanitizer, UndefinedBehaviorSanitizer
-# Checks tsan: g++, ThreadSanitizer, the tests of the library
-# Checks libcxx: clang 19, libc++ with its own checks
-# Checks aarch64: 64-bit ARM, the tests under qemu
-# Checks s390x: big-endian s390x, the tests under qemu
-# Checks windows: Windows, DLLs, the tests under wine
-# Checks windows-static: Windows, static, the tests under wine
 set -eu
 . checks/common.sh
 preset=${1:-release}
 
 need $to_build
 case $preset in
-release) need clang gdb ;; # a test loads a module that clang has built
+release)
+    # clang builds a module that a test loads. Benchmarks and the programs for NATS are only built.
+    need clang gdb libnats-dev libbenchmark-dev libabsl-dev
+    cmake --preset release -D COURIER_BUILD_BENCHMARKS=ON --log-level=WARNING >/dev/null
+    ;;
 asan) need $to_sanitise ;;
 asan-gcc | tsan) ;;
 libcxx) need googletest clang-19 libc++-19-dev libc++abi-19-dev ;;

@@ -1,5 +1,4 @@
 # SPDX-License-Identifier: Apache-2.0
-# Checks: clang-tidy over library, examples, tests
 set -eu
 . checks/common.sh
 need $to_build $to_tidy
