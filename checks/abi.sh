@@ -13,8 +13,11 @@ name=libcourier-hub-serialisation${version%.*}
 if [ "${1:-}" = --renew ]; then
     for library in $libraries; do
         echo "$(basename $library).${version%.*} $name #MINVER#"
-        nm -D --defined-only $library | sed 's/.* //' | c++filt | LC_ALL=C sort -u |
-            sed "s/.*/ (c++)\"&@Base\" ${version%.*}/"
+        # One line for the tables of a class, which come and go together.
+        nm -D --defined-only $library | sed 's/.* //' | c++filt |
+            sed "s/.*/ (c++)\"&@Base\" ${version%.*}/
+                s/(c++)\"\(vtable\|typeinfo\|typeinfo name\) for/(c++|regex)\"^(vtable|typeinfo|typeinfo name) for/" |
+            LC_ALL=C sort -u
     done >packaging/symbols
 fi
 dpkg-gensymbols -p$name -v$version -Ipackaging/symbols $(printf -- '-e%s ' $libraries) -c1 \

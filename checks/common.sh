@@ -45,7 +45,7 @@ build() {
     preset=$1
     shift
     cmake --preset "$preset" --log-level=WARNING >/dev/null
-    cmake --build --preset "$preset" "$@"
+    cmake --build "build/$preset" "$@"
 }
 
 # Makes the Debian packages in build/package.

@@ -25,7 +25,7 @@ known |= set(
     re.findall(r"add_test\(NAME ([\w.]+) ", read("tests/**/*.txt") + read("tests/**/*.cmake"))
 )
 known |= {f"replay_{corpus.name}" for corpus in pathlib.Path("fuzz/corpus").iterdir()}
-known |= {preset["name"] for preset in json.loads(read("CMakePresets.json"))["testPresets"]}
+known |= {preset["name"] for preset in json.loads(read("CMakePresets.json"))["configurePresets"]}
 known |= set(re.findall(r'^(?:all=")?([a-z][a-z0-9-]+) {2,}', read("checks/run"), re.M))
 for file in map(pathlib.Path, subprocess.check_output(["git", "ls-files"], text=True).split("\n")):
     known |= {str(file), file.name, file.stem, *map(str, file.parents)}

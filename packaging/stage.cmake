@@ -5,20 +5,10 @@ if(NOT CPACK_GENERATOR STREQUAL "DEB")
     return()
 endif()
 
-# The packages install to a directory that the loader searches anyway.
-file(GLOB libraries ${CPACK_TEMPORARY_DIRECTORY}/runtime/usr/lib/lib*.so.*
-    ${CPACK_TEMPORARY_DIRECTORY}/runtime/usr/lib/*/lib*.so.*)
-foreach(library ${libraries})
-    if(NOT IS_SYMLINK ${library})
-        file(RPATH_REMOVE FILE ${library})
-        list(APPEND options -e${library})
-    endif()
-endforeach()
-
 # The symbols, which Debian.cmake adds to the control files. Fails if one that was listed is gone.
 execute_process(
     COMMAND dpkg-gensymbols -p${CPACK_DEBIAN_RUNTIME_PACKAGE_NAME} -v${CPACK_PACKAGE_VERSION}
-        -I${CMAKE_CURRENT_LIST_DIR}/symbols ${options} -c1 -O${CPACK_PACKAGE_DIRECTORY}/symbols
+        -I${CMAKE_CURRENT_LIST_DIR}/symbols -P${CPACK_TEMPORARY_DIRECTORY}/runtime -c1 -O${CPACK_PACKAGE_DIRECTORY}/symbols
     COMMAND_ERROR_IS_FATAL ANY)
 
 # Debian's changelog, which is about the packaging: the library's own is installed as it is.
