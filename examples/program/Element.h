@@ -7,12 +7,11 @@
 #include "examples/elements/Histogram.h"
 #include "examples/elements/Listing.h"
 
-#include <courier/hub/serialisation/Catalogue.h>
+#include <courier/hub/core/GenericPayload.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -44,23 +43,19 @@ struct Element {
     [[nodiscard]] NamedType const& type() const { return elementTypes.at(value.index()); }
 
     /// Adds the value to the payload, which shares it from then on.
-    void addTo(hub::core::GenericPayload& payload) const;
+    void addTo(hub::core::GenericPayload& payload) const {
+        std::visit([&](auto const& held) { payload.add(held); }, value);
+    }
 
     /// Whether the payload holds this one value and nothing else.
-    [[nodiscard]] bool isAllOf(hub::core::GenericPayload const& payload) const;
+    [[nodiscard]] bool isAllOf(hub::core::GenericPayload const& payload) const {
+        return payload.elementCount == 1 && std::visit(
+                                                [&]<class T>(std::shared_ptr<T> const& held) {
+                                                    return payload.get<T>(0) == *held;
+                                                },
+                                                value);
+    }
 };
-
-/// Reads a .json file as a Document, and maps any other as a Blob. Throws std::runtime_error, which
-/// names the file.
-[[nodiscard]] Element load(std::filesystem::path const& file, std::string name,
-                           hub::serialisation::SerialisationCatalogue const& catalogue);
-
-/// The names, sizes and times of the files in a directory, as a Listing. Throws
-/// std::filesystem::filesystem_error.
-[[nodiscard]] Element list(std::filesystem::path const& directory, std::string name);
-
-/// How often each byte value occurs in a file, as a Histogram. Throws as Blob::map() does.
-[[nodiscard]] Element countBytes(std::filesystem::path const& file, std::string name);
 
 } // namespace courier::examples
 
