@@ -15,9 +15,10 @@
 
 namespace fuzz {
 
-/// The present step of a run, for the message of a failure.
+/// The present step of a run, for the message of a failure. No std::string: MinGW does not link a
+/// thread_local with a constructor that several files have.
 struct Place {
-    std::string input = "the fuzzer's input";
+    char const* input = "the fuzzer's input";
     std::size_t step = 0;
     char const* operation = "the start";
 };

@@ -14,8 +14,8 @@
 
 namespace {
 
-void run(std::string name, std::vector<std::uint8_t> const& bytes) {
-    fuzz::place = {std::move(name)};
+void run(std::string const& name, std::vector<std::uint8_t> const& bytes) {
+    fuzz::place = {name.c_str()};
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }
 

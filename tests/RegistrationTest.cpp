@@ -19,7 +19,7 @@ struct Order { // is moved only
     std::unique_ptr<int> number;
 };
 using Pair = std::tuple<Price, Order>;
-constexpr std::uint64_t priceID = getTypeID<Price>(), pairID = getTypeID<Pair>();
+constexpr std::uint64_t priceID = getTypeID<Price>();
 
 auto const writePrice = [](Price const& price, std::ostream& out) { out << price.cents; };
 auto const writeUntilStopped = [](Price const& price, std::ostream& out, stop_token const& stop) {
