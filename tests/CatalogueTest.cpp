@@ -29,7 +29,7 @@ TEST(CatalogueDeathTest, EndsTheProcessOnADuplicate) {
     EXPECT_EQ(valueRead(catalogue.getDeserialiserFor("wf", 1)), 1);
 }
 
-TEST(CatalogueTest, AllocatesNothingToSearch) {
+TEST(Catalogue, AllocatesNothingToSearch) {
     Catalogue catalogue;
     std::string const longFormat(100, 'f');
     catalogue.add(reader(longFormat, 1, 1));
@@ -38,7 +38,7 @@ TEST(CatalogueTest, AllocatesNothingToSearch) {
     EXPECT_EQ(allocations(), before);
 }
 
-TEST(CatalogueTest, ExplainsAFailedLookUp) {
+TEST(Catalogue, ExplainsAFailedLookUp) {
     Catalogue catalogue;
     catalogue.add(record("json", 0xA1, {}, "json"));
     auto const explained = [](auto lookUp) -> std::string {
@@ -75,8 +75,8 @@ TEST(CatalogueTest, ExplainsAFailedLookUp) {
 }
 
 // A factory that uses the catalogue that calls it.
-struct ReentrantTest : testing::Test {
-    ReentrantTest() {
+struct Reentrant : testing::Test {
+    Reentrant() {
         catalogue.add(record("inner", 1, {1}, "inner"));
         catalogue.add(reader("inner", 1, 1));
     }
@@ -98,7 +98,7 @@ struct ReentrantTest : testing::Test {
     Catalogue catalogue;
 };
 
-TEST_F(ReentrantTest, LooksUpWhileARegistrationWaits) {
+TEST_F(Reentrant, LooksUpWhileARegistrationWaits) {
     std::thread registering;
     std::future<void> probe;
     EXPECT_EQ(whenFactoryDoes([&] {
@@ -117,7 +117,7 @@ TEST_F(ReentrantTest, LooksUpWhileARegistrationWaits) {
     EXPECT_EQ(catalogue.getSupportedWireFormats(3), Formats{"late"});
 }
 
-TEST_F(ReentrantTest, LooksUpByWayOfAnotherCatalogue) {
+TEST_F(Reentrant, LooksUpByWayOfAnotherCatalogue) {
     Catalogue other;
     auto const back = [&](auto&&) {
         lookUpEverything();

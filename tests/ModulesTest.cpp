@@ -21,7 +21,7 @@ std::string outcome(Catalogue const& catalogue, std::string const& format, Rows 
     }
 }
 
-TEST(ModulesTest, OfTwoCompilersServeEachOtherAndUnload) {
+TEST(Modules, OfTwoCompilersServeEachOtherAndUnload) {
     std::vector<char const*> const formats = {WIRE_FORMATS};
     std::string met; // what a module's client says about each format
     for (auto const* const format : formats) {
@@ -53,7 +53,7 @@ TEST(ModulesTest, OfTwoCompilersServeEachOtherAndUnload) {
     }
 }
 
-TEST(ModulesTest, RefusesWithTheCauseWhatIsNoModuleOfThisLibrary) {
+TEST(Modules, RefusesWithTheCauseWhatIsNoModuleOfThisLibrary) {
     auto const text = testing::TempDir() + "module.txt";
     std::ofstream(text) << "text";
     for (auto const& each : std::map<std::string, std::string>{

@@ -46,7 +46,7 @@ GenericPayloadView viewWith(auto element) {
 }
 Order orderOf(int number) { return {std::make_unique<int>(number)}; }
 
-struct RegistrationTest : testing::Test {
+struct Registration : testing::Test {
     std::string writtenAs(std::string const& format, auto... elements) const {
         return written(catalogue.getSerialiserFor(format, payloadWith(std::move(elements)...)));
     }
@@ -60,7 +60,7 @@ struct RegistrationTest : testing::Test {
     Catalogue catalogue;
 };
 
-TEST_F(RegistrationTest, WritesAnElementByEveryLookUp) {
+TEST_F(Registration, WritesAnElementByEveryLookUp) {
     addWriter<Price>(catalogue, "text", writePrice);
     addWriter<Price>(catalogue, "member", &Price::write);
     EXPECT_EQ(writtenAs("text", Price{7}) + writtenAs("member", Price{8}), "78");
@@ -69,7 +69,7 @@ TEST_F(RegistrationTest, WritesAnElementByEveryLookUp) {
     EXPECT_EQ(catalogue.getSerialiserFor("text", IDs{priceID}).getTypeID(), priceID);
 }
 
-TEST_F(RegistrationTest, StopsBeforeItWritesAndWithinAWriteThatAsks) {
+TEST_F(Registration, StopsBeforeItWritesAndWithinAWriteThatAsks) {
     struct StoppingSink : std::stringbuf {
         std::streamsize xsputn(char const* s, std::streamsize n) override {
             stop.request_stop();
@@ -91,7 +91,7 @@ TEST_F(RegistrationTest, StopsBeforeItWritesAndWithinAWriteThatAsks) {
     EXPECT_THROW(write(sink.stop.get_token(), out), std::system_error);
 }
 
-TEST_F(RegistrationTest, WritesSeveralElementsAndDropsNone) {
+TEST_F(Registration, WritesSeveralElementsAndDropsNone) {
     addWriter<Price>(catalogue, "text", writePrice);
     EXPECT_ERROR(std::invalid_argument,
                  "A serialiser for payloads of 1 element cannot write one of 2",
@@ -106,7 +106,7 @@ TEST_F(RegistrationTest, WritesSeveralElementsAndDropsNone) {
                  writtenAs("text", Pair{Price{7}, orderOf(3)}, Price{3}, Price{3}));
 }
 
-TEST_F(RegistrationTest, ReadsByValueOrByOwningPointer) {
+TEST_F(Registration, ReadsByValueOrByOwningPointer) {
     auto const add = [&]<class... Elements>(auto read, std::string const& expected) {
         using Result = decltype(read(std::cin));
         auto const unique = [=](std::istream& in) { return std::make_unique<Result>(read(in)); };
@@ -126,7 +126,7 @@ TEST_F(RegistrationTest, ReadsByValueOrByOwningPointer) {
     add.operator()<Price, Order>(readPair, "65#3");
 }
 
-TEST_F(RegistrationTest, KeepsTheHandleUntilTheCodeThatNeedsItIsDestroyed) {
+TEST_F(Registration, KeepsTheHandleUntilTheCodeThatNeedsItIsDestroyed) {
     std::string log;
     auto const logged = [&log](char name) {
         return std::shared_ptr<void>(&log, [&log, name](void*) { log += name; });
@@ -153,7 +153,7 @@ TEST_F(RegistrationTest, KeepsTheHandleUntilTheCodeThatNeedsItIsDestroyed) {
     EXPECT_EQ(log, "rwh");
 }
 
-TEST_F(RegistrationTest, RefusesNamesThatNobodyCouldAskFor) {
+TEST_F(Registration, RefusesNamesThatNobodyCouldAskFor) {
     for (auto const* const name : {"", "*"}) {
         EXPECT_THROW(addWriter<Price>(catalogue, name, writePrice), std::invalid_argument) << name;
         EXPECT_THROW(addReader<Price>(catalogue, name, readPrice), std::invalid_argument) << name;
@@ -162,7 +162,7 @@ TEST_F(RegistrationTest, RefusesNamesThatNobodyCouldAskFor) {
     addWriter<Price>(catalogue, "*.csv", writePrice);
 }
 
-TEST_F(RegistrationTest, RegistersNoReaderWithoutItsWriter) {
+TEST_F(Registration, RegistersNoReaderWithoutItsWriter) {
     bool failed = true;
     for (std::size_t n = 0; failed; ++n) {
         Catalogue fresh;

@@ -56,7 +56,7 @@ struct StoppingSink : std::streambuf { // requests a stop in the third mebibyte 
     std::size_t count = 0;
 };
 
-TEST(RoundtripTest, ProgramSaysWhatCameBackAndWhatWentWrong) {
+TEST(Roundtrip, ProgramSaysWhatCameBackAndWhatWentWrong) {
     auto const directory = testing::TempDir() + "roundtrip" + std::to_string(::getpid());
     std::filesystem::create_directory(directory);
     std::filesystem::current_path(directory);
