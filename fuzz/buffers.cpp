@@ -205,6 +205,7 @@ struct Run {
             DO(buffer = ByteBuffer(own)), DO(buffer = ByteBuffer(std::move(own))),
             DO(buffer = ByteBuffer(n), model = {Bytes(n)}),
             DO(buffer = ByteBuffer({nullptr, never}, n), model = {}),
+            DO(buffer = ByteBuffer(ByteBuffer::Block(), n), model = {}),
             DO(external(adoptBlock(own), true)), DO(external(adopt(Owner(content, owners)))),
             DO(external(adopt(named))), DO(external(adopt(std::as_const(named)))),
             DO(external(adopt(ByteBufferView(*shared), shared))),

@@ -93,9 +93,14 @@ TEST_F(Registration, StopsBeforeItWritesAndWithinAWriteThatAsks) {
 
 TEST_F(Registration, WritesSeveralElementsAndDropsNone) {
     addWriter<Price>(catalogue, "text", writePrice);
-    EXPECT_ERROR(std::invalid_argument,
-                 "A serialiser for payloads of 1 element cannot write one of 2",
-                 writtenAs("text", Price{7}, orderOf(3)));
+    for (std::size_t const count : {0U, 2U}) {
+        GenericPayload payload = payloadWith(Price{7}, orderOf(3));
+        payload.elementCount = count;
+        EXPECT_ERROR(std::invalid_argument,
+                     "A serialiser for payloads of 1 element cannot write one of " +
+                         std::to_string(count),
+                     written(catalogue.getSerialiserFor("text", std::move(payload))));
+    }
     addWriter<Price, Order>(catalogue, "text", writePair);
     EXPECT_EQ(writtenAs("text", Price{7}, orderOf(3)), "7#3");
     EXPECT_EQ(writtenAs("text", Pair{Price{7}, orderOf(3)}), "7#3");
