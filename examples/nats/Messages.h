@@ -24,6 +24,7 @@ namespace courier::examples {
 
 using Json = nlohmann::json;
 using Label = std::tuple<std::string, std::uint64_t, std::uint64_t>; // wire format, type, CRC-32
+constexpr char labelKey[] = "Courier-Label";
 
 struct Result {
     std::uint64_t element = 0;
@@ -51,9 +52,9 @@ inline void from_json(Json const& json, Result& result) {
               whole(json.at(3)), whole(json.at(4)), json.at(5).get<std::string>()};
 }
 
-/// ASCII without control characters, whatever the text has; not long.
-inline std::string printable(Json const& value) {
-    return value.dump(-1, ' ', true, Json::error_handler_t::replace).substr(0, 500);
+/// ASCII without control characters, whatever the text has.
+inline std::string ascii(Json const& value) {
+    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 inline bool isWorkerName(std::string const& text) {
@@ -87,8 +88,7 @@ inline nats::Message makeElement(std::string const& subject, Label const& label,
     auto const* const data = reinterpret_cast<char const*>(bytes.data());
     natsMsg_Create(&message, subject.c_str(), nullptr, data, static_cast<int>(bytes.size()));
     nats::Message owner(message);
-    if (natsMsgHeader_Set(message, "Courier-Label", Json(label).dump(-1, ' ', true).c_str()) !=
-        NATS_OK) {
+    if (natsMsgHeader_Set(message, labelKey, ascii(label).c_str()) != NATS_OK) {
         throw std::bad_alloc();
     }
     return owner;
@@ -96,8 +96,8 @@ inline nats::Message makeElement(std::string const& subject, Label const& label,
 
 inline Label labelOf(natsMsg* message) {
     char const* label = nullptr;
-    if (natsMsgHeader_Get(message, "Courier-Label", &label) != NATS_OK) {
-        throw std::runtime_error("there is no header Courier-Label");
+    if (natsMsgHeader_Get(message, labelKey, &label) != NATS_OK) {
+        throw std::runtime_error("there is no header " + std::string(labelKey));
     }
     auto const json = Json::parse(label);
     return {json.at(0), whole(json.at(1)), whole(json.at(2))};

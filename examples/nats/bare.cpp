@@ -2,11 +2,12 @@
 // The baseline for the sender and its workers: moves messages of one size through a stream of the
 // same kind with hardly more than the client library. Prints messages a second.
 
-#include "examples/nats/Session.h"
+#include "examples/nats/Messages.h"
 
 #include <iostream>
 #include <thread>
 
+using namespace courier::examples;
 using namespace courier::examples::nats;
 
 int main(int argc, char** argv) {
@@ -20,7 +21,8 @@ int main(int argc, char** argv) {
     app.add_option("--size", size, "Bytes of each")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     Session session(options, "bare", [](auto const&) {}); // makes the stream and the queue
-    session.join({.stream = options.stream, .name = "takers", .subject = options.stream + ".>"});
+    session.join(options.stream, "takers", options.stream + ".>", std::chrono::seconds(10),
+                 std::chrono::seconds(0));
     natsConnection* connection = nullptr;
     natsConnection_ConnectTo(&connection, options.urls.front().c_str());
     jsOptions settings;
@@ -31,10 +33,12 @@ int main(int argc, char** argv) {
     natsConnection_JetStream(&jetStream, connection, &settings);
     auto const start = Clock::now();
     std::jthread const publisher([&] {
-        std::vector<char> const bytes(size);
+        std::string const bytes(size, '\0');
+        courier::hub::serialisation::ByteBufferView const view{std::string_view(bytes)};
         for (int i = 0; i < count; ++i) {
-            js_PublishAsync(jetStream, (options.stream + ".x").c_str(), bytes.data(),
-                            static_cast<int>(size), nullptr);
+            auto const subject = options.stream + ".run." + std::to_string(i);
+            natsMsg* message = makeElement(subject, {"raw", 1, 1}, view).release();
+            js_PublishMsgAsync(jetStream, &message, nullptr);
         }
     });
     for (int done = 0; done < count;) { // the client's own fetching writes past its list

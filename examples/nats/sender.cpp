@@ -6,16 +6,17 @@
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
 #include "examples/program/Sending.h"
-#include "examples/program/Text.h"
 
 #include <courier/hub/serialisation/FanOut.h>
 
 #include <atomic>
-#include <future>
+#include <condition_variable>
 #include <iostream>
 #include <limits>
 #include <map>
 #include <optional>
+#include <set>
+#include <thread>
 
 namespace {
 
@@ -27,15 +28,26 @@ using nats::Clock;
 struct Options : Sending {
     nats::Options nats;
     std::size_t copies = 1;
+    std::size_t window = std::size_t{64} << 20;        // bytes
     int giveUpAfter = std::numeric_limits<int>::max(); // seconds
     bool isVerbose = false;
 };
 
 struct Stopped {}; // thrown after Control-C
 
-std::uint64_t nanoseconds(std::chrono::nanoseconds time) {
-    return static_cast<std::uint64_t>(time.count());
-}
+struct Element {
+    std::string name;
+    std::uint64_t typeID = 0;
+    std::string format;
+    std::uint64_t size = 0;
+    std::uint64_t crc32 = 0;
+    bool isPublished = false;
+    bool isStored = false;
+    nats::Message message = {};   // kept until there is a result; null while it is being stored
+    Clock::time_point since = {}; // when it was stored, or not
+    std::optional<Result> result = {};
+    std::string worker = {}; // whose result it is
+};
 
 // The sending of one payload.
 class Run {
@@ -45,77 +57,81 @@ public:
         auto const files = loadAll(options.files, catalogue);
         auto const formats = resolveFormats(options.formats, files, catalogue);
         courier::hub::core::GenericPayload payload;
+        std::vector<std::string> each;
         for (std::size_t i = 0; i < options.copies * files.size(); ++i) {
             auto const& file = files[i % files.size()];
             file.addTo(payload);
-            states_.push_back({file.name, file.type().id, formats[i % files.size()]});
-            formats_.push_back(states_.back().format);
+            each.push_back(formats[i % files.size()]);
+            elements_.push_back({file.name, file.type().id, each.back()});
         }
         std::tie(serialisers_, sentinel_) =
-            createSerialisersFor(std::move(payload), catalogue, formats_, stop_);
+            createSerialisersFor(std::move(payload), catalogue, each, stop_);
     }
+    Run(Run const&) = delete;
+    Run& operator=(Run const&) = delete;
+
+    ~Run() { end(); }
 
     /// Sends, waits until workers have reported on everything that was sent, and prints it all.
     /// Returns the exit status.
     int run() {
-        std::vector<std::future<void>> senders;
         try {
             session_.emplace(
-                options_.nats, "sender", [this](auto const& why) { waitFor(why); },
-                [this](auto const& subject) { countStored(subject); });
-            session_->join({.stream = options_.nats.reports(),
-                            .name = "reports-" + run_,
-                            .subject = options_.nats.reports() + '.' + run_ + ".*",
-                            .lifeTime = 24h});
+                options_.nats, "sender", [this](auto const& why) { waitFor(why); }, acknowledged,
+                this);
+            session_->join(options_.nats.reports(), "reports-" + run_,
+                           options_.nats.reports() + '.' + run_ + ".*", 10s, 24h);
             start_ = Clock::now();
-            for (std::size_t i = 0; i < std::min(options_.threads, states_.size()); ++i) {
-                senders.push_back(std::async(std::launch::async, [this] { send(); }));
+            lookForRoom();
+            for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
+                threads_.emplace_back([this] { send(); });
             }
-            auto const isSending = [](auto const& sender) {
-                return sender.wait_for(0s) != std::future_status::ready;
-            };
-            while (std::any_of(senders.begin(), senders.end(), isSending) || stored_ < published_ ||
-                   reported_ < published_) {
+            while (written_ < elements_.size() || reported_ < published_) {
                 if (stop_.stop_requested()) {
-                    session_->stop();
+                    stopSending();
                 }
-                session_->resend();
+                session_->check();
                 receive();
+                lookForRoom();
+                repeat();
+                endIfIdle();
             }
         } catch (Stopped const&) { // before there was a result for everything
-            stopSending();
-        } catch (...) {
-            stopSending();
-            throw;
         }
-        senders.clear(); // waits for them
-        session_->leave();
-        session_.reset(); // no callback prints any more
+        end();
         return conclude();
     }
 
 private:
-    struct State {
-        std::string name;
-        std::uint64_t typeID;
-        std::string format;
-        std::uint64_t size = 0;
-        std::uint64_t crc32 = 0;
-        bool isPublished = false;
-        std::optional<Result> result = {};
-        std::string worker = {}; // whose result it is
-    };
+    static constexpr std::size_t overhead = 4096; // bytes that a message takes beside its element
 
     void stopSending() {
         stop_.request_stop();
+        std::lock_guard const lock(mutex_);
+        isStopped_ = true;
+        changed_.notify_all();
+    }
+
+    // The messages are destroyed before the client library ends.
+    void end() {
+        stopSending();
+        threads_.clear(); // waits for them
         if (session_) {
-            session_->stop();
+            session_->leave();
+            {
+                std::lock_guard const lock(mutex_);
+                isOver_ = true;
+                for (Element& element : elements_) {
+                    element.message.reset();
+                }
+            }
+            session_.reset(); // no callback prints any more
         }
     }
 
     // Writes and publishes one element after the other, together with other threads.
     void send() {
-        for (std::size_t i = next_++; i < states_.size(); i = next_++) {
+        for (std::size_t i = next_++; i < elements_.size(); i = next_++) {
             try {
                 ByteBuffer const bytes = encode(std::move(serialisers_[i]));
                 printWhenReleased();
@@ -124,9 +140,10 @@ private:
                 printWhenReleased();
                 if (!wasStopped(error)) {
                     ++failed_;
-                    print("sender: " + states_[i].name + ": cannot be sent: " + error.what());
+                    print("sender: " + elements_[i].name + ": cannot be sent: " + error.what());
                 }
             }
+            ++written_;
         }
     }
 
@@ -140,43 +157,159 @@ private:
 
     void publish(std::size_t i, ByteBufferView bytes) {
         session_->requireRoom(bytes.size());
-        State& state = states_[i];
+        Element& element = elements_[i];
         auto const sum = crc32(bytes);
-        auto message = makeElement(options_.nats.stream + '.' + run_ + '.' + std::to_string(i),
-                                   {state.format, state.typeID, sum}, bytes);
-        {
-            std::lock_guard const lock(mutex_);
-            state.size = bytes.size();
-            state.crc32 = sum;
-            state.isPublished = true;
+        auto message = makeElement(subject() + std::to_string(i),
+                                   {element.format, element.typeID, sum}, bytes);
+        auto const size = bytes.size() + overhead;
+        std::unique_lock lock(mutex_);
+        largest_ = std::max(largest_, size);
+        changed_.wait(lock, [&] {
+            bool const isNext = unreported_ == 0 || unreported_ + size <= options_.window;
+            return isStopped_ || (isNext && size <= room_);
+        });
+        if (isStopped_) {
+            return;
         }
+        element.size = bytes.size();
+        element.crc32 = sum;
+        element.isPublished = true;
+        room_ -= size;
+        unreported_ += size;
         ++published_;
-        if (!session_->publish(std::move(message))) {
-            --published_;
+        lock.unlock();
+        store(std::move(message));
+    }
+
+    void store(nats::Message message) {
+        inFlight_ += textOf(message.get()).size() + overhead;
+        jsPubOptions options;
+        jsPubOptions_Init(&options);
+        options.MaxWait = std::chrono::milliseconds(10s).count();
+        natsMsg* raw = message.release();
+        auto const status = js_PublishMsgAsync(session_->jetStream(), &raw, &options);
+        if (status != NATS_OK) {
+            session_->note(status, {}, nullptr);
+            keep(nats::Message(raw), false);
         }
     }
 
-    void countStored(std::string const& subject) {
-        std::size_t const i = std::stoul(split(subject, '.').back());
-        std::lock_guard const lock(mutex_);
-        auto const& [name, type, format, size, crc32, isPublished, result, worker] = states_[i];
-        if (options_.isVerbose) {
-            std::cout << "sent " + run_ + ' ' << i << ' ' << format << ' ' << size << ' ' << crc32
-                      << std::endl;
+    static void acknowledged(jsCtx*, natsMsg* message, jsPubAck* ack, jsPubAckErr* error,
+                             void* self) {
+        auto& run = *static_cast<Run*>(self);
+        if (ack == nullptr) {
+            run.session_->note(error->Err, error->ErrCode, error->ErrText);
         }
-        bytes_ += size;
-        ++stored_;
-        progress_ = Clock::now();
+        run.keep(nats::Message(message), ack != nullptr);
+    }
+
+    void keep(nats::Message message, bool isStored) {
+        inFlight_ -= textOf(message.get()).size() + overhead;
+        std::size_t const i = std::stoul(subjectOf(message.get())[2]);
+        std::lock_guard const lock(mutex_);
+        Element& element = elements_[i];
+        element.since = Clock::now();
+        if (isStored) {
+            countStored(i);
+        }
+        if (!element.result && !isOver_) {
+            element.message = std::move(message);
+        }
+    }
+
+    // Call it with the lock.
+    void countStored(std::size_t i) {
+        Element& element = elements_[i];
+        if (!std::exchange(element.isStored, true)) {
+            if (options_.isVerbose) {
+                std::cout << "sent " + run_ + ' ' << i << ' ' << element.format << ' '
+                          << element.size << ' ' << element.crc32 << std::endl;
+            }
+            bytes_ += element.size;
+            ++stored_;
+            progress_ = Clock::now();
+        }
+    }
+
+    // Other senders may look at the same time: each may send an eighth of what is left, or one
+    // element.
+    void lookForRoom() {
+        std::unique_lock lock(mutex_);
+        if (largest_ <= room_) {
+            return;
+        }
+        lock.unlock();
+        auto const info = session_->look();
+        if (!info) {
+            return;
+        }
+        auto const used = static_cast<std::size_t>(info->State.Bytes) + inFlight_;
+        auto const limit = static_cast<std::size_t>(session_->limit());
+        auto const left = limit - std::min(used, limit);
+        lock.lock();
+        room_ = left / 8;
+        if (largest_ <= left && inFlight_ == 0) {
+            room_ = std::max(room_, largest_);
+        }
+        bool const isFull = room_ < largest_ && inFlight_ == 0;
+        changed_.notify_all();
+        lock.unlock();
+        waitFor(isFull ? "the stream " + options_.nats.stream + " has reached its limit " +
+                             "(--max-bytes)"
+                       : "");
+    }
+
+    // Publishes again what the servers have refused or lost, even after they had acknowledged it:
+    // what has no result for some time and is not in the queue.
+    void repeat() {
+        auto const now = Clock::now();
+        if (now - repeated_ < 1s) {
+            return;
+        }
+        repeated_ = now;
+        std::vector<std::size_t> late;
+        {
+            std::lock_guard const lock(mutex_);
+            for (std::size_t i = 0; i < std::min(next_.load(), elements_.size()); ++i) {
+                Element const& element = elements_[i];
+                if (element.message && now - element.since > (element.isStored ? 10s : 1s)) {
+                    late.push_back(i);
+                }
+            }
+        }
+        if (late.empty()) {
+            return;
+        }
+        auto const info = session_->look(subject() + '*');
+        std::set<std::string> queued;
+        auto const* const list = info ? info->State.Subjects : nullptr;
+        for (int k = 0; list != nullptr && k < list->Count; ++k) {
+            queued.emplace(list->List[k].Subject);
+        }
+        for (std::size_t const i : late) {
+            std::unique_lock lock(mutex_);
+            Element& element = elements_[i];
+            if (!info || !element.message) { // no answer, or reported on in the meantime
+                continue;
+            }
+            element.since = now;
+            if (queued.contains(subject() + std::to_string(i))) {
+                countStored(i);
+            } else {
+                auto message = std::move(element.message);
+                lock.unlock();
+                store(std::move(message));
+            }
+        }
     }
 
     void receive() {
         for (auto const& message : session_->fetch(256, 100ms)) {
-            std::string const subject = natsMsg_GetSubject(message.get());
             try {
                 count(subjectOf(message.get())[2], resultsOf(message.get()));
             } catch (std::exception const& error) {
                 print("ignored, message " + std::to_string(++ignored_) + ": " +
-                      printable({subject, error.what()}));
+                      ascii({natsMsg_GetSubject(message.get()), error.what()}).substr(0, 500));
             }
             session_->answer(natsMsg_GetReply(message.get()), "+ACK");
         }
@@ -186,32 +319,35 @@ private:
             print(sent() + ", " + grouped(bytes_ / 1'000'000) + " MB; " +
                   std::to_string(reported_) + " reported");
         }
-        endIfIdle();
     }
 
     // Counts what a report says of elements that have no result yet. Throws std::runtime_error if
     // it cannot be true.
     void count(std::string const& worker, std::vector<Result> const& results) {
+        auto const time = std::chrono::nanoseconds(Clock::now() - start_).count();
         std::lock_guard const lock(mutex_);
-        auto const now = Clock::now();
         for (Result const& result : results) {
-            if (result.element >= states_.size() || !states_[result.element].isPublished ||
+            if (result.element >= elements_.size() || !elements_[result.element].isPublished ||
                 !isWorkerName(worker)) {
                 throw std::runtime_error("it is not on an element that was sent");
             }
-            State& state = states_[result.element];
-            bool const isWhole = result.size == state.size || !result.error.empty();
-            if (result.crc32 != state.crc32 || !isWhole || result.delivery == 0 ||
-                result.time > nanoseconds(now - start_)) {
+            Element& element = elements_[result.element];
+            bool const isWhole = result.size == element.size || !result.error.empty();
+            if (result.crc32 != element.crc32 || !isWhole || result.delivery == 0 ||
+                result.time > static_cast<std::uint64_t>(time)) {
                 throw std::runtime_error("it cannot be true");
             }
-            if (!state.result) {
-                state.result = result;
-                state.worker = worker;
+            if (!element.result) {
+                countStored(result.element);
+                element.result = result;
+                element.worker = worker;
+                element.message.reset();
+                unreported_ -= element.size + overhead;
                 ++reported_;
-                progress_ = now;
+                progress_ = Clock::now();
             }
         }
+        changed_.notify_all();
     }
 
     // Called while servers are away or full.
@@ -227,15 +363,19 @@ private:
     // After Control-C, waits ten seconds for the results of what was sent.
     void endIfIdle() {
         auto const now = Clock::now();
+        auto const idle = now - progress_.load();
         if (stop_.stop_requested()) {
             stopped_ = std::max(stopped_.value_or(now), progress_.load());
-            if ((stored_ == published_ && reported_ == published_) || now - *stopped_ > 10s) {
+            if (now - *stopped_ > 10s) {
                 throw Stopped();
             }
-        } else if (now - progress_.load() > std::chrono::seconds(options_.giveUpAfter)) {
+        } else if (idle > std::chrono::seconds(options_.giveUpAfter)) {
             throw std::runtime_error("gave up: nothing was stored or reported for " +
                                      std::to_string(options_.giveUpAfter) + " s; " + sent() + ", " +
                                      std::to_string(reported_) + " reported");
+        } else if (idle > 10s && now - complained_ > 10s) {
+            complained_ = now;
+            print("sender: no worker has reported for 10 s: waiting");
         }
     }
 
@@ -249,16 +389,16 @@ private:
         std::map<std::string, Share> shares;
         Share all{.time = Clock::now() - start_};
         std::size_t repeated = 0;
-        for (State const& state : states_) {
-            if (state.result && state.result->error.empty()) {
-                Share& share = shares[state.worker];
+        for (Element const& element : elements_) {
+            if (element.result && element.result->error.empty()) {
+                Share& share = shares[element.worker];
                 ++share.elements, ++all.elements;
-                share.bytes += state.size, all.bytes += state.size;
-                share.time += std::chrono::nanoseconds(state.result->time);
-                repeated += state.result->delivery > 1 ? 1 : 0;
-            } else if (state.result) {
-                print("sender: " + state.name + ": cannot be read by " + state.worker + ": " +
-                      printable(state.result->error));
+                share.bytes += element.size, all.bytes += element.size;
+                share.time += std::chrono::nanoseconds(element.result->time);
+                repeated += element.result->delivery > 1 ? 1 : 0;
+            } else if (element.result) {
+                print("sender: " + element.name + ": cannot be read by " + element.worker + ": " +
+                      ascii(element.result->error).substr(0, 500));
             }
         }
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
@@ -274,10 +414,10 @@ private:
         printTable(std::cout, rows, "<>>>>");
         double const rate = static_cast<double>(all.elements) / all.time.count();
         std::cout << '\n'
-                  << all.elements << " of " << counted(states_.size(), "element") << " decoded, "
+                  << all.elements << " of " << counted(elements_.size(), "element") << " decoded, "
                   << repeated << " of them delivered more than once, "
                   << grouped(static_cast<std::size_t>(rate)) << " a second\n";
-        if (all.elements == states_.size()) {
+        if (all.elements == elements_.size()) {
             return 0;
         }
         if (!stop_.stop_requested() || failed_ != 0 || all.elements != reported_) {
@@ -289,8 +429,10 @@ private:
     }
 
     [[nodiscard]] std::string sent() const {
-        return std::to_string(stored_) + " of " + counted(states_.size(), "element") + " sent";
+        return std::to_string(stored_) + " of " + counted(elements_.size(), "element") + " sent";
     }
+
+    [[nodiscard]] std::string subject() const { return options_.nats.stream + '.' + run_ + '.'; }
 
     static void print(std::string const& text) { std::cerr << text + '\n'; }
 
@@ -298,28 +440,37 @@ private:
     std::string const run_ = nats::randomName();
     stop_source stop_;
     Clock::time_point start_ = Clock::now(); // of sending
-    std::vector<std::string> formats_;
     std::vector<GenericSerialiser> serialisers_;
     std::shared_ptr<Sentinel> sentinel_;
-
-    std::mutex mutex_; // guards the states while elements are sent, and standard output
-    std::vector<State> states_;
     std::atomic<std::size_t> next_{0};
+    std::atomic<std::size_t> written_{0};
     std::atomic<std::size_t> published_{0};
     std::atomic<std::size_t> stored_{0};
     std::atomic<std::size_t> failed_{0};
     std::atomic<std::uint64_t> bytes_{0};
+    std::atomic<std::size_t> inFlight_{0}; // bytes on their way to the servers
     std::atomic<bool> isReleased_{false};
     std::atomic<Clock::time_point> progress_{start_}; // when something was stored or reported
+
+    std::mutex mutex_; // guards what follows, and standard output
+    std::condition_variable changed_;
+    std::vector<Element> elements_;
+    std::size_t unreported_ = 0; // bytes that were published
+    std::size_t room_ = 0;       // bytes to publish before looking for room again
+    std::size_t largest_ = 1;    // bytes of an element so far
+    bool isStopped_ = false;
+    bool isOver_ = false;
 
     // Used by the main thread only.
     std::size_t reported_ = 0;
     std::size_t ignored_ = 0;
     Clock::time_point printed_ = start_;
+    Clock::time_point repeated_ = start_;
     Clock::time_point complained_{};
     std::optional<Clock::time_point> stopped_;
 
     std::optional<nats::Session> session_; // its callbacks use what is above
+    std::vector<std::jthread> threads_;
 };
 
 } // namespace
@@ -335,6 +486,9 @@ int main(int argc, char** argv) {
     app.add_option("--copies", options.copies, "How often to send the files")
         ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
+    app.add_option("--window", options.window, "The most bytes of elements without a result")
+        ->transform(CLI::AsSizeValue(false))
+        ->default_str("64MiB");
     app.add_option("--give-up-after", options.giveUpAfter,
                    "Seconds to wait since something was stored or reported; without it, for ever")
         ->check(CLI::NonNegativeNumber);

@@ -6,7 +6,6 @@
 #include "examples/nats/Messages.h"
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
-#include "examples/program/Text.h"
 
 #include <malloc.h>
 #include <poll.h>
@@ -16,10 +15,10 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <csignal>
 #include <iostream>
 #include <map>
-#include <set>
 #include <thread>
 
 namespace {
@@ -33,7 +32,8 @@ struct Options {
     nats::Options nats;
     std::string name;
     std::uint64_t readLimit = defaultReadLimit;
-    int patience = 600; // seconds that decoding one element may take
+    int redeliverAfter = 10; // seconds
+    int patience = 600;      // seconds that decoding one element may take
 };
 
 struct Stopped {}; // thrown after Control-C, while servers are away
@@ -45,10 +45,8 @@ public:
     Worker(Options const& options, SerialisationCatalogue const& catalogue, stop_token stop)
         : options_(options), catalogue_(catalogue), stop_(std::move(stop)),
           session_(options.nats, "worker", [this](auto const& why) { waitFor(why); }) {
-        session_.join({.stream = options.nats.stream,
-                       .name = "workers",
-                       .subject = options.nats.stream + ".>",
-                       .redeliverAfter = std::chrono::seconds(options.nats.redeliverAfter)});
+        session_.join(options.nats.stream, "workers", options.nats.stream + ".>",
+                      std::chrono::seconds(options.redeliverAfter), 0s);
         // Runs before what was registered earlier: a decoder that calls exit() must not look like a
         // worker that has done its work.
         std::atexit([] { isDecoding ? ::_exit(1) : void(); });
@@ -63,11 +61,10 @@ public:
             take(messages);
             auto const start = Clock::now();
             for (auto& message : messages) {
-                std::string const reply = natsMsg_GetReply(message.get());
                 if (stop_.stop_requested()) {
-                    answer(reply, "-NAK");
+                    session_.answer(natsMsg_GetReply(message.get()), "-NAK");
                 } else {
-                    handle(std::move(message), reply);
+                    handle(std::move(message));
                 }
                 if (Clock::now() - reported_ > share) {
                     report();
@@ -76,7 +73,7 @@ public:
             report();
             if (!messages.empty()) {
                 auto const each = (Clock::now() - start) / messages.size() + 1us;
-                ahead = std::clamp<std::size_t>(share / each, 1, std::min(2 * ahead, most));
+                ahead = std::clamp<std::size_t>(share / each, 1, std::min(4 * ahead, most));
             }
         }
     }
@@ -102,7 +99,7 @@ private:
     // Tells the servers repeatedly that this worker is at work on what it has taken. Ends a process
     // that hangs.
     void watch(std::stop_token const& end) {
-        auto const interval = std::chrono::milliseconds(options_.nats.redeliverAfter * 1000 / 3);
+        auto const interval = std::chrono::milliseconds(options_.redeliverAfter * 1000 / 3);
         std::unique_lock lock(mutex_);
         while (!changed_.wait_for(lock, end, interval, [&] { return end.stop_requested(); })) {
             if (isDecoding && Clock::now() - start_.load() > patience()) {
@@ -124,30 +121,26 @@ private:
 
     void take(std::vector<nats::Message> const& messages) {
         std::lock_guard const lock(mutex_);
+        inHand_.clear();
         for (auto const& message : messages) {
-            inHand_.insert(natsMsg_GetReply(message.get()));
+            inHand_.emplace_back(natsMsg_GetReply(message.get()));
         }
     }
 
-    void answer(std::string const& reply, char const* word) {
-        session_.answer(reply, word);
-        std::lock_guard const lock(mutex_);
-        inHand_.erase(reply);
-    }
-
-    void handle(nats::Message message, std::string const& reply) {
-        std::string const subject = natsMsg_GetSubject(message.get());
+    void handle(nats::Message message) {
+        std::string const reply = natsMsg_GetReply(message.get());
         std::string run;
         Label label;
         Result result;
         try {
-            run = subjectOf(message.get())[1];
-            result.element = whole(Json::parse(subjectOf(message.get())[2]));
+            auto const words = subjectOf(message.get());
+            run = words[1];
+            result.element = whole(Json::parse(words[2]));
             label = labelOf(message.get());
         } catch (std::exception const& error) {
             say("ignored, message " + std::to_string(++ignored_) + ": " +
-                printable({subject, error.what()}));
-            answer(reply, "+ACK"); // nobody else can read it either
+                ascii({natsMsg_GetSubject(message.get()), error.what()}).substr(0, 500));
+            session_.answer(reply, "+ACK"); // nobody else can read it either
             return;
         }
         ByteBufferView const bytes(textOf(message.get()));
@@ -177,8 +170,8 @@ private:
             ::malloc_trim(0); // what a large element took is not kept beside the next one
         }
         std::cout << (result.error.empty() ? "decoded " : "failed ") + run + ' ' << result.element
-                  << ' ' << printable(std::get<0>(label)) << ' ' << result.size << ' '
-                  << result.crc32 << ' ' << result.delivery << std::endl;
+                  << ' ' << ascii(std::get<0>(label)) << ' ' << result.size << ' ' << result.crc32
+                  << ' ' << result.delivery << '\n';
         auto& [replies, results] = done_[run];
         replies.push_back(reply);
         results.push_back(std::move(result));
@@ -187,11 +180,12 @@ private:
     // Acknowledged last, when the results are stored. Until then another worker gets the elements
     // if this one fails.
     void report() {
+        std::cout.flush();
         for (auto const& [run, each] : done_) {
             session_.store(options_.nats.reports() + '.' + run + '.' + options_.name,
-                           Json(each.second).dump(-1, ' ', true, Json::error_handler_t::replace));
+                           ascii(each.second));
             for (auto const& reply : each.first) {
-                answer(reply, "+ACK");
+                session_.answer(reply, "+ACK");
             }
         }
         done_.clear();
@@ -265,7 +259,7 @@ private:
 
     std::mutex mutex_;
     std::condition_variable_any changed_;
-    std::set<std::string> inHand_; // replies of the elements that are not answered yet
+    std::vector<std::string> inHand_; // replies of the elements that were taken last
 
     nats::Session session_; // its callbacks use what is above
     std::jthread watching_;
@@ -294,6 +288,10 @@ int main(int argc, char** argv) {
         ->check([](std::string const& name) {
             return isWorkerName(name) ? "" : "must be letters, digits, - and _";
         })
+        ->capture_default_str();
+    app.add_option("--redeliver-after", options.redeliverAfter,
+                   "Seconds without a sign of life until an element goes to another worker")
+        ->check(CLI::Range(1, 3600))
         ->capture_default_str();
     app.add_option("--patience", options.patience, "Seconds that decoding one element may take")
         ->check(CLI::Range(1, 1'000'000))
