@@ -62,14 +62,20 @@ inline bool isWorkerName(std::string const& text) {
     return !text.empty() && text.find_first_not_of(allowed) == std::string::npos;
 }
 
-/// The words of a subject: stream, run, element or worker.
-inline std::vector<std::string> subjectOf(natsMsg* message) {
+/// The words of the subject: stream, run, element or worker.
+inline std::vector<std::string> wordsOf(natsMsg* message) {
     auto words = split(natsMsg_GetSubject(message), '.');
     if (words.size() != 3 || words[1].size() != 16 ||
         words[1].find_first_not_of("0123456789abcdef") != std::string::npos) {
         throw std::runtime_error("the subject is not that of a run");
     }
     return words;
+}
+
+/// The line that names a message that is not well-formed.
+inline std::string ignored(std::size_t count, natsMsg* message, std::exception const& error) {
+    return "ignored, message " + std::to_string(count) + ": " +
+           ascii({natsMsg_GetSubject(message), error.what()}).substr(0, 500);
 }
 
 inline std::string_view textOf(natsMsg* message) {

@@ -3,6 +3,8 @@
 
 #include "examples/program/Text.h"
 
+#include <nlohmann/json.hpp>
+
 #include <cstdlib>
 #include <limits>
 #include <random>
@@ -14,41 +16,34 @@ namespace courier::examples::nats {
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr auto answerTime = 2s; // of one request
 constexpr auto startTime = 5s;  // of the servers' JetStream
 constexpr auto pause = 100ms;   // between two attempts
 constexpr auto lull = 10ms;     // between two messages: what comes later is fetched later
 constexpr auto noLimit = std::numeric_limits<std::int64_t>::max();
-constexpr std::size_t overhead = 4096; // of a message, at most: headers, subject, the client's own
 
 std::int64_t milliseconds(std::chrono::milliseconds time) { return time.count(); }
 std::int64_t nanoseconds(std::chrono::nanoseconds time) { return time.count(); }
 
-bool isFull(jsErrCode code) {
-    return code == JSStreamStoreFailedErr || code == JSInsufficientResourcesErr ||
-           code == JSStorageResourcesExceededErr || code == JSAccountResourcesExceededErr ||
-           code == JSConsumerStoreFailedErr || code == JSConsumerCreateErr;
+template <class T> bool isOneOf(T value, std::initializer_list<T> values) {
+    return std::find(values.begin(), values.end(), value) != values.end();
 }
 
-// Whether it passes: when servers come back, start, elect a leader or have room.
+bool isFull(jsErrCode code) {
+    return isOneOf(code, {JSStreamStoreFailedErr, JSInsufficientResourcesErr,
+                          JSStorageResourcesExceededErr, JSAccountResourcesExceededErr,
+                          JSConsumerStoreFailedErr, JSConsumerCreateErr});
+}
+
+// Whether it passes: when servers come back, start, elect a leader, have room, or have made the
+// stream that another program wants as well.
 bool isPassing(natsStatus status, jsErrCode code) {
-    switch (status) {
-    case NATS_TIMEOUT:
-    case NATS_NO_RESPONDERS:
-    case NATS_NO_SERVER:
-    case NATS_IO_ERROR:
-    case NATS_STALE_CONNECTION:
-    case NATS_CONNECTION_DISCONNECTED:
-    case NATS_INSUFFICIENT_BUFFER:
-        return true;
-    default:
-        return (code >= JSClusterIncompleteErr && code <= JSClusterNotLeaderErr) ||
-               code == JSStreamOfflineErr || code == JSConsumerOfflineErr || isFull(code) ||
-               // while two programs make a stream
-               code == JSStreamNameExistErr || code == JSStreamSubjectOverlapErr;
-    }
+    return isOneOf(status, {NATS_TIMEOUT, NATS_NO_RESPONDERS, NATS_NO_SERVER, NATS_IO_ERROR,
+                            NATS_STALE_CONNECTION, NATS_CONNECTION_DISCONNECTED,
+                            NATS_INSUFFICIENT_BUFFER}) ||
+           (code >= JSClusterIncompleteErr && code <= JSClusterNotLeaderErr) || isFull(code) ||
+           isOneOf(code, {JSStreamOfflineErr, JSConsumerOfflineErr, JSStreamNameExistErr,
+                          JSStreamSubjectOverlapErr});
 }
 
 std::string withoutSecrets(std::string const& text) { // of URLs
@@ -74,13 +69,13 @@ std::string explain(natsStatus status, jsErrCode code = {}, char const* detail =
 
 void require(natsStatus status, std::string const& what, jsErrCode code = {}) {
     if (status != NATS_OK) {
-        throw Error("cannot " + what + ": " + explain(status, code));
+        throw std::runtime_error("cannot " + what + ": " + explain(status, code));
     }
 }
 
 } // namespace
 
-void Options::addTo(CLI::App& app) {
+void Servers::addTo(CLI::App& app) {
     app.add_option("--url", urls, "Servers of the cluster, or some: nats:// or tls:// URLs")
         ->delimiter(',')
         ->allow_extra_args(false)
@@ -103,10 +98,10 @@ void Options::addTo(CLI::App& app) {
         ->default_str("1GiB");
 }
 
-Session::Session(Options const& options, std::string role, Waiting waiting, jsPubAckHandler handler,
-                 void* closure)
-    : role_(std::move(role)), waiting_(std::move(waiting)) {
-    connect(options);
+Session::Session(Servers const& servers, std::string const& role, Waiting waiting,
+                 jsPubAckHandler handler, void* closure)
+    : inbox_("_INBOX." + role + '.' + randomName()), waiting_(std::move(waiting)) {
+    connect(servers);
     jsOptions settings;
     jsOptions_Init(&settings);
     settings.Wait = milliseconds(answerTime);
@@ -115,8 +110,8 @@ Session::Session(Options const& options, std::string role, Waiting waiting, jsPu
     jsCtx* jetStream = nullptr;
     require(natsConnection_JetStream(&jetStream, connection_.get(), &settings), "use JetStream");
     jetStream_.reset(jetStream);
-    makeStream(options.stream, options.maxBytes, options.replicas);
-    makeStream(options.reports(), -1, options.replicas);
+    makeStream(servers.stream, servers.maxBytes, servers.replicas);
+    makeStream(servers.reports(), -1, servers.replicas);
 }
 
 Session::~Session() {
@@ -127,10 +122,10 @@ Session::~Session() {
     nats_CloseAndWait(milliseconds(answerTime)); // no callback runs any more
 }
 
-void Session::connect(Options const& options) {
-    std::string const what = "connect to " + withoutSecrets(examples::join(options.urls, ","));
+void Session::connect(Servers const& servers) {
+    std::string const what = "connect to " + withoutSecrets(examples::join(servers.urls, ","));
     std::vector<char const*> urls;
-    for (auto const& url : options.urls) {
+    for (auto const& url : servers.urls) {
         urls.push_back(url.c_str());
     }
     natsOptions* made = nullptr;
@@ -140,31 +135,30 @@ void Session::connect(Options const& options) {
         require(function(made, values...), what);
     };
     set(natsOptions_SetServers, urls.data(), static_cast<int>(urls.size()));
-    if (!options.ca.empty() || options.urls.front().starts_with("tls://")) {
+    if (!servers.ca.empty() || servers.urls.front().starts_with("tls://")) {
         set(natsOptions_SetSecure, true);
     }
-    if (!options.ca.empty()) {
-        set(natsOptions_LoadCATrustedCertificates, options.ca.c_str());
+    if (!servers.ca.empty()) {
+        set(natsOptions_LoadCATrustedCertificates, servers.ca.c_str());
     }
-    if (!options.credentials.empty()) {
-        set(natsOptions_SetUserCredentialsFromFiles, options.credentials.c_str(), nullptr);
+    if (!servers.credentials.empty()) {
+        set(natsOptions_SetUserCredentialsFromFiles, servers.credentials.c_str(), nullptr);
     }
-    if (!options.user.empty()) {
-        set(natsOptions_SetUserInfo, options.user.c_str(), std::getenv("NATS_PASSWORD"));
+    if (!servers.user.empty()) {
+        set(natsOptions_SetUserInfo, servers.user.c_str(), std::getenv("NATS_PASSWORD"));
     }
     if (char const* const token = std::getenv("NATS_TOKEN")) {
         set(natsOptions_SetToken, token);
     }
-    set(natsOptions_SetCustomInboxPrefix, ("_INBOX." + role_).c_str());
+    set(natsOptions_SetCustomInboxPrefix, inbox_.c_str());
     set(natsOptions_SetTimeout, milliseconds(answerTime));
     set(natsOptions_SetClosedCB, closed, this);
-    natsErrHandler const warned = [](natsConnection* connection, natsSubscription*,
-                                     natsStatus status, void* self) {
-        if (status == NATS_NOT_PERMITTED) {
-            closed(connection, self);
-        }
-    };
-    set(natsOptions_SetErrorHandler, warned, this);
+    set(
+        natsOptions_SetErrorHandler,
+        [](auto* connection, auto*, natsStatus status, void* self) {
+            status == NATS_NOT_PERMITTED ? closed(connection, self) : void();
+        },
+        this);
     // A server that takes no bytes is left after ten seconds, a silent one after fifteen.
     set(natsOptions_SetPingInterval, milliseconds(5s));
     set(natsOptions_SetMaxPingsOut, 2);
@@ -178,8 +172,9 @@ void Session::connect(Options const& options) {
         natsStatus const status = natsConnection_Connect(&connection, made);
         connection_.reset(connection);
         if (status == NATS_PROTOCOL_ERROR && ++hangUps == 3) {
-            throw Error("cannot " + what + ": the server hangs up, perhaps because it wants a " +
-                        "client certificate (" + explain(status) + ')');
+            throw std::runtime_error("cannot " + what +
+                                     ": the server hangs up, perhaps because it wants a " +
+                                     "client certificate (" + explain(status) + ')');
         }
         return status == NATS_PROTOCOL_ERROR ? NATS_TIMEOUT : status;
     });
@@ -209,42 +204,41 @@ void Session::makeStream(std::string const& name, std::int64_t maxBytes, int rep
             status = js_AddStream(&info, jetStream(), &config, nullptr, &code);
         }
         if (isFull(code)) {
-            throw Error("cannot " + what + ": the servers cannot reserve " +
-                        std::to_string(config.MaxBytes) + " bytes: choose a smaller --max-bytes");
+            throw std::runtime_error("cannot " + what + ": the servers cannot reserve " +
+                                     std::to_string(config.MaxBytes) +
+                                     " bytes: choose a smaller --max-bytes");
         }
         if (status == NATS_NO_RESPONDERS && Clock::now() - start > startTime) {
-            throw Error("cannot " + what + ": the servers have no JetStream");
+            throw std::runtime_error("cannot " + what + ": the servers have no JetStream");
         }
         return status;
     });
     StreamInfo const owner(info);
     if (info->Config->Retention != js_WorkQueuePolicy) {
-        throw Error("the stream " + name + " is not a work queue: choose another --stream");
+        throw std::runtime_error("the stream " + name +
+                                 " is not a work queue: choose another --stream");
     }
-    if (stream_.empty()) { // the first is that of elements
+    if (maxBytes >= 0) { // that of elements
         stream_ = name;
         limit_ = info->Config->MaxBytes > 0 ? info->Config->MaxBytes / 2 : noLimit;
-        longest_ = info->Config->MaxMsgSize > 0 ? info->Config->MaxMsgSize : noLimit;
     }
 }
 
 void Session::requireRoom(std::size_t bytes) const {
-    for (auto const& [name, limit] :
-         {std::pair{"the limit of its stream (--max-bytes)", limit_},
-          {"the max_msg_size of its stream", longest_},
-          {"the servers' max_payload", natsConnection_GetMaxPayload(connection_.get())}}) {
-        if (bytes + overhead > static_cast<std::size_t>(limit)) {
-            throw std::length_error("its " + std::to_string(bytes) + " bytes exceed " + name +
-                                    ", " + std::to_string(limit) +
-                                    ": raise that, or split the data into several elements");
-        }
+    auto const [limit, name] = std::min(
+        std::pair{limit_, "the limit of its stream (--max-bytes)"},
+        std::pair{natsConnection_GetMaxPayload(connection_.get()), "the servers' max_payload"});
+    if (bytes + overhead > static_cast<std::size_t>(limit)) {
+        throw std::length_error("its " + std::to_string(bytes) + " bytes exceed " + name + ", " +
+                                std::to_string(limit) +
+                                ": raise that, or split the data into several elements");
     }
 }
 
 void Session::check() {
     std::unique_lock lock(mutex_);
     if (!error_.empty()) {
-        throw Error(error_);
+        throw std::runtime_error(error_);
     }
     auto const trouble = std::exchange(trouble_, {});
     lock.unlock();
@@ -296,9 +290,9 @@ void Session::join(std::string const& stream, std::string const& queue, std::str
     attempt("make the queue " + queue, [&](jsErrCode& code) {
         return js_AddConsumer(nullptr, jetStream(), stream.c_str(), &config, nullptr, &code);
     });
-    inbox_ = "_INBOX." + role_ + '.' + randomName() + '.';
     natsSubscription* subscription = nullptr;
-    require(natsConnection_SubscribeSync(&subscription, connection_.get(), (inbox_ + '*').c_str()),
+    require(natsConnection_SubscribeSync(&subscription, connection_.get(),
+                                         (inbox_ + ".fetch.*").c_str()),
             "receive messages");
     subscription_.reset(subscription);
     answered_ = Clock::now();
@@ -307,16 +301,16 @@ void Session::join(std::string const& stream, std::string const& queue, std::str
 
 // By hand: the client's own function writes past the end of its list when the answers to an earlier
 // request come late. A request with both no_wait and expires waits for one message, and takes what
-// is there then.
+// is there then. Only single messages may be longer than a mebibyte.
 natsStatus Session::request(std::size_t atMost, std::chrono::milliseconds time) {
-    std::string const text =
-        R"({"no_wait": true, "expires": )" + std::to_string(nanoseconds(time)) + R"(, "batch": )" +
-        std::to_string(atMost) + R"(, "max_bytes": )" +
-        std::to_string(natsConnection_GetMaxPayload(connection_.get()) + 4096) + '}';
-    reply_ = inbox_ + std::to_string(++requests_);
-    return natsConnection_PublishRequestString(connection_.get(),
-                                               ("$JS.API.CONSUMER.MSG.NEXT." + queue_).c_str(),
-                                               reply_.c_str(), text.c_str());
+    nlohmann::json request{{"no_wait", true}, {"expires", nanoseconds(time)}, {"batch", atMost}};
+    if (atMost > 1) {
+        request["max_bytes"] = 1 << 20;
+    }
+    reply_ = inbox_ + ".fetch." + std::to_string(++requests_);
+    std::string const subject = "$JS.API.CONSUMER.MSG.NEXT." + queue_;
+    return natsConnection_PublishRequestString(connection_.get(), subject.c_str(), reply_.c_str(),
+                                               request.dump().c_str());
 }
 
 std::vector<Message> Session::fetch(std::size_t atMost, std::chrono::milliseconds time) {
@@ -328,13 +322,17 @@ std::vector<Message> Session::fetch(std::size_t atMost, std::chrono::millisecond
         auto const patience = messages.empty() ? time + 20 * lull : lull;
         status = natsSubscription_NextMsg(&raw, subscription_.get(), milliseconds(patience));
         Message message(raw);
+        char const* code = nullptr;
         if (status == NATS_OK && deliveries(raw) != 0) {
             messages.push_back(std::move(message));
         } else if (status == NATS_OK &&
                    natsMsg_GetSubject(raw) == reply_) { // not of an earlier one
-            char const* code = nullptr;
             natsMsgHeader_Get(raw, "Status", &code);
             end = code != nullptr ? code : "unknown";
+        }
+        if (end == "409" && messages.empty() && atMost > 1) { // the next message is long
+            end.clear();
+            status = request(atMost = 1, time);
         }
     }
     if (messages.size() == atMost && atMost > 1) { // the next come while these are handled
@@ -354,13 +352,6 @@ std::vector<Message> Session::fetch(std::size_t atMost, std::chrono::millisecond
 
 void Session::answer(std::string const& reply, char const* word) const {
     static_cast<void>(natsConnection_PublishString(connection_.get(), reply.c_str(), word));
-}
-
-void Session::leave() const {
-    auto const words = split(queue_, '.');
-    if (words.size() == 2) {
-        js_DeleteConsumer(jetStream(), words[0].c_str(), words[1].c_str(), nullptr, nullptr);
-    }
 }
 
 void Session::store(std::string const& subject, std::string const& text) {

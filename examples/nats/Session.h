@@ -15,6 +15,7 @@
 
 namespace courier::examples::nats {
 
+using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
 template <auto destroy> struct Destroy {
@@ -24,14 +25,11 @@ template <class T, auto destroy> using Owner = std::unique_ptr<T, Destroy<destro
 using Message = Owner<natsMsg, natsMsg_Destroy>;
 using StreamInfo = Owner<jsStreamInfo, jsStreamInfo_Destroy>;
 
-/// What no waiting mends. The text has no passwords and tokens.
-struct Error : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
+constexpr std::size_t overhead = 4096; // bytes of a message beside its data, at most
 
 /// The servers, how to log in, and the streams. NATS_PASSWORD and NATS_TOKEN are read from the
 /// environment, because every user of a machine can read command lines.
-struct Options {
+struct Servers {
     std::vector<std::string> urls{"nats://localhost:4222"}; // several of one cluster
     std::string ca;
     std::string credentials;
@@ -47,9 +45,9 @@ struct Options {
 /// One connection to a cluster, and its streams of elements and of reports. Both are work queues:
 /// the servers remove what was acknowledged.
 ///
-/// Whatever fails because servers are away or full is repeated for ever. What cannot succeed throws
-/// Error, as does everything once the servers have denied a permission. answer() and note() are
-/// thread-safe; the others are for one thread. One session at a time in a process.
+/// Whatever fails because servers are away or full is repeated for ever. What no waiting mends
+/// throws std::runtime_error, without passwords and tokens. answer() and note() are thread-safe;
+/// the others are for one thread. One session at a time in a process.
 class Session {
 public:
     /// Called with the reason before each repetition, and with an empty text when the servers
@@ -58,29 +56,25 @@ public:
 
     /// Makes the streams that do not exist yet. The session receives at _INBOX.`role`.> only.
     /// `handler` learns what became of what was published through jetStream().
-    Session(Options const& options, std::string role, Waiting waiting,
+    Session(Servers const& servers, std::string const& role, Waiting waiting,
             jsPubAckHandler handler = nullptr, void* closure = nullptr);
     Session(Session const&) = delete;
     Session& operator=(Session const&) = delete;
     ~Session();
 
-    /// Takes the messages of `subject` from now on, together with all other sessions that join a
-    /// queue of this name. The servers deliver a message again if it is not answered in time. They
-    /// remove a queue that nobody has used for `lifeTime`, unless that is 0.
+    /// Takes the messages of `subject` from now on, together with all sessions that join a queue of
+    /// this name. The servers deliver again what is not answered in time, and remove a queue that
+    /// nobody has used for `lifeTime`, unless that is 0.
     void join(std::string const& stream, std::string const& queue, std::string const& subject,
               std::chrono::seconds redeliverAfter, std::chrono::seconds lifeTime);
 
     /// The messages that are there, at most so many, or else the next one; none after `time`.
     [[nodiscard]] std::vector<Message> fetch(std::size_t atMost, std::chrono::milliseconds time);
 
-    /// Answers a message: "+ACK" means done, "-NAK" deliver again, "+WPI" still at work. An answer
-    /// that is lost costs a second delivery.
+    /// Answers a message: "+ACK" means done, "+WPI" still at work. An answer that is lost costs a
+    /// second delivery.
     void answer(std::string const& reply, char const* word) const;
 
-    /// Removes the queue, if the servers answer.
-    void leave() const;
-
-    /// Stores a message.
     void store(std::string const& subject, std::string const& text);
 
     /// The state of the stream of elements, with the subjects of `filter`, if it is not empty, that
@@ -93,30 +87,28 @@ public:
     /// Notes why an asynchronous publication failed, for the next check().
     void note(natsStatus status, jsErrCode code, char const* detail);
 
-    /// Throws Error if the servers have refused something for good.
+    /// Throws if the servers have refused something for good.
     void check();
 
     [[nodiscard]] jsCtx* jetStream() const { return jetStream_.get(); }
     [[nodiscard]] std::int64_t limit() const { return limit_; } // bytes of all elements
 
 private:
-    void connect(Options const& options);
+    void connect(Servers const& servers);
     void makeStream(std::string const& name, std::int64_t maxBytes, int replicas);
     void attempt(std::string const& what, std::function<natsStatus(jsErrCode&)> const& call);
     [[nodiscard]] natsStatus request(std::size_t atMost, std::chrono::milliseconds time);
     static void closed(natsConnection* connection, void* self);
 
-    std::string const role_;
+    std::string const inbox_;
     Waiting waiting_;
-    std::string queue_; // and its stream, as in subjects: STREAM.QUEUE
-    std::string inbox_;
+    std::string stream_;     // of elements
+    std::int64_t limit_ = 0; // bytes of this stream
+    std::string queue_;      // and its stream, as in subjects: STREAM.QUEUE
     std::size_t requests_ = 0;
     std::string reply_;    // to the latest request
     bool isAhead_ = false; // the latest request is for the next fetch()
     Clock::time_point answered_;
-    std::string stream_;       // of elements
-    std::int64_t limit_ = 0;   // bytes of this stream
-    std::int64_t longest_ = 0; // bytes of a message
 
     std::mutex mutex_;    // guards what callbacks write:
     std::string error_;   // permanent

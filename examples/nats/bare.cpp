@@ -11,7 +11,7 @@ using namespace courier::examples;
 using namespace courier::examples::nats;
 
 int main(int argc, char** argv) {
-    Options options;
+    Servers options;
     options.stream = "bare";
     int count = 5000;
     std::size_t size = 1000;

@@ -22,11 +22,10 @@ namespace {
 
 using namespace courier::examples;
 using namespace courier::hub::serialisation;
-using namespace std::chrono_literals;
-using nats::Clock;
+using namespace courier::examples::nats;
 
 struct Options : Sending {
-    nats::Options nats;
+    Servers nats;
     std::size_t copies = 1;
     std::size_t window = std::size_t{64} << 20;        // bytes
     int giveUpAfter = std::numeric_limits<int>::max(); // seconds
@@ -39,12 +38,12 @@ struct Element {
     std::string name;
     std::uint64_t typeID = 0;
     std::string format;
+    Message message = {};         // from its writing to its result, except while it is being stored
+    Clock::time_point since = {}; // when it was stored, or not
     std::uint64_t size = 0;
     std::uint64_t crc32 = 0;
     bool isPublished = false;
     bool isStored = false;
-    nats::Message message = {};   // kept until there is a result; null while it is being stored
-    Clock::time_point since = {}; // when it was stored, or not
     std::optional<Result> result = {};
     std::string worker = {}; // whose result it is
 };
@@ -75,12 +74,12 @@ public:
     /// Sends, waits until workers have reported on everything that was sent, and prints it all.
     /// Returns the exit status.
     int run() {
+        auto const complain = [this](auto const& why) { waitFor(why); };
+        std::string const reports = options_.nats.reports();
+        std::string const queue = "reports-" + run_;
         try {
-            session_.emplace(
-                options_.nats, "sender", [this](auto const& why) { waitFor(why); }, acknowledged,
-                this);
-            session_->join(options_.nats.reports(), "reports-" + run_,
-                           options_.nats.reports() + '.' + run_ + ".*", 10s, 24h);
+            session_.emplace(options_.nats, "sender", complain, acknowledged, this);
+            session_->join(reports, queue, reports + '.' + run_ + ".*", 10s, 24h);
             start_ = Clock::now();
             lookForRoom();
             for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
@@ -98,13 +97,15 @@ public:
             }
         } catch (Stopped const&) { // before there was a result for everything
         }
+        if (session_) {
+            js_DeleteConsumer(session_->jetStream(), reports.c_str(), queue.c_str(), nullptr,
+                              nullptr);
+        }
         end();
         return conclude();
     }
 
 private:
-    static constexpr std::size_t overhead = 4096; // bytes that a message takes beside its element
-
     void stopSending() {
         stop_.request_stop();
         std::lock_guard const lock(mutex_);
@@ -116,17 +117,13 @@ private:
     void end() {
         stopSending();
         threads_.clear(); // waits for them
-        if (session_) {
-            session_->leave();
-            {
-                std::lock_guard const lock(mutex_);
-                isOver_ = true;
-                for (Element& element : elements_) {
-                    element.message.reset();
-                }
-            }
-            session_.reset(); // no callback prints any more
+        std::unique_lock lock(mutex_);
+        isOver_ = true;
+        for (Element& element : elements_) {
+            element.message.reset();
         }
+        lock.unlock();
+        session_.reset(); // no callback runs any more
     }
 
     // Writes and publishes one element after the other, together with other threads.
@@ -134,24 +131,13 @@ private:
         for (std::size_t i = next_++; i < elements_.size(); i = next_++) {
             try {
                 ByteBuffer const bytes = encode(std::move(serialisers_[i]));
-                printWhenReleased();
                 publish(i, ByteBufferView(bytes));
             } catch (std::exception const& error) {
-                printWhenReleased();
                 if (!wasStopped(error)) {
-                    ++failed_;
-                    print("sender: " + elements_[i].name + ": cannot be sent: " + error.what());
+                    print(elements_[i].name + ": cannot be sent: " + error.what());
                 }
             }
             ++written_;
-        }
-    }
-
-    // Called by every thread; one of them has written the last element.
-    void printWhenReleased() {
-        if (sentinel_->isReleased() && !isReleased_.exchange(true)) {
-            print("the payload's memory was released after " +
-                  fixed(Seconds(Clock::now() - start_).count(), 2) + " s, when " + sent());
         }
     }
 
@@ -159,8 +145,8 @@ private:
         session_->requireRoom(bytes.size());
         Element& element = elements_[i];
         auto const sum = crc32(bytes);
-        auto message = makeElement(subject() + std::to_string(i),
-                                   {element.format, element.typeID, sum}, bytes);
+        auto message =
+            makeElement(subjectOf(std::to_string(i)), {element.format, element.typeID, sum}, bytes);
         auto const size = bytes.size() + overhead;
         std::unique_lock lock(mutex_);
         largest_ = std::max(largest_, size);
@@ -181,39 +167,33 @@ private:
         store(std::move(message));
     }
 
-    void store(nats::Message message) {
+    void store(Message message) {
         inFlight_ += textOf(message.get()).size() + overhead;
         jsPubOptions options;
         jsPubOptions_Init(&options);
         options.MaxWait = std::chrono::milliseconds(10s).count();
         natsMsg* raw = message.release();
-        auto const status = js_PublishMsgAsync(session_->jetStream(), &raw, &options);
-        if (status != NATS_OK) {
-            session_->note(status, {}, nullptr);
-            keep(nats::Message(raw), false);
+        jsPubAckErr error{};
+        error.Err = js_PublishMsgAsync(session_->jetStream(), &raw, &options);
+        if (error.Err != NATS_OK) {
+            acknowledged(nullptr, raw, nullptr, &error, this);
         }
     }
 
-    static void acknowledged(jsCtx*, natsMsg* message, jsPubAck* ack, jsPubAckErr* error,
-                             void* self) {
+    static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* self) {
         auto& run = *static_cast<Run*>(self);
-        if (ack == nullptr) {
+        Message message(raw);
+        run.inFlight_ -= textOf(raw).size() + overhead;
+        std::size_t const i = std::stoul(wordsOf(raw)[2]);
+        std::lock_guard const lock(run.mutex_);
+        if (ack != nullptr) {
+            run.countStored(i);
+        } else {
             run.session_->note(error->Err, error->ErrCode, error->ErrText);
         }
-        run.keep(nats::Message(message), ack != nullptr);
-    }
-
-    void keep(nats::Message message, bool isStored) {
-        inFlight_ -= textOf(message.get()).size() + overhead;
-        std::size_t const i = std::stoul(subjectOf(message.get())[2]);
-        std::lock_guard const lock(mutex_);
-        Element& element = elements_[i];
-        element.since = Clock::now();
-        if (isStored) {
-            countStored(i);
-        }
-        if (!element.result && !isOver_) {
-            element.message = std::move(message);
+        run.elements_[i].since = Clock::now();
+        if (!run.elements_[i].result && !run.isOver_) {
+            run.elements_[i].message = std::move(message);
         }
     }
 
@@ -225,7 +205,6 @@ private:
                 std::cout << "sent " + run_ + ' ' << i << ' ' << element.format << ' '
                           << element.size << ' ' << element.crc32 << std::endl;
             }
-            bytes_ += element.size;
             ++stored_;
             progress_ = Clock::now();
         }
@@ -254,70 +233,67 @@ private:
         bool const isFull = room_ < largest_ && inFlight_ == 0;
         changed_.notify_all();
         lock.unlock();
-        waitFor(isFull ? "the stream " + options_.nats.stream + " has reached its limit " +
-                             "(--max-bytes)"
-                       : "");
+        waitFor(isFull
+                    ? "the stream " + options_.nats.stream + " has reached its limit (--max-bytes)"
+                    : "");
     }
 
     // Publishes again what the servers have refused or lost, even after they had acknowledged it:
     // what has no result for some time and is not in the queue.
     void repeat() {
         auto const now = Clock::now();
+        auto const isLate = [now](Element const& element) {
+            return element.message && now - element.since > (element.isStored ? 10s : 1s);
+        };
         if (now - repeated_ < 1s) {
             return;
         }
         repeated_ = now;
-        std::vector<std::size_t> late;
-        {
-            std::lock_guard const lock(mutex_);
-            for (std::size_t i = 0; i < std::min(next_.load(), elements_.size()); ++i) {
-                Element const& element = elements_[i];
-                if (element.message && now - element.since > (element.isStored ? 10s : 1s)) {
-                    late.push_back(i);
+        std::unique_lock lock(mutex_);
+        if (std::none_of(elements_.begin(), elements_.end(), isLate)) {
+            return;
+        }
+        lock.unlock();
+        auto const info = session_->look(subjectOf("*"));
+        std::set<std::string> queued;
+        auto const* const subjects = info ? info->State.Subjects : nullptr;
+        for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
+            queued.emplace(subjects->List[k].Subject);
+        }
+        std::vector<Message> lost;
+        lock.lock();
+        for (std::size_t i = 0; info && i < elements_.size(); ++i) {
+            Element& element = elements_[i];
+            if (isLate(element)) {
+                element.since = now;
+                if (queued.contains(natsMsg_GetSubject(element.message.get()))) {
+                    countStored(i);
+                } else {
+                    lost.push_back(std::move(element.message));
                 }
             }
         }
-        if (late.empty()) {
-            return;
-        }
-        auto const info = session_->look(subject() + '*');
-        std::set<std::string> queued;
-        auto const* const list = info ? info->State.Subjects : nullptr;
-        for (int k = 0; list != nullptr && k < list->Count; ++k) {
-            queued.emplace(list->List[k].Subject);
-        }
-        for (std::size_t const i : late) {
-            std::unique_lock lock(mutex_);
-            Element& element = elements_[i];
-            if (!info || !element.message) { // no answer, or reported on in the meantime
-                continue;
-            }
-            element.since = now;
-            if (queued.contains(subject() + std::to_string(i))) {
-                countStored(i);
-            } else {
-                auto message = std::move(element.message);
-                lock.unlock();
-                store(std::move(message));
-            }
-        }
+        lock.unlock();
+        std::for_each(lost.begin(), lost.end(), [this](auto& each) { store(std::move(each)); });
     }
 
     void receive() {
         for (auto const& message : session_->fetch(256, 100ms)) {
             try {
-                count(subjectOf(message.get())[2], resultsOf(message.get()));
+                count(wordsOf(message.get())[2], resultsOf(message.get()));
             } catch (std::exception const& error) {
-                print("ignored, message " + std::to_string(++ignored_) + ": " +
-                      ascii({natsMsg_GetSubject(message.get()), error.what()}).substr(0, 500));
+                print(ignored(++ignored_, message.get(), error));
             }
             session_->answer(natsMsg_GetReply(message.get()), "+ACK");
         }
         auto const now = Clock::now();
+        if (sentinel_->isReleased() && !std::exchange(isReleased_, true)) {
+            print("the payload's memory was released after " +
+                  fixed(Seconds(now - start_).count(), 2) + " s, when " + sent());
+        }
         if (now - printed_ > 1s) {
             printed_ = now;
-            print(sent() + ", " + grouped(bytes_ / 1'000'000) + " MB; " +
-                  std::to_string(reported_) + " reported");
+            print(sent());
         }
     }
 
@@ -350,36 +326,30 @@ private:
         changed_.notify_all();
     }
 
-    // Called while servers are away or full.
+    // Called with the reason while servers or workers are away, or servers full.
     void waitFor(std::string const& why) {
         auto const now = Clock::now();
         if (!why.empty() && now - complained_ > 10s) {
             complained_ = now;
-            print("sender: " + why + ": waiting");
+            print(why + ": waiting");
         }
-        endIfIdle();
-    }
-
-    // After Control-C, waits ten seconds for the results of what was sent.
-    void endIfIdle() {
-        auto const now = Clock::now();
-        auto const idle = now - progress_.load();
-        if (stop_.stop_requested()) {
+        if (stop_.stop_requested()) { // waits ten seconds for the results of what was sent
             stopped_ = std::max(stopped_.value_or(now), progress_.load());
             if (now - *stopped_ > 10s) {
                 throw Stopped();
             }
-        } else if (idle > std::chrono::seconds(options_.giveUpAfter)) {
+        } else if (now - progress_.load() > std::chrono::seconds(options_.giveUpAfter)) {
             throw std::runtime_error("gave up: nothing was stored or reported for " +
-                                     std::to_string(options_.giveUpAfter) + " s; " + sent() + ", " +
-                                     std::to_string(reported_) + " reported");
-        } else if (idle > 10s && now - complained_ > 10s) {
-            complained_ = now;
-            print("sender: no worker has reported for 10 s: waiting");
+                                     std::to_string(options_.giveUpAfter) + " s; " + sent());
         }
     }
 
-    // The table of the workers, and the exit status.
+    void endIfIdle() {
+        bool const isIdle = Clock::now() - progress_.load() > 10s;
+        waitFor(isIdle ? "no worker has reported for 10 s" : "");
+    }
+
+    // Prints the table of the workers. Returns the exit status.
     [[nodiscard]] int conclude() const {
         struct Share {
             std::size_t elements = 0;
@@ -389,7 +359,7 @@ private:
         std::map<std::string, Share> shares;
         Share all{.time = Clock::now() - start_};
         std::size_t repeated = 0;
-        for (Element const& element : elements_) {
+        for (auto const& element : elements_) {
             if (element.result && element.result->error.empty()) {
                 Share& share = shares[element.worker];
                 ++share.elements, ++all.elements;
@@ -397,7 +367,7 @@ private:
                 share.time += std::chrono::nanoseconds(element.result->time);
                 repeated += element.result->delivery > 1 ? 1 : 0;
             } else if (element.result) {
-                print("sender: " + element.name + ": cannot be read by " + element.worker + ": " +
+                print(element.name + ": cannot be read by " + element.worker + ": " +
                       ascii(element.result->error).substr(0, 500));
             }
         }
@@ -420,24 +390,26 @@ private:
         if (all.elements == elements_.size()) {
             return 0;
         }
-        if (!stop_.stop_requested() || failed_ != 0 || all.elements != reported_) {
+        if (!stop_.stop_requested() || all.elements != reported_) {
             return 1;
         }
-        print("sender: stopped when " + sent() + ", of which " + std::to_string(reported_) +
-              " were decoded");
+        print("stopped when " + sent());
         return 130;
     }
 
     [[nodiscard]] std::string sent() const {
-        return std::to_string(stored_) + " of " + counted(elements_.size(), "element") + " sent";
+        return std::to_string(stored_) + " of " + counted(elements_.size(), "element") + " sent, " +
+               std::to_string(reported_) + " reported";
     }
 
-    [[nodiscard]] std::string subject() const { return options_.nats.stream + '.' + run_ + '.'; }
+    [[nodiscard]] std::string subjectOf(std::string const& element) const {
+        return options_.nats.stream + '.' + run_ + '.' + element;
+    }
 
-    static void print(std::string const& text) { std::cerr << text + '\n'; }
+    static void print(std::string const& text) { std::cerr << "sender: " + text + '\n'; }
 
     Options const& options_;
-    std::string const run_ = nats::randomName();
+    std::string const run_ = randomName();
     stop_source stop_;
     Clock::time_point start_ = Clock::now(); // of sending
     std::vector<GenericSerialiser> serialisers_;
@@ -446,10 +418,7 @@ private:
     std::atomic<std::size_t> written_{0};
     std::atomic<std::size_t> published_{0};
     std::atomic<std::size_t> stored_{0};
-    std::atomic<std::size_t> failed_{0};
-    std::atomic<std::uint64_t> bytes_{0};
-    std::atomic<std::size_t> inFlight_{0}; // bytes on their way to the servers
-    std::atomic<bool> isReleased_{false};
+    std::atomic<std::size_t> inFlight_{0};            // bytes on their way to the servers
     std::atomic<Clock::time_point> progress_{start_}; // when something was stored or reported
 
     std::mutex mutex_; // guards what follows, and standard output
@@ -464,12 +433,13 @@ private:
     // Used by the main thread only.
     std::size_t reported_ = 0;
     std::size_t ignored_ = 0;
+    bool isReleased_ = false;
     Clock::time_point printed_ = start_;
     Clock::time_point repeated_ = start_;
     Clock::time_point complained_{};
     std::optional<Clock::time_point> stopped_;
 
-    std::optional<nats::Session> session_; // its callbacks use what is above
+    std::optional<Session> session_; // its callbacks use what is above
     std::vector<std::jthread> threads_;
 };
 
