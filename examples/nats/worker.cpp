@@ -38,6 +38,18 @@ struct Stopped {}; // thrown after Control-C, while servers are away
 
 std::atomic<bool> isDecoding = false; // in this process
 
+// Returns what a large element took to the system, so that it does not add to the next one. The
+// small blocks among it that this thread's cache keeps are taken out and freed by another thread,
+// whose cache ends with it.
+void releaseMemory() {
+    std::vector<void*> blocks;
+    for (std::size_t i = 0; i < std::size_t{64} * 7; ++i) { // seven of each size
+        blocks.push_back(std::malloc(i / 7 * 16 + 24));
+    }
+    std::thread([&] { std::for_each(blocks.begin(), blocks.end(), std::free); }).join();
+    ::malloc_trim(0);
+}
+
 class Worker {
 public:
     Worker(Options const& options, SerialisationCatalogue const& catalogue, stop_token stop)
@@ -143,7 +155,7 @@ private:
         auto const time = Clock::now() - start;
         result.time = static_cast<std::uint64_t>(std::chrono::nanoseconds(time).count());
         if (time > 10ms) {
-            ::malloc_trim(0); // what a large element took is not kept beside the next one
+            releaseMemory();
         }
         std::cout << (result.error.empty() ? "decoded " : "failed ") + run + ' ' << result.element
                   << ' ' << ascii(std::get<0>(label)) << ' ' << result.size << ' ' << result.crc32
@@ -248,13 +260,7 @@ private:
 int main(int argc, char** argv) {
     Options options;
     options.name = "worker-" + randomName();
-    // Everything that was freed returns to the system. What the C library keeps of it otherwise
-    // would add to the memory of the next element. The library reads this at its start.
-    if (std::getenv("GLIBC_TUNABLES") == nullptr) {
-        ::setenv("GLIBC_TUNABLES", "glibc.malloc.tcache_count=0:glibc.malloc.mmap_threshold=65536",
-                 0);
-        ::execv(programFile().c_str(), argv);
-    }
+    ::mallopt(M_MMAP_THRESHOLD, 1 << 16); // large blocks return to the system at once
     CLI::App app("Decodes the elements that senders put into a stream, together with all other "
                  "workers of it, until Control-C.",
                  "worker");
