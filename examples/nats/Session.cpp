@@ -67,10 +67,12 @@ std::string explain(natsStatus status, jsErrCode code = {}, char const* detail =
     return withoutSecrets(text);
 }
 
+[[noreturn]] void fail(std::string const& what, std::string const& why) {
+    throw std::runtime_error("cannot " + what + ": " + why);
+}
+
 void require(natsStatus status, std::string const& what, jsErrCode code = {}) {
-    if (status != NATS_OK) {
-        throw std::runtime_error("cannot " + what + ": " + explain(status, code));
-    }
+    status == NATS_OK ? void() : fail(what, explain(status, code));
 }
 
 } // namespace
@@ -129,7 +131,7 @@ void Session::connect(Servers const& servers) {
         urls.push_back(url.c_str());
     }
     natsOptions* made = nullptr;
-    require(natsOptions_Create(&made), what);
+    natsOptions_Create(&made);
     Owner<natsOptions, natsOptions_Destroy> const owner(made);
     auto const set = [&](auto function, auto const&... values) {
         require(function(made, values...), what);
@@ -172,9 +174,7 @@ void Session::connect(Servers const& servers) {
         natsStatus const status = natsConnection_Connect(&connection, made);
         connection_.reset(connection);
         if (status == NATS_PROTOCOL_ERROR && ++hangUps == 3) {
-            throw std::runtime_error("cannot " + what +
-                                     ": the server hangs up, perhaps because it wants a " +
-                                     "client certificate (" + explain(status) + ')');
+            fail(what, "the server hangs up, perhaps because it wants a client certificate");
         }
         return status == NATS_PROTOCOL_ERROR ? NATS_TIMEOUT : status;
     });
@@ -204,12 +204,11 @@ void Session::makeStream(std::string const& name, std::int64_t maxBytes, int rep
             status = js_AddStream(&info, jetStream(), &config, nullptr, &code);
         }
         if (isFull(code)) {
-            throw std::runtime_error("cannot " + what + ": the servers cannot reserve " +
-                                     std::to_string(config.MaxBytes) +
-                                     " bytes: choose a smaller --max-bytes");
+            fail(what, "the servers cannot reserve " + std::to_string(config.MaxBytes) +
+                           " bytes: choose a smaller --max-bytes");
         }
         if (status == NATS_NO_RESPONDERS && Clock::now() - start > startTime) {
-            throw std::runtime_error("cannot " + what + ": the servers have no JetStream");
+            fail(what, "the servers have no JetStream");
         }
         return status;
     });

@@ -80,8 +80,9 @@ public:
         try {
             session_.emplace(options_.nats, "sender", complain, acknowledged, this);
             session_->join(reports, queue, reports + '.' + run_ + ".*", 10s, 24h);
+            // Senders that do not know of each other must not fill the stream beyond its limit.
+            window_ = std::min<std::size_t>(options_.window, session_->limit() / 8);
             start_ = Clock::now();
-            lookForRoom();
             for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
                 threads_.emplace_back([this] { send(); });
             }
@@ -91,9 +92,9 @@ public:
                 }
                 session_->check();
                 receive();
-                lookForRoom();
-                repeat();
-                endIfIdle();
+                look();
+                bool const isIdle = Clock::now() - progress_.load() > 10s;
+                waitFor(isIdle ? "no worker has reported for 10 s" : "");
             }
         } catch (Stopped const&) { // before there was a result for everything
         }
@@ -149,10 +150,9 @@ private:
             makeElement(subjectOf(std::to_string(i)), {element.format, element.typeID, sum}, bytes);
         auto const size = bytes.size() + overhead;
         std::unique_lock lock(mutex_);
-        largest_ = std::max(largest_, size);
         changed_.wait(lock, [&] {
-            bool const isNext = unreported_ == 0 || unreported_ + size <= options_.window;
-            return isStopped_ || (isNext && size <= room_);
+            bool const isNext = unreported_ == 0 || unreported_ + size <= window_;
+            return isStopped_ || (isNext && !isFull_);
         });
         if (isStopped_) {
             return;
@@ -160,7 +160,6 @@ private:
         element.size = bytes.size();
         element.crc32 = sum;
         element.isPublished = true;
-        room_ -= size;
         unreported_ += size;
         ++published_;
         lock.unlock();
@@ -168,7 +167,6 @@ private:
     }
 
     void store(Message message) {
-        inFlight_ += textOf(message.get()).size() + overhead;
         jsPubOptions options;
         jsPubOptions_Init(&options);
         options.MaxWait = std::chrono::milliseconds(10s).count();
@@ -183,7 +181,6 @@ private:
     static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* self) {
         auto& run = *static_cast<Run*>(self);
         Message message(raw);
-        run.inFlight_ -= textOf(raw).size() + overhead;
         std::size_t const i = std::stoul(wordsOf(raw)[2]);
         std::lock_guard const lock(run.mutex_);
         if (ack != nullptr) {
@@ -210,59 +207,33 @@ private:
         }
     }
 
-    // Other senders may look at the same time: each may send an eighth of what is left, or one
-    // element.
-    void lookForRoom() {
-        std::unique_lock lock(mutex_);
-        if (largest_ <= room_) {
-            return;
-        }
-        lock.unlock();
-        auto const info = session_->look();
-        if (!info) {
-            return;
-        }
-        auto const used = static_cast<std::size_t>(info->State.Bytes) + inFlight_;
-        auto const limit = static_cast<std::size_t>(session_->limit());
-        auto const left = limit - std::min(used, limit);
-        lock.lock();
-        room_ = left / 8;
-        if (largest_ <= left && inFlight_ == 0) {
-            room_ = std::max(room_, largest_);
-        }
-        bool const isFull = room_ < largest_ && inFlight_ == 0;
-        changed_.notify_all();
-        lock.unlock();
-        waitFor(isFull
-                    ? "the stream " + options_.nats.stream + " has reached its limit (--max-bytes)"
-                    : "");
-    }
-
-    // Publishes again what the servers have refused or lost, even after they had acknowledged it:
-    // what has no result for some time and is not in the queue.
-    void repeat() {
+    // Finds out whether the stream is full. Publishes again what the servers have refused or lost,
+    // even after they had acknowledged it: what has no result for some time and is not in the
+    // queue.
+    void look() {
         auto const now = Clock::now();
+        if (now - looked_ < 200ms) {
+            return;
+        }
+        looked_ = now;
         auto const isLate = [now](Element const& element) {
             return element.message && now - element.since > (element.isStored ? 10s : 1s);
         };
-        if (now - repeated_ < 1s) {
-            return;
-        }
-        repeated_ = now;
         std::unique_lock lock(mutex_);
-        if (std::none_of(elements_.begin(), elements_.end(), isLate)) {
+        bool const isAnyLate = std::any_of(elements_.begin(), elements_.end(), isLate);
+        lock.unlock();
+        auto const info = session_->look(isAnyLate ? subjectOf("*") : "");
+        if (!info) {
             return;
         }
-        lock.unlock();
-        auto const info = session_->look(subjectOf("*"));
         std::set<std::string> queued;
-        auto const* const subjects = info ? info->State.Subjects : nullptr;
+        auto const* const subjects = info->State.Subjects;
         for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
             queued.emplace(subjects->List[k].Subject);
         }
         std::vector<Message> lost;
         lock.lock();
-        for (std::size_t i = 0; info && i < elements_.size(); ++i) {
+        for (std::size_t i = 0; isAnyLate && i < elements_.size(); ++i) {
             Element& element = elements_[i];
             if (isLate(element)) {
                 element.since = now;
@@ -273,8 +244,11 @@ private:
                 }
             }
         }
+        isFull_ = std::cmp_greater_equal(info->State.Bytes, session_->limit());
+        changed_.notify_all();
         lock.unlock();
         std::for_each(lost.begin(), lost.end(), [this](auto& each) { store(std::move(each)); });
+        waitFor(isFull_ ? "the stream has reached its limit (--max-bytes)" : "");
     }
 
     void receive() {
@@ -344,11 +318,6 @@ private:
         }
     }
 
-    void endIfIdle() {
-        bool const isIdle = Clock::now() - progress_.load() > 10s;
-        waitFor(isIdle ? "no worker has reported for 10 s" : "");
-    }
-
     // Prints the table of the workers. Returns the exit status.
     [[nodiscard]] int conclude() const {
         struct Share {
@@ -357,29 +326,29 @@ private:
             Seconds time{};
         };
         std::map<std::string, Share> shares;
-        Share all{.time = Clock::now() - start_};
+        Share all;
         std::size_t repeated = 0;
         for (auto const& element : elements_) {
             if (element.result && element.result->error.empty()) {
-                Share& share = shares[element.worker];
-                ++share.elements, ++all.elements;
-                share.bytes += element.size, all.bytes += element.size;
-                share.time += std::chrono::nanoseconds(element.result->time);
+                for (Share* const share : {&shares[element.worker], &all}) {
+                    ++share->elements;
+                    share->bytes += element.size;
+                    share->time += std::chrono::nanoseconds(element.result->time);
+                }
                 repeated += element.result->delivery > 1 ? 1 : 0;
             } else if (element.result) {
                 print(element.name + ": cannot be read by " + element.worker + ": " +
                       ascii(element.result->error).substr(0, 500));
             }
         }
+        all.time = Clock::now() - start_;
+        shares["~"] = all; // sorted behind all names
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
-        auto const add = [&](std::string const& name, Share const& share) {
-            rows.push_back({name, grouped(share.elements), grouped(share.bytes),
-                            fixed(share.time.count(), 2), speed(share.bytes, share.time)});
-        };
         for (auto const& [name, share] : shares) {
-            add(name, share);
+            rows.push_back({name == "~" ? "all, from start to end" : name, grouped(share.elements),
+                            grouped(share.bytes), fixed(share.time.count(), 2),
+                            speed(share.bytes, share.time)});
         }
-        add("all, from start to end", all);
         std::cout << '\n';
         printTable(std::cout, rows, "<>>>>");
         double const rate = static_cast<double>(all.elements) / all.time.count();
@@ -390,11 +359,9 @@ private:
         if (all.elements == elements_.size()) {
             return 0;
         }
-        if (!stop_.stop_requested() || all.elements != reported_) {
-            return 1;
-        }
-        print("stopped when " + sent());
-        return 130;
+        bool const isStopped = stop_.stop_requested() && all.elements == reported_;
+        print((isStopped ? "stopped when " : "") + sent());
+        return isStopped ? 130 : 1;
     }
 
     [[nodiscard]] std::string sent() const {
@@ -418,15 +385,14 @@ private:
     std::atomic<std::size_t> written_{0};
     std::atomic<std::size_t> published_{0};
     std::atomic<std::size_t> stored_{0};
-    std::atomic<std::size_t> inFlight_{0};            // bytes on their way to the servers
     std::atomic<Clock::time_point> progress_{start_}; // when something was stored or reported
 
     std::mutex mutex_; // guards what follows, and standard output
     std::condition_variable changed_;
     std::vector<Element> elements_;
     std::size_t unreported_ = 0; // bytes that were published
-    std::size_t room_ = 0;       // bytes to publish before looking for room again
-    std::size_t largest_ = 1;    // bytes of an element so far
+    std::size_t window_ = 0;     // the most of them
+    bool isFull_ = false;
     bool isStopped_ = false;
     bool isOver_ = false;
 
@@ -435,7 +401,7 @@ private:
     std::size_t ignored_ = 0;
     bool isReleased_ = false;
     Clock::time_point printed_ = start_;
-    Clock::time_point repeated_ = start_;
+    Clock::time_point looked_{};
     Clock::time_point complained_{};
     std::optional<Clock::time_point> stopped_;
 

@@ -8,8 +8,10 @@ strangers. Leaves no process behind.
 
 import base64
 import binascii
+import concurrent.futures
 import contextlib
 import functools
+import itertools
 import json
 import os
 import pathlib
@@ -45,7 +47,7 @@ class Place(contextlib.ExitStack):
         self.cluster = cluster.Cluster(self.directory / "servers", size, **options)
         self.servers = self.enter_context(self.cluster).servers
         self.common, self.env = self.cluster.arguments, dict(os.environ)
-        self.workers, self.peak = [], 0
+        self.workers, self.peak, self.number = [], 0, itertools.count()
 
     def start(self, program, name, *arguments):
         log = self.directory / f"{name}.log"
@@ -82,8 +84,7 @@ class Place(contextlib.ExitStack):
         return self.file(f"{size}-{seed}", random.Random(seed).randbytes(size))
 
     def sender(self, *arguments):
-        name = f"sender-{len(list(self.directory.glob('sender-*')))}"
-        return self.start("sender", name, "--verbose", *arguments)
+        return self.start("sender", f"sender-{next(self.number)}", "--verbose", *arguments)
 
     def end(self, sender, status=0, says="", within=150):
         """The sender ends in time with this status, and with these words in its output."""
@@ -105,10 +106,10 @@ class Place(contextlib.ExitStack):
         return re.search(pattern, process.log.read_text(errors="replace"))
 
     def pressed(self, size, count, *arguments):
-        """A sender of more than the stream holds, when it waits."""
+        """A sender of more than it may put into the stream, when it waits."""
         arguments = "--max-bytes", "2MiB", "--copies", str(count), *arguments, self.noise(size)
         sender = self.sender(*arguments)
-        self.wait(sender, "reached its limit.*waiting")
+        self.wait(sender, "(reached its limit|no worker has reported).*waiting")
         return sender
 
     def away(self, seconds, *which):
@@ -150,8 +151,11 @@ for servers in 1, 3:
 
 @case("full stream, filled by a killed sender; Control-C and --give-up-after")
 def _(place):
-    place.pressed(50_000, 200).kill()
+    with concurrent.futures.ThreadPoolExecutor(12) as pool:  # together, more than its limit
+        for killed in pool.map(lambda _: place.pressed(50_000, 200), range(12)):
+            killed.kill()
     stopped = place.pressed(50_000, 200, "-t", "4")
+    place.wait(stopped, "reached its limit")
     stopped.send_signal(signal.SIGINT)
     place.end(stopped, 130, "stopped when")
     place.end(place.pressed(50_000, 200, "--give-up-after", "3"), 1, "gave up: nothing was stored")
