@@ -359,7 +359,7 @@ private:
         if (all.elements == elements_.size()) {
             return 0;
         }
-        bool const isStopped = stop_.stop_requested() && all.elements == reported_;
+        bool const isStopped = stopped_ && all.elements == reported_;
         print((isStopped ? "stopped when " : "") + sent());
         return isStopped ? 130 : 1;
     }

@@ -8,7 +8,6 @@ strangers. Leaves no process behind.
 
 import base64
 import binascii
-import concurrent.futures
 import contextlib
 import functools
 import itertools
@@ -151,9 +150,10 @@ for servers in 1, 3:
 
 @case("full stream, filled by a killed sender; Control-C and --give-up-after")
 def _(place):
-    with concurrent.futures.ThreadPoolExecutor(12) as pool:  # together, more than its limit
-        for killed in pool.map(lambda _: place.pressed(50_000, 200), range(12)):
-            killed.kill()
+    arguments = "--max-bytes", "2MiB", "--copies", "200", place.noise(50_000)
+    for killed in [place.sender(*arguments) for _ in range(12)]:  # together, more than its limit
+        place.wait(killed, "waiting")
+        killed.kill()
     stopped = place.pressed(50_000, 200, "-t", "4")
     place.wait(stopped, "reached its limit")
     stopped.send_signal(signal.SIGINT)
