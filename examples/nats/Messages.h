@@ -57,11 +57,6 @@ inline std::string ascii(Json const& value) {
     return value.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-inline bool isWorkerName(std::string const& text) {
-    constexpr auto allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_";
-    return !text.empty() && text.find_first_not_of(allowed) == std::string::npos;
-}
-
 /// The words of the subject: stream, run, element or worker.
 inline std::vector<std::string> wordsOf(natsMsg* message) {
     auto words = split(natsMsg_GetSubject(message), '.');

@@ -87,10 +87,7 @@ void Servers::addTo(CLI::App& app) {
     app.add_option("--credentials", credentials, "A credentials file of NATS");
     app.add_option("--user", user, "The user name; NATS_PASSWORD or NATS_TOKEN have the secret");
     app.add_option("--stream", stream, "The stream; it is made if it does not exist")
-        ->check([](std::string const& name) {
-            bool const isWord = std::regex_match(name, std::regex("[A-Za-z0-9_-]+"));
-            return isWord ? "" : "must be letters, digits, - and _";
-        })
+        ->check(requireWord)
         ->capture_default_str();
     app.add_option("--replicas", replicas, "Servers that hold each message of a new stream")
         ->check(CLI::Range(1, 5))
@@ -154,13 +151,7 @@ void Session::connect(Servers const& servers) {
     }
     set(natsOptions_SetCustomInboxPrefix, inbox_.c_str());
     set(natsOptions_SetTimeout, milliseconds(answerTime));
-    set(natsOptions_SetClosedCB, closed, this);
-    set(
-        natsOptions_SetErrorHandler,
-        [](auto* connection, auto*, natsStatus status, void* self) {
-            status == NATS_NOT_PERMITTED ? closed(connection, self) : void();
-        },
-        this);
+    set(natsOptions_SetErrorHandler, refused, this);
     // A server that takes no bytes is left after ten seconds, a silent one after fifteen.
     set(natsOptions_SetPingInterval, milliseconds(5s));
     set(natsOptions_SetMaxPingsOut, 2);
@@ -235,6 +226,9 @@ void Session::requireRoom(std::size_t bytes) const {
 }
 
 void Session::check() {
+    if (connection_) {
+        refused(connection_.get(), nullptr, NATS_OK, this);
+    }
     std::unique_lock lock(mutex_);
     if (!error_.empty()) {
         throw std::runtime_error(error_);
@@ -260,12 +254,16 @@ void Session::attempt(std::string const& what, std::function<natsStatus(jsErrCod
     }
 }
 
-void Session::closed(natsConnection* connection, void* self) {
-    char const* text = nullptr;
-    natsConnection_GetLastError(connection, &text);
-    auto& session = *static_cast<Session*>(self);
-    std::lock_guard const lock(session.mutex_);
-    session.error_ = std::string("the servers refuse: ") + (text != nullptr ? text : "");
+// The client calls it for each error; most pass.
+void Session::refused(natsConnection* connection, natsSubscription*, natsStatus status,
+                      void* self) {
+    if (status == NATS_NOT_PERMITTED || natsConnection_IsClosed(connection)) {
+        char const* text = nullptr;
+        natsConnection_GetLastError(connection, &text);
+        auto& session = *static_cast<Session*>(self);
+        std::lock_guard const lock(session.mutex_);
+        session.error_ = std::string("the servers refuse: ") + (text != nullptr ? text : "");
+    }
 }
 
 void Session::note(natsStatus status, jsErrCode code, char const* detail) {
@@ -380,6 +378,14 @@ std::uint64_t deliveries(natsMsg* message) {
 std::string randomName() {
     std::random_device random;
     return hexadecimal((std::uint64_t{random()} << 32) | random()).substr(2);
+}
+
+bool isWord(std::string const& text) {
+    return std::regex_match(text, std::regex("[A-Za-z0-9_-]+"));
+}
+
+std::string requireWord(std::string const& text) {
+    return isWord(text) ? "" : "must be letters, digits, - and _";
 }
 
 } // namespace courier::examples::nats

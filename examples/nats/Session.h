@@ -98,7 +98,8 @@ private:
     void makeStream(std::string const& name, std::int64_t maxBytes, int replicas);
     void attempt(std::string const& what, std::function<natsStatus(jsErrCode&)> const& call);
     [[nodiscard]] natsStatus request(std::size_t atMost, std::chrono::milliseconds time);
-    static void closed(natsConnection* connection, void* self);
+    static void refused(natsConnection* connection, natsSubscription*, natsStatus status,
+                        void* self);
 
     std::string const inbox_;
     Waiting waiting_;
@@ -124,6 +125,12 @@ private:
 
 /// 16 random hexadecimal digits.
 [[nodiscard]] std::string randomName();
+
+/// Whether it has only letters, digits, - and _, as names in subjects must.
+[[nodiscard]] bool isWord(std::string const& text);
+
+/// The same, for an option.
+[[nodiscard]] std::string requireWord(std::string const& text);
 
 } // namespace courier::examples::nats
 

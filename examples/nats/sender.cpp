@@ -275,10 +275,11 @@ private:
     // it cannot be true.
     void count(std::string const& worker, std::vector<Result> const& results) {
         auto const time = std::chrono::nanoseconds(Clock::now() - start_).count();
+        bool const isWorker = isWord(worker);
         std::lock_guard const lock(mutex_);
         for (Result const& result : results) {
             if (result.element >= elements_.size() || !elements_[result.element].isPublished ||
-                !isWorkerName(worker)) {
+                !isWorker) {
                 throw std::runtime_error("it is not on an element that was sent");
             }
             Element& element = elements_[result.element];

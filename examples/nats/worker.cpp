@@ -260,9 +260,7 @@ int main(int argc, char** argv) {
                  "worker");
     options.nats.addTo(app);
     app.add_option("-n,--name", options.name, "What the sender's table calls it")
-        ->check([](std::string const& name) {
-            return isWorkerName(name) ? "" : "must be letters, digits, - and _";
-        })
+        ->check(requireWord)
         ->capture_default_str();
     app.add_option("--redeliver-after", options.redeliverAfter,
                    "Seconds without a sign of life until an element goes to another worker")
