@@ -209,7 +209,8 @@ private:
 
     // Finds out whether the stream is full. Publishes again what the servers have refused or lost,
     // even after they had acknowledged it: what has no result for some time and is not in the
-    // queue.
+    // queue. After an outage they may also keep what they never deliver: if nothing has happened
+    // for a minute, then two, then four, publishes even what is in the queue.
     void look() {
         auto const now = Clock::now();
         if (now - looked_ < 200ms) {
@@ -231,13 +232,15 @@ private:
         for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
             queued.emplace(subjects->List[k].Subject);
         }
+        bool const isStuck = isAnyLate && now - progress_.load() > stuck_;
+        stuck_ *= isStuck ? 2 : 1;
         std::vector<Message> lost;
         lock.lock();
         for (std::size_t i = 0; isAnyLate && i < elements_.size(); ++i) {
             Element& element = elements_[i];
             if (isLate(element)) {
                 element.since = now;
-                if (queued.contains(natsMsg_GetSubject(element.message.get()))) {
+                if (!isStuck && queued.contains(natsMsg_GetSubject(element.message.get()))) {
                     countStored(i);
                 } else {
                     lost.push_back(std::move(element.message));
@@ -403,6 +406,7 @@ private:
     bool isReleased_ = false;
     Clock::time_point printed_ = start_;
     Clock::time_point looked_{};
+    std::chrono::seconds stuck_{60};
     Clock::time_point complained_{};
     std::optional<Clock::time_point> stopped_;
 

@@ -450,7 +450,7 @@ def failover(place, seed):
     place.end(sender, says=f"{100 * copies} of {100 * copies} elements decoded")
     check(sender)
     sender = place.sender("-f", formats, "--copies", str(100 * copies), *files)
-    place.wait(sender, r"(sent .*\n){%d}" % chance.randrange(1, 200))
+    place.wait(sender, r"(sent .*\n(sender: .*\n)*){%d}" % chance.randrange(1, 200))
     sender.send_signal(signal.SIGINT)
     place.end(sender, 130)
     check(sender)
