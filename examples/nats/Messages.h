@@ -24,6 +24,7 @@ namespace courier::examples {
 
 using Json = nlohmann::json;
 using Label = std::tuple<std::string, std::uint64_t, std::uint64_t>; // wire format, type, CRC-32
+constexpr char labelKey[] = "Courier-Label";
 
 struct Result {
     std::uint64_t element = 0;
@@ -51,24 +52,25 @@ inline void from_json(Json const& json, Result& result) {
               whole(json.at(3)), whole(json.at(4)), json.at(5).get<std::string>()};
 }
 
-/// ASCII without control characters, whatever the text has; not long.
-inline std::string printable(Json const& value) {
-    return value.dump(-1, ' ', true, Json::error_handler_t::replace).substr(0, 500);
+/// ASCII without control characters, whatever the text has.
+inline std::string ascii(Json const& value) {
+    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
-inline bool isWorkerName(std::string const& text) {
-    constexpr auto allowed = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-_";
-    return !text.empty() && text.find_first_not_of(allowed) == std::string::npos;
-}
-
-/// The words of a subject: stream, run, element or worker.
-inline std::vector<std::string> subjectOf(natsMsg* message) {
+/// The words of the subject: stream, run, element or worker.
+inline std::vector<std::string> wordsOf(natsMsg* message) {
     auto words = split(natsMsg_GetSubject(message), '.');
     if (words.size() != 3 || words[1].size() != 16 ||
         words[1].find_first_not_of("0123456789abcdef") != std::string::npos) {
         throw std::runtime_error("the subject is not that of a run");
     }
     return words;
+}
+
+/// The line that names a message that is not well-formed.
+inline std::string ignored(std::size_t count, natsMsg* message, std::exception const& error) {
+    return "ignored, message " + std::to_string(count) + ": " +
+           ascii({natsMsg_GetSubject(message), error.what()}).substr(0, 500);
 }
 
 inline std::string_view textOf(natsMsg* message) {
@@ -87,8 +89,7 @@ inline nats::Message makeElement(std::string const& subject, Label const& label,
     auto const* const data = reinterpret_cast<char const*>(bytes.data());
     natsMsg_Create(&message, subject.c_str(), nullptr, data, static_cast<int>(bytes.size()));
     nats::Message owner(message);
-    if (natsMsgHeader_Set(message, "Courier-Label", Json(label).dump(-1, ' ', true).c_str()) !=
-        NATS_OK) {
+    if (natsMsgHeader_Set(message, labelKey, ascii(label).c_str()) != NATS_OK) {
         throw std::bad_alloc();
     }
     return owner;
@@ -96,8 +97,8 @@ inline nats::Message makeElement(std::string const& subject, Label const& label,
 
 inline Label labelOf(natsMsg* message) {
     char const* label = nullptr;
-    if (natsMsgHeader_Get(message, "Courier-Label", &label) != NATS_OK) {
-        throw std::runtime_error("there is no header Courier-Label");
+    if (natsMsgHeader_Get(message, labelKey, &label) != NATS_OK) {
+        throw std::runtime_error("there is no header " + std::string(labelKey));
     }
     auto const json = Json::parse(label);
     return {json.at(0), whole(json.at(1)), whole(json.at(2))};

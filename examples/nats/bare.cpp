@@ -1,51 +1,43 @@
 // SPDX-License-Identifier: Apache-2.0
-// The baseline for the sender and its workers: moves messages of one size through a stream of the
-// same kind with hardly more than the client library. Prints messages a second.
+// The baseline for the sender and its workers: moves the same messages through a stream of the same
+// kind with hardly more than the client library. Prints messages a second.
 
-#include "examples/nats/Session.h"
+#include "examples/nats/Messages.h"
 
 #include <iostream>
 #include <thread>
 
+using namespace courier::examples;
 using namespace courier::examples::nats;
 
 int main(int argc, char** argv) {
-    Options options;
-    options.stream = "bare";
+    Servers servers;
+    servers.stream = "bare";
     int count = 5000;
     std::size_t size = 1000;
     CLI::App app("Measures what the client library can do.", "bare");
-    options.addTo(app);
+    servers.addTo(app);
     app.add_option("--count", count, "Messages")->capture_default_str();
     app.add_option("--size", size, "Bytes of each")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
-    Session session(options, "bare", [](auto const&) {}); // makes the stream and the queue
-    session.join({.stream = options.stream, .name = "takers", .subject = options.stream + ".>"});
-    natsConnection* connection = nullptr;
-    natsConnection_ConnectTo(&connection, options.urls.front().c_str());
-    jsOptions settings;
-    jsOptions_Init(&settings);
-    settings.PublishAsync.MaxPending = 4096;
-    settings.PublishAsync.StallWait = 60'000;
-    jsCtx* jetStream = nullptr;
-    natsConnection_JetStream(&jetStream, connection, &settings);
+    Session session(servers, "bare", [](auto const&) {});
+    session.join("bare", "takers", "bare.>", 10s, 0s);
     auto const start = Clock::now();
     std::jthread const publisher([&] {
-        std::vector<char> const bytes(size);
+        std::string const data(size, 'x');
+        courier::hub::serialisation::ByteBufferView const bytes{std::string_view(data)};
         for (int i = 0; i < count; ++i) {
-            js_PublishAsync(jetStream, (options.stream + ".x").c_str(), bytes.data(),
-                            static_cast<int>(size), nullptr);
+            std::string const subject = "bare.run." + std::to_string(i);
+            natsMsg* message = makeElement(subject, {"raw", 1, 1}, bytes).release();
+            js_PublishMsgAsync(session.jetStream(), &message, nullptr);
         }
     });
-    for (int done = 0; done < count;) { // the client's own fetching writes past its list
-        for (auto const& message : session.fetch(256, std::chrono::milliseconds(20))) {
+    for (int taken = 0; taken < count;) {
+        for (auto const& message : session.fetch(256, 100ms)) {
             session.answer(natsMsg_GetReply(message.get()), "+ACK");
-            ++done;
+            ++taken;
         }
     }
     std::chrono::duration<double> const time = Clock::now() - start;
     std::cout << static_cast<int>(count / time.count()) << " a second\n";
-    js_PublishAsyncComplete(jetStream, nullptr);
-    jsCtx_Destroy(jetStream);
-    natsConnection_Destroy(connection);
 }

@@ -13,27 +13,21 @@ NATS_SERVER = shutil.which("nats-server") or "/usr/sbin/nats-server"
 
 
 def die_with_parent():
-    """Child processes are terminated, even if this process is killed."""
+    """For child processes: they are killed when this process ends, however it ends."""
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
 def start(command, log, **options):
     with open(log, "ab") as out:
-        return subprocess.Popen(
-            command,
-            stdin=subprocess.DEVNULL,
-            stdout=out,
-            stderr=out,
-            preexec_fn=die_with_parent,
-            start_new_session=True,
-            **options,
-        )
+        options |= {"stdin": subprocess.DEVNULL, "stdout": out, "stderr": out}
+        options |= {"preexec_fn": die_with_parent, "start_new_session": True}
+        return subprocess.Popen(command, **options)
 
 
 def stop(processes, patience=10):
     """Terminates them, and kills those that do not end in time."""
     for process in processes:
-        process.send_signal(signal.SIGTERM)
+        process.terminate()
     deadline = time.monotonic() + patience
     for process in processes:
         try:
@@ -43,44 +37,34 @@ def stop(processes, patience=10):
             process.wait()
 
 
-def free_ports(count):
-    sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
-    ports = [s.getsockname()[1] for s in sockets]
-    for s in sockets:
-        s.close()
-    return ports
-
-
 class Cluster:
     """Servers with JetStream, for messages of up to 32 MiB, and a directory of their own. `extra`
-    is added to the configuration of each; `store` replaces the directory of JetStream."""
+    is added to the configuration of each, `store` to that of JetStream."""
 
-    def __init__(
-        self, directory, size=3, extra="", store=None, scheme="nats", login="", jetstream=True
-    ):
+    def __init__(self, directory, size=3, extra="", store="", scheme="nats://", jetstream=True):
         self.directory = pathlib.Path(directory).resolve()
-        self.store = store or self.directory / "store"
-        self.size, self.extra, self.scheme, self.jetstream = (
-            size,
-            extra,
-            f"{scheme}://{login}",
-            jetstream,
-        )
-        self.servers = []
+        self.size, self.extra, self.scheme = size, extra, scheme
+        self.jetstream = f"jetstream {{\n store_dir: '{self.directory}/store/%d'\n {store}\n}}"
+        if not jetstream:
+            self.jetstream = "# none: %d"
 
     def __enter__(self):
-        for _ in range(3):  # another process may take a free port first
-            shutil.rmtree(self.directory, ignore_errors=True)
-            self.directory.mkdir(parents=True)
-            self.ports = free_ports(2 * self.size)
-            self.servers = [self.start_server(i) for i in range(self.size)]
-            if all(self._is_up(port) for port in self.ports[: self.size]):
-                urls = [f"{self.scheme}127.0.0.1:{p}" for p in self.ports[: self.size]]
-                self.url = ",".join(urls)
-                self.arguments = ["--url", self.url, "--replicas", str(self.size)]
-                return self
-            stop(self.servers)
-        raise RuntimeError(f"nats-server does not start: see {self.directory}/*.log")
+        shutil.rmtree(self.directory, ignore_errors=True)
+        self.directory.mkdir(parents=True)
+        sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(2 * self.size)]
+        self.ports = [each.getsockname()[1] for each in sockets]
+        for each in sockets:
+            each.close()
+        self.servers = [self.start_server(i) for i in range(self.size)]
+        self.url = ",".join(f"{self.scheme}127.0.0.1:{port}" for port in self.ports[: self.size])
+        self.arguments = ["--url", self.url, "--replicas", str(self.size)]
+        deadline = time.monotonic() + 20
+        while not all(map(self.is_up, range(self.size))):
+            if time.monotonic() > deadline:
+                stop(self.servers)
+                raise RuntimeError(f"nats-server does not start: see {self.directory}/*.log")
+            time.sleep(0.05)
+        return self
 
     def __exit__(self, *_):
         stop(self.servers)
@@ -92,8 +76,7 @@ class Cluster:
     def start_server(self, i):
         routes = [f"nats://127.0.0.1:{port}" for port in self.ports[self.size :]]
         lines = [f"server_name: s{i}", f"listen: 127.0.0.1:{self.ports[i]}", "max_payload: 32MB"]
-        if self.jetstream:
-            lines.append(f'jetstream {{ store_dir: "{self.store}/{i}" }}')
+        lines.append(self.jetstream % i)
         if self.size > 1:
             listen = f"127.0.0.1:{self.ports[self.size + i]}"
             lines.append(f"cluster {{ name: c, listen: {listen}, routes: {routes} }}")
@@ -101,12 +84,6 @@ class Cluster:
         file.write_text("\n".join([*lines, self.extra, ""]).replace("'", '"'))
         return start([NATS_SERVER, "-c", str(file)], self.directory / f"server-{i}.log")
 
-    def _is_up(self, port):
-        deadline = time.monotonic() + 20
-        while time.monotonic() < deadline and all(s.poll() is None for s in self.servers):
-            try:
-                socket.create_connection(("127.0.0.1", port), 1).close()
-                return True
-            except OSError:
-                time.sleep(0.05)
-        return False
+    def is_up(self, i):
+        with socket.socket() as probe:
+            return probe.connect_ex(("127.0.0.1", self.ports[i])) == 0

@@ -8,39 +8,26 @@ import subprocess
 
 import cluster
 
-COUNT = 5000
-ROUNDS = 3
-
 programs = pathlib.Path("build/release/examples/nats").resolve()
 state = pathlib.Path("build/nats-measure").resolve()
 state.mkdir(parents=True, exist_ok=True)
-element = state / "element"
-element.write_bytes(bytes(1000))
+(state / "element").write_bytes(bytes(1000))
 
 
-def rate(command):
+def rate(program, *arguments):
+    command = [programs / program, *servers.arguments, *arguments]
     out = subprocess.run(command, capture_output=True, text=True, timeout=300, check=True).stdout
     return int(re.search(r"([\d,]+) a second", out)[1].replace(",", ""))
 
 
 for size in 1, 3:
     with cluster.Cluster(state / "cluster", size) as servers:
-        workers = [
-            cluster.start(
-                [programs / "worker", *servers.arguments, "--name", f"worker-{i}"],
-                state / f"worker-{i}.log",
-            )
-            for i in range(2)
-        ]
+        command = [programs / "worker", *servers.arguments, "--name"]
+        workers = [cluster.start([*command, f"w{i}"], state / f"w{i}.log") for i in range(2)]
         ours, bare = [], []
-        for _ in range(ROUNDS):
-            ours.append(
-                rate([programs / "sender", *servers.arguments, "--copies", str(COUNT), element])
-            )
-            bare.append(rate([programs / "bare", *servers.arguments, "--count", str(COUNT)]))
+        for _ in range(5):
+            ours.append(rate("sender", "--copies", "20000", state / "element"))
+            bare.append(rate("bare", "--count", "20000"))
         cluster.stop(workers)
-        print(
-            f"replicas {size}: {sorted(ours)[1]} elements a second, the client alone "
-            f"{sorted(bare)[1]}: {sorted(ours)[1] / sorted(bare)[1]:.2f}",
-            flush=True,
-        )
+    ours, bare = sorted(ours)[2], sorted(bare)[2]
+    print(f"replicas {size}: {ours} elements a second, the client {bare}: {ours / bare:.2f}")

@@ -6,36 +6,47 @@
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
 #include "examples/program/Sending.h"
-#include "examples/program/Text.h"
 
 #include <courier/hub/serialisation/FanOut.h>
 
 #include <atomic>
-#include <future>
+#include <condition_variable>
 #include <iostream>
 #include <limits>
 #include <map>
 #include <optional>
+#include <set>
+#include <thread>
 
 namespace {
 
 using namespace courier::examples;
 using namespace courier::hub::serialisation;
-using namespace std::chrono_literals;
-using nats::Clock;
+using namespace courier::examples::nats;
 
 struct Options : Sending {
-    nats::Options nats;
+    Servers nats;
     std::size_t copies = 1;
+    std::size_t window = std::size_t{64} << 20;        // bytes
     int giveUpAfter = std::numeric_limits<int>::max(); // seconds
     bool isVerbose = false;
 };
 
 struct Stopped {}; // thrown after Control-C
 
-std::uint64_t nanoseconds(std::chrono::nanoseconds time) {
-    return static_cast<std::uint64_t>(time.count());
-}
+struct Element {
+    std::string name;
+    std::uint64_t typeID = 0;
+    std::string format;
+    Message message = {};         // from its writing to its result, except while it is being stored
+    Clock::time_point since = {}; // when it was stored, or not
+    std::uint64_t size = 0;
+    std::uint64_t crc32 = 0;
+    bool isPublished = false;
+    bool isStored = false;
+    std::optional<Result> result = {};
+    std::string worker = {}; // whose result it is
+};
 
 // The sending of one payload.
 class Run {
@@ -45,201 +56,273 @@ public:
         auto const files = loadAll(options.files, catalogue);
         auto const formats = resolveFormats(options.formats, files, catalogue);
         courier::hub::core::GenericPayload payload;
+        std::vector<std::string> each;
         for (std::size_t i = 0; i < options.copies * files.size(); ++i) {
             auto const& file = files[i % files.size()];
             file.addTo(payload);
-            states_.push_back({file.name, file.type().id, formats[i % files.size()]});
-            formats_.push_back(states_.back().format);
+            each.push_back(formats[i % files.size()]);
+            elements_.push_back({file.name, file.type().id, each.back()});
         }
         std::tie(serialisers_, sentinel_) =
-            createSerialisersFor(std::move(payload), catalogue, formats_, stop_);
+            createSerialisersFor(std::move(payload), catalogue, each, stop_);
     }
+    Run(Run const&) = delete;
+    Run& operator=(Run const&) = delete;
+
+    ~Run() { end(); }
 
     /// Sends, waits until workers have reported on everything that was sent, and prints it all.
     /// Returns the exit status.
     int run() {
-        std::vector<std::future<void>> senders;
+        auto const complain = [this](auto const& why) { waitFor(why); };
+        std::string const reports = options_.nats.reports();
+        std::string const queue = "reports-" + run_;
         try {
-            session_.emplace(
-                options_.nats, "sender", [this](auto const& why) { waitFor(why); },
-                [this](auto const& subject) { countStored(subject); });
-            session_->join({.stream = options_.nats.reports(),
-                            .name = "reports-" + run_,
-                            .subject = options_.nats.reports() + '.' + run_ + ".*",
-                            .lifeTime = 24h});
+            session_.emplace(options_.nats, "sender", complain, acknowledged, this);
+            session_->join(reports, queue, reports + '.' + run_ + ".*", 10s, 24h);
+            // Senders that do not know of each other must not fill the stream beyond its limit.
+            window_ = std::min<std::size_t>(options_.window, session_->limit() / 8);
             start_ = Clock::now();
-            for (std::size_t i = 0; i < std::min(options_.threads, states_.size()); ++i) {
-                senders.push_back(std::async(std::launch::async, [this] { send(); }));
+            for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
+                threads_.emplace_back([this] { send(); });
             }
-            auto const isSending = [](auto const& sender) {
-                return sender.wait_for(0s) != std::future_status::ready;
-            };
-            while (std::any_of(senders.begin(), senders.end(), isSending) || stored_ < published_ ||
-                   reported_ < published_) {
+            while (written_ < elements_.size() || reported_ < published_) {
                 if (stop_.stop_requested()) {
-                    session_->stop();
+                    stopSending();
                 }
-                session_->resend();
+                session_->check();
                 receive();
+                look();
+                bool const isIdle = Clock::now() - progress_.load() > 10s;
+                waitFor(isIdle ? "no worker has reported for 10 s" : "");
             }
         } catch (Stopped const&) { // before there was a result for everything
-            stopSending();
-        } catch (...) {
-            stopSending();
-            throw;
         }
-        senders.clear(); // waits for them
-        session_->leave();
-        session_.reset(); // no callback prints any more
+        if (session_) {
+            js_DeleteConsumer(session_->jetStream(), reports.c_str(), queue.c_str(), nullptr,
+                              nullptr);
+        }
+        end();
         return conclude();
     }
 
 private:
-    struct State {
-        std::string name;
-        std::uint64_t typeID;
-        std::string format;
-        std::uint64_t size = 0;
-        std::uint64_t crc32 = 0;
-        bool isPublished = false;
-        std::optional<Result> result = {};
-        std::string worker = {}; // whose result it is
-    };
-
     void stopSending() {
         stop_.request_stop();
-        if (session_) {
-            session_->stop();
+        std::lock_guard const lock(mutex_);
+        isStopped_ = true;
+        changed_.notify_all();
+    }
+
+    // The messages are destroyed before the client library ends.
+    void end() {
+        stopSending();
+        threads_.clear(); // waits for them
+        std::unique_lock lock(mutex_);
+        isOver_ = true;
+        for (Element& element : elements_) {
+            element.message.reset();
         }
+        lock.unlock();
+        session_.reset(); // no callback runs any more
     }
 
     // Writes and publishes one element after the other, together with other threads.
     void send() {
-        for (std::size_t i = next_++; i < states_.size(); i = next_++) {
+        for (std::size_t i = next_++; i < elements_.size(); i = next_++) {
             try {
                 ByteBuffer const bytes = encode(std::move(serialisers_[i]));
-                printWhenReleased();
                 publish(i, ByteBufferView(bytes));
             } catch (std::exception const& error) {
-                printWhenReleased();
                 if (!wasStopped(error)) {
-                    ++failed_;
-                    print("sender: " + states_[i].name + ": cannot be sent: " + error.what());
+                    print(elements_[i].name + ": cannot be sent: " + error.what());
                 }
             }
-        }
-    }
-
-    // Called by every thread; one of them has written the last element.
-    void printWhenReleased() {
-        if (sentinel_->isReleased() && !isReleased_.exchange(true)) {
-            print("the payload's memory was released after " +
-                  fixed(Seconds(Clock::now() - start_).count(), 2) + " s, when " + sent());
+            ++written_;
         }
     }
 
     void publish(std::size_t i, ByteBufferView bytes) {
         session_->requireRoom(bytes.size());
-        State& state = states_[i];
+        Element& element = elements_[i];
         auto const sum = crc32(bytes);
-        auto message = makeElement(options_.nats.stream + '.' + run_ + '.' + std::to_string(i),
-                                   {state.format, state.typeID, sum}, bytes);
-        {
-            std::lock_guard const lock(mutex_);
-            state.size = bytes.size();
-            state.crc32 = sum;
-            state.isPublished = true;
+        auto message =
+            makeElement(subjectOf(std::to_string(i)), {element.format, element.typeID, sum}, bytes);
+        auto const size = bytes.size() + overhead;
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] {
+            bool const isNext = unreported_ == 0 || unreported_ + size <= window_;
+            return isStopped_ || (isNext && !isFull_);
+        });
+        if (isStopped_) {
+            return;
         }
+        element.size = bytes.size();
+        element.crc32 = sum;
+        element.isPublished = true;
+        unreported_ += size;
         ++published_;
-        if (!session_->publish(std::move(message))) {
-            --published_;
+        lock.unlock();
+        store(std::move(message));
+    }
+
+    void store(Message message) {
+        jsPubOptions options;
+        jsPubOptions_Init(&options);
+        options.MaxWait = std::chrono::milliseconds(10s).count();
+        natsMsg* raw = message.release();
+        jsPubAckErr error{};
+        error.Err = js_PublishMsgAsync(session_->jetStream(), &raw, &options);
+        if (error.Err != NATS_OK) {
+            acknowledged(nullptr, raw, nullptr, &error, this);
         }
     }
 
-    void countStored(std::string const& subject) {
-        std::size_t const i = std::stoul(split(subject, '.').back());
-        std::lock_guard const lock(mutex_);
-        auto const& [name, type, format, size, crc32, isPublished, result, worker] = states_[i];
-        if (options_.isVerbose) {
-            std::cout << "sent " + run_ + ' ' << i << ' ' << format << ' ' << size << ' ' << crc32
-                      << std::endl;
+    static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* self) {
+        auto& run = *static_cast<Run*>(self);
+        Message message(raw);
+        std::size_t const i = std::stoul(wordsOf(raw)[2]);
+        std::lock_guard const lock(run.mutex_);
+        if (ack != nullptr) {
+            run.countStored(i);
+        } else {
+            run.session_->note(error->Err, error->ErrCode, error->ErrText);
         }
-        bytes_ += size;
-        ++stored_;
-        progress_ = Clock::now();
+        run.elements_[i].since = Clock::now();
+        if (!run.elements_[i].result && !run.isOver_) {
+            run.elements_[i].message = std::move(message);
+        }
+    }
+
+    // Call it with the lock.
+    void countStored(std::size_t i) {
+        Element& element = elements_[i];
+        if (!std::exchange(element.isStored, true)) {
+            if (options_.isVerbose) {
+                std::cout << "sent " + run_ + ' ' << i << ' ' << element.format << ' '
+                          << element.size << ' ' << element.crc32 << std::endl;
+            }
+            ++stored_;
+            progress_ = Clock::now();
+        }
+    }
+
+    // Finds out whether the stream is full. Publishes again what the servers have refused or lost,
+    // even after they had acknowledged it: what has no result for some time and is not in the
+    // queue. After an outage they may also keep what they never deliver: if nothing has happened
+    // for a minute, then two, then four, publishes even what is in the queue.
+    void look() {
+        auto const now = Clock::now();
+        if (now - looked_ < 200ms) {
+            return;
+        }
+        looked_ = now;
+        auto const isLate = [now](Element const& element) {
+            return element.message && now - element.since > (element.isStored ? 10s : 1s);
+        };
+        std::unique_lock lock(mutex_);
+        bool const isAnyLate = std::any_of(elements_.begin(), elements_.end(), isLate);
+        lock.unlock();
+        auto const info = session_->look(isAnyLate ? subjectOf("*") : "");
+        if (!info) {
+            return;
+        }
+        std::set<std::string> queued;
+        auto const* const subjects = info->State.Subjects;
+        for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
+            queued.emplace(subjects->List[k].Subject);
+        }
+        bool const isStuck = isAnyLate && now - progress_.load() > stuck_;
+        stuck_ *= isStuck ? 2 : 1;
+        std::vector<Message> lost;
+        lock.lock();
+        for (std::size_t i = 0; isAnyLate && i < elements_.size(); ++i) {
+            Element& element = elements_[i];
+            if (isLate(element)) {
+                element.since = now;
+                if (!isStuck && queued.contains(natsMsg_GetSubject(element.message.get()))) {
+                    countStored(i);
+                } else {
+                    lost.push_back(std::move(element.message));
+                }
+            }
+        }
+        isFull_ = std::cmp_greater_equal(info->State.Bytes, session_->limit());
+        changed_.notify_all();
+        lock.unlock();
+        std::for_each(lost.begin(), lost.end(), [this](auto& each) { store(std::move(each)); });
+        waitFor(isFull_ ? "the stream has reached its limit (--max-bytes)" : "");
     }
 
     void receive() {
         for (auto const& message : session_->fetch(256, 100ms)) {
-            std::string const subject = natsMsg_GetSubject(message.get());
             try {
-                count(subjectOf(message.get())[2], resultsOf(message.get()));
+                count(wordsOf(message.get())[2], resultsOf(message.get()));
             } catch (std::exception const& error) {
-                print("ignored, message " + std::to_string(++ignored_) + ": " +
-                      printable({subject, error.what()}));
+                print(ignored(++ignored_, message.get(), error));
             }
             session_->answer(natsMsg_GetReply(message.get()), "+ACK");
         }
         auto const now = Clock::now();
+        if (sentinel_->isReleased() && !std::exchange(isReleased_, true)) {
+            print("the payload's memory was released after " +
+                  fixed(Seconds(now - start_).count(), 2) + " s, when " + sent());
+        }
         if (now - printed_ > 1s) {
             printed_ = now;
-            print(sent() + ", " + grouped(bytes_ / 1'000'000) + " MB; " +
-                  std::to_string(reported_) + " reported");
+            print(sent());
         }
-        endIfIdle();
     }
 
     // Counts what a report says of elements that have no result yet. Throws std::runtime_error if
     // it cannot be true.
     void count(std::string const& worker, std::vector<Result> const& results) {
+        auto const time = std::chrono::nanoseconds(Clock::now() - start_).count();
+        bool const isWorker = isWord(worker);
         std::lock_guard const lock(mutex_);
-        auto const now = Clock::now();
         for (Result const& result : results) {
-            if (result.element >= states_.size() || !states_[result.element].isPublished ||
-                !isWorkerName(worker)) {
+            if (result.element >= elements_.size() || !elements_[result.element].isPublished ||
+                !isWorker) {
                 throw std::runtime_error("it is not on an element that was sent");
             }
-            State& state = states_[result.element];
-            bool const isWhole = result.size == state.size || !result.error.empty();
-            if (result.crc32 != state.crc32 || !isWhole || result.delivery == 0 ||
-                result.time > nanoseconds(now - start_)) {
+            Element& element = elements_[result.element];
+            bool const isWhole = result.size == element.size || !result.error.empty();
+            if (result.crc32 != element.crc32 || !isWhole || result.delivery == 0 ||
+                result.time > static_cast<std::uint64_t>(time)) {
                 throw std::runtime_error("it cannot be true");
             }
-            if (!state.result) {
-                state.result = result;
-                state.worker = worker;
+            if (!element.result) {
+                countStored(result.element);
+                element.result = result;
+                element.worker = worker;
+                element.message.reset();
+                unreported_ -= element.size + overhead;
                 ++reported_;
-                progress_ = now;
+                progress_ = Clock::now();
             }
         }
+        changed_.notify_all();
     }
 
-    // Called while servers are away or full.
+    // Called with the reason while servers or workers are away, or servers full.
     void waitFor(std::string const& why) {
         auto const now = Clock::now();
         if (!why.empty() && now - complained_ > 10s) {
             complained_ = now;
-            print("sender: " + why + ": waiting");
+            print(why + ": waiting");
         }
-        endIfIdle();
-    }
-
-    // After Control-C, waits ten seconds for the results of what was sent.
-    void endIfIdle() {
-        auto const now = Clock::now();
-        if (stop_.stop_requested()) {
+        if (stop_.stop_requested()) { // waits ten seconds for the results of what was sent
             stopped_ = std::max(stopped_.value_or(now), progress_.load());
-            if ((stored_ == published_ && reported_ == published_) || now - *stopped_ > 10s) {
+            if (now - *stopped_ > 10s) {
                 throw Stopped();
             }
         } else if (now - progress_.load() > std::chrono::seconds(options_.giveUpAfter)) {
             throw std::runtime_error("gave up: nothing was stored or reported for " +
-                                     std::to_string(options_.giveUpAfter) + " s; " + sent() + ", " +
-                                     std::to_string(reported_) + " reported");
+                                     std::to_string(options_.giveUpAfter) + " s; " + sent());
         }
     }
 
-    // The table of the workers, and the exit status.
+    // Prints the table of the workers. Returns the exit status.
     [[nodiscard]] int conclude() const {
         struct Share {
             std::size_t elements = 0;
@@ -247,79 +330,88 @@ private:
             Seconds time{};
         };
         std::map<std::string, Share> shares;
-        Share all{.time = Clock::now() - start_};
+        Share all;
         std::size_t repeated = 0;
-        for (State const& state : states_) {
-            if (state.result && state.result->error.empty()) {
-                Share& share = shares[state.worker];
-                ++share.elements, ++all.elements;
-                share.bytes += state.size, all.bytes += state.size;
-                share.time += std::chrono::nanoseconds(state.result->time);
-                repeated += state.result->delivery > 1 ? 1 : 0;
-            } else if (state.result) {
-                print("sender: " + state.name + ": cannot be read by " + state.worker + ": " +
-                      printable(state.result->error));
+        for (auto const& element : elements_) {
+            if (element.result && element.result->error.empty()) {
+                for (Share* const share : {&shares[element.worker], &all}) {
+                    ++share->elements;
+                    share->bytes += element.size;
+                    share->time += std::chrono::nanoseconds(element.result->time);
+                }
+                repeated += element.result->delivery > 1 ? 1 : 0;
+            } else if (element.result) {
+                print(element.name + ": cannot be read by " + element.worker + ": " +
+                      ascii(element.result->error).substr(0, 500));
             }
         }
+        all.time = Clock::now() - start_;
+        shares["~"] = all; // sorted behind all names
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
-        auto const add = [&](std::string const& name, Share const& share) {
-            rows.push_back({name, grouped(share.elements), grouped(share.bytes),
-                            fixed(share.time.count(), 2), speed(share.bytes, share.time)});
-        };
         for (auto const& [name, share] : shares) {
-            add(name, share);
+            rows.push_back({name == "~" ? "all, from start to end" : name, grouped(share.elements),
+                            grouped(share.bytes), fixed(share.time.count(), 2),
+                            speed(share.bytes, share.time)});
         }
-        add("all, from start to end", all);
         std::cout << '\n';
         printTable(std::cout, rows, "<>>>>");
         double const rate = static_cast<double>(all.elements) / all.time.count();
         std::cout << '\n'
-                  << all.elements << " of " << counted(states_.size(), "element") << " decoded, "
+                  << all.elements << " of " << counted(elements_.size(), "element") << " decoded, "
                   << repeated << " of them delivered more than once, "
                   << grouped(static_cast<std::size_t>(rate)) << " a second\n";
-        if (all.elements == states_.size()) {
+        if (all.elements == elements_.size()) {
             return 0;
         }
-        if (!stop_.stop_requested() || failed_ != 0 || all.elements != reported_) {
-            return 1;
-        }
-        print("sender: stopped when " + sent() + ", of which " + std::to_string(reported_) +
-              " were decoded");
-        return 130;
+        bool const isStopped = stopped_ && all.elements == reported_;
+        print((isStopped ? "stopped when " : "") + sent());
+        return isStopped ? 130 : 1;
     }
 
     [[nodiscard]] std::string sent() const {
-        return std::to_string(stored_) + " of " + counted(states_.size(), "element") + " sent";
+        return std::to_string(stored_) + " of " + counted(elements_.size(), "element") + " sent, " +
+               std::to_string(reported_) + " reported";
     }
 
-    static void print(std::string const& text) { std::cerr << text + '\n'; }
+    [[nodiscard]] std::string subjectOf(std::string const& element) const {
+        return options_.nats.stream + '.' + run_ + '.' + element;
+    }
+
+    static void print(std::string const& text) { std::cerr << "sender: " + text + '\n'; }
 
     Options const& options_;
-    std::string const run_ = nats::randomName();
+    std::string const run_ = randomName();
     stop_source stop_;
     Clock::time_point start_ = Clock::now(); // of sending
-    std::vector<std::string> formats_;
     std::vector<GenericSerialiser> serialisers_;
     std::shared_ptr<Sentinel> sentinel_;
-
-    std::mutex mutex_; // guards the states while elements are sent, and standard output
-    std::vector<State> states_;
     std::atomic<std::size_t> next_{0};
+    std::atomic<std::size_t> written_{0};
     std::atomic<std::size_t> published_{0};
     std::atomic<std::size_t> stored_{0};
-    std::atomic<std::size_t> failed_{0};
-    std::atomic<std::uint64_t> bytes_{0};
-    std::atomic<bool> isReleased_{false};
     std::atomic<Clock::time_point> progress_{start_}; // when something was stored or reported
+
+    std::mutex mutex_; // guards what follows, and standard output
+    std::condition_variable changed_;
+    std::vector<Element> elements_;
+    std::size_t unreported_ = 0; // bytes that were published
+    std::size_t window_ = 0;     // the most of them
+    bool isFull_ = false;
+    bool isStopped_ = false;
+    bool isOver_ = false;
 
     // Used by the main thread only.
     std::size_t reported_ = 0;
     std::size_t ignored_ = 0;
+    bool isReleased_ = false;
     Clock::time_point printed_ = start_;
+    Clock::time_point looked_{};
+    std::chrono::seconds stuck_{60};
     Clock::time_point complained_{};
     std::optional<Clock::time_point> stopped_;
 
-    std::optional<nats::Session> session_; // its callbacks use what is above
+    std::optional<Session> session_; // its callbacks use what is above
+    std::vector<std::jthread> threads_;
 };
 
 } // namespace
@@ -335,6 +427,9 @@ int main(int argc, char** argv) {
     app.add_option("--copies", options.copies, "How often to send the files")
         ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
+    app.add_option("--window", options.window, "The most bytes of elements without a result")
+        ->transform(CLI::AsSizeValue(false))
+        ->default_str("64MiB");
     app.add_option("--give-up-after", options.giveUpAfter,
                    "Seconds to wait since something was stored or reported; without it, for ever")
         ->check(CLI::NonNegativeNumber);

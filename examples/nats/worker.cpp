@@ -6,49 +6,57 @@
 #include "examples/nats/Messages.h"
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
-#include "examples/program/Text.h"
 
 #include <malloc.h>
-#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <csignal>
 #include <iostream>
 #include <map>
-#include <set>
 #include <thread>
 
 namespace {
 
 using namespace courier::examples;
 using namespace courier::hub::serialisation;
-using namespace std::chrono_literals;
-using nats::Clock;
+using namespace courier::examples::nats;
 
 struct Options {
-    nats::Options nats;
+    Servers nats;
     std::string name;
     std::uint64_t readLimit = defaultReadLimit;
-    int patience = 600; // seconds that decoding one element may take
+    int redeliverAfter = 10; // seconds
+    unsigned patience = 600; // seconds that decoding one element may take
 };
 
 struct Stopped {}; // thrown after Control-C, while servers are away
 
 std::atomic<bool> isDecoding = false; // in this process
 
+// Returns what a large element took to the system, so that it does not add to the next one. The
+// small blocks among it that this thread's cache keeps are taken out and freed by another thread,
+// whose cache ends with it.
+void releaseMemory() {
+    std::vector<void*> blocks;
+    for (std::size_t i = 0; i < std::size_t{64} * 7; ++i) { // seven of each size
+        blocks.push_back(std::malloc(i / 7 * 16 + 24));
+    }
+    std::thread([&] { std::for_each(blocks.begin(), blocks.end(), std::free); }).join();
+    ::malloc_trim(0);
+}
+
 class Worker {
 public:
     Worker(Options const& options, SerialisationCatalogue const& catalogue, stop_token stop)
         : options_(options), catalogue_(catalogue), stop_(std::move(stop)),
           session_(options.nats, "worker", [this](auto const& why) { waitFor(why); }) {
-        session_.join({.stream = options.nats.stream,
-                       .name = "workers",
-                       .subject = options.nats.stream + ".>",
-                       .redeliverAfter = std::chrono::seconds(options.nats.redeliverAfter)});
+        session_.join(options.nats.stream, "workers", options.nats.stream + ".>",
+                      std::chrono::seconds(options.redeliverAfter), 0s);
         // Runs before what was registered earlier: a decoder that calls exit() must not look like a
         // worker that has done its work.
         std::atexit([] { isDecoding ? ::_exit(1) : void(); });
@@ -62,21 +70,17 @@ public:
             auto messages = session_.fetch(ahead, 500ms);
             take(messages);
             auto const start = Clock::now();
-            for (auto& message : messages) {
-                std::string const reply = natsMsg_GetReply(message.get());
-                if (stop_.stop_requested()) {
-                    answer(reply, "-NAK");
-                } else {
-                    handle(std::move(message), reply);
-                }
+            std::size_t handled = 0;
+            for (; handled < messages.size() && !stop_.stop_requested(); ++handled) {
+                handle(std::move(messages[handled]));
                 if (Clock::now() - reported_ > share) {
                     report();
                 }
             }
             report();
-            if (!messages.empty()) {
-                auto const each = (Clock::now() - start) / messages.size() + 1us;
-                ahead = std::clamp<std::size_t>(share / each, 1, std::min(2 * ahead, most));
+            if (handled != 0) {
+                auto const each = (Clock::now() - start) / handled + 1us;
+                ahead = std::clamp<std::size_t>(share / each, 1, std::min(4 * ahead, most));
             }
         }
     }
@@ -99,86 +103,63 @@ private:
         }
     }
 
-    // Tells the servers repeatedly that this worker is at work on what it has taken. Ends a process
-    // that hangs.
+    // Tells the servers repeatedly that this worker is at work on what it has taken.
     void watch(std::stop_token const& end) {
-        auto const interval = std::chrono::milliseconds(options_.nats.redeliverAfter * 1000 / 3);
+        auto const interval = std::chrono::milliseconds(options_.redeliverAfter * 1000 / 3);
         std::unique_lock lock(mutex_);
         while (!changed_.wait_for(lock, end, interval, [&] { return end.stop_requested(); })) {
-            if (isDecoding && Clock::now() - start_.load() > patience()) {
-                say("decoding takes too long: ending");
-                ::_exit(1);
-            }
-            auto const replies = inHand_;
-            lock.unlock(); // sending may take long
-            for (auto const& reply : replies) {
+            for (auto const& reply : inHand_) {
                 session_.answer(reply, "+WPI");
             }
-            lock.lock();
         }
     }
 
-    [[nodiscard]] std::chrono::seconds patience() const {
-        return std::chrono::seconds(options_.patience);
-    }
-
-    void take(std::vector<nats::Message> const& messages) {
+    void take(std::vector<Message> const& messages) {
         std::lock_guard const lock(mutex_);
+        inHand_.clear();
         for (auto const& message : messages) {
-            inHand_.insert(natsMsg_GetReply(message.get()));
+            inHand_.emplace_back(natsMsg_GetReply(message.get()));
         }
     }
 
-    void answer(std::string const& reply, char const* word) {
-        session_.answer(reply, word);
-        std::lock_guard const lock(mutex_);
-        inHand_.erase(reply);
-    }
-
-    void handle(nats::Message message, std::string const& reply) {
-        std::string const subject = natsMsg_GetSubject(message.get());
+    void handle(Message message) {
+        std::string const reply = natsMsg_GetReply(message.get());
         std::string run;
         Label label;
         Result result;
         try {
-            run = subjectOf(message.get())[1];
-            result.element = whole(Json::parse(subjectOf(message.get())[2]));
+            auto const words = wordsOf(message.get());
+            run = words[1];
+            result.element = whole(Json::parse(words[2]));
             label = labelOf(message.get());
         } catch (std::exception const& error) {
-            say("ignored, message " + std::to_string(++ignored_) + ": " +
-                printable({subject, error.what()}));
-            answer(reply, "+ACK"); // nobody else can read it either
+            say(ignored(++ignored_, message.get(), error));
+            session_.answer(reply, "+ACK"); // nobody else can read it either
             return;
         }
         ByteBufferView const bytes(textOf(message.get()));
         result.size = bytes.size();
         result.crc32 = std::get<2>(label);
-        result.delivery = nats::deliveries(message.get());
-        start_ = Clock::now();
+        result.delivery = deliveries(message.get());
+        auto const start = Clock::now();
         try {
             ByteBufferIStreambuf source(
                 std::make_unique<ByteBuffer>(adopt(bytes, std::move(message))));
             if (crc32(bytes) != result.crc32) {
                 throw std::runtime_error("the bytes are not those that were sent");
             }
-            if (result.delivery > 1) {
-                readInChild(label, source);
-            } else {
-                isDecoding = true;
-                read(label, source);
-            }
+            result.delivery > 1 ? readInChild(label, source) : read(label, source);
         } catch (std::exception const& error) {
             result.error = error.what() + std::string(*error.what() == '\0', '?');
         }
-        isDecoding = false;
-        auto const time = Clock::now() - start_.load();
+        auto const time = Clock::now() - start;
         result.time = static_cast<std::uint64_t>(std::chrono::nanoseconds(time).count());
         if (time > 10ms) {
-            ::malloc_trim(0); // what a large element took is not kept beside the next one
+            releaseMemory();
         }
         std::cout << (result.error.empty() ? "decoded " : "failed ") + run + ' ' << result.element
-                  << ' ' << printable(std::get<0>(label)) << ' ' << result.size << ' '
-                  << result.crc32 << ' ' << result.delivery << std::endl;
+                  << ' ' << ascii(std::get<0>(label)) << ' ' << result.size << ' ' << result.crc32
+                  << ' ' << result.delivery << '\n';
         auto& [replies, results] = done_[run];
         replies.push_back(reply);
         results.push_back(std::move(result));
@@ -187,11 +168,12 @@ private:
     // Acknowledged last, when the results are stored. Until then another worker gets the elements
     // if this one fails.
     void report() {
+        std::cout.flush();
         for (auto const& [run, each] : done_) {
             session_.store(options_.nats.reports() + '.' + run + '.' + options_.name,
-                           Json(each.second).dump(-1, ' ', true, Json::error_handler_t::replace));
+                           ascii(each.second));
             for (auto const& reply : each.first) {
-                answer(reply, "+ACK");
+                session_.answer(reply, "+ACK");
             }
         }
         done_.clear();
@@ -209,7 +191,6 @@ private:
         }
         if (child == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            isDecoding = true;
             std::string said = "=";
             try {
                 read(label, source);
@@ -219,36 +200,34 @@ private:
             ::_exit(::write(ends[1], said.data(), said.size()) > 0 ? 0 : 1);
         }
         ::close(ends[1]);
-        ::pollfd end{ends[0], POLLIN, 0};
-        auto const timeout = std::chrono::milliseconds(patience()).count();
-        bool const isLate = ::poll(&end, 1, static_cast<int>(timeout)) == 0;
         std::array<char, 1000> said{}; // as much as is printed, and more
-        ::ssize_t const size = isLate ? 0 : ::read(ends[0], said.data(), said.size());
+        ::ssize_t const size = ::read(ends[0], said.data(), said.size());
         ::close(ends[0]);
-        ::kill(child, SIGKILL);
         int status = 0;
         ::waitpid(child, &status, 0);
-        if (size <= 0) {
-            throw std::runtime_error(
-                isLate ? "decoding it took longer than " + std::to_string(options_.patience) + " s"
-                : WIFSIGNALED(status) ? "decoding it ended the process with signal " +
-                                            std::to_string(WTERMSIG(status))
-                                      : "decoding it ended the process");
-        }
         if (size > 1) {
             throw std::runtime_error(
                 std::string(said.data() + 1, static_cast<std::size_t>(size) - 1));
         }
+        int const number = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        if (number == SIGALRM) {
+            throw std::runtime_error("decoding it took longer than " +
+                                     std::to_string(options_.patience) + " s");
+        }
+        if (size < 1) {
+            throw std::runtime_error(
+                "decoding it ended the process" +
+                (number != 0 ? " with signal " + std::to_string(number) : std::string()));
+        }
     }
 
+    // The system ends a process whose decoder hangs.
     void read(Label const& label, std::streambuf& source) const {
         auto const& [wireFormat, type, sum] = label;
-        if (!catalogue_.hasDeserialiserFor(wireFormat, type)) {
-            throw std::runtime_error(
-                "no module reads type " + hexadecimal(type) + " from \"" + wireFormat +
-                "\"; there is: " +
-                join(catalogue_.getSupportedDeserialisationWireFormats(type), ", "));
-        }
+        struct Guard {
+            explicit Guard(unsigned seconds) { isDecoding = true, ::alarm(seconds); }
+            ~Guard() { isDecoding = false, ::alarm(0); }
+        } const guard(options_.patience);
         auto const payload = decode(catalogue_.getDeserialiserFor(wireFormat, type), source);
         // Here a real worker would do its work with the payload.
     }
@@ -261,39 +240,31 @@ private:
     // By run: the replies of elements that are done, and the results.
     std::map<std::string, std::pair<std::vector<std::string>, std::vector<Result>>> done_;
     Clock::time_point reported_ = Clock::now();
-    std::atomic<Clock::time_point> start_{}; // of the present element
 
     std::mutex mutex_;
     std::condition_variable_any changed_;
-    std::set<std::string> inHand_; // replies of the elements that are not answered yet
+    std::vector<std::string> inHand_; // replies of the elements that were taken last
 
-    nats::Session session_; // its callbacks use what is above
+    Session session_; // its callbacks use what is above
     std::jthread watching_;
 };
-
-std::string hostAndProcess() {
-    std::array<char, 64> host{};
-    ::gethostname(host.data(), host.size() - 1);
-    std::string name = std::string(host.data()) + '-' + std::to_string(::getpid());
-    std::replace_if(
-        name.begin(), name.end(), [](char c) { return !isWorkerName({c}); }, '-');
-    return name;
-}
 
 } // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    options.name = hostAndProcess();
-    ::mallopt(M_MMAP_THRESHOLD, 1 << 20); // large blocks return to the system at once
+    options.name = "worker-" + randomName();
+    ::mallopt(M_MMAP_THRESHOLD, 1 << 16); // large blocks return to the system at once
     CLI::App app("Decodes the elements that senders put into a stream, together with all other "
                  "workers of it, until Control-C.",
                  "worker");
     options.nats.addTo(app);
     app.add_option("-n,--name", options.name, "What the sender's table calls it")
-        ->check([](std::string const& name) {
-            return isWorkerName(name) ? "" : "must be letters, digits, - and _";
-        })
+        ->check(requireWord)
+        ->capture_default_str();
+    app.add_option("--redeliver-after", options.redeliverAfter,
+                   "Seconds without a sign of life until an element goes to another worker")
+        ->check(CLI::Range(1, 3600))
         ->capture_default_str();
     app.add_option("--patience", options.patience, "Seconds that decoding one element may take")
         ->check(CLI::Range(1, 1'000'000))

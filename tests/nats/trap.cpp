@@ -8,7 +8,7 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <limits>
+#include <iterator>
 #include <string>
 #include <thread>
 
@@ -24,19 +24,14 @@ void writeTrap(Blob const& blob, std::ostream& out) {
 }
 
 Blob readTrap(std::istream& in) {
-    std::string word;
-    int seconds = 0;
-    in >> word;
-    if (word == "abort") {
+    std::string const text(std::istreambuf_iterator<char>(in), {});
+    if (text == "abort") {
         std::abort();
-    }
-    if (word == "exit") {
+    } else if (text == "exit") {
         std::exit(0);
+    } else if (text.starts_with("sleep ")) {
+        std::this_thread::sleep_for(std::chrono::seconds(std::stoi(text.substr(6))));
     }
-    if (word == "sleep" && in >> seconds) {
-        std::this_thread::sleep_for(std::chrono::seconds(seconds));
-    }
-    in.ignore(std::numeric_limits<std::streamsize>::max());
     return Blob(ByteBuffer());
 }
 
