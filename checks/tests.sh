@@ -30,7 +30,7 @@ build "$preset" $targets
 case $preset in
 release)
     jobs=2
-    build release --target all_verify_interface_header_sets
+    build release --target all_verify_interface_header_sets nats
     ;;
 *san*)
     # By default exhausted memory ends the process, and some tests are about that.

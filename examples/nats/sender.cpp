@@ -38,8 +38,8 @@ struct Element {
     std::string name;
     std::uint64_t typeID = 0;
     std::string format;
-    Message message = {};         // from its writing to its result, except while it is being stored
-    Clock::time_point since = {}; // when it was stored, or not
+    ByteBuffer bytes = {};      // until there is a result
+    Clock::time_point due = {}; // when it is looked for, and perhaps published again
     std::uint64_t size = 0;
     std::uint64_t crc32 = 0;
     bool isPublished = false;
@@ -114,16 +114,9 @@ private:
         changed_.notify_all();
     }
 
-    // The messages are destroyed before the client library ends.
     void end() {
         stopSending();
         threads_.clear(); // waits for them
-        std::unique_lock lock(mutex_);
-        isOver_ = true;
-        for (Element& element : elements_) {
-            element.message.reset();
-        }
-        lock.unlock();
         session_.reset(); // no callback runs any more
     }
 
@@ -131,8 +124,7 @@ private:
     void send() {
         for (std::size_t i = next_++; i < elements_.size(); i = next_++) {
             try {
-                ByteBuffer const bytes = encode(std::move(serialisers_[i]));
-                publish(i, ByteBufferView(bytes));
+                publish(i, encode(std::move(serialisers_[i])));
             } catch (std::exception const& error) {
                 if (!wasStopped(error)) {
                     print(elements_[i].name + ": cannot be sent: " + error.what());
@@ -142,12 +134,11 @@ private:
         }
     }
 
-    void publish(std::size_t i, ByteBufferView bytes) {
+    void publish(std::size_t i, ByteBuffer bytes) {
         session_->requireRoom(bytes.size());
         Element& element = elements_[i];
-        auto const sum = crc32(bytes);
-        auto message =
-            makeElement(subjectOf(std::to_string(i)), {element.format, element.typeID, sum}, bytes);
+        element.crc32 = crc32(bytes);
+        Message message = messageOf(i, bytes);
         auto const size = bytes.size() + overhead;
         std::unique_lock lock(mutex_);
         changed_.wait(lock, [&] {
@@ -158,12 +149,19 @@ private:
             return;
         }
         element.size = bytes.size();
-        element.crc32 = sum;
+        element.bytes = std::move(bytes);
+        element.due = Clock::now() + 10s;
         element.isPublished = true;
         unreported_ += size;
         ++published_;
         lock.unlock();
         store(std::move(message));
+    }
+
+    [[nodiscard]] Message messageOf(std::size_t i, ByteBufferView bytes) const {
+        Element const& element = elements_[i];
+        return makeElement(subjectOf(std::to_string(i)),
+                           {element.format, element.typeID, element.crc32}, bytes);
     }
 
     void store(Message message) {
@@ -180,17 +178,14 @@ private:
 
     static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* self) {
         auto& run = *static_cast<Run*>(self);
-        Message message(raw);
+        Message const message(raw);
         std::size_t const i = std::stoul(wordsOf(raw)[2]);
         std::lock_guard const lock(run.mutex_);
+        run.elements_[i].due = Clock::now() + (ack != nullptr ? 10s : 1s);
         if (ack != nullptr) {
             run.countStored(i);
         } else {
             run.session_->note(error->Err, error->ErrCode, error->ErrText);
-        }
-        run.elements_[i].since = Clock::now();
-        if (!run.elements_[i].result && !run.isOver_) {
-            run.elements_[i].message = std::move(message);
         }
     }
 
@@ -210,7 +205,8 @@ private:
     // Finds out whether the stream is full. Publishes again what the servers have refused or lost,
     // even after they had acknowledged it: what has no result for some time and is not in the
     // queue. After an outage they may also keep what they never deliver: if nothing has happened
-    // for a minute, then two, then four, publishes even what is in the queue.
+    // for a minute, then two, then four, publishes even what is in the queue. This waits for no
+    // answer of the client library, which gives none to what it had sent before an outage.
     void look() {
         auto const now = Clock::now();
         if (now - looked_ < 200ms) {
@@ -218,7 +214,7 @@ private:
         }
         looked_ = now;
         auto const isLate = [now](Element const& element) {
-            return element.message && now - element.since > (element.isStored ? 10s : 1s);
+            return element.isPublished && !element.result && now > element.due;
         };
         std::unique_lock lock(mutex_);
         bool const isAnyLate = std::any_of(elements_.begin(), elements_.end(), isLate);
@@ -234,23 +230,24 @@ private:
         }
         bool const isStuck = isAnyLate && now - progress_.load() > stuck_;
         stuck_ *= isStuck ? 2 : 1;
-        std::vector<Message> lost;
+        std::vector<std::size_t> lost;
         lock.lock();
         for (std::size_t i = 0; isAnyLate && i < elements_.size(); ++i) {
-            Element& element = elements_[i];
-            if (isLate(element)) {
-                element.since = now;
-                if (!isStuck && queued.contains(natsMsg_GetSubject(element.message.get()))) {
+            if (isLate(elements_[i])) {
+                elements_[i].due = now + 10s;
+                if (!isStuck && queued.contains(subjectOf(std::to_string(i)))) {
                     countStored(i);
                 } else {
-                    lost.push_back(std::move(element.message));
+                    lost.push_back(i);
                 }
             }
         }
         isFull_ = std::cmp_greater_equal(info->State.Bytes, session_->limit());
         changed_.notify_all();
         lock.unlock();
-        std::for_each(lost.begin(), lost.end(), [this](auto& each) { store(std::move(each)); });
+        for (std::size_t const i : lost) {
+            store(messageOf(i, elements_[i].bytes));
+        }
         waitFor(isFull_ ? "the stream has reached its limit (--max-bytes)" : "");
     }
 
@@ -295,7 +292,7 @@ private:
                 countStored(result.element);
                 element.result = result;
                 element.worker = worker;
-                element.message.reset();
+                element.bytes = {};
                 unreported_ -= element.size + overhead;
                 ++reported_;
                 progress_ = Clock::now();
@@ -398,7 +395,6 @@ private:
     std::size_t window_ = 0;     // the most of them
     bool isFull_ = false;
     bool isStopped_ = false;
-    bool isOver_ = false;
 
     // Used by the main thread only.
     std::size_t reported_ = 0;
