@@ -68,6 +68,7 @@ WHY = {
     "encode a document": "the look-up, the payload's holder, and a copy of the bytes",
     "encode a message": "the bytes move into a buffer with a deleter",
     "decode": "the look-up, the stream and the payload",
+    "`hasDeserialiserFor`, 100": "each search reads a record, which is not in the cache",
     "`has": "a lock takes as long as the search",
     "the same, on": "a lock takes as long as the search",
     "`get": "a lock takes as long as the search",
