@@ -19,7 +19,7 @@ int main() {
     ByteBuffer const empty;
     courier::hub::core::GenericPayload payload;
     payload.add(std::make_shared<Price>(Price{1999}));
-    payload.add(std::shared_ptr<int>(new int(42))); // NOLINT(modernize-make-shared): another kind
+    payload.add(std::shared_ptr<int>(std::make_unique<int>(42)));
     payload.add(std::shared_ptr<Price>());
     payload.elementCount = 2;
     Sentinel const unreleased;
