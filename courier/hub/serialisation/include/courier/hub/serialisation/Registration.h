@@ -314,10 +314,10 @@ void addReader(Catalogue& catalogue, std::string const& wireFormat, Read read,
 
 /// Registers how a type is written and read, by two functions for each wire format:
 ///
-///     void writePrice(Price const& price, std::ostream& out) { out << price.cents << '\n'; }
+///     void writePrice(Price const& price, std::ostream& out) { out << price.cents << ';'; }
 ///     Price readPrice(std::istream& in) {
 ///         Price price{};
-///         if (!(in >> price.cents)) {
+///         if (!(in >> price.cents) || in.get() != ';') {
 ///             throw std::runtime_error("not a price");
 ///         }
 ///         return price;
