@@ -45,7 +45,8 @@ struct Step {
 template <class Compress> void writeCompressed(Blob const& blob, std::ostream& out,
                                                stop_token const& stop, Compress compress) {
     std::span<std::byte const> rest(blob.bytes());
-    for (bool ended = false; !ended;) {
+    bool ended = false;
+    while (!ended) {
         writeBlock(chunkSize, out, stop, [&](std::span<std::byte> output) {
             auto const input = rest.first(std::min(rest.size(), chunkSize));
             Step const step = compress(input, output, input.size() == rest.size());
