@@ -27,11 +27,12 @@ TEST(Modules, OfTwoCompilersServeEachOtherAndUnload) {
     for (auto const* const format : formats) {
         met += format + std::string(": equal range_error out_of_range\n");
     }
+    std::filesystem::current_path(MODULE_DIR);
     for (int round = 0; round < 2; ++round) {
         {
             std::vector<Module> modules;
             for (std::string const format : formats) {
-                modules.emplace_back(MODULE_DIR "/" + format + ".so");
+                modules.emplace_back(format + ".so"); // not one that the loader searches for
             }
             Catalogue catalogues[2];
             for (auto& catalogue : catalogues) {
