@@ -79,8 +79,10 @@ struct Writer {
                    count(room.size() + 1));
         count(n);
         model << bytes;
-        SAME(said([&] { discard(isMember ? out.prepare(longest) : prepare(to, longest)); }),
-             out.size() == 0 ? std::bad_alloc().what() : "vector too long");
+        std::size_t const left = longest - out.size();
+        std::size_t const huge = input.length(left) | std::size_t{1} << 62; // nobody has that
+        SAME(said([&] { discard(isMember ? out.prepare(huge) : prepare(to, huge)); }),
+             huge > left ? "vector too long" : std::bad_alloc().what());
         SAME(to.bad(), true);
         nested.clear();
         stoppable.clear();
