@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The module of the element type Blob.
 
-#include "examples/elements/Blob.h"
-#include "examples/formats/ReadLimit.h"
-#include "examples/formats/WriteBlock.h"
+#include "examples/modules/elements/Blob.h"
+#include "examples/modules/formats/ReadLimit.h"
+#include "examples/modules/formats/WriteBlock.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Module.h>

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // The module of the element type Document.
 
-#include "examples/elements/Document.h"
-#include "examples/formats/ReadLimit.h"
-#include "examples/formats/WriteBlock.h"
+#include "examples/modules/elements/Document.h"
+#include "examples/modules/formats/ReadLimit.h"
+#include "examples/modules/formats/WriteBlock.h"
 
 #include <courier/hub/serialisation/Module.h>
 #include <courier/hub/serialisation/Registration.h>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The module of the element type Histogram, a plain struct.
 
-#include "examples/elements/Histogram.h"
-#include "examples/formats/CerealFormat.h"
+#include "examples/modules/elements/Histogram.h"
+#include "examples/modules/formats/CerealFormat.h"
 
 #include <courier/hub/serialisation/Module.h>
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The module of the element type Listing, a generated Protocol Buffers message.
 
-#include "examples/elements/Listing.h"
-#include "examples/formats/ProtobufFormat.h"
+#include "examples/modules/elements/Listing.h"
+#include "examples/modules/formats/ProtobufFormat.h"
 
 #include <courier/hub/serialisation/Module.h>
 

@@ -2,7 +2,7 @@
 // Takes elements from a queue that it shares with other workers, and decodes each in place. Prints
 // a line for each: run, element, wire format, bytes, CRC-32, how often it was delivered.
 
-#include "examples/formats/ReadLimit.h"
+#include "examples/modules/formats/ReadLimit.h"
 #include "examples/nats/Messages.h"
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"

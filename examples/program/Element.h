@@ -2,10 +2,10 @@
 #ifndef COURIER_EXAMPLES_PROGRAM_ELEMENT_H
 #define COURIER_EXAMPLES_PROGRAM_ELEMENT_H
 
-#include "examples/elements/Blob.h"
-#include "examples/elements/Document.h"
-#include "examples/elements/Histogram.h"
-#include "examples/elements/Listing.h"
+#include "examples/modules/elements/Blob.h"
+#include "examples/modules/elements/Document.h"
+#include "examples/modules/elements/Histogram.h"
+#include "examples/modules/elements/Listing.h"
 
 #include <courier/hub/core/GenericPayload.h>
 

@@ -2,7 +2,7 @@
 #ifndef COURIER_EXAMPLES_PROGRAM_RUN_H
 #define COURIER_EXAMPLES_PROGRAM_RUN_H
 
-#include "examples/formats/ReadLimit.h"
+#include "examples/modules/formats/ReadLimit.h"
 
 #include <courier/hub/serialisation/Catalogue.h>
 #include <courier/hub/serialisation/Module.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A module whose elements say what their reader does: "abort", "exit" or "sleep SECONDS".
-#include "examples/elements/Blob.h"
+#include "examples/modules/elements/Blob.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Module.h>

@@ -2,7 +2,7 @@
 #ifndef COURIER_EXAMPLES_FORMATS_CEREAL_FORMAT_H
 #define COURIER_EXAMPLES_FORMATS_CEREAL_FORMAT_H
 
-#include "examples/formats/ReadLimit.h"
+#include "examples/modules/formats/ReadLimit.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Registration.h>

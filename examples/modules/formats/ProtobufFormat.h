@@ -2,8 +2,8 @@
 #ifndef COURIER_EXAMPLES_FORMATS_PROTOBUF_FORMAT_H
 #define COURIER_EXAMPLES_FORMATS_PROTOBUF_FORMAT_H
 
-#include "examples/formats/ReadLimit.h"
-#include "examples/formats/WriteBlock.h"
+#include "examples/modules/formats/ReadLimit.h"
+#include "examples/modules/formats/WriteBlock.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
 #include <courier/hub/serialisation/Registration.h>

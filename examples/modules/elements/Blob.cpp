@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "examples/elements/Blob.h"
+#include "examples/modules/elements/Blob.h"
 
 #include <sys/mman.h>
 
