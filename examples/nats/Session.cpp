@@ -285,7 +285,9 @@ void Session::join(std::string const& stream, std::string const& queue, std::str
     config.InactiveThreshold = nanoseconds(lifeTime);
     config.MaxAckPending = 65536;
     attempt("make the queue " + queue, [&](jsErrCode& code) {
-        return js_AddConsumer(nullptr, jetStream(), stream.c_str(), &config, nullptr, &code);
+        auto const status =
+            js_AddConsumer(nullptr, jetStream(), stream.c_str(), &config, nullptr, &code);
+        return code == JSStreamNotFoundErr ? NATS_TIMEOUT : status; // a server may know it later
     });
     natsSubscription* subscription = nullptr;
     require(natsConnection_SubscribeSync(&subscription, connection_.get(),

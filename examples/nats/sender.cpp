@@ -81,7 +81,7 @@ public:
             session_.emplace(options_.nats, "sender", complain, acknowledged, this);
             session_->join(reports, queue, reports + '.' + run_ + ".*", 10s, 24h);
             // Senders that do not know of each other must not fill the stream beyond its limit.
-            window_ = std::min<std::size_t>(options_.window, session_->limit() / 8);
+            window_ = std::min(options_.window, static_cast<std::size_t>(session_->limit() / 8));
             start_ = Clock::now();
             for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
                 threads_.emplace_back([this] { send(); });
