@@ -117,8 +117,7 @@ inline constexpr auto typeText = textOfType<T>();
 ///  - a type inside a user's own inline namespace: clang omits the namespace, so that two versions
 ///    of a class have one identifier;
 ///  - a class inside a template, a template that takes templates, or one that takes types and
-///  values
-///    in another order than a type, values, or a type, a value, types, if an argument is a
+///    values in another order than a type, values, or a type, a value, types, if an argument is a
 ///    defaulted value (clang 14 shows it), a name that libc++ abbreviates (the streams, but not the
 ///    strings), or an overloaded function (g++ shows only its name);
 ///  - a class inside a template over `auto`: g++ does not distinguish 3 from 3u there;
