@@ -3,10 +3,11 @@ set -eu
 . checks/common.sh
 need $to_build gcovr
 targets=$(ls fuzz/corpus)
-build coverage --target courier_tests huge_tests $(printf 'replay_%s ' $targets)
+build coverage --target courier_tests huge_tests modules_tests $(printf 'replay_%s ' $targets)
 find build/coverage -name '*.gcda' -delete # what earlier runs counted
-build/coverage/tests/courier_tests --gtest_brief=1
-build/coverage/tests/huge_tests --gtest_brief=1
+for program in courier_tests huge_tests modules_tests; do
+    "build/coverage/tests/$program" --gtest_brief=1
+done
 for target in $targets; do
     "build/coverage/fuzz/replay_$target" "fuzz/corpus/$target"
 done
