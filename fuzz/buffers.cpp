@@ -14,6 +14,7 @@ using Bytes = std::vector<std::byte>;
 using fuzz::none, fuzz::said;
 std::string const incompatible =
     "Attempting to take difference between incompatible MessageIterators";
+std::string const tooLong = "vector too long";
 constexpr std::size_t longest = std::numeric_limits<std::ptrdiff_t>::max();
 
 // What a buffer holds. While this vector keeps its block, the buffer must too.
@@ -63,7 +64,7 @@ struct Model {
 bool isTried(std::size_t capacity) { return capacity <= 2 * Input::most || capacity >> 48 != 0; }
 std::string refusal(std::size_t capacity, bool withHalf = true) {
     bool const wraps = capacity > longest || (withHalf && capacity / 2 > longest - capacity);
-    return wraps ? "vector too long" : capacity >> 48 != 0 ? std::bad_alloc().what() : none;
+    return wraps ? tooLong : capacity >> 48 != 0 ? std::bad_alloc().what() : none;
 }
 
 // What buffers and views share, in every overload: call it with the object and as a constant.
@@ -143,22 +144,17 @@ void parts(Input& input, auto&& of, std::byte const* start, std::size_t size) {
     }
 }
 
-// Counts how many of it there are.
-struct Counted {
-    explicit Counted(int& c) : count(&c) { ++*count; }
-    Counted(Counted const& other) : Counted(*other.count) {}
-    Counted& operator=(Counted const&) = default;
-    ~Counted() { --*count; }
-    int* count;
-};
+// Is copied into everything that is counted, and into nothing else.
+using Count = std::shared_ptr<int>;
+Count newCount() { return std::make_shared<int>(); }
+
 struct Owner : std::string { // of bytes that adopt() takes
-    Owner(std::string content, int& count) : std::string(std::move(content)), counted(count) {}
-    Counted counted;
+    Count count;
 };
 
 struct Run {
     Input input;
-    int owners = 0, expectedOwners = 0, deleters = 0;
+    Count owners = newCount(), expectedOwners = newCount(), deleters = newCount();
     bool isSplit = false;
     std::size_t last = 0; // buffer that was acted on
     std::vector<ByteBuffer> buffers = std::vector<ByteBuffer>(3);
@@ -166,7 +162,6 @@ struct Run {
 
     // A deleter may use the buffers, of which none has the block any more.
     void release(std::byte* block, std::size_t size) {
-        --owners;
         for (ByteBuffer& each : buffers) {
             std::less<> const before;
             std::byte const* const start = each.data();
@@ -176,11 +171,12 @@ struct Run {
         delete[] block;
     }
     ByteBuffer adoptBlock(Bytes const& content) {
-        ++owners;
         auto* const block = new std::byte[content.size() + 1];
         std::copy(content.begin(), content.end(), block);
-        auto const free = [this, block, n = content.size(), alive = Counted(deleters)](void* p) {
+        auto const free = [this, block, n = content.size(), deleter = deleters,
+                           owner = owners](void* p) mutable {
             SAME(p, block);
+            owner.reset();
             release(block, n + 1);
         };
         return {ByteBuffer::Block(block, free), content.size()};
@@ -190,13 +186,13 @@ struct Run {
         std::string const content = input.fresh(n);
         Bytes own = bytes(content);
         ByteBufferView const view(own);
-        Owner named(content, owners);
+        Owner named{content, owners};
         auto const shared = std::make_shared<Owner>(named);
         auto const never = [](void*) { std::abort(); };
         model = {own};
         auto const external = [&](ByteBuffer made, bool keepsDeleter = false) {
             buffer = std::move(made);
-            model.block.reset(&++expectedOwners, [](int* count) { --*count; });
+            model.block = std::make_shared<Count>(expectedOwners);
             model.keepsDeleter = keepsDeleter;
         };
         input.oneOf(
@@ -206,7 +202,7 @@ struct Run {
             DO(buffer = ByteBuffer(n), model = {Bytes(n)}),
             DO(buffer = ByteBuffer({nullptr, never}, n), model = {}),
             DO(buffer = ByteBuffer(ByteBuffer::Block(), n), model = {}),
-            DO(external(adoptBlock(own), true)), DO(external(adopt(Owner(content, owners)))),
+            DO(external(adoptBlock(own), true)), DO(external(adopt(Owner{content, owners}))),
             DO(external(adopt(named))), DO(external(adopt(std::as_const(named)))),
             DO(external(adopt(ByteBufferView(*shared), shared))),
             DO(auto moved = shared; external(adopt(ByteBufferView(*shared), std::move(moved)))));
@@ -233,8 +229,8 @@ struct Run {
         auto const piece = cut(j);
         if (models[j].isExternal()) { // what is trimmed stays readable, through an earlier view
             std::size_t const n = input.byte() % (models[j].bytes.size() + 1);
-            n % 2 == 0 ? buffers[j].trimFront(n) : buffers[j].trimBack(n);
-            n % 2 == 0 ? models[j].trimFront(n) : models[j].trimBack(n);
+            auto const trim = [n](auto& it) { n % 2 == 0 ? it.trimFront(n) : it.trimBack(n); };
+            trim(buffers[j]), trim(models[j]);
         }
         Bytes all;
         for (Model const& each : models) {
@@ -316,33 +312,33 @@ struct Run {
         parts(input, null, nullptr, size);
         if (size >> 48 != 0) {
             auto const sum = [](std::size_t a, std::size_t b) {
-                return a > longest || b > longest - a ? "vector too long" : refusal(a + b);
+                return a > longest || b > longest - a ? tooLong : refusal(a + b);
             };
             std::vector<ByteBuffer> list;
             list.push_back(lying(size));
             list.push_back(lying(more));
             Bytes const one(1);
+            bool const wraps = more > longest - std::min(size, longest);
             SAME(said([&] { buffer.append(view); }), sum(size, held));
             SAME(said([&] { buffer.append(liar); }), sum(size, held));
             SAME(said([&] { buffer.append(null); }), sum(size, held));
-            SAME(said([&] { buffer.append(std::move(list)); }),
-                 more > longest - std::min(size, longest) ? "vector too long"
-                                                          : sum(size + more, held));
+            SAME(said([&] { buffer.append(list); }), wraps ? tooLong : sum(size + more, held));
             SAME(said([&] { liar.append(one); }), sum(size, 1));
             SAME(said([&] { liar.push_back(one[0]); }),
-                 size >= longest ? "vector too long" : refusal(size + 1, false));
+                 size >= longest ? tooLong : refusal(size + 1, false));
             SAME(said([&] { liar.reserve(more); }), refusal(std::max(size, more), false));
-            SAME(said([&] { discard(liar.clone()); }), refusal(size, false));
-            SAME(said([&] { discard(view.append(one)); }), refusal(size, false));
-            SAME(said([&] { discard(ByteBuffer(view)); }), refusal(size, false));
-            SAME(said([&] { discard(ByteBuffer(size)); }), refusal(size, false));
+            for (auto const& message :
+                 {said([&] { discard(liar.clone()); }), said([&] { discard(view.append(one)); }),
+                  said([&] { ByteBuffer copy(view); }), said([&] { ByteBuffer zeros(size); })}) {
+                SAME(message, refusal(size, false));
+            }
             SAME(liar.size(), size);
         } else if (size != 0) {
             SAME_ERROR(std::runtime_error, incompatible, ByteBuffer(null));
             SAME_ERROR(std::runtime_error, incompatible, null.append(buffer));
             SAME_ERROR(std::runtime_error, incompatible, Bytes(null.begin(), null.end()));
             SAME_ERROR(std::runtime_error, incompatible, null.end() <=> ByteBuffer(1).begin());
-            Owner named("named", owners);
+            Owner named{"named", owners};
             SAME_ERROR(std::runtime_error, incompatible, adopt(null, named));
             SAME_ERROR(std::runtime_error, incompatible, adopt(null, std::move(named)));
             SAME(std::string(named), "named");
@@ -369,49 +365,36 @@ struct Run {
         std::size_t const n = input.length(input.flag() ? size : model.bytes.capacity());
         std::byte const spare{};
         std::byte const& b = other.empty() ? spare : other[n % other.size()];
-        // With an n that is too large, an operation throws this and changes nothing.
-        auto const unlessTooLarge = [&](std::string const& error, auto does, auto follow) {
-            SAME(said(does), error);
-            error == none ? follow() : void();
-        };
         std::string const tooMany = n > size ? "Requested to remove more bytes than exist" : none;
-        auto const reserve = [&] {
-            unlessTooLarge(
-                refusal(std::max(n, size), false), [&] { buffer.reserve(n); },
-                [&] { model.reserve(n); });
+        // With an n that is too large, an operation throws this and changes nothing.
+        auto const both = [&](std::string const& error, auto act) {
+            SAME(said([&] { act(buffer); }), error);
+            error == none ? act(model) : void();
         };
-        auto const resize = [&] {
-            unlessTooLarge(
-                refusal(n), [&] { buffer.resize(n); }, [&] { model.resize(n); });
-        };
-        auto const trimFront = [&] {
-            unlessTooLarge(
-                tooMany, [&] { buffer.trimFront(n); }, [&] { model.trimFront(n); });
-        };
-        auto const trimBack = [&] {
-            unlessTooLarge(
-                tooMany, [&] { buffer.trimBack(n); }, [&] { model.trimBack(n); });
-        };
+        auto const reserve = [n](auto& it) { it.reserve(n); };
+        auto const resize = [n](auto& it) { it.resize(n); };
         auto const splitFront = [&] {
             SAME_ERROR(std::out_of_range, tooMany, n > size ? buffer.splitFront(n) : ByteBuffer());
             n > size ? void() : split(i, j, n);
         };
-        input.oneOf(DO(make(buffer, model, input.size())), DO(trimFront()), DO(trimBack()),
-                    DO(isTried(n) ? reserve() : void()), DO(isTried(n) ? resize() : void()),
-                    DO(model.clear(), buffer.clear()),
+        input.oneOf(DO(make(buffer, model, input.size())),
+                    DO(both(tooMany, [n](auto& it) { it.trimFront(n); })),
+                    DO(both(tooMany, [n](auto& it) { it.trimBack(n); })),
+                    DO(isTried(n) ? both(refusal(std::max(n, size), false), reserve) : void()),
+                    DO(isTried(n) ? both(refusal(n), resize) : void()),
+                    DO(both(none, [](auto& it) { it.clear(); })),
                     DO(buffer = other.clone(), model = {models[j].bytes}),
                     DO(move(other, models[j], buffer, model)),
                     DO(std::swap(buffer, other), std::swap(model, models[j])),
                     DO(model.push_back(b), buffer.push_back(b)),
-                    DO(model.push_back(spare), buffer.push_back(std::byte{})),
+                    DO(both(none, [](auto& it) { it.push_back(std::byte{}); })),
                     DO(append(buffer, model, j)),
                     DO(make(buffer, model, input.size()), check(), append(buffer, model, i)),
                     DO(auto part = cut(i); buffer = append(part.first, part.second, j);
                        model = std::move(part.second)),
-                    DO(splitFront()), DO(lie(buffer, model)),
-                    DO(walk(input, buffer.begin(), model.bytes.size())),
-                    DO(walk(input, std::as_const(buffer).begin(), model.bytes.size())),
-                    DO(parts(input, buffer, std::as_const(buffer).data(), model.bytes.size())));
+                    DO(splitFront()), DO(lie(buffer, model)), DO(walk(input, buffer.begin(), size)),
+                    DO(walk(input, std::as_const(buffer).begin(), size)),
+                    DO(parts(input, buffer, std::as_const(buffer).data(), size)));
         bool const isAlike = model.isExternal() == models[j].isExternal();
         if (!isAlike && !other.empty()) {
             SAME_ERROR(std::runtime_error, incompatible, buffer.end() - other.end());
@@ -424,7 +407,7 @@ struct Run {
     }
 
     void check() {
-        int keptDeleters = 0;
+        long keptDeleters = 0;
         for (std::size_t i = 0; i < models.size(); ++i) {
             Model& model = models[i];
             inspect(buffers[i], model.bytes, "ByteBuffer");
@@ -438,8 +421,8 @@ struct Run {
             model.bufferPlace = place;
             keptDeleters += model.keepsDeleter ? 1 : 0;
         }
-        SAME(owners, expectedOwners);
-        SAME(deleters, isSplit ? deleters : keptDeleters);
+        SAME(owners.use_count(), expectedOwners.use_count());
+        SAME(deleters.use_count() - 1, isSplit ? deleters.use_count() - 1 : keptDeleters);
     }
 };
 
