@@ -26,7 +26,7 @@ std::string const pastEnd = "Attempt to access position beyond the end of the By
 constexpr auto end = std::char_traits<char>::eof();
 using Count = std::streamsize;
 
-// What a move must transfer. `like` gives it for a new stream, which a moved-from one is like.
+// What a move must transfer. A stream that was moved from is like an unused one.
 std::string describe(auto& stream) {
     std::ostringstream said;
     said << stream.rdstate() << stream.exceptions() << stream.fill()
@@ -115,6 +115,7 @@ struct Writer {
         ios::iostate const state = states[input.below(4)];
         bool const throws = input.flag();
         out.exceptions(ios::goodbit);
+        std::string const part = failure("ByteBufferOStream holds only a part of what was written");
         std::string const refused = failure("The target of a StoppableOStream takes no more bytes");
         auto const attempt = [&](std::string const& error, auto act) {
             out.clear(state);
@@ -131,14 +132,13 @@ struct Writer {
         attempt(refused, [](auto& to) { to << "text"; });
         attempt(none, [&](auto& to) { SAME(prepare(to, 1) || prepare(out, 1), false); });
         attempt(none, [&](auto& to) { commit(to, 0), commit(out, 0); });
-        SAME_ERROR(std::out_of_range, tooManyCommitted, commit(out, 1));
-        out.clear(state);
-        StoppableOStream flushed(stop_token(), out);
-        flushed.exceptions(ios::goodbit);
-        SAME(!flushed.flush(), out.fail());
-        flushed.clear();
-        SAME_ERROR(ios::failure, failure("ByteBufferOStream holds only a part of what was written"),
-                   out.release());
+        attempt(none, [&](auto& to) {
+            to.exceptions(ios::goodbit);
+            SAME(!to.flush(), out.fail());
+            to.clear();
+            SAME_ERROR(std::out_of_range, tooManyCommitted, commit(out, 1));
+            SAME_ERROR(ios::failure, part, out.release());
+        });
         out.clear();
         {
             StoppableOStream spoiled(stop_token(), out); // by the encoder itself
@@ -397,56 +397,31 @@ void iterate(Input& input, ByteBuffer content) {
     ByteStreamIterator const other(elsewhere);
     ByteStreamCharIterator character;
     ByteStreamCharIterator const otherCharacter(other);
-    Place at, characterAt, ahead;
+    Place at, characterAt, ahead, unused;
+    std::string const atEnd = "Attempt to increment the end ByteStreamIterator";
+    std::string const atCharEnd = "Attempt to increment the end ByteStreamCharIterator";
     std::size_t position = 0;
     auto const next = [&] { return position < bytes.size() ? Place(position++) : Place(); };
-    // Does something that reads the next byte, if there is one, and fails with it.
-    auto const succeeds = [&](std::string const& error, auto act) {
+    // Does something that reads the next byte, if there is one, and notes its place.
+    auto const read = [&](Place& place, std::string const& error, auto act) {
         bool const isMine = error == none && fails && position < bytes.size();
         SAME(said(act), isMine ? "mine" : error);
-        return error == none && !isMine;
+        place = error == none && !isMine ? next() : place;
     };
-    auto const advance = [&](auto& which, Place place, std::string const& atEnd) {
-        return succeeds(place ? none : atEnd, [&] {
-            auto const old = which;
-            if (input.flag()) {
-                auto const held = which++;
-                SAME(*held, *old);
-            } else {
-                ++which;
-            }
-        });
-    };
-    auto const begin = [&] {
-        if (succeeds(none, [&] { it = stream.begin(); })) {
-            at = next();
+    auto const advance = [&](auto& which) {
+        auto const old = which;
+        if (input.flag()) {
+            auto const held = which++;
+            SAME(*held, *old);
+        } else {
+            ++which;
         }
     };
-    auto const getByte = [&] {
-        if (succeeds(position < bytes.size() ? none : pastEnd,
-                     [&] { SAME(static_cast<char>(stream.getByte()), bytes[position]); })) {
-            next();
-        }
-    };
-    auto const increment = [&] {
-        if (advance(it, at, "Attempt to increment the end ByteStreamIterator")) {
-            at = next();
-        }
-    };
-    auto const incrementCharacter = [&] {
-        if (advance(character, characterAt,
-                    "Attempt to increment the end ByteStreamCharIterator")) {
-            characterAt = std::exchange(ahead, ahead ? next() : ahead);
-        }
-    };
+    auto const getByte = [&] { SAME(static_cast<char>(stream.getByte()), bytes[position]); };
     auto const convert = [&] {
-        if (!at) {
-            character = it;
-            characterAt = ahead = at;
-        } else if (succeeds(none, [&] { character = it; })) {
-            characterAt = at;
-            ahead = next();
-        }
+        character = it;
+        characterAt = at;
+        ahead = at ? ahead : at;
     };
     auto const moveStream = [&] {
         ByteStream taken(std::move(stream));
@@ -465,9 +440,13 @@ void iterate(Input& input, ByteBuffer content) {
         SAME(which == std::decay_t<decltype(which)>(which), true);
     };
     while (input) {
-        input.oneOf(DO(begin()), DO(getByte()), DO(increment()), DO(incrementCharacter()),
-                    DO(convert()), DO(moveStream()), DO(fails = !isOurs && !fails),
-                    DO(fails ? void() : readAll()));
+        input.oneOf(DO(read(at, none, [&] { it = stream.begin(); })),
+                    DO(read(unused, position < bytes.size() ? none : pastEnd, getByte)),
+                    DO(read(at, at ? none : atEnd, [&] { advance(it); })),
+                    DO(read(ahead, characterAt ? none : atCharEnd,
+                            [&] { advance(character), characterAt = ahead; })),
+                    DO(at ? read(ahead, none, convert) : convert()), DO(moveStream()),
+                    DO(fails = !isOurs && !fails), DO(fails ? void() : readAll()));
         same(at, "Attempt to dereference an invalid ByteStreamIterator", it);
         same(characterAt, "Attempt to dereference an invalid ByteStreamCharIterator", character);
         SAME(it == stream.end(), !at);
