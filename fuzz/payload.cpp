@@ -69,14 +69,13 @@ stop_source const running, stopped = [] {
     return source;
 }();
 
-std::string sourceOf(stop_source const& source) {
+std::string show(stop_source const& source) {
     return source == running                    ? " running"
            : source == stopped                  ? " stopped"
            : source == stop_source(nostopstate) ? " never"
            : source.stop_possible()             ? " own"
                                                 : " broken";
 }
-std::string show(stop_source const& source) { return sourceOf(source); }
 std::string show(stop_token const& token) {
     return stateOf(token) + (token == running.get_token() ? " same" : "");
 }
@@ -115,7 +114,7 @@ std::string show(GenericSerialiser const& held) {
         held(out), held(stopped.get_token(), out), held(stop_token(), out);
         return out.str();
     });
-    return text + '|' + held.getText() + '|' + sourceOf(held.getStopSource()) + handleOf(held);
+    return text + '|' + held.getText() + '|' + show(held.getStopSource()) + handleOf(held);
 }
 std::string show(GenericDeserialiser const& held) {
     std::istringstream in("12");
@@ -422,9 +421,8 @@ struct Run {
 };
 
 // The catalogue of the fan-outs. The names say what the factories do.
-Catalogue const& formats() {
-    static Catalogue catalogue;
-    static bool const isFilled = [] {
+struct Factories : Catalogue {
+    Factories() {
         auto const write = [](GenericPayloadView&& view, auto const&... source) {
             return GenericSerialiser(
                 [view = std::move(view)](auto const& token, auto& out) {
@@ -436,19 +434,17 @@ Catalogue const& formats() {
         auto const refuse = [](auto&&...) -> GenericSerialiser {
             throw std::runtime_error("refused");
         };
-        auto const ask = [](GenericPayloadView&& view, auto&&... source) { // this catalogue itself
-            return catalogue.getSerialiserFor("write", std::move(view), std::move(source)...);
+        auto const ask = [this](GenericPayloadView&& view, auto&&... source) {
+            return getSerialiserFor("write", std::move(view), std::move(source)...);
         };
         constexpr auto id = getTypeID<Tracked>();
-        catalogue.add(Serialiser("write", id, {1}, write, write, nullptr));
-        catalogue.add(Serialiser("drop", id, {2}, drop, drop, nullptr));
-        catalogue.add(Serialiser("refuse", id, {3}, refuse, refuse, nullptr));
-        catalogue.add(Serialiser("empty", id, {4}, nullptr, nullptr, nullptr));
-        catalogue.add(Serialiser("ask", id, {5}, ask, ask, nullptr));
-        return true;
-    }();
-    return isFilled ? catalogue : throw std::logic_error("not filled");
-}
+        add(Serialiser("write", id, {1}, write, write, nullptr));
+        add(Serialiser("drop", id, {2}, drop, drop, nullptr));
+        add(Serialiser("refuse", id, {3}, refuse, refuse, nullptr));
+        add(Serialiser("empty", id, {4}, nullptr, nullptr, nullptr));
+        add(Serialiser("ask", id, {5}, ask, ask, nullptr));
+    }
+} const formats;
 
 void Run::fanOut() {
     GenericPayload payload;
@@ -487,7 +483,7 @@ void Run::fanOut() {
     std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>> made;
     auto const create = [&](auto const&... stop) {
         auto make = [&](auto const& given) {
-            made = createSerialisersFor(std::move(payload), formats(), given, stop...);
+            made = createSerialisersFor(std::move(payload), formats, given, stop...);
         };
         isForAll   ? make(list[0])
         : isBraced ? make(std::initializer_list<std::string>{list[0], list[1]})
