@@ -31,10 +31,14 @@ std::string describe(auto& stream) {
     std::ostringstream said;
     said << stream.rdstate() << stream.exceptions() << stream.fill()
          << (stream.ios::rdbuf() == stream.rdbuf()) << stream.rdbuf()->in_avail();
+    if constexpr (requires { stream.size(); }) {
+        said << ' ' << stream.size();
+    }
     return said.str();
 }
 template <class Stream> void move(Input& input, Stream& stream, Stream const& unused, Stream used) {
     std::string const before = describe(stream), fresh = describe(unused);
+    SAME(unused.exceptions(), ios::badbit);
     Stream taken = input.flag() ? Stream(std::move(stream)) : std::move(used = std::move(stream));
     SAME(describe(taken), before);
     SAME(describe(stream), fresh);
