@@ -138,6 +138,9 @@ void parts(Input& input, auto&& of, std::byte const* start, std::size_t size) {
         if (n <= size) {
             SAME(back == ByteBufferView(start, rest), true);
             SAME(front.size(), rest);
+            if (rest == 0) {
+                SAME_ERROR(std::out_of_range, "ByteBufferView is empty", front.front());
+            }
             SAME(front.data(), rest == 0 || start == nullptr ? nullptr : start + n);
             SAME(back.data(), rest == 0 ? nullptr : start);
         }
@@ -264,11 +267,15 @@ struct Run {
         return made;
     }
 
-    static void move(ByteBuffer& from, Model& fromModel, ByteBuffer& to, Model& toModel) {
-        ByteBuffer moved(std::move(from));
+    void move(ByteBuffer& from, Model& fromModel, ByteBuffer& to, Model& toModel) {
         Model movedModel = std::exchange(fromModel, {});
-        SAME(from.size(), 0U);
-        to = std::move(moved);
+        if (&from == &to || input.flag()) {
+            ByteBuffer moved(std::move(from));
+            SAME(from.size(), 0U);
+            to = std::move(moved);
+        } else {
+            to = std::move(from);
+        }
         toModel = std::move(movedModel);
         ByteBuffer& itself = to;
         to = std::move(itself);
@@ -349,10 +356,12 @@ struct Run {
             }
         }
         SAME(null == ByteBufferView(), size == 0);
-        SAME(null == view && view == null, size == 0);
+        SAME(null == view || view == null, size == 0);
         null.clear();
         view.clear();
         SAME(view == null && view.data() == nullptr && view.begin() == null.end(), true);
+        SAME(view.begin() == ByteBuffer().begin(), true);
+        SAME(adopt(null, Owner{"not needed", owners}).empty(), true);
     }
 
     void step() {
