@@ -133,14 +133,14 @@ void parts(Input& input, auto&& of, std::byte const* start, std::size_t size) {
     same(n, count == 0 ? rest : count, [&] { return of.makeView(n, count); });
     std::string const error = n > size ? "Requested to remove more bytes than exist" : none;
     if (ByteBufferView front(start, size), back = front; isReachable(rest == 0 ? 0 : n)) {
+        if (size == 0) {
+            SAME_ERROR(std::out_of_range, "ByteBufferView is empty", front.front());
+        }
         SAME_ERROR(std::out_of_range, error, front.trimFront(n));
         SAME_ERROR(std::out_of_range, error, back.trimBack(n));
         if (n <= size) {
             SAME(back == ByteBufferView(start, rest), true);
             SAME(front.size(), rest);
-            if (rest == 0) {
-                SAME_ERROR(std::out_of_range, "ByteBufferView is empty", front.front());
-            }
             SAME(front.data(), rest == 0 || start == nullptr ? nullptr : start + n);
             SAME(back.data(), rest == 0 ? nullptr : start);
         }
