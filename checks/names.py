@@ -42,7 +42,7 @@ for sample in samples:
     if not any("\n" + lines in programs for lines in (sample, textwrap.indent(sample, " " * 4))):
         wrong.append(f"This sample is in no program of examples/guides:\n{sample}")
 version = re.search(r"^ +VERSION (\d+\.\d+)", read("CMakeLists.txt"), re.M)[1]
-if f"find_package(courier_hub_serialisation {version} REQUIRED)" not in pages:
+if f"find_package(courier_hub_serialisation {version} REQUIRED)" not in read("README.md"):
     wrong.append(f"README.md does not ask for version {version}")
 
 print("\n".join(wrong) or f"{len(named)} names, {len(samples)} samples", flush=True)
