@@ -11,6 +11,7 @@
 
 #include <map>
 #include <random>
+#include <regex>
 
 using namespace courier::examples;
 using namespace courier::hub::serialisation;

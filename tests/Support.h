@@ -15,7 +15,6 @@
 #include <functional>
 #include <limits>
 #include <new>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -89,10 +88,6 @@ struct Blocks {
 
 inline std::string contents(char const* file) {
     return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
-}
-/// Whether the process has mapped a file whose path matches.
-inline bool isMapped(char const* pattern) {
-    return std::regex_search(contents("/proc/self/maps"), std::regex(pattern));
 }
 
 /// Every way in which a buffer can hold bytes.
