@@ -4,7 +4,6 @@
 #include <bedrock/core/diag/terminate.h>
 
 #include <csignal>
-#include <future>
 
 // What the model in fuzz/ does not cover.
 using namespace tests;
@@ -66,27 +65,18 @@ TEST(Catalogue, ExplainsAFailedLookUp) {
     catalogue.add(Serialiser("json", 0xC3, {0xC3}, inner, inner, inner));
     for (bool const isStoppable : {false, true}) { // what a factory throws is of no element
         auto const fanOut = [&] {
-            std::vector<std::string> const formats(1, "json");
-            isStoppable ? discard(createSerialisersFor(payloadOf({0xC3}), catalogue, formats, {}))
-                        : discard(createSerialisersFor(payloadOf({0xC3}), catalogue, formats));
+            isStoppable ? discard(createSerialisersFor(payloadOf({0xC3}), catalogue, "json", {}))
+                        : discard(createSerialisersFor(payloadOf({0xC3}), catalogue, "json"));
         };
         EXPECT_EQ(explained(fanOut).find("No serialiser found for inner, type"), 0U);
     }
 }
 
-// A factory that uses the catalogue that calls it.
+// What a factory may look up in the catalogue that calls it.
 struct Reentrant : testing::Test {
     Reentrant() {
         catalogue.add(record("inner", 1, {1}, "inner"));
         catalogue.add(reader("inner", 1, 1));
-    }
-    std::string whenFactoryDoes(std::function<void()> action) {
-        auto const factory = [action = std::move(action)](auto&&) {
-            action();
-            return writing("done");
-        };
-        catalogue.add(Serialiser("outer", 2, {}, factory, nullptr, nullptr));
-        return written(catalogue.getSerialiserFor("outer", viewOf({2}, 0)));
     }
     void lookUpEverything() const {
         EXPECT_EQ(written(catalogue.getSerialiserFor("inner", viewOf({1}, 0))), "inner view");
@@ -98,23 +88,39 @@ struct Reentrant : testing::Test {
     Catalogue catalogue;
 };
 
-TEST_F(Reentrant, LooksUpWhileARegistrationWaits) {
-    std::thread registering;
-    std::future<void> probe;
-    EXPECT_EQ(whenFactoryDoes([&] {
-                  registering = std::thread([&] { catalogue.add(record("late", 3, {3}, "")); });
-                  // Look-ups of other threads wait behind a waiting registration: when one does not
-                  // return, the registration is waiting.
-                  do {
-                      probe = std::async(std::launch::async,
-                                         [&] { discard(catalogue.getSupportedWireFormats(1)); });
-                  } while (probe.wait_for(std::chrono::milliseconds(50)) ==
-                           std::future_status::ready);
-                  lookUpEverything();
-              }),
-              "done");
-    registering.join();
-    EXPECT_EQ(catalogue.getSupportedWireFormats(3), Formats{"late"});
+TEST_F(Reentrant, LooksUpWhileARegistrationWaitsWhichEnds) {
+    using std::chrono::milliseconds;
+    // At least two threads for each stripe of the lock, so that one always holds it.
+    std::vector<std::thread> threads(40);
+    constexpr int most = 500; // look-ups of each, so that the test ends
+    std::atomic<std::size_t> calls = 0, exhausted = 0;
+    std::atomic<bool> registered = false;
+    auto const slow = [&](auto&&) {
+        ++calls;
+        std::this_thread::sleep_for(milliseconds(1));
+        lookUpEverything();
+        return GenericSerialiser();
+    };
+    catalogue.add(Serialiser("slow", 2, {}, slow, nullptr, nullptr));
+    Sentinel begin; // no spinning: it could keep the last thread from starting
+    for (std::thread& each : threads) {
+        each = std::thread([&] {
+            begin.wait();
+            int n = 0;
+            for (; n < most && !registered; ++n) {
+                discard(catalogue.getSerialiserFor("slow", viewOf({2}, 0)));
+            }
+            exhausted += n == most;
+        });
+    }
+    begin.notify();
+    while (calls < 2 * threads.size()) {
+        std::this_thread::sleep_for(milliseconds(1));
+    }
+    catalogue.add(record("late", 3, {3}, "late"));
+    registered = true;
+    std::ranges::for_each(threads, &std::thread::join);
+    EXPECT_EQ(exhausted, 0U);
 }
 
 TEST_F(Reentrant, LooksUpByWayOfAnotherCatalogue) {
@@ -125,9 +131,11 @@ TEST_F(Reentrant, LooksUpByWayOfAnotherCatalogue) {
         return GenericSerialiser();
     };
     other.add(Serialiser("back", 1, {}, back, nullptr, nullptr));
-    EXPECT_EQ(whenFactoryDoes([&] {
-                  discard(other.getSerialiserFor("back", viewOf({1}, 0)));
-                  other.add(record("free", 5, {5}, "")); // its own factory has returned
-              }),
-              "done");
+    auto const there = [&](auto&&) {
+        discard(other.getSerialiserFor("back", viewOf({1}, 0)));
+        other.add(record("free", 5, {5}, "")); // its own factory has returned
+        return writing("done");
+    };
+    catalogue.add(Serialiser("there", 2, {}, there, nullptr, nullptr));
+    EXPECT_EQ(written(catalogue.getSerialiserFor("there", viewOf({2}, 0))), "done");
 }
