@@ -6,8 +6,6 @@
 
 #include <bedrock/core/diag/terminate.h>
 
-#include <map>
-
 namespace {
 
 using namespace tests;
@@ -53,7 +51,8 @@ GenericDeserialiser carelessReader() { return reading<int>(Careless()); }
 struct World {
     World(MakeBuffer make, Blocks& blocks, std::atomic<int>& destroyed)
         : buffer(make(blocks, "abcdefgh")), argument(blocks.adopt("more")),
-          payload(payloadOf(2, destroyed)), element(std::make_shared<Element>(2, destroyed)),
+          payload(payloadOf(2, destroyed)), taken(payloadOf(2, destroyed)),
+          element(std::make_shared<Element>(2, destroyed)),
           shared(GenericPayloadWrapperPtr::make(payloadOf(1, destroyed))) {
         list.push_back(argument.clone());
         list.push_back(blocks.adopt("list"));
@@ -67,31 +66,26 @@ struct World {
     }
 
     // Its whole observable state.
-    std::map<char const*, std::string> state() const {
-        std::ostringstream deferredOut, records;
-        deferred(deferredOut);
+    std::string state() const {
+        std::ostringstream all;
+        deferred(all);
+        all << written(serialiser) << valueRead(deserialiser) << !deserialiser.getHandle()
+            << "\nbuffers " << text(buffer) << text(argument) << text(list[0]) << text(list[1])
+            << text(ByteBufferView(vector)) << "\nstreams " << sink.size() << text(owner.unread())
+            << text(viewer.unread()) << source.position << static_cast<int>(*byte) << *character
+            << "\npayloads " << payload.values.size() << payload.typeIDs.size()
+            << payload.elementCount << shared->get().values.size()
+            << shared->getSentinel()->isReleased() << "\nrecord " << readRecord.getWireFormat()
+            << readRecord.getTypeID() << valueRead(readRecord.getDeserialiser()) << "\ncatalogue ";
         for (std::uint64_t id = 0; id < 10; ++id) {
-            records << catalogue.getSupportedWireFormats(elementID + id).size()
-                    << catalogue.getSupportedWireFormats(IDs{elementID + id}).size()
-                    << catalogue.getSupportedDeserialisationWireFormats(id).size();
+            all << catalogue.getSupportedWireFormats(elementID + id).size()
+                << catalogue.getSupportedWireFormats(IDs{elementID + id}).size()
+                << catalogue.getSupportedDeserialisationWireFormats(id).size();
         }
-        auto const join = [](auto const&... parts) {
-            return ((std::ostringstream() << ... << parts) << ' ').str();
-        };
-        return {
-            {"buffers", text(buffer) + text(argument) + text(list[0]) + text(list[1])},
-            {"streams", join(sink.size(), text(owner.unread()), text(viewer.unread()))},
-            {"source", join(source.position, static_cast<int>(*byte), *character)},
-            {"payload", join(payload.values.size(), payload.typeIDs.size(), payload.elementCount)},
-            {"shared payload",
-             join(shared->get().values.size(), shared->getSentinel()->isReleased())},
-            {"serialisers", written(serialiser) + deferredOut.str()},
-            {"deserialiser", join(valueRead(deserialiser), deserialiser.getHandle() == nullptr)},
-            {"records", record.getWireFormat() + readRecord.getWireFormat()},
-            {"read record", join(readRecord.getTypeID(), valueRead(readRecord.getDeserialiser()))},
-            {"catalogue",
-             records.str() +
-                 join(catalogue.getSupportedWireFormats(getTypeID<int>()).size(), vector.size())}};
+        std::uint64_t const id = getTypeID<int>(); // whose writer must come before its reader
+        all << (catalogue.getSupportedWireFormats(id).size() <
+                catalogue.getSupportedDeserialisationWireFormats(id).size());
+        return all.str();
     }
 
     GenericPayloadView view() const { return {shared, 0}; }
@@ -106,6 +100,7 @@ struct World {
     ByteStreamIterator byte{source};
     ByteStreamCharIterator character{ByteStreamIterator(source)};
     GenericPayload payload;
+    GenericPayload taken; // that an operation may destroy when it fails: not in the state
     std::shared_ptr<Element> element;
     GenericPayloadWrapperPtr shared;
     Careless careless;
@@ -123,13 +118,8 @@ struct World {
     std::istringstream received;
 };
 
-// Which part of the strong guarantee holds when the operation fails.
-enum Left { all, allButPayload, allButRecord };
-
-using Operation = std::tuple<char const*, Left, void (*)(World&)>;
-#define DO_BUT(left, ...)                                                                          \
-    Operation(#__VA_ARGS__, left, []([[maybe_unused]] World& w) { __VA_ARGS__; })
-#define DO(...) DO_BUT(all, __VA_ARGS__)
+using Operation = std::pair<char const*, void (*)(World&)>;
+#define DO(...) Operation(#__VA_ARGS__, []([[maybe_unused]] World& w) { __VA_ARGS__; })
 
 constexpr Operation operations[] = {
     DO(ByteBuffer made(100)),
@@ -168,8 +158,7 @@ constexpr Operation operations[] = {
     DO(DeferredSerialiser(w.careless)(w.sent)),
     DO(DeferredSerialiser made(w.careless); w.deferred = made),
     DO(Serialiser made(w.newRecord)),
-    DO_BUT(allButRecord, w.record = w.newRecord),
-    DO(w.record = Serialiser(w.newRecord)),
+    DO(w.record = w.newRecord), // not in the state: only the basic guarantee
     DO(Deserialiser made(w.newReadRecord)),
     DO(w.readRecord = w.newReadRecord),
     DO(Catalogue made),
@@ -177,27 +166,26 @@ constexpr Operation operations[] = {
     DO(w.catalogue.add(Deserialiser(w.newReadRecord))),
     DO(addWriter<int>(w.catalogue, longText, w.careless)),
     DO(addReader<int>(w.catalogue, longText, w.careless)),
+    DO(addFormat<int>(w.catalogue, longText, w.careless, w.careless)),
     DO(w.catalogue.add(carelessRecord("0", elementID))),
     DO(w.catalogue.add(Deserialiser("0", 0, carelessReader()))),
     DO(discard(w.catalogue.getSerialiserFor("*", elementID))),
     DO(discard(w.catalogue.getSerialiserFor("0", IDs{elementID}))),
     DO(discard(w.catalogue.getSerialiserFor(longText, getTypeID<void>()))),
-    DO_BUT(allButPayload, discard(w.catalogue.getSerialiserFor("0", std::move(w.payload)))),
+    DO(discard(w.catalogue.getSerialiserFor("0", std::move(w.taken)))),
     DO(discard(w.catalogue.getSerialiserFor("0", w.view()))),
     DO(discard(w.catalogue.getSerialiserFor("0", w.view(), stop_source()))),
     DO(discard(w.catalogue.getDeserialiserFor("0", 0))),
     DO(discard(w.catalogue.getSupportedWireFormats(elementID))),
     DO(discard(w.catalogue.getSupportedWireFormats(IDs{elementID}))),
     DO(discard(w.catalogue.getSupportedDeserialisationWireFormats(0))),
-    DO_BUT(allButPayload, discard(createSerialisersFor(std::move(w.payload), w.catalogue, "*"))),
-    DO_BUT(allButPayload, discard(createSerialisersFor(std::move(w.payload), w.catalogue,
-                                                       Formats{"*", "0"}, stop_source()))),
+    DO(discard(createSerialisersFor(std::move(w.taken), w.catalogue, "*"))),
+    DO(discard(createSerialisersFor(std::move(w.taken), w.catalogue, {"*", "0"}, stop_source()))),
 };
 
 // Acts on a new world in which fault point n fails. Returns whether there was one.
 bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
-    auto const [name, left, act] = operation;
-    SCOPED_TRACE(name);
+    SCOPED_TRACE(operation.first);
     std::size_t const before = unfreed();
     Blocks blocks;
     std::atomic<int> destroyed = 0;
@@ -207,7 +195,7 @@ bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
         auto const state = world.state();
         failAfter(n);
         try {
-            act(world);
+            operation.second(world);
             failed = false;
         } catch (std::bad_alloc const&) {
         } catch (std::domain_error const& error) {
@@ -215,20 +203,13 @@ bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
         }
         EXPECT_EQ(stopFailing(), failed) << "swallowed";
         if (failed) {
-            if (left == allButRecord) {
-                world.record = carelessRecord("old", 1);
-            } else if (left == allButPayload && world.payload.values.empty()) {
-                EXPECT_EQ(destroyed, 2) << "gone, but not destroyed";
-                world.payload = payloadOf(2, destroyed);
-                destroyed -= 2; // replaced by new ones
-            }
             EXPECT_EQ(world.state(), state);
         }
         world.catalogue.add(carelessRecord("after", 1)); // would hang if a lock were held
         world.catalogue.add(Deserialiser("after", 99, carelessReader()));
     }
     EXPECT_EQ(blocks.freed, blocks.made);
-    EXPECT_EQ(destroyed, 4);
+    EXPECT_EQ(destroyed, 6);
     EXPECT_EQ(unfreed(), before);
     return failed;
 }
@@ -244,7 +225,7 @@ TEST(Faults, LeaveEverythingAsItWas) {
             ASSERT_FALSE(HasFailure()) << "at point " << points;
         }
 #if !defined(_WIN32) // where only operator new fails, which some operations do not call
-        EXPECT_GT(points, 0U) << std::get<0>(operation);
+        EXPECT_GT(points, 0U) << operation.first;
 #endif
     }
     bedrock_diag_set_terminate(true);

@@ -167,19 +167,4 @@ TEST_F(Registration, RefusesNamesThatNobodyCouldAskFor) {
     addWriter<Price>(catalogue, "*.csv", writePrice);
 }
 
-TEST_F(Registration, RegistersNoReaderWithoutItsWriter) {
-    bool failed = true;
-    for (std::size_t n = 0; failed; ++n) {
-        Catalogue fresh;
-        failAfter(n);
-        try {
-            addFormat<Price>(fresh, "text", writePrice, readPrice);
-        } catch (std::bad_alloc const&) {
-        }
-        failed = stopFailing();
-        EXPECT_GE(fresh.getSupportedWireFormats(priceID).size(),
-                  fresh.hasDeserialiserFor("text", priceID));
-    }
-}
-
 } // namespace
