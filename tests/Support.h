@@ -90,17 +90,15 @@ inline std::string contents(char const* file) {
     return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
 }
 
-/// Every way in which a buffer can hold bytes.
+/// The ways in which a buffer can hold bytes: a vector, without or with room for more, and a block.
 using MakeBuffer = ByteBuffer (*)(Blocks&, std::string_view content);
 inline constexpr MakeBuffer kinds[] = {
     [](Blocks&, std::string_view content) { return ByteBuffer(bytes(content)); },
     [](Blocks&, std::string_view content) {
-        auto vector = bytes(content);
-        vector.reserve(1000);
-        return ByteBuffer(std::move(vector));
+        ByteBuffer buffer(bytes(content));
+        buffer.reserve(1000);
+        return buffer;
     },
-    [](Blocks&, std::string_view content) { return ByteBuffer(ByteBufferView(content)); },
-    [](Blocks& blocks, std::string_view content) { return blocks.adopt(content); },
     [](Blocks& blocks, std::string_view content) {
         ByteBuffer buffer = blocks.adopt("xyz" + std::string(content));
         buffer.trimFront(3);

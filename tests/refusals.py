@@ -15,8 +15,6 @@ struct Price { int cents; };
 void put(Price const&, std::ostream&);
 Price get(std::istream&);
 """
-ADD = '<Price>(catalogue, "text", '
-RIGHT = f"void right(Catalogue& catalogue) {{ addFormat{ADD}put, get); }}"
 WRONG = """
 addFormat% [](Price const&) {}, get);                                 // write is called as write(elements
 addWriter% [](Price const&, std::ostream&) { return true; });         // write returns nothing
@@ -50,7 +48,7 @@ def errors(code, standard="c++20"):
     return subprocess.run(command, input=code, capture_output=True, text=True).stderr
 
 
-cases = re.findall("(.+?) +// (.+)", WRONG.replace("% ", ADD))
+cases = re.findall("(.+?) +// (.+)", WRONG.replace("% ", '<Price>(catalogue, "text", '))
 code = START
 for number, (wrong, _) in enumerate(cases, 1):
     code += f'#line {number} "case"\n'
@@ -61,8 +59,6 @@ failed = [
     for number, (wrong, message) in enumerate(cases, 1)
     if f"case:{number}:" not in said or message not in said
 ]
-if said := errors(START + RIGHT):
-    failed.append(f"What is right does not compile:\n{said}")
 for header in ("Buffers", "FanOut"):
     said = errors(f"#include <courier/hub/serialisation/{header}.h>\n", "c++17")
     if "Compile with -std" not in "".join(re.findall("error: .*", said)[:1]):

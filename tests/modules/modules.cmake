@@ -35,12 +35,9 @@ extern \"C\" { int _ZTVN7courier3hub13serialisation9CatalogueE; void courier_reg
 add_library(other MODULE ${CMAKE_CURRENT_BINARY_DIR}/other.cpp)
 set_target_properties(other PROPERTIES PREFIX "")
 
-add_executable(modules_tests ModulesTest.cpp ${there})
+add_tests(modules_tests ModulesTest.cpp ${there})
 target_compile_definitions(modules_tests PRIVATE
     MODULE_DIR="${CMAKE_CURRENT_BINARY_DIR}" WIRE_FORMATS=${wire_formats}
     BEDROCK="$<TARGET_FILE:bedrock>" OTHER="$<TARGET_FILE:other>")
-target_link_libraries(modules_tests
-    PRIVATE courier::hub::serialisation GTest::gtest GTest::gtest_main)
 add_dependencies(modules_tests here other)
-gtest_discover_tests(modules_tests)
 add_test(NAME module_exports COMMAND ${exports} courier_register_module ${modules})
