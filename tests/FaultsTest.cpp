@@ -17,8 +17,6 @@ std::string const longText(100, 'x'); // always allocates
 struct Careless {
     Careless() = default;
     Careless(Careless const&) { point(); }
-    Careless& operator=(Careless const&) = delete;
-    ~Careless() = default;
     static void point() {
         if (isFault()) {
             throw std::domain_error("mine");
@@ -88,8 +86,6 @@ struct World {
         return all.str();
     }
 
-    GenericPayloadView view() const { return {shared, 0}; }
-
     ByteBuffer buffer, argument;
     std::vector<ByteBuffer> list;
     std::vector<std::byte> vector = bytes("vector");
@@ -125,10 +121,8 @@ constexpr Operation operations[] = {
     DO(ByteBuffer made(100)),
     DO(ByteBuffer made(w.buffer.makeView(0, 0))),
     DO(discard(w.buffer.clone())),
-    DO(w.buffer.append(w.argument)),
     DO(w.buffer.append(w.buffer)),
     DO(w.buffer.append(w.list)),
-    DO(w.buffer.append(w.vector)),
     DO(w.buffer.append(w.buffer.makeView(2, 3))),
     DO(w.buffer.push_back(w.buffer[1])),
     DO(w.buffer.reserve(2000)),
@@ -154,7 +148,6 @@ constexpr Operation operations[] = {
     DO(w.deserialiser = w.source2),
     DO(discard(w.source2(w.received))),
     DO(DeferredSerialiser made(w.careless)),
-    DO(w.deferred = DeferredSerialiser(w.careless)),
     DO(DeferredSerialiser(w.careless)(w.sent)),
     DO(DeferredSerialiser made(w.careless); w.deferred = made),
     DO(Serialiser made(w.newRecord)),
@@ -164,8 +157,6 @@ constexpr Operation operations[] = {
     DO(Catalogue made),
     DO(w.catalogue.add(Serialiser(w.newRecord))),
     DO(w.catalogue.add(Deserialiser(w.newReadRecord))),
-    DO(addWriter<int>(w.catalogue, longText, w.careless)),
-    DO(addReader<int>(w.catalogue, longText, w.careless)),
     DO(addFormat<int>(w.catalogue, longText, w.careless, w.careless)),
     DO(w.catalogue.add(carelessRecord("0", elementID))),
     DO(w.catalogue.add(Deserialiser("0", 0, carelessReader()))),
@@ -173,8 +164,8 @@ constexpr Operation operations[] = {
     DO(discard(w.catalogue.getSerialiserFor("0", IDs{elementID}))),
     DO(discard(w.catalogue.getSerialiserFor(longText, getTypeID<void>()))),
     DO(discard(w.catalogue.getSerialiserFor("0", std::move(w.taken)))),
-    DO(discard(w.catalogue.getSerialiserFor("0", w.view()))),
-    DO(discard(w.catalogue.getSerialiserFor("0", w.view(), stop_source()))),
+    DO(discard(w.catalogue.getSerialiserFor("0", GenericPayloadView(w.shared, 0)))),
+    DO(discard(w.catalogue.getSerialiserFor("0", GenericPayloadView(w.shared, 0), stop_source()))),
     DO(discard(w.catalogue.getDeserialiserFor("0", 0))),
     DO(discard(w.catalogue.getSupportedWireFormats(elementID))),
     DO(discard(w.catalogue.getSupportedWireFormats(IDs{elementID}))),
