@@ -23,7 +23,9 @@ def read(*patterns):
 tests = re.findall(r"^TEST(?:_F)?\((\w+), (\w+)\)", read("tests/*.cpp"), re.M)
 known = {suite for suite, _ in tests} | {f"{suite}.{name}" for suite, name in tests}
 known |= {f"{suite}.*" for suite, _ in tests} | {f"…{name}" for _, name in tests} | {"replay_*"}
-known |= set(re.findall(r"add_test\(NAME ([\w.]+) ", read("tests/**/*.txt", "tests/**/*.cmake")))
+known |= set(
+    re.findall(r"add\w*_test\((?:NAME )?([\w.]+) ", read("tests/**/*.txt", "tests/**/*.cmake"))
+)
 known |= {f"replay_{corpus.name}" for corpus in pathlib.Path("fuzz/corpus").iterdir()}
 known |= {preset["name"] for preset in json.loads(read("CMakePresets.json"))["configurePresets"]}
 known |= set(re.findall(r'^(?:all=")?([a-z][a-z0-9-]+) {2,}', read("checks/run"), re.M))

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every allocation and every user's callable fails, once at each point.
+// Every allocation and every user's callable fails, once at each point. AddressSanitizer finds what
+// is then leaked.
 #include "Support.h"
 
 #include <courier/hub/serialisation/Registration.h>
@@ -177,7 +178,6 @@ constexpr Operation operations[] = {
 // Acts on a new world in which fault point n fails. Returns whether there was one.
 bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
     SCOPED_TRACE(operation.first);
-    std::size_t const before = unfreed();
     Blocks blocks;
     std::atomic<int> destroyed = 0;
     bool failed = true;
@@ -201,7 +201,6 @@ bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
     }
     EXPECT_EQ(blocks.freed, blocks.made);
     EXPECT_EQ(destroyed, 6);
-    EXPECT_EQ(unfreed(), before);
     return failed;
 }
 

@@ -38,9 +38,8 @@ void failAfter(std::size_t n);
 bool stopFailing();
 /// A test's own fault point: true if it must fail.
 bool isFault();
-/// Allocations on this thread so far, and those that it has not freed.
+/// Allocations on this thread so far.
 std::size_t allocations();
-std::size_t unfreed();
 
 /// The message of an exception of exactly this type.
 template <class Exception, class Action> std::string messageOf(Action action) {

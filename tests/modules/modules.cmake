@@ -40,4 +40,4 @@ target_compile_definitions(modules_tests PRIVATE
     MODULE_DIR="${CMAKE_CURRENT_BINARY_DIR}" WIRE_FORMATS=${wire_formats}
     BEDROCK="$<TARGET_FILE:bedrock>" OTHER="$<TARGET_FILE:other>")
 add_dependencies(modules_tests here other)
-add_test(NAME module_exports COMMAND ${exports} courier_register_module ${modules})
+add_exports_test(module_exports courier_register_module ${modules})

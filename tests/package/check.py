@@ -56,8 +56,5 @@ flags += ["-std=c++20", f"-Wl,-rpath,{pc.parents[1]}"]
 run(compiler, examples / "quickstart/main.cpp", "-o", work / "pkg-config", *flags)
 run(work / "pkg-config", expected="1999 cents\n")
 
-# Every link of an installed page resolves there, and every directory has something in it.
+# Every link of an installed page resolves there.
 run(sys.executable, project / "checks/links.py", *examples.parent.rglob("*.md"))
-for entry in prefix.rglob("*"):
-    if entry.is_dir() and not any(entry.iterdir()):
-        sys.exit(f"{entry} is empty")
