@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every allocation and every user's callable fails, once at each point. AddressSanitizer finds what
-// is then leaked.
+// Every allocation and every user's callable fails, once at each point, where the models do not see
+// it. AddressSanitizer finds what is then leaked.
 #include "Support.h"
 
 #include <courier/hub/serialisation/Registration.h>
@@ -34,13 +34,6 @@ struct Careless {
     void operator()(int const&, std::ostream& out) const { point(), out << "i"; }
 };
 
-struct CarelessSource final : ByteStreamImpl {
-    ByteStreamIterator begin() override { return ByteStreamIterator(*this); }
-    explicit operator bool() const override { return true; }
-    std::byte getByte() override { return Careless::point(), std::byte(position++); }
-    int position = 0;
-};
-
 Serialiser carelessRecord(std::string const& format, std::uint64_t id) {
     return {format, id, {id}, Careless(), Careless(), Careless()};
 }
@@ -55,7 +48,6 @@ struct World {
           shared(GenericPayloadWrapperPtr::make(payloadOf(1, destroyed))) {
         list.push_back(argument.clone());
         list.push_back(blocks.adopt("list"));
-        sink.sputn("kept", 4);
         owner.skip(1);
         // As many as fit into the catalogue's tables: one more enlarges each.
         for (std::uint64_t id = 0; id < 8; ++id) {
@@ -70,8 +62,7 @@ struct World {
         deferred(all);
         all << written(serialiser) << valueRead(deserialiser) << !deserialiser.getHandle()
             << "\nbuffers " << text(buffer) << text(argument) << text(list[0]) << text(list[1])
-            << text(ByteBufferView(vector)) << "\nstreams " << sink.size() << text(owner.unread())
-            << text(viewer.unread()) << source.position << static_cast<int>(*byte) << *character
+            << text(ByteBufferView(vector)) << text(owner.unread()) << text(viewer.unread())
             << "\npayloads " << payload.values.size() << payload.typeIDs.size()
             << payload.elementCount << shared->get().values.size()
             << shared->getSentinel()->isReleased() << "\nrecord " << readRecord.getWireFormat()
@@ -90,12 +81,8 @@ struct World {
     ByteBuffer buffer, argument;
     std::vector<ByteBuffer> list;
     std::vector<std::byte> vector = bytes("vector");
-    ByteBufferOStreambuf sink;
     ByteBufferIStreambuf owner{std::make_unique<ByteBuffer>(buffer.clone())};
     NonOwningByteBufferViewIStreambuf viewer{ByteBufferView(vector)};
-    CarelessSource source;
-    ByteStreamIterator byte{source};
-    ByteStreamCharIterator character{ByteStreamIterator(source)};
     GenericPayload payload;
     GenericPayload taken; // that an operation may destroy when it fails: not in the state
     std::shared_ptr<Element> element;
@@ -119,16 +106,12 @@ using Operation = std::pair<char const*, void (*)(World&)>;
 #define DO(...) Operation(#__VA_ARGS__, []([[maybe_unused]] World& w) { __VA_ARGS__; })
 
 constexpr Operation operations[] = {
-    DO(ByteBuffer made(100)),
     DO(ByteBuffer made(w.buffer.makeView(0, 0))),
     DO(discard(w.buffer.clone())),
     DO(w.buffer.append(w.buffer)),
     DO(w.buffer.append(w.list)),
-    DO(w.buffer.append(w.buffer.makeView(2, 3))),
     DO(w.buffer.push_back(w.buffer[1])),
-    DO(w.buffer.reserve(2000)),
     DO(w.buffer.resize(4)),
-    DO(w.buffer.resize(2000)),
     DO(discard(w.buffer.splitFront(2))),
     DO(discard(adopt(std::move(w.vector)))),
     DO(discard(adopt(w.argument.first(2), w.element))),
@@ -136,10 +119,6 @@ constexpr Operation operations[] = {
     DO(ByteBufferIStreambuf made(std::make_unique<ByteBuffer>(w.buffer.clone()))),
     DO(discard(w.owner.take(2))),
     DO(discard(w.viewer.take(2))),
-    DO(discard(w.sink.prepare(1000))),
-    DO(++w.byte),
-    DO(++w.character),
-    DO(discard(w.source.begin())),
     DO(w.payload.add(w.element)),
     DO(discard(GenericPayloadWrapperPtr::make(std::move(w.payload)))),
     DO(GenericSerialiser made(w.write, stop_source(), longText, w.element)),
@@ -168,9 +147,7 @@ constexpr Operation operations[] = {
     DO(discard(w.catalogue.getSerialiserFor("0", GenericPayloadView(w.shared, 0)))),
     DO(discard(w.catalogue.getSerialiserFor("0", GenericPayloadView(w.shared, 0), stop_source()))),
     DO(discard(w.catalogue.getDeserialiserFor("0", 0))),
-    DO(discard(w.catalogue.getSupportedWireFormats(elementID))),
     DO(discard(w.catalogue.getSupportedWireFormats(IDs{elementID}))),
-    DO(discard(w.catalogue.getSupportedDeserialisationWireFormats(0))),
     DO(discard(createSerialisersFor(std::move(w.taken), w.catalogue, "*"))),
     DO(discard(createSerialisersFor(std::move(w.taken), w.catalogue, {"*", "0"}, stop_source()))),
 };
