@@ -92,7 +92,6 @@ TEST(StoppableOStream, PassesOnInPiecesAndFlushes) {
     EXPECT_EQ(target.got, large);
     EXPECT_EQ(target.largest, 65536);
     EXPECT_EQ(out.rdbuf()->sputn("", -1), 0);
-    EXPECT_EQ(target.flushed, 0);
     out.flush();
     EXPECT_EQ(target.flushed, 1);
     EXPECT_THROW(out.flush(), ios_base::failure); // because the target's second flush fails
