@@ -60,27 +60,6 @@ TEST(Prepare, IsRefusedWhereNothingCanBeWritten) {
     EXPECT_THROW(failed.commit(0), ios_base::failure);
 }
 
-// Calls a test's function with each piece.
-struct Target : std::streambuf {
-    int_type overflow(int_type c) override {
-        char const byte = traits_type::to_char_type(c);
-        return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
-    }
-    std::streamsize xsputn(char const* s, std::streamsize n) override {
-        std::streamsize const taken = take(n);
-        got.append(s, static_cast<std::size_t>(taken));
-        largest = std::max(largest, n);
-        return taken;
-    }
-    int sync() override { return flushed++ == 0 ? 0 : -1; }
-
-    std::function<std::streamsize(std::streamsize)> take = [](std::streamsize n) { return n; };
-    std::string got;
-    std::streamsize largest = 0;
-    int flushed = 0;
-    std::ostream stream{this};
-};
-
 TEST(StoppableOStream, PassesOnInPiecesAndFlushes) {
     Target target;
     std::string large(200'000, '\0');

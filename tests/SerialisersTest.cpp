@@ -4,16 +4,12 @@
 using namespace tests;
 
 TEST(Serialisers, FlushByDefaultEvenIfStopped) {
-    struct FlushCounter : std::stringbuf {
-        int sync() override { return ++flushes, 0; }
-        int flushes = 0;
-    } buffer;
-    std::ostream out(&buffer);
+    Target target;
     GenericSerialiser flushing;
-    flushing(out);
+    flushing(target.stream);
     flushing.getStopSource().request_stop();
-    flushing(out);
-    EXPECT_EQ(buffer.flushes, 2);
+    flushing(target.stream);
+    EXPECT_EQ(target.flushed, 2);
     EXPECT_NE(GenericSerialiser().getStopSource(), GenericSerialiser().getStopSource());
 }
 

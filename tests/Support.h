@@ -83,6 +83,28 @@ struct Blocks {
     }
 };
 
+/// A target of writes that asks a test's function how much of each piece it takes. The first flush
+/// succeeds.
+struct Target : std::streambuf {
+    int_type overflow(int_type c) override {
+        char const byte = traits_type::to_char_type(c);
+        return xsputn(&byte, 1) == 1 ? c : traits_type::eof();
+    }
+    std::streamsize xsputn(char const* s, std::streamsize n) override {
+        std::streamsize const taken = take(n);
+        got.append(s, static_cast<std::size_t>(taken));
+        largest = std::max(largest, n);
+        return taken;
+    }
+    int sync() override { return flushed++ == 0 ? 0 : -1; }
+
+    std::function<std::streamsize(std::streamsize)> take = [](std::streamsize n) { return n; };
+    std::string got;
+    std::streamsize largest = 0;
+    int flushed = 0;
+    std::ostream stream{this};
+};
+
 inline std::string contents(char const* file) {
     return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
 }
