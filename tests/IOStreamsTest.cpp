@@ -77,7 +77,7 @@ TEST(StoppableOStream, PassesOnInPiecesAndFlushes) {
 }
 
 TEST(StoppableOStream, StopsBetweenPieces) {
-    for (std::size_t const written : {1, 65536}) {
+    for (std::size_t const written : {1U, 65536U}) {
         Target target;
         stop_source source;
         StoppableOStream out(source.get_token(), target.stream);

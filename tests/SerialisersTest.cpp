@@ -37,9 +37,9 @@ TEST(Serialisers, AreMovedAndCopiedWhileTheyAreBeingAssigned) {
                 std::this_thread::yield();
             }
             movesFirst ? void(moved = std::move(source)) : void();
-            GenericDeserialiser const copy(target);
+            auto const copy = std::make_unique<GenericDeserialiser>(target);
             movesFirst ? void() : void(moved = std::move(source));
-            EXPECT_EQ(valueRead(copy), 7);
+            EXPECT_EQ(valueRead(*copy), 7);
             EXPECT_EQ(valueRead(moved), 7);
         });
         target = source;
