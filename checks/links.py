@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Checks that relative links resolve, anchors included: in the site under the given directory, and in
-the Markdown files that are named after it."""
+"""Checks that relative links resolve, anchors included: in the sites under the given directories, and
+in the given Markdown files."""
 
 import pathlib
 import re
@@ -23,11 +23,11 @@ def of_markdown(text):
     return re.findall(r"\]\(([^)\s]+)\)", text), anchors
 
 
-site, *markdown = map(pathlib.Path, sys.argv[1:])
-pages = [*site.rglob("*.html")]
-files = {path.resolve(): of_page(path.read_text(encoding="utf-8")) for path in pages}
-files |= {path.resolve(): of_markdown(path.read_text(encoding="utf-8")) for path in markdown}
-count, broken = 0, []
+files, count, broken = {}, 0, []
+for path in map(pathlib.Path, sys.argv[1:]):
+    pages, links_of = ([*path.rglob("*.html")], of_page) if path.is_dir() else ([path], of_markdown)
+    files |= {page.resolve(): links_of(page.read_text(encoding="utf-8")) for page in pages}
+    broken += [] if pages else [f"{path} has no pages"]
 for path, (links, _) in files.items():
     for link in map(urllib.parse.urlsplit, sorted(set(links))):
         if link.scheme or link.netloc:
@@ -37,5 +37,5 @@ for path, (links, _) in files.items():
         anchors = files.get(target, (None, [link.fragment]))[1]
         if not target.exists() or (link.fragment and link.fragment not in anchors):
             broken.append(f"{path.relative_to(pathlib.Path.cwd())}: {link.geturl()}")
-print("\n".join(broken) or f"{len(pages)} pages, {count} links", flush=True)
-sys.exit(bool(broken) or not pages)
+print("\n".join(broken) or f"{len(files)} pages, {count} links", flush=True)
+sys.exit(bool(broken) or not files)

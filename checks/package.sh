@@ -37,8 +37,7 @@ in_root --verify
 library=$(find "$root" -name 'libcourier_hub_serialisation.so')
 LD_LIBRARY_PATH=$(dirname "$library")
 export LD_LIBRARY_PATH
-cmake -D SOURCE_DIR="$PWD" -D WORK_DIR="$dir/outside" -D CXX="${CXX:-g++}" -D GENERATOR=Ninja \
-    -D PREFIX="$root/usr" -P tests/package/check.cmake
+python3 tests/package/check.py "$dir/outside" "${CXX:-g++}" Ninja "$root/usr"
 
 # gdb finds the printers by the library's path. The links give the files the paths that they have if
 # the root is the machine's own.

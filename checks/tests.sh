@@ -16,7 +16,7 @@ release)
     ;;
 asan) need $to_sanitise ;;
 asan-gcc) ;;
-tsan) targets="--target courier_tests replay_threads" only="--label-regex ^unit$" ;;
+tsan) targets="--target courier_tests replay_threads" only="--label-regex ^(unit|courier_tests)$" ;;
 libcxx) need googletest clang-19 libc++-19-dev libc++abi-19-dev ;;
 aarch64 | s390x) need googletest qemu-user "g++-$preset-linux-gnu" ;;
 windows*) need googletest g++-mingw-w64-x86-64-posix wine64 ;;

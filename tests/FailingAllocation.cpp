@@ -14,7 +14,7 @@
 
 // Replaces operator new and the C library's functions, because the library calls both. A call of
 // malloc calls REPLACED(malloc), which calls NEXT(malloc), the original.
-#if defined(_WIN32) // only operator new: MinGW's mutexes call malloc, and never free the memory
+#if defined(_WIN32) // only operator new
 #define REPLACED(name) replaced_##name
 #define NEXT(name) std::name
 #elif defined(SANITIZED)
@@ -33,7 +33,6 @@ extern "C" {
 void* NEXT(malloc)(std::size_t size) noexcept;
 void* NEXT(calloc)(std::size_t count, std::size_t size) noexcept;
 void* NEXT(realloc)(void* block, std::size_t size) noexcept;
-void NEXT(free)(void* block) noexcept;
 }
 #endif
 
@@ -41,13 +40,6 @@ namespace {
 constexpr std::size_t never = static_cast<std::size_t>(-1);
 thread_local std::size_t countdown = never;
 thread_local std::size_t made = 0;
-thread_local std::size_t freed = 0;
-
-EARLY void* counted(void* block) {
-    made += block != nullptr;
-    return block;
-}
-
 } // namespace
 
 namespace tests {
@@ -55,31 +47,18 @@ void failAfter(std::size_t n) { countdown = n; }
 bool stopFailing() { return std::exchange(countdown, never) == never; }
 EARLY bool isFault() { return countdown != never && countdown-- == 0; } // after that it is `never`
 std::size_t allocations() { return made; }
-std::size_t unfreed() { return made - freed; }
 } // namespace tests
 
 extern "C" {
 EARLY void* REPLACED(malloc)(std::size_t size) noexcept {
-    return tests::isFault() ? nullptr : counted(NEXT(malloc)(size));
+    return ++made, tests::isFault() ? nullptr : NEXT(malloc)(size);
 }
 EARLY void* REPLACED(calloc)(std::size_t nmemb, std::size_t size) noexcept {
-    return tests::isFault() ? nullptr : counted(NEXT(calloc)(nmemb, size));
+    return ++made, tests::isFault() ? nullptr : NEXT(calloc)(nmemb, size);
 }
 EARLY void* REPLACED(realloc)(void* ptr, std::size_t size) noexcept {
-    void* const larger = tests::isFault() ? nullptr : NEXT(realloc)(ptr, size);
-    return ptr == nullptr ? counted(larger) : larger;
+    return ++made, tests::isFault() ? nullptr : NEXT(realloc)(ptr, size);
 }
-EARLY void REPLACED(free)(void* ptr) noexcept {
-    freed += ptr != nullptr;
-    NEXT(free)(ptr);
-}
-#if !defined(_WIN32) && !defined(SANITIZED)
-// No fault point: libc++ allocates exceptions with it, and if that fails, uses reserved memory.
-void* NEXT(memalign)(std::size_t alignment, std::size_t size) noexcept;
-void* aligned_alloc(std::size_t alignment, std::size_t size) noexcept {
-    return counted(NEXT(memalign)(alignment, size));
-}
-#endif
 }
 
 // Those for arrays call them.
@@ -87,5 +66,5 @@ void* operator new(std::size_t size) {
     void* const block = REPLACED(malloc)(size);
     return block != nullptr ? block : throw std::bad_alloc();
 }
-void operator delete(void* block) noexcept { REPLACED(free)(block); }
-void operator delete(void* block, std::size_t) noexcept { REPLACED(free)(block); }
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }

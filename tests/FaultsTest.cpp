@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
-// Every allocation and every user's callable fails, once at each point.
+// Every allocation and every user's callable fails, once at each point, where the models do not see
+// it. AddressSanitizer finds what is then leaked.
 #include "Support.h"
 
 #include <courier/hub/serialisation/Registration.h>
 
 #include <bedrock/core/diag/terminate.h>
-
-#include <map>
 
 namespace {
 
@@ -19,8 +18,6 @@ std::string const longText(100, 'x'); // always allocates
 struct Careless {
     Careless() = default;
     Careless(Careless const&) { point(); }
-    Careless& operator=(Careless const&) = delete;
-    ~Careless() = default;
     static void point() {
         if (isFault()) {
             throw std::domain_error("mine");
@@ -37,13 +34,6 @@ struct Careless {
     void operator()(int const&, std::ostream& out) const { point(), out << "i"; }
 };
 
-struct CarelessSource final : ByteStreamImpl {
-    ByteStreamIterator begin() override { return ByteStreamIterator(*this); }
-    explicit operator bool() const override { return true; }
-    std::byte getByte() override { return Careless::point(), std::byte(position++); }
-    int position = 0;
-};
-
 Serialiser carelessRecord(std::string const& format, std::uint64_t id) {
     return {format, id, {id}, Careless(), Careless(), Careless()};
 }
@@ -52,12 +42,9 @@ GenericDeserialiser carelessReader() { return reading<int>(Careless()); }
 // One object of each class, and the arguments of their operations.
 struct World {
     World(MakeBuffer make, Blocks& blocks, std::atomic<int>& destroyed)
-        : buffer(make(blocks, "abcdefgh")), argument(blocks.adopt("more")),
-          payload(payloadOf(2, destroyed)), element(std::make_shared<Element>(2, destroyed)),
+        : buffer(make(blocks, "abcdefgh")), payload(payloadOf(2, destroyed)),
+          taken(payloadOf(2, destroyed)), element(std::make_shared<Element>(2, destroyed)),
           shared(GenericPayloadWrapperPtr::make(payloadOf(1, destroyed))) {
-        list.push_back(argument.clone());
-        list.push_back(blocks.adopt("list"));
-        sink.sputn("kept", 4);
         owner.skip(1);
         // As many as fit into the catalogue's tables: one more enlarges each.
         for (std::uint64_t id = 0; id < 8; ++id) {
@@ -67,45 +54,32 @@ struct World {
     }
 
     // Its whole observable state.
-    std::map<char const*, std::string> state() const {
-        std::ostringstream deferredOut, records;
-        deferred(deferredOut);
+    std::string state() const {
+        std::ostringstream all;
+        deferred(all);
+        all << written(serialiser) << valueRead(deserialiser) << !deserialiser.getHandle()
+            << "\nbuffers " << text(buffer) << text(ByteBufferView(vector)) << text(owner.unread())
+            << text(viewer.unread()) << "\npayloads " << payload.values.size()
+            << payload.typeIDs.size() << payload.elementCount << shared->get().values.size()
+            << shared->getSentinel()->isReleased() << "\nrecord " << readRecord.getWireFormat()
+            << readRecord.getTypeID() << valueRead(readRecord.getDeserialiser()) << "\ncatalogue ";
         for (std::uint64_t id = 0; id < 10; ++id) {
-            records << catalogue.getSupportedWireFormats(elementID + id).size()
-                    << catalogue.getSupportedWireFormats(IDs{elementID + id}).size()
-                    << catalogue.getSupportedDeserialisationWireFormats(id).size();
+            all << catalogue.getSupportedWireFormats(elementID + id).size()
+                << catalogue.getSupportedWireFormats(IDs{elementID + id}).size()
+                << catalogue.getSupportedDeserialisationWireFormats(id).size();
         }
-        auto const join = [](auto const&... parts) {
-            return ((std::ostringstream() << ... << parts) << ' ').str();
-        };
-        return {
-            {"buffers", text(buffer) + text(argument) + text(list[0]) + text(list[1])},
-            {"streams", join(sink.size(), text(owner.unread()), text(viewer.unread()))},
-            {"source", join(source.position, static_cast<int>(*byte), *character)},
-            {"payload", join(payload.values.size(), payload.typeIDs.size(), payload.elementCount)},
-            {"shared payload",
-             join(shared->get().values.size(), shared->getSentinel()->isReleased())},
-            {"serialisers", written(serialiser) + deferredOut.str()},
-            {"deserialiser", join(valueRead(deserialiser), deserialiser.getHandle() == nullptr)},
-            {"records", record.getWireFormat() + readRecord.getWireFormat()},
-            {"read record", join(readRecord.getTypeID(), valueRead(readRecord.getDeserialiser()))},
-            {"catalogue",
-             records.str() +
-                 join(catalogue.getSupportedWireFormats(getTypeID<int>()).size(), vector.size())}};
+        std::uint64_t const id = getTypeID<int>(); // whose writer must come before its reader
+        all << (catalogue.getSupportedWireFormats(id).size() <
+                catalogue.getSupportedDeserialisationWireFormats(id).size());
+        return all.str();
     }
 
-    GenericPayloadView view() const { return {shared, 0}; }
-
-    ByteBuffer buffer, argument;
-    std::vector<ByteBuffer> list;
+    ByteBuffer buffer;
     std::vector<std::byte> vector = bytes("vector");
-    ByteBufferOStreambuf sink;
     ByteBufferIStreambuf owner{std::make_unique<ByteBuffer>(buffer.clone())};
     NonOwningByteBufferViewIStreambuf viewer{ByteBufferView(vector)};
-    CarelessSource source;
-    ByteStreamIterator byte{source};
-    ByteStreamCharIterator character{ByteStreamIterator(source)};
     GenericPayload payload;
+    GenericPayload taken; // that an operation may destroy when it fails: not in the state
     std::shared_ptr<Element> element;
     GenericPayloadWrapperPtr shared;
     Careless careless;
@@ -123,38 +97,19 @@ struct World {
     std::istringstream received;
 };
 
-// Which part of the strong guarantee holds when the operation fails.
-enum Left { all, allButPayload, allButRecord };
-
-using Operation = std::tuple<char const*, Left, void (*)(World&)>;
-#define DO_BUT(left, ...)                                                                          \
-    Operation(#__VA_ARGS__, left, []([[maybe_unused]] World& w) { __VA_ARGS__; })
-#define DO(...) DO_BUT(all, __VA_ARGS__)
+using Operation = std::pair<char const*, void (*)(World&)>;
+#define DO(...) Operation(#__VA_ARGS__, []([[maybe_unused]] World& w) { __VA_ARGS__; })
 
 constexpr Operation operations[] = {
-    DO(ByteBuffer made(100)),
-    DO(ByteBuffer made(w.buffer.makeView(0, 0))),
-    DO(discard(w.buffer.clone())),
-    DO(w.buffer.append(w.argument)),
     DO(w.buffer.append(w.buffer)),
-    DO(w.buffer.append(w.list)),
-    DO(w.buffer.append(w.vector)),
-    DO(w.buffer.append(w.buffer.makeView(2, 3))),
     DO(w.buffer.push_back(w.buffer[1])),
-    DO(w.buffer.reserve(2000)),
     DO(w.buffer.resize(4)),
-    DO(w.buffer.resize(2000)),
     DO(discard(w.buffer.splitFront(2))),
     DO(discard(adopt(std::move(w.vector)))),
-    DO(discard(adopt(w.argument.first(2), w.element))),
-    DO(discard(w.buffer.makeView(0, 0).append(w.list))),
+    DO(discard(adopt(w.buffer.first(2), w.element))),
     DO(ByteBufferIStreambuf made(std::make_unique<ByteBuffer>(w.buffer.clone()))),
     DO(discard(w.owner.take(2))),
     DO(discard(w.viewer.take(2))),
-    DO(discard(w.sink.prepare(1000))),
-    DO(++w.byte),
-    DO(++w.character),
-    DO(discard(w.source.begin())),
     DO(w.payload.add(w.element)),
     DO(discard(GenericPayloadWrapperPtr::make(std::move(w.payload)))),
     DO(GenericSerialiser made(w.write, stop_source(), longText, w.element)),
@@ -164,41 +119,33 @@ constexpr Operation operations[] = {
     DO(w.deserialiser = w.source2),
     DO(discard(w.source2(w.received))),
     DO(DeferredSerialiser made(w.careless)),
-    DO(w.deferred = DeferredSerialiser(w.careless)),
     DO(DeferredSerialiser(w.careless)(w.sent)),
     DO(DeferredSerialiser made(w.careless); w.deferred = made),
     DO(Serialiser made(w.newRecord)),
-    DO_BUT(allButRecord, w.record = w.newRecord),
-    DO(w.record = Serialiser(w.newRecord)),
+    DO(w.record = w.newRecord), // not in the state: only the basic guarantee
     DO(Deserialiser made(w.newReadRecord)),
     DO(w.readRecord = w.newReadRecord),
     DO(Catalogue made),
     DO(w.catalogue.add(Serialiser(w.newRecord))),
     DO(w.catalogue.add(Deserialiser(w.newReadRecord))),
-    DO(addWriter<int>(w.catalogue, longText, w.careless)),
-    DO(addReader<int>(w.catalogue, longText, w.careless)),
+    DO(addFormat<int>(w.catalogue, longText, w.careless, w.careless)),
     DO(w.catalogue.add(carelessRecord("0", elementID))),
     DO(w.catalogue.add(Deserialiser("0", 0, carelessReader()))),
     DO(discard(w.catalogue.getSerialiserFor("*", elementID))),
     DO(discard(w.catalogue.getSerialiserFor("0", IDs{elementID}))),
     DO(discard(w.catalogue.getSerialiserFor(longText, getTypeID<void>()))),
-    DO_BUT(allButPayload, discard(w.catalogue.getSerialiserFor("0", std::move(w.payload)))),
-    DO(discard(w.catalogue.getSerialiserFor("0", w.view()))),
-    DO(discard(w.catalogue.getSerialiserFor("0", w.view(), stop_source()))),
+    DO(discard(w.catalogue.getSerialiserFor("0", std::move(w.taken)))),
+    DO(discard(w.catalogue.getSerialiserFor("0", GenericPayloadView(w.shared, 0)))),
+    DO(discard(w.catalogue.getSerialiserFor("0", GenericPayloadView(w.shared, 0), stop_source()))),
     DO(discard(w.catalogue.getDeserialiserFor("0", 0))),
-    DO(discard(w.catalogue.getSupportedWireFormats(elementID))),
     DO(discard(w.catalogue.getSupportedWireFormats(IDs{elementID}))),
-    DO(discard(w.catalogue.getSupportedDeserialisationWireFormats(0))),
-    DO_BUT(allButPayload, discard(createSerialisersFor(std::move(w.payload), w.catalogue, "*"))),
-    DO_BUT(allButPayload, discard(createSerialisersFor(std::move(w.payload), w.catalogue,
-                                                       Formats{"*", "0"}, stop_source()))),
+    DO(discard(createSerialisersFor(std::move(w.taken), w.catalogue, "*"))),
+    DO(discard(createSerialisersFor(std::move(w.taken), w.catalogue, {"*", "0"}, stop_source()))),
 };
 
 // Acts on a new world in which fault point n fails. Returns whether there was one.
 bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
-    auto const [name, left, act] = operation;
-    SCOPED_TRACE(name);
-    std::size_t const before = unfreed();
+    SCOPED_TRACE(operation.first);
     Blocks blocks;
     std::atomic<int> destroyed = 0;
     bool failed = true;
@@ -207,7 +154,7 @@ bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
         auto const state = world.state();
         failAfter(n);
         try {
-            act(world);
+            operation.second(world);
             failed = false;
         } catch (std::bad_alloc const&) {
         } catch (std::domain_error const& error) {
@@ -215,21 +162,13 @@ bool failsAt(std::size_t n, Operation const& operation, MakeBuffer make) {
         }
         EXPECT_EQ(stopFailing(), failed) << "swallowed";
         if (failed) {
-            if (left == allButRecord) {
-                world.record = carelessRecord("old", 1);
-            } else if (left == allButPayload && world.payload.values.empty()) {
-                EXPECT_EQ(destroyed, 2) << "gone, but not destroyed";
-                world.payload = payloadOf(2, destroyed);
-                destroyed -= 2; // replaced by new ones
-            }
             EXPECT_EQ(world.state(), state);
         }
         world.catalogue.add(carelessRecord("after", 1)); // would hang if a lock were held
         world.catalogue.add(Deserialiser("after", 99, carelessReader()));
     }
     EXPECT_EQ(blocks.freed, blocks.made);
-    EXPECT_EQ(destroyed, 4);
-    EXPECT_EQ(unfreed(), before);
+    EXPECT_EQ(destroyed, 6);
     return failed;
 }
 
@@ -244,7 +183,7 @@ TEST(Faults, LeaveEverythingAsItWas) {
             ASSERT_FALSE(HasFailure()) << "at point " << points;
         }
 #if !defined(_WIN32) // where only operator new fails, which some operations do not call
-        EXPECT_GT(points, 0U) << std::get<0>(operation);
+        EXPECT_GT(points, 0U) << operation.first;
 #endif
     }
     bedrock_diag_set_terminate(true);

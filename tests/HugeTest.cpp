@@ -37,31 +37,27 @@ TEST(Buffers, CountPastFourGibibytes) {
     for (std::size_t at = 0; at < tile; ++at) {
         start[at] = std::byte(byteAt(at));
     }
-    static int unmapped = 0;
-    auto const unmap = [](void* block) { unmapped += munmap(block, huge) == 0; };
+    auto const unmap = [](void* block) { munmap(block, huge); };
     ByteBuffer const to(ByteBuffer::Block(target, unmap), huge);
     auto from = std::make_unique<ByteBuffer>(ByteBuffer::Block(start, unmap), huge);
     EXPECT_EQ(from->end() - from->begin(), static_cast<std::ptrdiff_t>(huge));
     EXPECT_EQ(&from->at(huge - 1), start + (huge - 1));
 
     NonOwningByteBufferViewIStreambuf buffer(from->makeView(0, 0));
-    constexpr std::size_t last = twoTo32 / 2 + 4;
-    constexpr auto most = static_cast<std::streamsize>(last + 1);
-    EXPECT_EQ(buffer.sgetn(reinterpret_cast<char*>(target), most), most);
-    EXPECT_EQ(static_cast<int>(to[last]), byteAt(last));
-    EXPECT_EQ(buffer.sbumpc(), byteAt(last + 1));
-    EXPECT_EQ(buffer.in_avail(), static_cast<std::streamsize>(huge) - most - 1);
-    NonOwningByteBufferViewIStreambuf skipped(from->makeView(0, 0));
-    skipped.skip(twoTo32 / 2 + 5);
-    EXPECT_EQ(skipped.sgetc(), byteAt(twoTo32 / 2 + 5));
+    constexpr std::size_t many = twoTo32 / 2 + 5;
+    constexpr auto count = static_cast<std::streamsize>(many);
+    buffer.skip(many);
+    EXPECT_EQ(buffer.sgetc(), byteAt(many));
+    EXPECT_EQ(buffer.sgetn(reinterpret_cast<char*>(target), count), count);
+    EXPECT_EQ(static_cast<int>(to[many - 1]), byteAt(2 * many - 1));
+    EXPECT_EQ(buffer.sbumpc(), byteAt(2 * many));
+    EXPECT_EQ(buffer.in_avail(), static_cast<std::streamsize>(huge - 2 * many - 1));
 
     from->trimFront(twoTo32 - 1);
     ByteBufferIStreambuf rest(std::move(from));
     EXPECT_EQ(rest.in_avail(), static_cast<std::streamsize>(huge - (twoTo32 - 1)));
     std::istream in(&rest);
     EXPECT_EQ(in.ignore(7).get(), byteAt(twoTo32 + 6));
-    rest = ByteBufferIStreambuf(ByteBufferView());
-    EXPECT_EQ(unmapped, 1);
 }
 
 TEST(OStreambuf, CountsPastTwoGibibytes) {

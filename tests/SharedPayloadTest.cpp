@@ -3,12 +3,6 @@
 
 using namespace tests;
 
-namespace {
-struct Mine {}; // CoreTest.cpp has a class of this name, too
-} // namespace
-std::uint64_t idOfAnotherFilesMine();
-std::uint64_t idOfAnotherFilesMine() { return getTypeID<Mine>(); }
-
 TEST(SharedPayload, SentinelWakesAllThatWait) {
     Sentinel sentinel;
     std::atomic<int> waiting = 0;

@@ -19,21 +19,18 @@ shown = {
     "released": r"Sentinel, released",
 }
 for name in ("core::GenericPayload", "serialisation::ByteBuffer", "serialisation::Sentinel"):
-    shown[f"*('courier::hub::{name}'*)$at"] = r"\w+, not a valid object( = .*)?"
+    shown[f"*('courier::hub::{name}'*)garbage"] = r"\w+, not a valid object( = .*)?"
 
 gdb.execute("set disable-randomization off")  # asks for a right that containers refuse
 gdb.execute("break look")
-status = 0
 try:
     gdb.execute("run")
 except gdb.error as error:
-    status = 77 if "ptrace" in str(error) else 1
     print(error, flush=True)
-    os._exit(status)
+    os._exit(77 if "ptrace" in str(error) else 1)
+status = 0
 while gdb.selected_inferior().pid != 0:
-    garbage = gdb.parse_and_eval("at")
     gdb.execute("up")
-    gdb.set_convenience_variable("at", garbage)
     for expression, pattern in shown.items():
         output = gdb.execute(f"output {expression}", to_string=True)
         if not re.fullmatch(pattern, output, re.DOTALL):
