@@ -10,11 +10,8 @@ import subprocess
 import sys
 
 project = pathlib.Path(__file__).resolve().parents[2]
-work, compiler, generator, prefix = (
-    pathlib.Path(sys.argv[1]),
-    *sys.argv[2:4],
-    pathlib.Path(sys.argv[4]),
-)
+compiler, generator = sys.argv[2:4]
+work, prefix = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[4])
 
 
 def run(*command, expected=None):
