@@ -54,6 +54,7 @@ TEST(Modules, RefusesWithTheCauseWhatIsNoModuleOfThisLibrary) {
     for (auto const& [file, cause] : std::map<std::string, std::string>{
              {"missing.so", "module /.*missing.so: there is no such file"},
              {text, "module.txt: .*Check that it is a shared object"},
+             {UNRESOLVED, "undefined symbol: missing"},
              {BEDROCK, "bedrock.*: it does not export courier_register_module"},
              {OTHER, "other.so: it uses .*other.so, and this program uses .*libcourier_hub"}}) {
         auto const message = messageOf<std::runtime_error>([f = file] { Module const module(f); });

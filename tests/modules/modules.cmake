@@ -29,15 +29,20 @@ if(COURIER_TEST_OTHER_BUILDS AND OTHER_CXX)
     string(APPEND wire_formats ", \"there\"")
 endif()
 
+function(add_strange_module name code)
+    file(CONFIGURE OUTPUT ${name}.cpp CONTENT "extern \"C\" { ${code} }\n")
+    add_library(${name} MODULE ${CMAKE_CURRENT_BINARY_DIR}/${name}.cpp)
+    set_target_properties(${name} PROPERTIES PREFIX "")
+endfunction()
 # Stands for a module that is linked with another version of the library.
-file(CONFIGURE OUTPUT other.cpp CONTENT "
-extern \"C\" { int _ZTVN7courier3hub13serialisation9CatalogueE; void courier_register_module() {} }\n")
-add_library(other MODULE ${CMAKE_CURRENT_BINARY_DIR}/other.cpp)
-set_target_properties(other PROPERTIES PREFIX "")
+add_strange_module(other
+    "int _ZTVN7courier3hub13serialisation9CatalogueE; void courier_register_module() {}")
+add_strange_module(unresolved "void missing(); void courier_register_module() { missing(); }")
 
 add_tests(modules_tests ModulesTest.cpp ${there})
 target_compile_definitions(modules_tests PRIVATE
     MODULE_DIR="${CMAKE_CURRENT_BINARY_DIR}" WIRE_FORMATS=${wire_formats}
-    BEDROCK="$<TARGET_FILE:bedrock>" OTHER="$<TARGET_FILE:other>")
-add_dependencies(modules_tests here other)
+    BEDROCK="$<TARGET_FILE:bedrock>" OTHER="$<TARGET_FILE:other>"
+    UNRESOLVED="$<TARGET_FILE:unresolved>")
+add_dependencies(modules_tests here other unresolved)
 add_exports_test(module_exports courier_register_module ${modules})
