@@ -190,7 +190,7 @@ struct Run {
         Bytes own = bytes(content);
         ByteBufferView const view(own);
         Owner named{content, owners};
-        auto const shared = std::make_shared<Owner>(named);
+        auto shared = std::make_shared<Owner>(named);
         auto const never = [](void*) { std::abort(); };
         model = {own};
         auto const external = [&](ByteBuffer made, bool keepsDeleter = false) {
