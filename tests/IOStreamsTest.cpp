@@ -37,6 +37,10 @@ TEST(Take, CopiesFromAnotherStreamBuffer) {
     std::istream ofDerived(&derived);
     std::istringstream foreign(chars.substr(5));
     for (std::istream* const in : {&ofDerived, static_cast<std::istream*>(&foreign)}) {
+        failAfter(0);
+        EXPECT_THROW(discard(take(*in, 1)), std::bad_alloc);
+        EXPECT_TRUE(stopFailing() && in->bad());
+        in->clear();
         EXPECT_EQ(text(take(*in, 999'990)), chars.substr(10));
         EXPECT_EQ(text(take(*in, std::size_t(-1))), "xxxxx"); // without taking the memory
         EXPECT_EQ(in->rdstate(), ios_base::eofbit | ios_base::failbit);
