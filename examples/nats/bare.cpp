@@ -2,7 +2,7 @@
 // The baseline for the sender and its workers: moves the same messages through a stream of the same
 // kind with hardly more than the client library. Prints messages a second.
 
-#include "examples/nats/Messages.h"
+#include "examples/nats/Session.h"
 
 #include <iostream>
 #include <thread>
@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
     app.add_option("--size", size, "Bytes of each")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     Session session(servers, "bare", [](auto const&) {});
-    session.join("bare", "takers", "bare.>", 10s, 0s);
+    session.join("takers", 10s);
     auto const start = Clock::now();
     std::jthread const publisher([&] {
         std::string const data(size, 'x');
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
     });
     for (int taken = 0; taken < count;) {
         for (auto const& message : session.fetch(256, 100ms)) {
-            session.answer(natsMsg_GetReply(message.get()), "+ACK");
+            session.publish(natsMsg_GetReply(message.get()), "+ACK");
             ++taken;
         }
     }
