@@ -91,6 +91,7 @@ private:
                 do {
                     handle(std::move(messages[first]), replies[first]);
                 } while (++first < messages.size() && Clock::now() - start < share);
+                report();
                 return first;
             });
             while (part.wait_until(told + interval) != std::future_status::ready) {
@@ -99,7 +100,7 @@ private:
                 told = Clock::now();
             }
             next = part.get();
-            report();
+            part = {}; // waits for the thread to end
             if (Clock::now() - start > 2 * share) {
                 ::malloc_trim(0); // so that it does not add to what the next one takes
             }
