@@ -174,8 +174,8 @@ struct Servers {
     }
 };
 
-/// Whether setting up goes on by waiting: for servers that come back, start or elect a leader, or
-/// for the stream that another program makes as well.
+/// Whether it passes: when servers come back, start, elect a leader or have room, or have made the
+/// stream that another program wants as well.
 inline bool isPassing(natsStatus status, jsErrCode code) {
     auto const is = [](auto value, auto... values) { return ((value == values) || ...); };
     return is(status, NATS_TIMEOUT, NATS_NO_RESPONDERS, NATS_NO_SERVER, NATS_IO_ERROR,
@@ -204,7 +204,7 @@ inline std::string explain(natsStatus status, jsErrCode code = {}, char const* d
 ///
 /// Whatever fails is repeated for ever, unless the servers do not permit it, or the session cannot
 /// be set up for a reason that does not pass: that throws std::runtime_error, without passwords and
-/// tokens. answer() and note() are thread-safe; the others are for one thread. One session at a
+/// tokens. publish() and note() are thread-safe; the others are for one thread. One session at a
 /// time in a process.
 class Session {
 public:
@@ -224,12 +224,9 @@ public:
         settings.Wait = milliseconds(2s);
         settings.PublishAsync.AckHandler = handler;
         settings.PublishAsync.AckHandlerClosure = closure;
-        attempt("use JetStream", [&](jsErrCode&) {
-            jsCtx* jetStream = nullptr;
-            auto const status = natsConnection_JetStream(&jetStream, connection_.get(), &settings);
-            jetStream_.reset(jetStream);
-            return status;
-        });
+        jsCtx* jetStream = nullptr;
+        natsConnection_JetStream(&jetStream, connection_.get(), &settings);
+        jetStream_.reset(jetStream);
         makeStream(servers);
     }
     Session(Session const&) = delete;
@@ -257,24 +254,11 @@ public:
         attempt("make the queue " + queue, [&](jsErrCode& code) {
             return js_AddConsumer(nullptr, jetStream(), stream_.c_str(), &config, nullptr, &code);
         });
-        listen(inbox_ + ".fetch.*", nullptr, nullptr);
+        natsSubscription* subscription = nullptr;
+        natsConnection_SubscribeSync(&subscription, connection(), (inbox_ + ".fetch.*").c_str());
+        subscription_.reset(subscription);
+        natsSubscription_SetPendingLimits(subscription, -1, -1); // requests are the limit
         answered_ = Clock::now();
-    }
-
-    /// Receives the messages of a subject that is not stored, in a thread of the client library.
-    void listen(std::string const& subject, natsMsgHandler handler, void* closure) {
-        attempt("receive " + subject, [&](jsErrCode&) {
-            natsSubscription* made = nullptr;
-            auto* const connection = connection_.get();
-            auto const status =
-                handler == nullptr
-                    ? natsConnection_SubscribeSync(&made, connection, subject.c_str())
-                    : natsConnection_Subscribe(&made, connection, subject.c_str(), handler,
-                                               closure);
-            subscription_.reset(made);
-            return status;
-        });
-        natsSubscription_SetPendingLimits(subscription_.get(), -1, -1); // requests are the limit
     }
 
     /// The messages that are there, at most so many, or else the next one; none after `time`.
@@ -282,7 +266,16 @@ public:
     /// By hand: the client's own function writes past the end of its list when the answers to an
     /// earlier request come late.
     [[nodiscard]] std::vector<Message> fetch(std::size_t atMost, std::chrono::milliseconds time) {
-        request(atMost, time);
+        // Waits for one message, and takes what is there then. Only single messages may be longer
+        // than a mebibyte.
+        Json request{{"no_wait", true}, {"expires", nanoseconds(time)}, {"batch", atMost}};
+        if (atMost > 1) {
+            request["max_bytes"] = 1 << 20;
+        }
+        auto const reply = inbox_ + ".fetch." + std::to_string(++requests_);
+        auto const subject = "$JS.API.CONSUMER.MSG.NEXT." + stream_ + '.' + queue_;
+        natsConnection_PublishRequestString(connection(), subject.c_str(), reply.c_str(),
+                                            request.dump().c_str());
         std::vector<Message> messages;
         std::string end; // the status that ends the request
         while (messages.size() < atMost && end.empty()) {
@@ -293,17 +286,16 @@ public:
                 break;
             }
             Message message(raw);
+            char const* status = nullptr;
             if (natsMsg_GetReply(raw) != nullptr) {
                 messages.push_back(std::move(message));
-            } else if (natsMsg_GetSubject(raw) == reply_) { // not of an earlier request
-                char const* status = nullptr;
+            } else if (natsMsg_GetSubject(raw) == reply) { // not of an earlier request
                 natsMsgHeader_Get(raw, "Status", &status);
                 end = status != nullptr ? status : "unknown";
             }
-            if (end == "409" && messages.empty() && atMost > 1) { // the next message is long
-                end.clear();
-                request(atMost = 1, time);
-            }
+        }
+        if (end == "409" && messages.empty() && atMost > 1) { // the next message is long
+            return fetch(1, time);
         }
         check();
         if (!messages.empty() || end == "408") { // 408: none came in time, or others get them
@@ -319,8 +311,7 @@ public:
     /// Publishes a report, or an answer to a message: "+ACK" means done, "+WPI" still at work. If
     /// it is lost, the message comes again.
     void publish(std::string const& subject, std::string const& text) const {
-        static_cast<void>(
-            natsConnection_PublishString(connection_.get(), subject.c_str(), text.c_str()));
+        natsConnection_PublishString(connection(), subject.c_str(), text.c_str());
     }
 
     /// The state of the stream, with the subjects of `filter`, if it is not empty, that
@@ -340,7 +331,7 @@ public:
     void requireRoom(std::size_t bytes) const {
         auto const [limit, name] = std::min(
             std::pair{limit_, "the limit of its stream (--max-bytes)"},
-            std::pair{natsConnection_GetMaxPayload(connection_.get()), "the servers' max_payload"});
+            std::pair{natsConnection_GetMaxPayload(connection()), "the servers' max_payload"});
         if (bytes + overhead > static_cast<std::size_t>(limit)) {
             throw std::length_error("its " + std::to_string(bytes) + " bytes exceed " + name +
                                     ", " + std::to_string(limit) +
@@ -356,8 +347,8 @@ public:
 
     /// Throws if the servers have refused something for good.
     void check() {
-        if (connection_ && natsConnection_IsClosed(connection_.get())) {
-            refused(connection_.get(), nullptr, NATS_NOT_PERMITTED, this);
+        if (connection_ && natsConnection_IsClosed(connection())) {
+            refused(connection(), nullptr, NATS_NOT_PERMITTED, this);
         }
         std::unique_lock lock(mutex_);
         if (!error_.empty()) {
@@ -370,6 +361,7 @@ public:
         }
     }
 
+    [[nodiscard]] natsConnection* connection() const { return connection_.get(); }
     [[nodiscard]] jsCtx* jetStream() const { return jetStream_.get(); }
     [[nodiscard]] std::int64_t limit() const { return limit_; } // bytes of all elements
 
@@ -491,27 +483,12 @@ private:
         }
     }
 
-    // It waits for one message, and takes what is there then. Only single messages may be longer
-    // than a mebibyte.
-    void request(std::size_t atMost, std::chrono::milliseconds time) {
-        nlohmann::json request{
-            {"no_wait", true}, {"expires", nanoseconds(time)}, {"batch", atMost}};
-        if (atMost > 1) {
-            request["max_bytes"] = 1 << 20;
-        }
-        reply_ = inbox_ + ".fetch." + std::to_string(++requests_);
-        std::string const subject = "$JS.API.CONSUMER.MSG.NEXT." + stream_ + '.' + queue_;
-        natsConnection_PublishRequestString(connection_.get(), subject.c_str(), reply_.c_str(),
-                                            request.dump().c_str());
-    }
-
     std::string const inbox_;
     Waiting waiting_;
     std::string stream_;
     std::int64_t limit_ = 0; // bytes of the stream
     std::string queue_;
     std::size_t requests_ = 0;
-    std::string reply_; // to the latest request
     Clock::time_point answered_;
 
     std::mutex mutex_;    // guards what callbacks write:

@@ -30,20 +30,17 @@ struct Options : Sending {
     int giveUpAfter = std::numeric_limits<int>::max(); // seconds
 };
 
-struct GaveUp {};
+struct Stopped {}; // thrown after Control-C
 
-enum class State { waiting, failed, published, stored, reported };
+enum class State { waiting, failed, sent, reported };
 
 struct Element {
+    Label label = {};
     State state = State::waiting;
-    ByteBuffer bytes = {};      // until there is a result
-    Clock::time_point due = {}; // when it is looked for, and perhaps published again
+    bool isStored = false;
     std::uint64_t size = 0;
-    std::uint64_t crc32 = 0;
-
-    [[nodiscard]] bool isOnItsWay() const {
-        return state == State::published || state == State::stored;
-    }
+    ByteBuffer bytes = {};      // until there is a result
+    Clock::time_point due = {}; // when it is looked for, and perhaps sent again
 };
 
 // What a worker has decoded.
@@ -57,20 +54,20 @@ struct Share {
 class Run {
 public:
     Run(Options const& options, SerialisationCatalogue const& catalogue, stop_source stop)
-        : options_(options), stop_(std::move(stop)), elements_(0) {
+        : options_(options), stop_(std::move(stop)) {
         auto const files = loadAll(options.files, catalogue);
         auto const formats = resolveFormats(options.formats, files, catalogue);
         courier::hub::core::GenericPayload payload;
         std::vector<std::string> each;
         for (std::size_t i = 0; i < options.copies * files.size(); ++i) {
-            files[i % files.size()].addTo(payload);
+            auto const& file = files[i % files.size()];
             each.push_back(formats[i % files.size()]);
+            file.addTo(payload);
+            elements_.push_back({{each.back(), file.type().id, 0}});
         }
-        for (std::size_t i = 0; i < files.size(); ++i) {
-            names_.push_back(files[i].name);
-            labels_.emplace_back(formats[i], files[i].type().id, 0);
+        for (auto const& file : files) {
+            names_.push_back(file.name);
         }
-        elements_ = std::vector<Element>(each.size());
         left_ = each.size();
         std::tie(serialisers_, sentinel_) =
             createSerialisersFor(std::move(payload), catalogue, each, stop_);
@@ -88,7 +85,12 @@ public:
                 options_.nats, "sender", [this](auto const& why) { waitFor(why); }, acknowledged,
                 this);
             start_ = Clock::now();
-            session_->listen(options_.nats.reports() + '.' + run_ + ".*", received, this);
+            natsSubscription* subscription = nullptr;
+            std::string const reports = options_.nats.reports() + '.' + run_ + ".*";
+            natsConnection_Subscribe(&subscription, session_->connection(), reports.c_str(),
+                                     received, this);
+            Owner<natsSubscription, natsSubscription_Destroy> const owner(subscription);
+            natsSubscription_SetPendingLimits(subscription, -1, -1);
             look();
             for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
                 threads_.emplace_back([this] { send(); });
@@ -101,7 +103,7 @@ public:
                 bool const isIdle = Clock::now() - progress_.load() > 10s;
                 waitFor(isIdle ? "no worker has reported for 10 s" : "");
             }
-        } catch (GaveUp const&) { // before there was a result for everything
+        } catch (Stopped const&) { // before there was a result for everything
         }
         end();
         return conclude();
@@ -110,7 +112,6 @@ public:
 private:
     void end() {
         stop_.request_stop();
-        changed_.notify_all();
         threads_.clear(); // waits for them
         session_.reset(); // no callback runs any more
     }
@@ -134,29 +135,25 @@ private:
     void publish(std::size_t i, ByteBuffer bytes) {
         session_->requireRoom(bytes.size());
         Element& element = elements_[i];
-        element.size = bytes.size();
-        element.crc32 = crc32(bytes);
-        Message message = messageOf(i, bytes);
-        auto const size = bytes.size() + overhead;
+        element.size = bytes.size() + overhead;
+        std::get<2>(element.label) = crc32(bytes);
+        Message message = makeElement(subjectOf(i), element.label, bytes);
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] {
-            return stop_.stop_requested() || unreported_ == 0 || unreported_ + size <= window_;
-        });
+        auto const isNext = [&] {
+            return stop_.stop_requested() || unreported_ == 0 ||
+                   unreported_ + element.size <= window_;
+        };
+        while (!changed_.wait_for(lock, 100ms, isNext)) {
+        }
         if (stop_.stop_requested()) {
             throw std::system_error(std::make_error_code(std::errc::operation_canceled));
         }
-        element.state = State::published;
+        element.state = State::sent;
         element.bytes = std::move(bytes);
         element.due = Clock::now() + 10s;
-        unreported_ += size;
+        unreported_ += element.size;
         lock.unlock();
         store(std::move(message));
-    }
-
-    [[nodiscard]] Message messageOf(std::size_t i, ByteBufferView bytes) const {
-        Label label = labels_[i % labels_.size()];
-        std::get<2>(label) = elements_[i].crc32;
-        return makeElement(subjectOf(std::to_string(i)), label, bytes);
     }
 
     void store(Message message) {
@@ -177,23 +174,13 @@ private:
         Element& element = run.elements_[std::stoul(wordsOf(raw)[2])];
         std::lock_guard const lock(run.mutex_);
         element.due = Clock::now() + (ack != nullptr ? 10s : 1s);
-        if (ack != nullptr) {
-            run.advance(element, State::stored);
-        } else {
+        if (ack == nullptr) {
             run.session_->note("cannot store an element: " +
                                    explain(error->Err, error->ErrCode, error->ErrText),
                                false);
+        } else if (!std::exchange(element.isStored, true)) {
+            run.progress_ = Clock::now();
         }
-    }
-
-    // Call it with the lock. A report may come before the acknowledgement of what it is about.
-    bool advance(Element& element, State state) {
-        bool const isNew = element.state < state;
-        if (isNew) {
-            element.state = state;
-            progress_ = Clock::now();
-        }
-        return isNew;
     }
 
     static void received(natsConnection*, natsSubscription*, natsMsg* raw, void* self) {
@@ -213,20 +200,22 @@ private:
         bool const isWorker = requireWord(worker).empty();
         std::lock_guard const lock(mutex_);
         for (auto const& [i, size, crc, delivery, time, error] : results) {
-            if (!isWorker || i >= elements_.size() || elements_[i].state < State::published) {
+            if (!isWorker || i >= elements_.size() || elements_[i].state < State::sent) {
                 throw std::runtime_error("it is not on an element that was sent");
             }
             Element& element = elements_[i];
-            bool const isWhole = size == element.size || !error.empty();
-            if (crc != element.crc32 || !isWhole || delivery == 0 || std::cmp_greater(time, most)) {
+            bool const isWhole = size + overhead == element.size || !error.empty();
+            if (crc != std::get<2>(element.label) || !isWhole || delivery == 0 ||
+                std::cmp_greater(time, most)) {
                 throw std::runtime_error("it cannot be true");
             }
-            if (!advance(element, State::reported)) {
+            if (std::exchange(element.state, State::reported) == State::reported) {
                 continue;
             }
             element.bytes = {};
-            unreported_ -= element.size + overhead;
+            unreported_ -= element.size;
             --left_;
+            progress_ = Clock::now();
             if (error.empty()) {
                 Share& share = shares_[worker];
                 ++share.elements;
@@ -258,13 +247,16 @@ private:
             print("the payload's memory was released after " +
                   fixed(Seconds(now - start_).count(), 2) + " s");
         }
-        auto const isLate = [now](Element const& each) {
-            return each.isOnItsWay() && now > each.due;
-        };
+        std::vector<std::size_t> late;
         std::unique_lock lock(mutex_);
-        bool const isAnyLate = std::any_of(elements_.begin(), elements_.end(), isLate);
+        for (std::size_t i = 0; i < elements_.size(); ++i) {
+            if (elements_[i].state == State::sent && now > elements_[i].due) {
+                elements_[i].due = now + 10s;
+                late.push_back(i);
+            }
+        }
         lock.unlock();
-        auto const info = session_->look(isAnyLate ? subjectOf("*") : "");
+        auto const info = session_->look(late.empty() ? "" : subjectOf("*"));
         if (!info) {
             return;
         }
@@ -273,28 +265,25 @@ private:
         for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
             queued.emplace(subjects->List[k].Subject);
         }
-        bool const isStuck = isAnyLate && now - progress_.load() > stuck_;
+        bool const isStuck = !late.empty() && now - progress_.load() > stuck_;
         stuck_ *= isStuck ? 2 : 1;
-        bool const isFull = std::cmp_greater_equal(info->State.Bytes, session_->limit());
-        std::vector<std::size_t> lost;
-        lock.lock();
-        for (std::size_t i = 0; isAnyLate && i < elements_.size(); ++i) {
-            if (isLate(elements_[i])) {
-                elements_[i].due = now + 10s;
-                if (isStuck || !queued.contains(subjectOf(std::to_string(i)))) {
-                    lost.push_back(i);
-                } else {
-                    advance(elements_[i], State::stored);
+        for (std::size_t const i : late) {
+            if (isStuck || !queued.contains(subjectOf(i))) {
+                lock.lock();
+                auto message = makeElement(subjectOf(i), elements_[i].label, elements_[i].bytes);
+                bool const isReported = elements_[i].state == State::reported;
+                lock.unlock();
+                if (!isReported) {
+                    store(std::move(message));
                 }
             }
         }
         // Senders that do not know of each other must not fill the stream beyond its limit.
+        bool const isFull = std::cmp_greater_equal(info->State.Bytes, session_->limit());
+        lock.lock();
         window_ = isFull ? 0 : std::min(window, static_cast<std::size_t>(session_->limit() / 8));
         changed_.notify_all();
         lock.unlock();
-        for (std::size_t const i : lost) {
-            store(messageOf(i, elements_[i].bytes));
-        }
         waitFor(isFull ? "the stream has reached its limit (--max-bytes)" : "");
     }
 
@@ -308,10 +297,14 @@ private:
         }
         if (stop_.stop_requested() && !std::exchange(isStopped_, true)) {
             progress_ = now;
-            changed_.notify_all();
         }
-        if (now - progress_.load() > std::chrono::seconds(isStopped_ ? 10 : options_.giveUpAfter)) {
-            throw GaveUp();
+        auto const quiet = now - progress_.load();
+        if (isStopped_ && quiet > 10s) {
+            throw Stopped();
+        }
+        if (quiet > std::chrono::seconds(options_.giveUpAfter)) {
+            throw std::runtime_error("gave up: nothing was stored or reported for " +
+                                     std::to_string(options_.giveUpAfter) + " s; " + sent());
         }
     }
 
@@ -340,11 +333,7 @@ private:
         if (all.elements == elements_.size()) {
             return 0;
         }
-        print((isStopped_   ? "stopped when "
-               : left_ != 0 ? "gave up: nothing was stored or reported for " +
-                                  std::to_string(options_.giveUpAfter) + " s; "
-                            : "") +
-              sent());
+        print((isStopped_ ? "stopped when " : "") + sent());
         return isStopped_ ? 130 : 1;
     }
 
@@ -354,12 +343,15 @@ private:
             auto const has = [state](Element const& element) { return element.state >= state; };
             return std::to_string(std::count_if(elements_.begin(), elements_.end(), has));
         };
-        return reached(State::stored) + " of " + counted(elements_.size(), "element") + " sent, " +
+        return reached(State::sent) + " of " + counted(elements_.size(), "element") + " sent, " +
                reached(State::reported) + " reported";
     }
 
     [[nodiscard]] std::string subjectOf(std::string const& element) const {
         return options_.nats.stream + '.' + run_ + '.' + element;
+    }
+    [[nodiscard]] std::string subjectOf(std::size_t i) const {
+        return subjectOf(std::to_string(i));
     }
 
     static void print(std::string const& text) { std::cerr << "sender: " + text + '\n'; }
@@ -369,7 +361,6 @@ private:
     stop_source stop_;
     Clock::time_point start_ = Clock::now(); // of sending
     std::vector<std::string> names_;         // of the files, which the elements repeat
-    std::vector<Label> labels_;
     std::vector<GenericSerialiser> serialisers_;
     std::shared_ptr<Sentinel> sentinel_;
     std::atomic<std::size_t> next_{0};
