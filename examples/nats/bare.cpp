@@ -20,10 +20,11 @@ int main(int argc, char** argv) {
     session.join("takers", 10s);
     auto const start = Clock::now();
     std::jthread const publisher([&] {
-        std::string const data(1000, 'x');
+        std::vector<std::byte> const data(1000);
+        courier::hub::serialisation::ByteBufferView const bytes(data);
         for (int i = 0; i < count; ++i) {
             std::string const subject = "bare.run." + std::to_string(i);
-            auto message = makeElement(subject, {"raw", 1, 1}, std::string_view(data)).release();
+            auto message = makeElement(subject, {"raw", 1, 1}, bytes).release();
             js_PublishMsgAsync(session.jetStream(), &message, nullptr);
         }
     });

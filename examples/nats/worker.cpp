@@ -77,7 +77,8 @@ private:
     }
 
     // Other threads decode, one after the other, while this one tells the servers that it is at
-    // work on what it has taken. A thread frees the memory that it has kept when it ends.
+    // work on what it has taken. When a thread ends, its cache of memory is freed, so nothing that
+    // it has allocated may outlive it in another cache.
     void work(std::vector<Message> messages) {
         std::vector<std::string> replies;
         for (auto const& message : messages) {
@@ -88,9 +89,12 @@ private:
         for (std::size_t next = 0; next < messages.size() && !stop_.stop_requested();) {
             auto const start = Clock::now();
             auto part = std::async(std::launch::async, [&, first = next]() mutable {
+                isDecoding = true;
                 do {
                     handle(std::move(messages[first]), replies[first]);
                 } while (++first < messages.size() && Clock::now() - start < share);
+                isDecoding = false;
+                ::alarm(0);
                 report();
                 return first;
             });
@@ -99,8 +103,7 @@ private:
                               [this](auto const& reply) { session_.publish(reply, "+WPI"); });
                 told = Clock::now();
             }
-            next = part.get();
-            part = {}; // waits for the thread to end
+            next = part.get(); // the thread has ended
             if (Clock::now() - start > 2 * share) {
                 ::malloc_trim(0); // so that it does not add to what the next one takes
             }
@@ -133,6 +136,7 @@ private:
             if (crc32(bytes) != crc) {
                 throw std::runtime_error("the bytes are not those that were sent");
             }
+            ::alarm(delivery == 1 ? options_.patience : 0); // the system ends a process that hangs
             delivery == 1 ? read(label, source) : readInChild(label, source);
         } catch (std::exception const& error) {
             why = std::string(error.what()).substr(0, 500);
@@ -171,6 +175,7 @@ private:
         }
         if (child == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::alarm(options_.patience);
             std::string said = "=";
             try {
                 read(label, source);
@@ -200,13 +205,8 @@ private:
         }
     }
 
-    // The system ends a process whose decoder hangs.
     void read(Label const& label, std::streambuf& source) const {
         auto const& [wireFormat, type, sum] = label;
-        struct Guard {
-            explicit Guard(unsigned seconds) { isDecoding = true, ::alarm(seconds); }
-            ~Guard() { isDecoding = false, ::alarm(0); }
-        } const guard(options_.patience);
         auto const payload = decode(catalogue_.getDeserialiserFor(wireFormat, type), source);
         // Here a real worker would do its work with the payload.
     }

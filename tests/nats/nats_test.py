@@ -5,6 +5,7 @@ strangers. Leaves no process behind."""
 import argparse
 import base64
 import binascii
+import collections
 import concurrent.futures
 import contextlib
 import functools
@@ -33,6 +34,7 @@ import cluster
 
 STATE = pathlib.Path(os.environ.get("STATE", "build/nats-test")).resolve()
 LIMIT = 256 << 20  # of the memory for reading
+LINE = r"(?m)^decoded (\w+) (\d+) (\S+) (\d+) (\d+) \d+$"
 CASES = {}
 
 
@@ -115,21 +117,46 @@ class Place(contextlib.ExitStack):
 
     def publish(self, user, subject, content, headers=None):
         """As a stranger would who has no client library. The server must not refuse it."""
+        head = b"" if headers is None else b"NATS/1.0\r\n" + headers + b"\r\n\r\n"
+        sizes = f"{len(head)} {len(head + content)}" if head else len(content)
+        login = json.dumps({"verbose": False, "headers": True, "user": user, "pass": user[0]})
+        lines = f"CONNECT {login}\r\n{'HPUB' if head else 'PUB'} {subject} {sizes}\r\n".encode()
         with socket.create_connection(("127.0.0.1", self.cluster.ports[0]), 5) as server:
-            head = b"" if headers is None else b"NATS/1.0\r\n" + headers + b"\r\n\r\n"
-            sizes = f"{len(head)} {len(head + content)}" if head else len(content)
-            command = f"{'HPUB' if head else 'PUB'} {subject} {sizes}\r\n".encode()
-            login = {"verbose": False, "headers": True, "user": user, "pass": user[0]}
-            server.sendall(f"CONNECT {json.dumps(login)}\r\n".encode() + command + head + content)
-            server.sendall(b"\r\nPING\r\n")
+            server.sendall(lines + head + content + b"\r\nPING\r\n")
             answer = b""
-            while b"PONG" not in answer and b"-ERR" not in answer:
+            while b"PONG" not in answer:
                 answer += server.recv(65536) or b"-ERR closed"
-            assert b"-ERR" not in answer, answer
+                assert b"-ERR" not in answer, answer
 
 
 def case(name, size=1, **options):
     return lambda run: CASES.update({name: (run, size, options)})
+
+
+for which, seconds in ((0, 1, 2), 75), ((0, 1, 2), 10), ((0, 1), 20):
+
+    @case(f"{len(which)} of 3 servers killed for {seconds} s", 3)
+    def _(place, which=which, seconds=seconds):
+        place.work()
+        sender = place.sender("--copies", "20000", place.noise(10_000))
+        place.wait(sender, r"[1-9]\d* of 20000")
+        for i in which:
+            place.servers[i].kill()
+        time.sleep(seconds)
+        for i in which:
+            place.cluster.start_server(i)
+        place.end(sender, "20000 of 20000")
+        assert place.workers[0].text().count("ready") == 1
+
+
+@case("the sender's server is frozen for good", 3)
+def _(place):
+    place.work()
+    place.common[1] = place.common[1].split(",")[0]
+    sender = place.sender("--copies", "4000", place.noise(100_000))
+    place.wait(sender, r"[1-9]\d* of 4000")
+    place.servers[0].send_signal(signal.SIGSTOP)
+    place.end(sender, "4000 of 4000")
 
 
 for size in 1, 3:
@@ -188,22 +215,6 @@ def _(place):
     place.end(sender, "400 of 400")
 
 
-for which, seconds in ((0, 1, 2), 10), ((0, 1, 2), 75), ((0, 1), 20):
-
-    @case(f"{len(which)} of 3 servers killed for {seconds} s", 3)
-    def _(place, which=which, seconds=seconds):
-        place.work()
-        sender = place.sender("--copies", "20000", place.noise(10_000))
-        place.wait(sender, r"[1-9]\d* of 20000")
-        for i in which:
-            place.servers[i].kill()
-        time.sleep(seconds)
-        for i in which:
-            place.cluster.start_server(i)
-        place.end(sender, "20000 of 20000")
-        assert place.workers[0].text().count("ready") == 1
-
-
 @case("a long decode, then a server that is away")
 def _(place):
     place.work("--redeliver-after", "3")
@@ -213,16 +224,6 @@ def _(place):
     time.sleep(3)
     place.cluster.start_server(0)
     place.end(sender, "1 of 1 elements? decoded, 0 of them")
-
-
-@case("the sender's server is frozen for good", 3)
-def _(place):
-    place.work()
-    place.common[1] = place.common[1].split(",")[0]
-    sender = place.sender("--copies", "4000", place.noise(100_000))
-    place.wait(sender, r"[1-9]\d* of 4000")
-    place.servers[0].send_signal(signal.SIGSTOP)
-    place.end(sender, "4000 of 4000")
 
 
 @case("elements that end their decoder", 3)
@@ -325,17 +326,18 @@ class Nkey:
         return (text + b"." + code(self.key.sign(text))).decode()
 
 
-def refusals(directory):
-    """What servers refuse, or have not: status and words of a sender, its options, servers."""
+def login(directory):
+    """What servers want, and whether they accept it: their options, the sender's options, its words
+    and status."""
     unlimited = dict.fromkeys("subs data payload conn imports exports".split(), -1)
     limits = unlimited | dict.fromkeys("mem_storage disk_storage streams consumer".split(), -1)
     operator, account, system, user, other = map(Nkey, "OAAUU")
     keys = f"""operator: {operator.sign(operator, 'operator')}
         system_account: {system.public}, resolver: MEMORY, resolver_preload: {{
-        {account.public}: {operator.sign(account, 'account', limits={**limits, "wildcards": True})}
+        {account.public}: {operator.sign(account, 'account', limits=limits | {"wildcards": True})}
         {system.public}: {operator.sign(system, 'account', limits=unlimited)} }}"""
 
-    def login(key, expires):
+    def credentials(key, expires=2**33):
         jwt = account.sign(user, "user", expires, subs=-1, data=-1, payload=-1)
         kinds = ("NATS USER JWT", jwt), ("USER NKEY SEED", key.secret)
         text = [f"-----BEGIN {kind}-----\n{data}\n------END {kind}------\n" for kind, data in kinds]
@@ -343,47 +345,43 @@ def refusals(directory):
         file.write_text("\n".join(text))
         return ["--credentials", file]
 
-    for name in "ours", "other":
-        to = f"-subj /CN=x -days 9 -keyout {directory}/{name}.key -out {directory}/{name}.pem"
-        req = "openssl req -x509 -newkey ed25519 -nodes -addext subjectAltName=IP:127.0.0.1 "
-        subprocess.run((req + to).split(), check=True, capture_output=True)
-    ours, other_ca = (["--ca", directory / f"{name}.pem"] for name in ("ours", "other"))
-    pair = f"tls {{ cert_file: '{directory}/ours.pem', key_file: '{directory}/ours.key'"
-    tls = lambda more: {"scheme": "tls://", "extra": pair + more + " }"}
-    user_is = "authorization {{ users: [{{ user: me, password: secret, permissions: {{ {} }} }}] }}"
-    wrong, good = "Authorization Violation", "1 of 1"
-    return {
-        "no JetStream": (1, "no JetStream", [], {"jetstream": None}),
-        "no permission": (
-            1,
-            'refuse.* Publish to "elements',
-            ["--user=me"],
-            {"extra": user_is.format("publish: { deny: 'elements.>' }")},
-        ),
-        "wrong password": (
-            1,
-            wrong,
-            [],
-            {"scheme": "nats://me:secrets@", "extra": user_is.format("")},
-        ),
-        "wrong token": (1, wrong, [], {"extra": "authorization { token: a }"}),
-        "right token": (0, good, [], {"extra": "authorization { token: secret }"}),
-        "client certificate": (
-            1,
-            "client certificate",
-            ours,
-            tls(f", ca_file: '{directory}/ours.pem', verify: true"),
-        ),
-        "unknown certificate": (1, "certificate", other_ca, tls("")),
-        "certificate": (0, good, ours, tls("")),
-        "good": (0, good, login(user, 2**33), {"extra": keys, "size": 3}),
-        "expired": (1, wrong, login(user, 1), {"extra": keys}),
-        "wrong seed": (1, wrong, login(other, 2**33), {"extra": keys}),
-        "junk": (1, "no nkey user seed", ["--credentials", "/bin/true"], {"extra": keys}),
-    }
+    def certificate(name):
+        files = f"-keyout {directory}/{name}.key -out {directory}/{name}.pem"
+        kind = (
+            "-x509 -newkey ed25519 -nodes -days 9 -subj /CN=x -addext subjectAltName=IP:127.0.0.1"
+        )
+        subprocess.run(f"openssl req {kind} {files}".split(), check=True, capture_output=True)
+        return ["--ca", directory / f"{name}.pem"]
+
+    ca, wrong_ca = certificate("ours"), certificate("other")
+    tls = f"tls {{ cert_file: '{ca[1]}', key_file: '{ca[1].with_suffix('.key')}'"
+    mutual = tls + f", ca_file: '{ca[1]}', verify: true }}"
+    tls, tls_url, url = tls + "}", "tls://", "nats://"
+    me = "authorization {{ users: [{{ user: me, password: secret, permissions: {{ {} }} }}] }}"
+    denied, me = me.format("publish: { deny: 'elements.>' }"), me.format("")
+    token = "authorization {{ token: {} }}".format
+    wrong, good, refused = "Authorization Violation", "1 of 1", 'refuse.* Publish to "elements'
+    return [
+        ("no permission", 1, denied, url, ["--user=me"], 1, refused),
+        ("a wrong password", 1, me, "nats://me:secrets@", [], 1, wrong),
+        ("a wrong token", 1, token("a"), url, [], 1, wrong),
+        ("a token", 1, token("secret"), url, [], 0, good),
+        ("no client certificate", 1, mutual, tls_url, ca, 1, "client certificate"),
+        ("an unknown certificate", 1, tls, tls_url, wrong_ca, 1, "certificate"),
+        ("a certificate", 1, tls, tls_url, ca, 0, good),
+        ("credentials", 3, keys, url, credentials(user), 0, good),
+        ("expired credentials", 1, keys, url, credentials(user, 1), 1, wrong),
+        ("another's seed", 1, keys, url, credentials(other), 1, wrong),
+        ("junk", 1, keys, url, ["--credentials", "/bin/true"], 1, "no nkey user seed"),
+    ]
 
 
-def refused(place, status, says, arguments):
+@case("no JetStream", jetstream=None)
+def _(place):
+    log_in(place, [], 1, "no JetStream")
+
+
+def log_in(place, arguments, status, says):
     place.env |= {"NATS_PASSWORD": "secret", "NATS_TOKEN": "secret"}
     place.common += arguments
     worker = place.start("worker", "worker")
@@ -407,14 +405,12 @@ def failover(place, seed):
 
     def decoded():
         """The elements of each run."""
-        runs = {}
-        for run, i, kind, *each in re.findall(
-            r"(?m)^decoded (\w+) (\d+) (\S+) (\d+) (\d+) \d+$",
-            "".join(log.read_text() for log in place.directory.glob("w*.log")),
-        ):
+        text = "".join(log.read_text() for log in place.directory.glob("w*.log"))
+        runs = collections.defaultdict(set)
+        for run, i, kind, *each in re.findall(LINE, text):
             same = tuple(map(int, each)) == crcs[int(i) % 100]
             assert same or kind != '"raw"', f"{i} is wrong"
-            runs.setdefault(run, set()).add(int(i))
+            runs[run].add(int(i))
         return runs
 
     sender = place.sender(*arguments, str(copies))
@@ -464,16 +460,15 @@ shutil.copytree("build/release/examples/nats", STATE / "programs/nats")
 shutil.copytree("build/release/examples/modules", STATE / "programs/modules")
 shutil.copy("build/release/tests/trap.so", STATE / "programs/modules")
 os.environ.update(SENDER_PASSWORD="s", WORKER_PASSWORD="w", STRANGER_PASSWORD="x")
-for name, (*expected, servers) in refusals(STATE).items():
-    function = lambda place, expected=expected: refused(place, *expected)
-    case("log in: " + name, **servers)(function)
+for name, size, extra, scheme, *expected in login(STATE):
+    case("log in: " + name, size, extra=extra, scheme=scheme)(
+        lambda place, expected=expected: log_in(place, *expected)
+    )
 work = [(name, *CASES[name]) for name in CASES if name.startswith(tuple(options.cases))]
 if options.failover:
     first, count = options.failover
-    work = [
-        (f"seed {seed}", functools.partial(failover, seed=seed), 3, {})
-        for seed in range(first, first + count)
-    ]
+    seeds = range(first, first + count)
+    work = [(f"seed {i}", functools.partial(failover, seed=i), 3, {}) for i in seeds]
 with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
     results = list(pool.map(lambda each: run(*each), work))
 print(f"{sum(results)} of {len(results)} passed")
