@@ -80,10 +80,9 @@ private:
     // work on what it has taken. When a thread ends, its cache of memory is freed, so nothing that
     // it has allocated may outlive it in another cache.
     void work(std::vector<Message> messages) {
-        std::vector<std::string> replies;
-        for (auto const& message : messages) {
-            replies.emplace_back(natsMsg_GetReply(message.get()));
-        }
+        std::vector<std::string> replies(messages.size());
+        std::transform(messages.begin(), messages.end(), replies.begin(),
+                       [](auto const& message) { return natsMsg_GetReply(message.get()); });
         auto const interval = std::chrono::milliseconds(options_.redeliverAfter * 1000 / 3);
         auto told = Clock::now();
         for (std::size_t next = 0; next < messages.size() && !stop_.stop_requested();) {
@@ -99,8 +98,9 @@ private:
                 return first;
             });
             while (part.wait_until(told + interval) != std::future_status::ready) {
-                std::for_each(replies.begin() + next, replies.end(),
-                              [this](auto const& reply) { session_.publish(reply, "+WPI"); });
+                for (std::size_t i = next; i < replies.size(); ++i) {
+                    session_.publish(replies[i], "+WPI");
+                }
                 told = Clock::now();
             }
             next = part.get(); // the thread has ended
