@@ -323,8 +323,9 @@ public:
         jsStreamInfo* info = nullptr;
         auto const status =
             js_GetStreamInfo(&info, jetStream(), stream_.c_str(), &options, nullptr);
+        StreamInfo owner(info);
         waiting_(status == NATS_OK ? "" : "cannot look at the stream: " + explain(status));
-        return StreamInfo(info);
+        return owner;
     }
 
     /// Throws std::length_error, which names the setting, if so many bytes are too long a message.
