@@ -430,12 +430,12 @@ def failover(place, seed):
     runs = decoded()
     assert [*map(len, runs.values())] == [100 * copies], "lost"
     sender = place.sender(*arguments, str(100 * copies))
-    while not (more := decoded().keys() - runs.keys()):
-        time.sleep(0.02)
+    place.wait(sender, r"[1-9]\d* reported")
     time.sleep(chance.uniform(0, 1))
     sender.send_signal(signal.SIGINT)
     reported = re.search(r"stopped when .* (\d+) reported", place.end(sender, "stopped", 130))[1]
-    assert len(decoded()[more.pop()]) >= int(reported) > 0, f"lost: {reported} were reported"
+    (run,) = (more := decoded()).keys() - runs.keys()
+    assert len(more[run]) >= int(reported) > 0, f"lost: {reported} were reported"
     return ", ".join(events)
 
 
