@@ -139,7 +139,7 @@ for which, seconds in ((0, 1, 2), 75), ((0, 1, 2), 10), ((0, 1), 20):
     def _(place, which=which, seconds=seconds):
         place.work()
         sender = place.sender("--copies", "20000", place.noise(10_000))
-        place.wait(sender, r"[1-9]\d* of 20000")
+        place.wait(sender, r"[1-9]\d* reported")
         for i in which:
             place.servers[i].kill()
         time.sleep(seconds)
@@ -154,7 +154,7 @@ def _(place):
     place.work()
     place.common[1] = place.common[1].split(",")[0]
     sender = place.sender("--copies", "4000", place.noise(100_000))
-    place.wait(sender, r"[1-9]\d* of 4000")
+    place.wait(sender, r"[1-9]\d* reported")
     place.servers[0].send_signal(signal.SIGSTOP)
     place.end(sender, "4000 of 4000")
 
