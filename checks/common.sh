@@ -6,7 +6,7 @@
     to_build="g++ cmake ninja-build pkg-config libboost-dev libgtest-dev nlohmann-json3-dev
         libcereal-dev libcli11-dev libprotobuf-dev protobuf-compiler zlib1g-dev libzstd-dev dpkg-dev
         file python3"
-    to_nats="nats-server libnats-dev openssl"
+    to_nats="nats-server libnats-dev openssl python3-cryptography"
     to_bench="libbenchmark-dev libabsl-dev valgrind"
     to_document="doxygen doxygen-awesome-css"
     to_sanitise="clang libclang-rt-dev llvm"

@@ -4,6 +4,6 @@ set -eu
 . checks/common.sh
 need $to_build $to_nats
 build release --target nats roundtrip
-python3 -W ignore tests/nats/nats_test.py
-python3 -W ignore tests/nats/nats_test.py --failover 1 4
+python3 tests/nats/nats_test.py
+python3 tests/nats/nats_test.py --failover 1 4
 python3 examples/nats/measure.py

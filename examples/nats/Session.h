@@ -2,16 +2,37 @@
 #ifndef COURIER_EXAMPLES_NATS_SESSION_H
 #define COURIER_EXAMPLES_NATS_SESSION_H
 
+#include "examples/program/Text.h"
+
+#include <courier/hub/serialisation/Buffers.h>
+
 #include <CLI/CLI.hpp>
 #include <nats/nats.h>
+#include <nlohmann/json.hpp>
+#include <zlib.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <mutex>
+#include <random>
+#include <regex>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
 #include <vector>
+
+// The messages between a sender and the workers:
+//
+//     STREAM.RUN.I               element I, with its Label as a header
+//     STREAM-reports.RUN.WORKER  what became of some elements: a list of Results; not stored
+//
+// Anyone who may write can send anything. What is not well-formed throws std::exception when it is
+// read; whether the rest is true is up to the reader.
 
 namespace courier::examples::nats {
 
@@ -24,8 +45,100 @@ template <auto destroy> struct Destroy {
 template <class T, auto destroy> using Owner = std::unique_ptr<T, Destroy<destroy>>;
 using Message = Owner<natsMsg, natsMsg_Destroy>;
 using StreamInfo = Owner<jsStreamInfo, jsStreamInfo_Destroy>;
+using Json = nlohmann::json;
+
+/// Wire format, type, CRC-32.
+using Label = std::tuple<std::string, std::uint64_t, std::uint64_t>;
+constexpr char labelKey[] = "Courier-Label";
+
+/// Element, bytes that were received, CRC-32 as in the label, how often it was delivered, time in
+/// nanoseconds, and why it cannot be read; empty if it was.
+using Result = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t,
+                          std::string>;
+
+/// ASCII without control characters, whatever the text has.
+inline std::string ascii(Json const& value) {
+    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
+}
+
+/// The words of the subject: stream, run, element or worker.
+inline std::vector<std::string> wordsOf(natsMsg* message) {
+    auto words = split(natsMsg_GetSubject(message), '.');
+    if (words.size() != 3 || words[1].size() != 16 ||
+        words[1].find_first_not_of("0123456789abcdef") != std::string::npos) {
+        throw std::runtime_error("the subject is not that of a run");
+    }
+    return words;
+}
+
+/// The line that names a message that is not well-formed.
+inline std::string ignored(std::size_t count, natsMsg* message, std::exception const& error) {
+    return "ignored, message " + std::to_string(count) + ": " +
+           ascii({natsMsg_GetSubject(message), error.what()}).substr(0, 500);
+}
+
+/// How often a message of a queue was delivered, this time included; 0 if it is of no queue.
+inline std::uint64_t deliveries(natsMsg* message) {
+    jsMsgMetaData* data = nullptr;
+    natsMsg_GetMetaData(&data, message);
+    Owner<jsMsgMetaData, jsMsgMetaData_Destroy> const owner(data);
+    return data != nullptr ? data->NumDelivered : 0;
+}
+
+inline std::string_view textOf(natsMsg* message) {
+    return {natsMsg_GetData(message), static_cast<std::size_t>(natsMsg_GetDataLength(message))};
+}
+
+inline std::uint64_t crc32(hub::serialisation::ByteBufferView bytes) {
+    auto const* const data = reinterpret_cast<Bytef const*>(bytes.data());
+    return data == nullptr ? 0 : ::crc32_z(0, data, bytes.size());
+}
+
+/// Has a copy of the bytes.
+inline Message makeElement(std::string const& subject, Label const& label,
+                           hub::serialisation::ByteBufferView bytes) {
+    natsMsg* message = nullptr;
+    auto const* const data = reinterpret_cast<char const*>(bytes.data());
+    natsMsg_Create(&message, subject.c_str(), nullptr, data, static_cast<int>(bytes.size()));
+    Message owner(message);
+    if (natsMsgHeader_Set(message, labelKey, ascii(label).c_str()) != NATS_OK) {
+        throw std::bad_alloc();
+    }
+    return owner;
+}
+
+inline Label labelOf(natsMsg* message) {
+    char const* label = nullptr;
+    if (natsMsgHeader_Get(message, labelKey, &label) != NATS_OK) {
+        throw std::runtime_error("there is no header " + std::string(labelKey));
+    }
+    return Json::parse(label).get<Label>();
+}
+
+inline std::vector<Result> resultsOf(natsMsg* message) {
+    if (textOf(message).size() > std::size_t{1} << 20) {
+        throw std::runtime_error("it is too long for a report");
+    }
+    return Json::parse(textOf(message)).get<std::vector<Result>>();
+}
 
 constexpr std::size_t overhead = 4096; // bytes of a message beside its data, at most
+constexpr auto pause = 100ms;          // between two attempts
+
+constexpr std::int64_t milliseconds(std::chrono::milliseconds time) { return time.count(); }
+constexpr std::int64_t nanoseconds(std::chrono::nanoseconds time) { return time.count(); }
+
+/// 16 random hexadecimal digits.
+inline std::string randomName() {
+    std::random_device random;
+    return hexadecimal((std::uint64_t{random()} << 32) | random()).substr(2);
+}
+
+/// Why it cannot be part of a subject, or an empty text. For options.
+inline std::string requireWord(std::string const& text) {
+    bool const isWord = std::regex_match(text, std::regex("[A-Za-z0-9_-]+"));
+    return isWord ? "" : "must be letters, digits, - and _";
+}
 
 /// The servers, how to log in, and the streams. NATS_PASSWORD and NATS_TOKEN are read from the
 /// environment, because every user of a machine can read command lines.
@@ -38,77 +151,345 @@ struct Servers {
     int replicas = 3;
     std::int64_t maxBytes = std::int64_t{1} << 30;
 
-    void addTo(CLI::App& app);
     [[nodiscard]] std::string reports() const { return stream + "-reports"; }
+
+    void addTo(CLI::App& app) {
+        app.add_option("--url", urls, "Servers of the cluster, or some: nats:// or tls:// URLs")
+            ->delimiter(',')
+            ->allow_extra_args(false)
+            ->capture_default_str();
+        app.add_option("--ca", ca,
+                       "A file of certificates that sign the servers', instead of the system's");
+        app.add_option("--credentials", credentials, "A credentials file of NATS");
+        app.add_option("--user", user, "The user name; the password is read from NATS_PASSWORD");
+        app.add_option("--stream", stream, "The stream; it is made if it does not exist")
+            ->check(requireWord)
+            ->capture_default_str();
+        app.add_option("--replicas", replicas, "Servers that hold each message of a new stream")
+            ->check(CLI::Range(1, 5))
+            ->capture_default_str();
+        app.add_option("--max-bytes", maxBytes, "The most that the elements of a new stream take")
+            ->transform(CLI::AsSizeValue(false))
+            ->default_str("1GiB");
+    }
 };
 
-/// One connection to a cluster, and its streams of elements and of reports. Both are work queues:
-/// the servers remove what was acknowledged.
+/// Whether it passes: when servers come back, start, elect a leader or have room, or have made the
+/// stream that another program wants as well.
+inline bool isPassing(natsStatus status, jsErrCode code) {
+    auto const is = [](auto value, auto... values) { return ((value == values) || ...); };
+    return is(status, NATS_TIMEOUT, NATS_NO_RESPONDERS, NATS_NO_SERVER, NATS_IO_ERROR,
+              NATS_STALE_CONNECTION, NATS_CONNECTION_DISCONNECTED, NATS_INSUFFICIENT_BUFFER) ||
+           is(code, JSStreamOfflineErr, JSStreamNotFoundErr, JSStreamNameExistErr,
+              JSStreamSubjectOverlapErr, JSConsumerCreateErr, JSConsumerStoreFailedErr) ||
+           (code >= JSClusterIncompleteErr && code <= JSClusterNotLeaderErr);
+}
+
+/// Without secrets of URLs and places in the client library's source.
+inline std::string redacted(std::string const& text) {
+    return std::regex_replace(text, std::regex(R"(^\(\S+:\d+\): |(//)[^\s,]*@)"), "$1");
+}
+
+/// What the servers say, or else the client library.
+inline std::string explain(natsStatus status, jsErrCode code = {}, char const* detail = nullptr) {
+    natsStatus last = status;
+    detail = detail != nullptr ? detail : nats_GetLastError(&last);
+    bool const isKnown = last == status && detail != nullptr && *detail != '\0';
+    return redacted(isKnown ? detail : natsStatus_GetText(status)) +
+           (code != 0 ? ", error " + std::to_string(code) : "");
+}
+
+/// One connection to a cluster, and its stream of elements. It is a work queue: the servers remove
+/// what was acknowledged.
 ///
-/// Whatever fails because servers are away or full is repeated for ever. What no waiting mends
-/// throws std::runtime_error, without passwords and tokens. answer() and note() are thread-safe;
-/// the others are for one thread. One session at a time in a process.
+/// Whatever fails is repeated for ever, unless the servers do not permit it, or the session cannot
+/// be set up for a reason that does not pass: that throws std::runtime_error, without passwords and
+/// tokens. publish() and note() are thread-safe; the others are for one thread. One session at a
+/// time in a process.
 class Session {
 public:
     /// Called with the reason before each repetition, and with an empty text when the servers
     /// answer. What it throws ends the waiting.
     using Waiting = std::function<void(std::string const& why)>;
 
-    /// Makes the streams that do not exist yet. The session receives at _INBOX.`role`.> only.
+    /// Makes the stream if it does not exist yet. The session receives at _INBOX.`role`.> only.
     /// `handler` learns what became of what was published through jetStream().
     Session(Servers const& servers, std::string const& role, Waiting waiting,
-            jsPubAckHandler handler = nullptr, void* closure = nullptr);
+            jsPubAckHandler handler = nullptr, void* closure = nullptr)
+        : inbox_("_INBOX." + role + '.' + randomName()), waiting_(std::move(waiting)),
+          stream_(servers.stream) {
+        connect(servers);
+        jsOptions settings;
+        jsOptions_Init(&settings);
+        settings.Wait = milliseconds(2s);
+        settings.PublishAsync.AckHandler = handler;
+        settings.PublishAsync.AckHandlerClosure = closure;
+        jsCtx* jetStream = nullptr;
+        natsConnection_JetStream(&jetStream, connection_.get(), &settings);
+        jetStream_.reset(jetStream);
+        makeStream(servers);
+    }
     Session(Session const&) = delete;
     Session& operator=(Session const&) = delete;
-    ~Session();
 
-    /// Takes the messages of `subject` from now on, together with all sessions that join a queue of
-    /// this name. The servers deliver again what is not answered in time, and remove a queue that
-    /// nobody has used for `lifeTime`, unless that is 0.
-    void join(std::string const& stream, std::string const& queue, std::string const& subject,
-              std::chrono::seconds redeliverAfter, std::chrono::seconds lifeTime);
+    ~Session() {
+        natsConnection_Close(connection_.get());
+        subscription_.reset();
+        jetStream_.reset();
+        connection_.reset();
+        nats_CloseAndWait(milliseconds(2s)); // no callback runs any more
+    }
+
+    /// Takes elements from now on, together with all sessions that join a queue of this name. The
+    /// servers deliver again what is not answered in time.
+    void join(std::string const& queue, std::chrono::seconds redeliverAfter) {
+        queue_ = queue;
+        jsConsumerConfig config;
+        jsConsumerConfig_Init(&config);
+        config.Durable = queue.c_str();
+        config.DeliverPolicy = js_DeliverAll;
+        config.AckPolicy = js_AckExplicit;
+        config.AckWait = nanoseconds(redeliverAfter);
+        config.MaxAckPending = 65536;
+        attempt("make the queue " + queue, [&](jsErrCode& code) {
+            return js_AddConsumer(nullptr, jetStream(), stream_.c_str(), &config, nullptr, &code);
+        });
+        natsSubscription* subscription = nullptr;
+        natsConnection_SubscribeSync(&subscription, connection(), (inbox_ + ".fetch.*").c_str());
+        subscription_.reset(subscription);
+        natsSubscription_SetPendingLimits(subscription, -1, -1); // requests are the limit
+        answered_ = Clock::now();
+    }
 
     /// The messages that are there, at most so many, or else the next one; none after `time`.
-    [[nodiscard]] std::vector<Message> fetch(std::size_t atMost, std::chrono::milliseconds time);
+    ///
+    /// By hand: the client's own function writes past the end of its list when the answers to an
+    /// earlier request come late.
+    [[nodiscard]] std::vector<Message> fetch(std::size_t atMost, std::chrono::milliseconds time) {
+        // Waits for one message, and takes what is there then. Only single messages may be longer
+        // than a mebibyte.
+        Json request{{"no_wait", true}, {"expires", nanoseconds(time)}, {"batch", atMost}};
+        if (atMost > 1) {
+            request["max_bytes"] = 1 << 20;
+        }
+        auto const reply = inbox_ + ".fetch." + std::to_string(++requests_);
+        auto const subject = "$JS.API.CONSUMER.MSG.NEXT." + stream_ + '.' + queue_;
+        natsConnection_PublishRequestString(connection(), subject.c_str(), reply.c_str(),
+                                            request.dump().c_str());
+        std::vector<Message> messages;
+        std::string end; // the status that ends the request
+        while (messages.size() < atMost && end.empty()) {
+            natsMsg* raw = nullptr;
+            auto const patience = messages.empty() ? time + 200ms : 10ms; // others come later
+            if (natsSubscription_NextMsg(&raw, subscription_.get(), milliseconds(patience)) !=
+                NATS_OK) {
+                break;
+            }
+            Message message(raw);
+            char const* status = nullptr;
+            if (natsMsg_GetReply(raw) != nullptr) {
+                messages.push_back(std::move(message));
+            } else if (natsMsg_GetSubject(raw) == reply) { // not of an earlier request
+                natsMsgHeader_Get(raw, "Status", &status);
+                end = status != nullptr ? status : "unknown";
+            }
+        }
+        if (end == "409" && messages.empty() && atMost > 1) { // the next message is long
+            return fetch(1, time);
+        }
+        check();
+        if (!messages.empty() || end == "408") { // 408: none came in time, or others get them
+            answered_ = Clock::now();
+            waiting_({});
+        } else if (Clock::now() - answered_ > 2s) {
+            waiting_("cannot take messages: " + (end.empty() ? "no answer" : "status " + end));
+            std::this_thread::sleep_for(pause);
+        }
+        return messages;
+    }
 
-    /// Answers a message: "+ACK" means done, "+WPI" still at work. An answer that is lost costs a
-    /// second delivery.
-    void answer(std::string const& reply, char const* word) const;
+    /// Publishes a report, or an answer to a message: "+ACK" means done, "+WPI" still at work. If
+    /// it is lost, the message comes again.
+    void publish(std::string const& subject, std::string const& text) const {
+        natsConnection_PublishString(connection(), subject.c_str(), text.c_str());
+    }
 
-    void store(std::string const& subject, std::string const& text);
-
-    /// The state of the stream of elements, with the subjects of `filter`, if it is not empty, that
+    /// The state of the stream, with the subjects of `filter`, if it is not empty, that
     /// have messages. Null if the servers do not answer.
-    [[nodiscard]] StreamInfo look(std::string const& filter = {});
+    [[nodiscard]] StreamInfo look(std::string const& filter) {
+        jsOptions options;
+        jsOptions_Init(&options);
+        options.Stream.Info.SubjectsFilter = filter.empty() ? nullptr : filter.c_str();
+        jsStreamInfo* info = nullptr;
+        auto const status =
+            js_GetStreamInfo(&info, jetStream(), stream_.c_str(), &options, nullptr);
+        StreamInfo owner(info);
+        waiting_(status == NATS_OK ? "" : "cannot look at the stream: " + explain(status));
+        return owner;
+    }
 
     /// Throws std::length_error, which names the setting, if so many bytes are too long a message.
-    void requireRoom(std::size_t bytes) const;
+    void requireRoom(std::size_t bytes) const {
+        auto const [limit, name] = std::min(
+            std::pair{limit_, "the limit of its stream (--max-bytes)"},
+            std::pair{natsConnection_GetMaxPayload(connection()), "the servers' max_payload"});
+        if (bytes + overhead > static_cast<std::size_t>(limit)) {
+            throw std::length_error("its " + std::to_string(bytes) + " bytes exceed " + name +
+                                    ", " + std::to_string(limit) +
+                                    ": raise that, or split the data into several elements");
+        }
+    }
 
-    /// Notes why an asynchronous publication failed, for the next check().
-    void note(natsStatus status, jsErrCode code, char const* detail);
+    /// Notes what failed in another thread, for the next check().
+    void note(std::string const& why, bool isPermanent) {
+        std::lock_guard const lock(mutex_);
+        (isPermanent ? error_ : trouble_) = why;
+    }
 
     /// Throws if the servers have refused something for good.
-    void check();
+    void check() {
+        if (connection_ && natsConnection_IsClosed(connection())) {
+            refused(connection(), nullptr, NATS_NOT_PERMITTED, this);
+        }
+        std::unique_lock lock(mutex_);
+        if (!error_.empty()) {
+            throw std::runtime_error(error_);
+        }
+        auto const trouble = std::exchange(trouble_, {});
+        lock.unlock();
+        if (!trouble.empty()) {
+            waiting_(trouble);
+        }
+    }
 
+    [[nodiscard]] natsConnection* connection() const { return connection_.get(); }
     [[nodiscard]] jsCtx* jetStream() const { return jetStream_.get(); }
     [[nodiscard]] std::int64_t limit() const { return limit_; } // bytes of all elements
 
 private:
-    void connect(Servers const& servers);
-    void makeStream(std::string const& name, std::int64_t maxBytes, int replicas);
-    void attempt(std::string const& what, std::function<natsStatus(jsErrCode&)> const& call);
-    [[nodiscard]] natsStatus request(std::size_t atMost, std::chrono::milliseconds time);
+    void connect(Servers const& servers) {
+        std::string const what = "connect to " + redacted(examples::join(servers.urls, ","));
+        std::vector<char const*> urls;
+        for (auto const& url : servers.urls) {
+            urls.push_back(url.c_str());
+        }
+        natsOptions* made = nullptr;
+        natsOptions_Create(&made);
+        Owner<natsOptions, natsOptions_Destroy> const owner(made);
+        auto const set = [&](auto function, auto const&... values) {
+            attempt(what, [&](jsErrCode&) { return function(made, values...); });
+        };
+        set(natsOptions_SetServers, urls.data(), static_cast<int>(urls.size()));
+        set(natsOptions_SetSecure,
+            !servers.ca.empty() || servers.urls.front().starts_with("tls://"));
+        if (!servers.ca.empty()) {
+            set(natsOptions_LoadCATrustedCertificates, servers.ca.c_str());
+        }
+        if (!servers.credentials.empty()) {
+            set(natsOptions_SetUserCredentialsFromFiles, servers.credentials.c_str(), nullptr);
+        }
+        if (!servers.user.empty()) {
+            set(natsOptions_SetUserInfo, servers.user.c_str(), std::getenv("NATS_PASSWORD"));
+        }
+        if (char const* const token = std::getenv("NATS_TOKEN")) {
+            set(natsOptions_SetToken, token);
+        }
+        set(natsOptions_SetCustomInboxPrefix, inbox_.c_str());
+        set(natsOptions_SetTimeout, milliseconds(2s));
+        set(natsOptions_SetErrorHandler, refused, this);
+        // A server that takes no bytes is left after ten seconds, a silent one after fifteen.
+        set(natsOptions_SetPingInterval, milliseconds(5s));
+        set(natsOptions_SetMaxPingsOut, 2);
+        set(natsOptions_SetWriteDeadline, milliseconds(10s));
+        set(natsOptions_SetMaxReconnect, -1);
+        set(natsOptions_SetReconnectWait, milliseconds(pause));
+        set(natsOptions_SetFailRequestsOnDisconnect, true);
+        int hangUps = 0;
+        attempt(what, [&](jsErrCode&) {
+            natsConnection* connection = nullptr;
+            natsStatus const status = natsConnection_Connect(&connection, made);
+            connection_.reset(connection);
+            if (status == NATS_PROTOCOL_ERROR && ++hangUps == 3) {
+                throw std::runtime_error("cannot " + what +
+                                         ": the server hangs up, perhaps "
+                                         "because it wants a client certificate");
+            }
+            return status == NATS_PROTOCOL_ERROR ? NATS_TIMEOUT : status;
+        });
+    }
+
+    void makeStream(Servers const& servers) {
+        std::string const subject = stream_ + ".>";
+        char const* subjects[] = {subject.c_str()};
+        jsStreamConfig config;
+        jsStreamConfig_Init(&config);
+        config.Name = stream_.c_str();
+        config.Subjects = subjects;
+        config.SubjectsLen = 1;
+        config.Retention = js_WorkQueuePolicy;
+        config.Replicas = servers.replicas;
+        config.Discard = js_DiscardNew;
+        // A replica that is full may refuse what the others store, so senders stop at half of it.
+        config.MaxBytes = 2 * servers.maxBytes;
+        StreamInfo info;
+        auto const start = Clock::now();
+        attempt("reserve " + std::to_string(config.MaxBytes) +
+                    " bytes (twice --max-bytes) for the stream " + stream_,
+                [&](jsErrCode& code) {
+                    jsStreamInfo* raw = nullptr;
+                    auto status =
+                        js_GetStreamInfo(&raw, jetStream(), stream_.c_str(), nullptr, &code);
+                    if (code == JSStreamNotFoundErr) {
+                        status = js_AddStream(&raw, jetStream(), &config, nullptr, &code);
+                    }
+                    info.reset(raw);
+                    if (status == NATS_NO_RESPONDERS && Clock::now() - start > 5s) {
+                        throw std::runtime_error("the servers have no JetStream");
+                    }
+                    return status;
+                });
+        if (info->Config->Retention != js_WorkQueuePolicy) {
+            throw std::runtime_error(stream_ + " is not a work queue: choose another --stream");
+        }
+        bool const isLimited = info->Config->MaxBytes > 0;
+        limit_ = isLimited ? info->Config->MaxBytes / 2 : std::numeric_limits<std::int64_t>::max();
+    }
+
+    // The only way to fail: waits, or throws.
+    template <class Call> void attempt(std::string const& what, Call const& call) {
+        for (;;) {
+            jsErrCode code{};
+            natsStatus const status = call(code);
+            check();
+            if (status == NATS_OK) {
+                return waiting_({});
+            }
+            std::string const why = "cannot " + what + ": " + explain(status, code);
+            if (!isPassing(status, code)) {
+                throw std::runtime_error(why);
+            }
+            waiting_(why);
+            std::this_thread::sleep_for(pause);
+        }
+    }
+
+    // The client calls it for each error; most pass.
     static void refused(natsConnection* connection, natsSubscription*, natsStatus status,
-                        void* self);
+                        void* self) {
+        if (status == NATS_NOT_PERMITTED) {
+            char const* text = nullptr;
+            natsConnection_GetLastError(connection, &text);
+            static_cast<Session*>(self)->note(
+                std::string("the servers refuse: ") + (text != nullptr ? text : ""), true);
+        }
+    }
 
     std::string const inbox_;
     Waiting waiting_;
-    std::string stream_;     // of elements
-    std::int64_t limit_ = 0; // bytes of this stream
-    std::string queue_;      // and its stream, as in subjects: STREAM.QUEUE
+    std::string stream_;
+    std::int64_t limit_ = 0; // bytes of the stream
+    std::string queue_;
     std::size_t requests_ = 0;
-    std::string reply_;    // to the latest request
-    bool isAhead_ = false; // the latest request is for the next fetch()
     Clock::time_point answered_;
 
     std::mutex mutex_;    // guards what callbacks write:
@@ -119,18 +500,6 @@ private:
     Owner<jsCtx, jsCtx_Destroy> jetStream_;
     Owner<natsSubscription, natsSubscription_Destroy> subscription_;
 };
-
-/// How often a message of a queue was delivered, this time included; 0 if it is of no queue.
-[[nodiscard]] std::uint64_t deliveries(natsMsg* message);
-
-/// 16 random hexadecimal digits.
-[[nodiscard]] std::string randomName();
-
-/// Whether it has only letters, digits, - and _, as names in subjects must.
-[[nodiscard]] bool isWord(std::string const& text);
-
-/// The same, for an option.
-[[nodiscard]] std::string requireWord(std::string const& text);
 
 } // namespace courier::examples::nats
 

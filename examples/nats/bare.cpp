@@ -1,31 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
-// The baseline for the sender and its workers: moves the same messages through a stream of the same
+// The baseline for the sender and its workers: moves messages of 1 KB through a stream of the same
 // kind with hardly more than the client library. Prints messages a second.
 
-#include "examples/nats/Messages.h"
+#include "examples/nats/Session.h"
 
 #include <iostream>
-#include <thread>
 
-using namespace courier::examples;
 using namespace courier::examples::nats;
 
 int main(int argc, char** argv) {
     Servers servers;
     servers.stream = "bare";
     int count = 5000;
-    std::size_t size = 1000;
     CLI::App app("Measures what the client library can do.", "bare");
     servers.addTo(app);
     app.add_option("--count", count, "Messages")->capture_default_str();
-    app.add_option("--size", size, "Bytes of each")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     Session session(servers, "bare", [](auto const&) {});
-    session.join("bare", "takers", "bare.>", 10s, 0s);
+    session.join("takers", 10s);
     auto const start = Clock::now();
     std::jthread const publisher([&] {
-        std::string const data(size, 'x');
-        courier::hub::serialisation::ByteBufferView const bytes{std::string_view(data)};
+        std::vector<std::byte> const data(1000);
+        courier::hub::serialisation::ByteBufferView const bytes(data);
         for (int i = 0; i < count; ++i) {
             std::string const subject = "bare.run." + std::to_string(i);
             natsMsg* message = makeElement(subject, {"raw", 1, 1}, bytes).release();
@@ -34,7 +30,7 @@ int main(int argc, char** argv) {
     });
     for (int taken = 0; taken < count;) {
         for (auto const& message : session.fetch(256, 100ms)) {
-            session.answer(natsMsg_GetReply(message.get()), "+ACK");
+            session.publish(natsMsg_GetReply(message.get()), "+ACK");
             ++taken;
         }
     }

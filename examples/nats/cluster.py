@@ -1,27 +1,29 @@
 # SPDX-License-Identifier: Apache-2.0
 """NATS servers on the loopback interface, and the programs that use them."""
 
-import ctypes
+import itertools
+import os
 import pathlib
 import shutil
-import signal
 import socket
 import subprocess
 import time
 
 NATS_SERVER = shutil.which("nats-server") or "/usr/sbin/nats-server"
+PORTS = itertools.count(10000 + os.getpid() % 40 * 500)  # below those of outgoing connections
 
 
-def die_with_parent():
-    """For child processes: they are killed when this process ends, however it ends."""
-    ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
+def is_used(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
 
 
 def start(command, log, **options):
+    """Starts a program that is killed when this thread ends, however it ends."""
     with open(log, "ab") as out:
         options |= {"stdin": subprocess.DEVNULL, "stdout": out, "stderr": out}
-        options |= {"preexec_fn": die_with_parent, "start_new_session": True}
-        return subprocess.Popen(command, **options)
+        command = ["setpriv", "--pdeathsig", "KILL", *map(str, command)]
+        return subprocess.Popen(command, start_new_session=True, **options)
 
 
 def stop(processes, patience=10):
@@ -39,27 +41,23 @@ def stop(processes, patience=10):
 
 class Cluster:
     """Servers with JetStream, for messages of up to 32 MiB, and a directory of their own. `extra`
-    is added to the configuration of each, `store` to that of JetStream."""
+    is added to the configuration of each."""
 
-    def __init__(self, directory, size=3, extra="", store="", scheme="nats://", jetstream=True):
+    def __init__(self, directory, size=3, extra="", jetstream="", scheme="nats://"):
         self.directory = pathlib.Path(directory).resolve()
-        self.size, self.extra, self.scheme = size, extra, scheme
-        self.jetstream = f"jetstream {{\n store_dir: '{self.directory}/store/%d'\n {store}\n}}"
-        if not jetstream:
-            self.jetstream = "# none: %d"
+        self.size, self.extra, self.jetstream = size, extra, jetstream
+        self.ports = list(itertools.islice(itertools.filterfalse(is_used, PORTS), 2 * size))
+        self.url = ",".join(f"{scheme}127.0.0.1:{port}" for port in self.ports[:size])
+        self.arguments = ["--url", self.url, "--replicas", str(size)]
 
     def __enter__(self):
         shutil.rmtree(self.directory, ignore_errors=True)
         self.directory.mkdir(parents=True)
-        sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(2 * self.size)]
-        self.ports = [each.getsockname()[1] for each in sockets]
-        for each in sockets:
-            each.close()
-        self.servers = [self.start_server(i) for i in range(self.size)]
-        self.url = ",".join(f"{self.scheme}127.0.0.1:{port}" for port in self.ports[: self.size])
-        self.arguments = ["--url", self.url, "--replicas", str(self.size)]
-        deadline = time.monotonic() + 20
-        while not all(map(self.is_up, range(self.size))):
+        self.servers = [None] * self.size
+        for i in range(self.size):
+            self.start_server(i)
+        deadline = time.monotonic() + 30
+        while not all(map(is_used, self.ports[: self.size])):
             if time.monotonic() > deadline:
                 stop(self.servers)
                 raise RuntimeError(f"nats-server does not start: see {self.directory}/*.log")
@@ -70,20 +68,16 @@ class Cluster:
         stop(self.servers)
         shutil.rmtree(self.directory / "store", ignore_errors=True)
 
-    def restart(self, i):
-        self.servers[i] = self.start_server(i)
-
     def start_server(self, i):
         routes = [f"nats://127.0.0.1:{port}" for port in self.ports[self.size :]]
         lines = [f"server_name: s{i}", f"listen: 127.0.0.1:{self.ports[i]}", "max_payload: 32MB"]
-        lines.append(self.jetstream % i)
+        if self.jetstream is not None:
+            lines.append(
+                f"jetstream {{ store_dir: '{self.directory}/store/{i}', {self.jetstream} }}"
+            )
         if self.size > 1:
             listen = f"127.0.0.1:{self.ports[self.size + i]}"
             lines.append(f"cluster {{ name: c, listen: {listen}, routes: {routes} }}")
         file = self.directory / f"server-{i}.conf"
         file.write_text("\n".join([*lines, self.extra, ""]).replace("'", '"'))
-        return start([NATS_SERVER, "-c", str(file)], self.directory / f"server-{i}.log")
-
-    def is_up(self, i):
-        with socket.socket() as probe:
-            return probe.connect_ex(("127.0.0.1", self.ports[i])) == 0
+        self.servers[i] = start([NATS_SERVER, "-c", file], self.directory / f"server-{i}.log")

@@ -16,14 +16,14 @@ state.mkdir(parents=True, exist_ok=True)
 
 def rate(program, *arguments):
     command = [programs / program, *servers.arguments, *arguments]
-    out = subprocess.run(command, capture_output=True, text=True, timeout=300, check=True).stdout
+    out = subprocess.check_output(command, text=True, stderr=subprocess.DEVNULL, timeout=300)
     return int(re.search(r"([\d,]+) a second", out)[1].replace(",", ""))
 
 
 for size in 1, 3:
     with cluster.Cluster(state / "cluster", size) as servers:
-        command = [programs / "worker", *servers.arguments, "--name"]
-        workers = [cluster.start([*command, f"w{i}"], state / f"w{i}.log") for i in range(2)]
+        command = [programs / "worker", *servers.arguments]
+        workers = [cluster.start(command, state / f"w{i}.log") for i in range(2)]
         ours, bare = [], []
         for _ in range(5):
             ours.append(rate("sender", "--copies", "20000", state / "element"))

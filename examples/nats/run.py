@@ -31,8 +31,7 @@ with contextlib.ExitStack() as stack:
         log.unlink(missing_ok=True)
         worker = cluster.start([programs / "worker", "--url", url, "--name", f"worker-{i}"], log)
         stack.callback(cluster.stop, [worker])
-    command = [programs / "sender", "--url", url, *(rest or ["--copies", "30"])]
-    sender = subprocess.Popen(command, preexec_fn=cluster.die_with_parent)
+    sender = subprocess.Popen([programs / "sender", "--url", url, *(rest or ["--copies", "30"])])
     while sender.poll() is None:
         with contextlib.suppress(KeyboardInterrupt):  # the sender got it as well
             sender.wait()

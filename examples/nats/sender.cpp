@@ -2,7 +2,7 @@
 // Sends files as the elements of one payload, one message for each, to the workers of a stream, and
 // prints the results.
 
-#include "examples/nats/Messages.h"
+#include "examples/nats/Session.h"
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
 #include "examples/program/Sending.h"
@@ -12,11 +12,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <iostream>
-#include <limits>
 #include <map>
 #include <optional>
 #include <set>
-#include <thread>
 
 namespace {
 
@@ -24,28 +22,32 @@ using namespace courier::examples;
 using namespace courier::hub::serialisation;
 using namespace courier::examples::nats;
 
+constexpr std::size_t window = std::size_t{64} << 20; // the most bytes without a result
+
 struct Options : Sending {
     Servers nats;
     std::size_t copies = 1;
-    std::size_t window = std::size_t{64} << 20;        // bytes
     int giveUpAfter = std::numeric_limits<int>::max(); // seconds
-    bool isVerbose = false;
 };
 
 struct Stopped {}; // thrown after Control-C
 
+enum class State { waiting, failed, sent, reported };
+
 struct Element {
-    std::string name;
-    std::uint64_t typeID = 0;
-    std::string format;
-    ByteBuffer bytes = {};      // until there is a result
-    Clock::time_point due = {}; // when it is looked for, and perhaps published again
-    std::uint64_t size = 0;
-    std::uint64_t crc32 = 0;
-    bool isPublished = false;
+    Label label = {};
+    State state = State::waiting;
     bool isStored = false;
-    std::optional<Result> result = {};
-    std::string worker = {}; // whose result it is
+    std::uint64_t size = 0;
+    ByteBuffer bytes = {};      // until there is a result
+    Clock::time_point due = {}; // when it is looked for, and perhaps sent again
+};
+
+// What a worker has decoded.
+struct Share {
+    std::size_t elements = 0;
+    std::size_t bytes = 0;
+    Seconds time{};
 };
 
 // The sending of one payload.
@@ -59,10 +61,14 @@ public:
         std::vector<std::string> each;
         for (std::size_t i = 0; i < options.copies * files.size(); ++i) {
             auto const& file = files[i % files.size()];
-            file.addTo(payload);
             each.push_back(formats[i % files.size()]);
-            elements_.push_back({file.name, file.type().id, each.back()});
+            file.addTo(payload);
+            elements_.push_back({{each.back(), file.type().id, 0}});
         }
+        for (auto const& file : files) {
+            names_.push_back(file.name);
+        }
+        left_ = each.size();
         std::tie(serialisers_, sentinel_) =
             createSerialisersFor(std::move(payload), catalogue, each, stop_);
     }
@@ -74,48 +80,38 @@ public:
     /// Sends, waits until workers have reported on everything that was sent, and prints it all.
     /// Returns the exit status.
     int run() {
-        auto const complain = [this](auto const& why) { waitFor(why); };
-        std::string const reports = options_.nats.reports();
-        std::string const queue = "reports-" + run_;
         try {
-            session_.emplace(options_.nats, "sender", complain, acknowledged, this);
-            session_->join(reports, queue, reports + '.' + run_ + ".*", 10s, 24h);
-            // Senders that do not know of each other must not fill the stream beyond its limit.
-            window_ = std::min(options_.window, static_cast<std::size_t>(session_->limit() / 8));
+            session_.emplace(
+                options_.nats, "sender", [this](auto const& why) { waitFor(why); }, acknowledged,
+                this);
             start_ = Clock::now();
+            natsSubscription* subscription = nullptr;
+            std::string const reports = options_.nats.reports() + '.' + run_ + ".*";
+            natsConnection_Subscribe(&subscription, session_->connection(), reports.c_str(),
+                                     received, this);
+            Owner<natsSubscription, natsSubscription_Destroy> const owner(subscription);
+            natsSubscription_SetPendingLimits(subscription, -1, -1);
+            look();
             for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
                 threads_.emplace_back([this] { send(); });
             }
-            while (written_ < elements_.size() || reported_ < published_) {
-                if (stop_.stop_requested()) {
-                    stopSending();
-                }
+            for (std::unique_lock lock(mutex_); left_ != 0; lock.lock()) {
+                changed_.wait_for(lock, 100ms, [this] { return left_ == 0; });
+                lock.unlock();
                 session_->check();
-                receive();
                 look();
                 bool const isIdle = Clock::now() - progress_.load() > 10s;
                 waitFor(isIdle ? "no worker has reported for 10 s" : "");
             }
         } catch (Stopped const&) { // before there was a result for everything
         }
-        if (session_) {
-            js_DeleteConsumer(session_->jetStream(), reports.c_str(), queue.c_str(), nullptr,
-                              nullptr);
-        }
         end();
         return conclude();
     }
 
 private:
-    void stopSending() {
-        stop_.request_stop();
-        std::lock_guard const lock(mutex_);
-        isStopped_ = true;
-        changed_.notify_all();
-    }
-
     void end() {
-        stopSending();
+        stop_.request_stop();
         threads_.clear(); // waits for them
         session_.reset(); // no callback runs any more
     }
@@ -127,47 +123,43 @@ private:
                 publish(i, encode(std::move(serialisers_[i])));
             } catch (std::exception const& error) {
                 if (!wasStopped(error)) {
-                    print(elements_[i].name + ": cannot be sent: " + error.what());
+                    print(names_[i % names_.size()] + ": cannot be sent: " + error.what());
                 }
+                std::lock_guard const lock(mutex_);
+                elements_[i].state = State::failed;
+                --left_;
             }
-            ++written_;
         }
     }
 
     void publish(std::size_t i, ByteBuffer bytes) {
         session_->requireRoom(bytes.size());
         Element& element = elements_[i];
-        element.crc32 = crc32(bytes);
-        Message message = messageOf(i, bytes);
-        auto const size = bytes.size() + overhead;
+        element.size = bytes.size() + overhead;
+        std::get<2>(element.label) = crc32(bytes);
+        Message message = makeElement(subjectOf(i), element.label, bytes);
         std::unique_lock lock(mutex_);
-        changed_.wait(lock, [&] {
-            bool const isNext = unreported_ == 0 || unreported_ + size <= window_;
-            return isStopped_ || (isNext && !isFull_);
-        });
-        if (isStopped_) {
-            return;
+        auto const isNext = [&] {
+            return stop_.stop_requested() || unreported_ == 0 ||
+                   unreported_ + element.size <= window_;
+        };
+        while (!changed_.wait_for(lock, 100ms, isNext)) {
         }
-        element.size = bytes.size();
+        if (stop_.stop_requested()) {
+            throw std::system_error(std::make_error_code(std::errc::operation_canceled));
+        }
+        element.state = State::sent;
         element.bytes = std::move(bytes);
         element.due = Clock::now() + 10s;
-        element.isPublished = true;
-        unreported_ += size;
-        ++published_;
+        unreported_ += element.size;
         lock.unlock();
         store(std::move(message));
-    }
-
-    [[nodiscard]] Message messageOf(std::size_t i, ByteBufferView bytes) const {
-        Element const& element = elements_[i];
-        return makeElement(subjectOf(std::to_string(i)),
-                           {element.format, element.typeID, element.crc32}, bytes);
     }
 
     void store(Message message) {
         jsPubOptions options;
         jsPubOptions_Init(&options);
-        options.MaxWait = std::chrono::milliseconds(10s).count();
+        options.MaxWait = milliseconds(10s);
         natsMsg* raw = message.release();
         jsPubAckErr error{};
         error.Err = js_PublishMsgAsync(session_->jetStream(), &raw, &options);
@@ -179,47 +171,92 @@ private:
     static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* self) {
         auto& run = *static_cast<Run*>(self);
         Message const message(raw);
-        std::size_t const i = std::stoul(wordsOf(raw)[2]);
+        Element& element = run.elements_[std::stoul(wordsOf(raw)[2])];
         std::lock_guard const lock(run.mutex_);
-        run.elements_[i].due = Clock::now() + (ack != nullptr ? 10s : 1s);
-        if (ack != nullptr) {
-            run.countStored(i);
-        } else {
-            run.session_->note(error->Err, error->ErrCode, error->ErrText);
+        element.due = Clock::now() + (ack != nullptr ? 10s : 1s);
+        if (ack == nullptr) {
+            run.session_->note("cannot store an element: " +
+                                   explain(error->Err, error->ErrCode, error->ErrText),
+                               false);
+        } else if (!std::exchange(element.isStored, true)) {
+            run.progress_ = Clock::now();
         }
     }
 
-    // Call it with the lock.
-    void countStored(std::size_t i) {
-        Element& element = elements_[i];
-        if (!std::exchange(element.isStored, true)) {
-            if (options_.isVerbose) {
-                std::cout << "sent " + run_ + ' ' << i << ' ' << element.format << ' '
-                          << element.size << ' ' << element.crc32 << std::endl;
+    static void received(natsConnection*, natsSubscription*, natsMsg* raw, void* self) {
+        auto& run = *static_cast<Run*>(self);
+        Message const message(raw);
+        try {
+            run.count(wordsOf(raw)[2], resultsOf(raw));
+        } catch (std::exception const& error) {
+            print(ignored(++run.ignored_, raw, error));
+        }
+    }
+
+    // Counts what a report says of elements that have no result yet. Throws std::runtime_error if
+    // it cannot be true.
+    void count(std::string const& worker, std::vector<Result> const& results) {
+        auto const most = std::chrono::nanoseconds(Clock::now() - start_).count();
+        bool const isWorker = requireWord(worker).empty();
+        std::lock_guard const lock(mutex_);
+        for (auto const& [i, size, crc, delivery, time, error] : results) {
+            if (!isWorker || i >= elements_.size() || elements_[i].state < State::sent) {
+                throw std::runtime_error("it is not on an element that was sent");
             }
-            ++stored_;
+            Element& element = elements_[i];
+            bool const isWhole = size + overhead == element.size || !error.empty();
+            if (crc != std::get<2>(element.label) || !isWhole || delivery == 0 ||
+                std::cmp_greater(time, most)) {
+                throw std::runtime_error("it cannot be true");
+            }
+            if (std::exchange(element.state, State::reported) == State::reported) {
+                continue;
+            }
+            element.bytes = {};
+            unreported_ -= element.size;
+            --left_;
             progress_ = Clock::now();
+            if (error.empty()) {
+                Share& share = shares_[worker];
+                ++share.elements;
+                share.bytes += size;
+                share.time += std::chrono::nanoseconds(time);
+                repeated_ += delivery > 1 ? 1 : 0;
+            } else {
+                print(names_[i % names_.size()] + ": cannot be read by " + worker + ": " +
+                      ascii(error).substr(0, 500));
+            }
         }
+        changed_.notify_all();
     }
 
-    // Finds out whether the stream is full. Publishes again what the servers have refused or lost,
-    // even after they had acknowledged it: what has no result for some time and is not in the
-    // queue. After an outage they may also keep what they never deliver: if nothing has happened
-    // for a minute, then two, then four, publishes even what is in the queue. This waits for no
-    // answer of the client library, which gives none to what it had sent before an outage.
+    // Once a second: says how far it is, finds out whether the stream is full, and publishes again
+    // what the servers have refused or lost, even after they had acknowledged it: what has no
+    // result for some time and is not in the queue. After an outage they may also keep what they
+    // never deliver: if nothing has happened for a minute, then two, then four, publishes even what
+    // is in the queue. This waits for no answer of the client library, which gives none to what it
+    // had sent before an outage.
     void look() {
         auto const now = Clock::now();
-        if (now - looked_ < 200ms) {
+        if (now - looked_ < 1s) {
             return;
         }
         looked_ = now;
-        auto const isLate = [now](Element const& element) {
-            return element.isPublished && !element.result && now > element.due;
-        };
+        print(sent());
+        if (sentinel_->isReleased() && !std::exchange(isReleased_, true)) {
+            print("the payload's memory was released after " +
+                  fixed(Seconds(now - start_).count(), 2) + " s");
+        }
+        std::vector<std::size_t> late;
         std::unique_lock lock(mutex_);
-        bool const isAnyLate = std::any_of(elements_.begin(), elements_.end(), isLate);
+        for (std::size_t i = 0; i < elements_.size(); ++i) {
+            if (elements_[i].state == State::sent && now > elements_[i].due) {
+                elements_[i].due = now + 10s;
+                late.push_back(i);
+            }
+        }
         lock.unlock();
-        auto const info = session_->look(isAnyLate ? subjectOf("*") : "");
+        auto const info = session_->look(late.empty() ? "" : subjectOf("*"));
         if (!info) {
             return;
         }
@@ -228,150 +265,93 @@ private:
         for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
             queued.emplace(subjects->List[k].Subject);
         }
-        bool const isStuck = isAnyLate && now - progress_.load() > stuck_;
+        bool const isStuck = !late.empty() && now - progress_.load() > stuck_;
         stuck_ *= isStuck ? 2 : 1;
-        std::vector<std::size_t> lost;
-        lock.lock();
-        for (std::size_t i = 0; isAnyLate && i < elements_.size(); ++i) {
-            if (isLate(elements_[i])) {
-                elements_[i].due = now + 10s;
-                if (!isStuck && queued.contains(subjectOf(std::to_string(i)))) {
-                    countStored(i);
-                } else {
-                    lost.push_back(i);
+        for (std::size_t const i : late) {
+            if (isStuck || !queued.contains(subjectOf(i))) {
+                lock.lock();
+                auto message = makeElement(subjectOf(i), elements_[i].label, elements_[i].bytes);
+                bool const isReported = elements_[i].state == State::reported;
+                lock.unlock();
+                if (!isReported) {
+                    store(std::move(message));
                 }
             }
         }
-        isFull_ = std::cmp_greater_equal(info->State.Bytes, session_->limit());
+        // Senders that do not know of each other must not fill the stream beyond its limit.
+        bool const isFull = std::cmp_greater_equal(info->State.Bytes, session_->limit());
+        lock.lock();
+        window_ = isFull ? 0 : std::min(window, static_cast<std::size_t>(session_->limit() / 8));
         changed_.notify_all();
         lock.unlock();
-        for (std::size_t const i : lost) {
-            store(messageOf(i, elements_[i].bytes));
-        }
-        waitFor(isFull_ ? "the stream has reached its limit (--max-bytes)" : "");
+        waitFor(isFull ? "the stream has reached its limit (--max-bytes)" : "");
     }
 
-    void receive() {
-        for (auto const& message : session_->fetch(256, 100ms)) {
-            try {
-                count(wordsOf(message.get())[2], resultsOf(message.get()));
-            } catch (std::exception const& error) {
-                print(ignored(++ignored_, message.get(), error));
-            }
-            session_->answer(natsMsg_GetReply(message.get()), "+ACK");
-        }
-        auto const now = Clock::now();
-        if (sentinel_->isReleased() && !std::exchange(isReleased_, true)) {
-            print("the payload's memory was released after " +
-                  fixed(Seconds(now - start_).count(), 2) + " s, when " + sent());
-        }
-        if (now - printed_ > 1s) {
-            printed_ = now;
-            print(sent());
-        }
-    }
-
-    // Counts what a report says of elements that have no result yet. Throws std::runtime_error if
-    // it cannot be true.
-    void count(std::string const& worker, std::vector<Result> const& results) {
-        auto const time = std::chrono::nanoseconds(Clock::now() - start_).count();
-        bool const isWorker = isWord(worker);
-        std::lock_guard const lock(mutex_);
-        for (Result const& result : results) {
-            if (result.element >= elements_.size() || !elements_[result.element].isPublished ||
-                !isWorker) {
-                throw std::runtime_error("it is not on an element that was sent");
-            }
-            Element& element = elements_[result.element];
-            bool const isWhole = result.size == element.size || !result.error.empty();
-            if (result.crc32 != element.crc32 || !isWhole || result.delivery == 0 ||
-                result.time > static_cast<std::uint64_t>(time)) {
-                throw std::runtime_error("it cannot be true");
-            }
-            if (!element.result) {
-                countStored(result.element);
-                element.result = result;
-                element.worker = worker;
-                element.bytes = {};
-                unreported_ -= element.size + overhead;
-                ++reported_;
-                progress_ = Clock::now();
-            }
-        }
-        changed_.notify_all();
-    }
-
-    // Called with the reason while servers or workers are away, or servers full.
+    // Called with the reason while servers or workers are away, or servers full. After Control-C,
+    // waits ten seconds for the results of what was sent.
     void waitFor(std::string const& why) {
         auto const now = Clock::now();
         if (!why.empty() && now - complained_ > 10s) {
             complained_ = now;
             print(why + ": waiting");
         }
-        if (stop_.stop_requested()) { // waits ten seconds for the results of what was sent
-            stopped_ = std::max(stopped_.value_or(now), progress_.load());
-            if (now - *stopped_ > 10s) {
-                throw Stopped();
-            }
-        } else if (now - progress_.load() > std::chrono::seconds(options_.giveUpAfter)) {
+        if (stop_.stop_requested() && !std::exchange(isStopped_, true)) {
+            progress_ = now;
+        }
+        auto const quiet = now - progress_.load();
+        if (isStopped_ && quiet > 10s) {
+            throw Stopped();
+        }
+        if (quiet > std::chrono::seconds(options_.giveUpAfter)) {
             throw std::runtime_error("gave up: nothing was stored or reported for " +
                                      std::to_string(options_.giveUpAfter) + " s; " + sent());
         }
     }
 
     // Prints the table of the workers. Returns the exit status.
-    [[nodiscard]] int conclude() const {
-        struct Share {
-            std::size_t elements = 0;
-            std::size_t bytes = 0;
-            Seconds time{};
-        };
-        std::map<std::string, Share> shares;
+    [[nodiscard]] int conclude() {
         Share all;
-        std::size_t repeated = 0;
-        for (auto const& element : elements_) {
-            if (element.result && element.result->error.empty()) {
-                for (Share* const share : {&shares[element.worker], &all}) {
-                    ++share->elements;
-                    share->bytes += element.size;
-                    share->time += std::chrono::nanoseconds(element.result->time);
-                }
-                repeated += element.result->delivery > 1 ? 1 : 0;
-            } else if (element.result) {
-                print(element.name + ": cannot be read by " + element.worker + ": " +
-                      ascii(element.result->error).substr(0, 500));
-            }
+        std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
+        auto const add = [&rows](std::string const& name, Share const& share) {
+            rows.push_back({name, grouped(share.elements), grouped(share.bytes),
+                            fixed(share.time.count(), 2), speed(share.bytes, share.time)});
+        };
+        for (auto const& [worker, share] : shares_) {
+            add(worker, share);
+            all.elements += share.elements;
+            all.bytes += share.bytes;
         }
         all.time = Clock::now() - start_;
-        shares["~"] = all; // sorted behind all names
-        std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
-        for (auto const& [name, share] : shares) {
-            rows.push_back({name == "~" ? "all, from start to end" : name, grouped(share.elements),
-                            grouped(share.bytes), fixed(share.time.count(), 2),
-                            speed(share.bytes, share.time)});
-        }
+        add("all, from start to end", all);
         std::cout << '\n';
         printTable(std::cout, rows, "<>>>>");
         double const rate = static_cast<double>(all.elements) / all.time.count();
         std::cout << '\n'
                   << all.elements << " of " << counted(elements_.size(), "element") << " decoded, "
-                  << repeated << " of them delivered more than once, "
+                  << repeated_ << " of them delivered more than once, "
                   << grouped(static_cast<std::size_t>(rate)) << " a second\n";
         if (all.elements == elements_.size()) {
             return 0;
         }
-        bool const isStopped = stopped_ && all.elements == reported_;
-        print((isStopped ? "stopped when " : "") + sent());
-        return isStopped ? 130 : 1;
+        print((isStopped_ ? "stopped when " : "") + sent());
+        return isStopped_ ? 130 : 1;
     }
 
-    [[nodiscard]] std::string sent() const {
-        return std::to_string(stored_) + " of " + counted(elements_.size(), "element") + " sent, " +
-               std::to_string(reported_) + " reported";
+    [[nodiscard]] std::string sent() {
+        std::lock_guard const lock(mutex_);
+        auto const reached = [this](State state) {
+            auto const has = [state](Element const& element) { return element.state >= state; };
+            return std::to_string(std::count_if(elements_.begin(), elements_.end(), has));
+        };
+        return reached(State::sent) + " of " + counted(elements_.size(), "element") + " sent, " +
+               reached(State::reported) + " reported";
     }
 
     [[nodiscard]] std::string subjectOf(std::string const& element) const {
         return options_.nats.stream + '.' + run_ + '.' + element;
+    }
+    [[nodiscard]] std::string subjectOf(std::size_t i) const {
+        return subjectOf(std::to_string(i));
     }
 
     static void print(std::string const& text) { std::cerr << "sender: " + text + '\n'; }
@@ -380,31 +360,28 @@ private:
     std::string const run_ = randomName();
     stop_source stop_;
     Clock::time_point start_ = Clock::now(); // of sending
+    std::vector<std::string> names_;         // of the files, which the elements repeat
     std::vector<GenericSerialiser> serialisers_;
     std::shared_ptr<Sentinel> sentinel_;
     std::atomic<std::size_t> next_{0};
-    std::atomic<std::size_t> written_{0};
-    std::atomic<std::size_t> published_{0};
-    std::atomic<std::size_t> stored_{0};
+    std::atomic<std::size_t> left_{0};                // elements whose outcome is not known
     std::atomic<Clock::time_point> progress_{start_}; // when something was stored or reported
 
-    std::mutex mutex_; // guards what follows, and standard output
+    std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::vector<Element> elements_;
     std::size_t unreported_ = 0; // bytes that were published
     std::size_t window_ = 0;     // the most of them
-    bool isFull_ = false;
-    bool isStopped_ = false;
 
     // Used by the main thread only.
-    std::size_t reported_ = 0;
+    std::map<std::string, Share> shares_; // by worker
+    std::size_t repeated_ = 0;
     std::size_t ignored_ = 0;
     bool isReleased_ = false;
-    Clock::time_point printed_ = start_;
+    bool isStopped_ = false;
     Clock::time_point looked_{};
     std::chrono::seconds stuck_{60};
     Clock::time_point complained_{};
-    std::optional<Clock::time_point> stopped_;
 
     std::optional<Session> session_; // its callbacks use what is above
     std::vector<std::jthread> threads_;
@@ -423,14 +400,9 @@ int main(int argc, char** argv) {
     app.add_option("--copies", options.copies, "How often to send the files")
         ->check(CLI::Range(1, 1'000'000))
         ->capture_default_str();
-    app.add_option("--window", options.window, "The most bytes of elements without a result")
-        ->transform(CLI::AsSizeValue(false))
-        ->default_str("64MiB");
     app.add_option("--give-up-after", options.giveUpAfter,
                    "Seconds to wait since something was stored or reported; without it, for ever")
         ->check(CLI::NonNegativeNumber);
-    app.add_flag("-v,--verbose", options.isVerbose,
-                 "Print a line for each element: run, number, wire format, bytes, CRC-32");
     constexpr auto readLimit = std::numeric_limits<std::uint64_t>::max(); // its own files
     return run(app, argc, argv, "sender", readLimit,
                [&](auto const& catalogue, stop_source const& stop) {

@@ -3,7 +3,7 @@
 // a line for each: run, element, wire format, bytes, CRC-32, how often it was delivered.
 
 #include "examples/modules/formats/ReadLimit.h"
-#include "examples/nats/Messages.h"
+#include "examples/nats/Session.h"
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
 
@@ -14,11 +14,10 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <csignal>
+#include <future>
 #include <iostream>
 #include <map>
-#include <thread>
 
 namespace {
 
@@ -38,29 +37,15 @@ struct Stopped {}; // thrown after Control-C, while servers are away
 
 std::atomic<bool> isDecoding = false; // in this process
 
-// Returns what a large element took to the system, so that it does not add to the next one. The
-// small blocks among it that this thread's cache keeps are taken out and freed by another thread,
-// whose cache ends with it.
-void releaseMemory() {
-    std::vector<void*> blocks;
-    for (std::size_t i = 0; i < std::size_t{64} * 7; ++i) { // seven of each size
-        blocks.push_back(std::malloc(i / 7 * 16 + 24));
-    }
-    std::thread([&] { std::for_each(blocks.begin(), blocks.end(), std::free); }).join();
-    ::malloc_trim(0);
-}
-
 class Worker {
 public:
     Worker(Options const& options, SerialisationCatalogue const& catalogue, stop_token stop)
         : options_(options), catalogue_(catalogue), stop_(std::move(stop)),
           session_(options.nats, "worker", [this](auto const& why) { waitFor(why); }) {
-        session_.join(options.nats.stream, "workers", options.nats.stream + ".>",
-                      std::chrono::seconds(options.redeliverAfter), 0s);
+        session_.join("workers", std::chrono::seconds(options.redeliverAfter));
         // Runs before what was registered earlier: a decoder that calls exit() must not look like a
         // worker that has done its work.
         std::atexit([] { isDecoding ? ::_exit(1) : void(); });
-        watching_ = std::jthread([this](std::stop_token const& end) { watch(end); });
     }
 
     void run() {
@@ -68,28 +53,16 @@ public:
         std::size_t ahead = 1; // elements to take at once
         while (!stop_.stop_requested()) {
             auto messages = session_.fetch(ahead, 500ms);
-            take(messages);
             auto const start = Clock::now();
-            std::size_t handled = 0;
-            for (; handled < messages.size() && !stop_.stop_requested(); ++handled) {
-                handle(std::move(messages[handled]));
-                if (Clock::now() - reported_ > share) {
-                    report();
-                }
-            }
-            report();
-            if (handled != 0) {
-                auto const each = (Clock::now() - start) / handled + 1us;
-                ahead = std::clamp<std::size_t>(share / each, 1, std::min(4 * ahead, most));
-            }
+            work(std::move(messages));
+            // None waits here for long while another worker is idle.
+            ahead = Clock::now() - start < 200ms ? std::min<std::size_t>(2 * ahead, 256)
+                                                 : (ahead + 1) / 2;
         }
     }
 
 private:
-    // A worker takes as many elements as it decodes in this time, so that none waits here for long
-    // while another worker is idle, and reports as often.
-    static constexpr Clock::duration share = 200ms;
-    static constexpr std::size_t most = 256;
+    static constexpr auto share = 10ms; // of work between two reports
 
     void say(std::string const& text) const { std::cerr << options_.name + ": " + text + '\n'; }
 
@@ -103,87 +76,98 @@ private:
         }
     }
 
-    // Tells the servers repeatedly that this worker is at work on what it has taken.
-    void watch(std::stop_token const& end) {
+    // Other threads decode, one after the other, while this one tells the servers that it is at
+    // work on what it has taken. When a thread ends, its cache of memory is freed, so nothing that
+    // it has allocated may outlive it in another cache.
+    void work(std::vector<Message> messages) {
+        std::vector<std::string> replies(messages.size());
+        std::transform(messages.begin(), messages.end(), replies.begin(),
+                       [](auto const& message) { return natsMsg_GetReply(message.get()); });
         auto const interval = std::chrono::milliseconds(options_.redeliverAfter * 1000 / 3);
-        std::unique_lock lock(mutex_);
-        while (!changed_.wait_for(lock, end, interval, [&] { return end.stop_requested(); })) {
-            for (auto const& reply : inHand_) {
-                session_.answer(reply, "+WPI");
+        auto told = Clock::now();
+        for (std::size_t next = 0; next < messages.size() && !stop_.stop_requested();) {
+            auto const start = Clock::now();
+            auto part = std::async(std::launch::async, [&, first = next]() mutable {
+                isDecoding = true;
+                do {
+                    handle(std::move(messages[first]), replies[first]);
+                } while (++first < messages.size() && Clock::now() - start < share);
+                isDecoding = false;
+                ::alarm(0);
+                report();
+                return first;
+            });
+            while (part.wait_until(told + interval) != std::future_status::ready) {
+                for (std::size_t i = next; i < replies.size(); ++i) {
+                    session_.publish(replies[i], "+WPI");
+                }
+                told = Clock::now();
+            }
+            next = part.get(); // the thread has ended
+            if (Clock::now() - start > 2 * share) {
+                ::malloc_trim(0); // so that it does not add to what the next one takes
             }
         }
     }
 
-    void take(std::vector<Message> const& messages) {
-        std::lock_guard const lock(mutex_);
-        inHand_.clear();
-        for (auto const& message : messages) {
-            inHand_.emplace_back(natsMsg_GetReply(message.get()));
-        }
-    }
-
-    void handle(Message message) {
-        std::string const reply = natsMsg_GetReply(message.get());
+    void handle(Message message, std::string const& reply) {
         std::string run;
         Label label;
         Result result;
+        auto& [element, size, crc, delivery, time, why] = result;
         try {
             auto const words = wordsOf(message.get());
             run = words[1];
-            result.element = whole(Json::parse(words[2]));
+            element = Json::parse(words[2]).get<std::uint64_t>();
             label = labelOf(message.get());
         } catch (std::exception const& error) {
             say(ignored(++ignored_, message.get(), error));
-            session_.answer(reply, "+ACK"); // nobody else can read it either
+            session_.publish(reply, "+ACK"); // nobody else can read it either
             return;
         }
         ByteBufferView const bytes(textOf(message.get()));
-        result.size = bytes.size();
-        result.crc32 = std::get<2>(label);
-        result.delivery = deliveries(message.get());
+        size = bytes.size();
+        crc = std::get<2>(label);
+        delivery = deliveries(message.get());
         auto const start = Clock::now();
         try {
             ByteBufferIStreambuf source(
                 std::make_unique<ByteBuffer>(adopt(bytes, std::move(message))));
-            if (crc32(bytes) != result.crc32) {
+            if (crc32(bytes) != crc) {
                 throw std::runtime_error("the bytes are not those that were sent");
             }
-            result.delivery > 1 ? readInChild(label, source) : read(label, source);
+            ::alarm(delivery == 1 ? options_.patience : 0); // the system ends a process that hangs
+            delivery == 1 ? read(label, source) : readInChild(label, source);
         } catch (std::exception const& error) {
-            result.error = error.what() + std::string(*error.what() == '\0', '?');
+            why = std::string(error.what()).substr(0, 500);
+            why += why.empty() ? "?" : "";
         }
-        auto const time = Clock::now() - start;
-        result.time = static_cast<std::uint64_t>(std::chrono::nanoseconds(time).count());
-        if (time > 10ms) {
-            releaseMemory();
-        }
-        std::cout << (result.error.empty() ? "decoded " : "failed ") + run + ' ' << result.element
-                  << ' ' << ascii(std::get<0>(label)) << ' ' << result.size << ' ' << result.crc32
-                  << ' ' << result.delivery << '\n';
-        auto& [replies, results] = done_[run];
-        replies.push_back(reply);
+        time = static_cast<std::uint64_t>(nanoseconds(Clock::now() - start));
+        std::cout << (why.empty() ? "decoded " : "failed ") + run + ' ' << element << ' '
+                  << ascii(std::get<0>(label)) << ' ' << size << ' ' << crc << ' ' << delivery
+                  << '\n';
+        auto& [answers, results] = done_[run];
+        answers.push_back(reply);
         results.push_back(std::move(result));
     }
 
-    // Acknowledged last, when the results are stored. Until then another worker gets the elements
-    // if this one fails.
+    // Until its elements are acknowledged, another worker gets them if this one fails.
     void report() {
         std::cout.flush();
         for (auto const& [run, each] : done_) {
-            session_.store(options_.nats.reports() + '.' + run + '.' + options_.name,
-                           ascii(each.second));
+            session_.publish(options_.nats.reports() + '.' + run + '.' + options_.name,
+                             ascii(each.second));
             for (auto const& reply : each.first) {
-                session_.answer(reply, "+ACK");
+                session_.publish(reply, "+ACK");
             }
         }
         done_.clear();
-        reported_ = Clock::now();
     }
 
     // An element that is delivered again may have crashed a worker. A child process decodes it, so
     // that it crashes no other worker, and the elements taken with it are not delivered again. The
     // child has a result only if it says so, whatever its status.
-    void readInChild(Label const& label, std::streambuf& source) {
+    void readInChild(Label const& label, std::streambuf& source) const {
         std::array<int, 2> ends{};
         ::pid_t const child = ::pipe(ends.data()) == 0 ? ::fork() : -1;
         if (child < 0) {
@@ -191,6 +175,7 @@ private:
         }
         if (child == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::alarm(options_.patience);
             std::string said = "=";
             try {
                 read(label, source);
@@ -201,13 +186,12 @@ private:
         }
         ::close(ends[1]);
         std::array<char, 1000> said{}; // as much as is printed, and more
-        ::ssize_t const size = ::read(ends[0], said.data(), said.size());
+        ::ssize_t const size = ::read(ends[0], said.data(), said.size() - 1);
         ::close(ends[0]);
         int status = 0;
         ::waitpid(child, &status, 0);
         if (size > 1) {
-            throw std::runtime_error(
-                std::string(said.data() + 1, static_cast<std::size_t>(size) - 1));
+            throw std::runtime_error(said.data() + 1);
         }
         int const number = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
         if (number == SIGALRM) {
@@ -221,13 +205,8 @@ private:
         }
     }
 
-    // The system ends a process whose decoder hangs.
     void read(Label const& label, std::streambuf& source) const {
         auto const& [wireFormat, type, sum] = label;
-        struct Guard {
-            explicit Guard(unsigned seconds) { isDecoding = true, ::alarm(seconds); }
-            ~Guard() { isDecoding = false, ::alarm(0); }
-        } const guard(options_.patience);
         auto const payload = decode(catalogue_.getDeserialiserFor(wireFormat, type), source);
         // Here a real worker would do its work with the payload.
     }
@@ -239,14 +218,7 @@ private:
     bool isWaiting_ = false;
     // By run: the replies of elements that are done, and the results.
     std::map<std::string, std::pair<std::vector<std::string>, std::vector<Result>>> done_;
-    Clock::time_point reported_ = Clock::now();
-
-    std::mutex mutex_;
-    std::condition_variable_any changed_;
-    std::vector<std::string> inHand_; // replies of the elements that were taken last
-
     Session session_; // its callbacks use what is above
-    std::jthread watching_;
 };
 
 } // namespace
