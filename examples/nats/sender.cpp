@@ -370,13 +370,14 @@ private:
     std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::vector<Element> elements_;
-    std::size_t unreported_ = 0; // bytes that were published
-    std::size_t window_ = 0;     // the most of them
-
-    // Used by the main thread only.
+    std::size_t unreported_ = 0;          // bytes that were published
+    std::size_t window_ = 0;              // the most of them
     std::map<std::string, Share> shares_; // by worker
     std::size_t repeated_ = 0;
-    std::size_t ignored_ = 0;
+
+    std::size_t ignored_ = 0; // used by the thread that receives reports only
+
+    // Used by the main thread only.
     bool isReleased_ = false;
     bool isStopped_ = false;
     Clock::time_point looked_{};
