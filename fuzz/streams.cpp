@@ -178,7 +178,7 @@ struct Writer {
         used.setstate(ios::failbit);
         move(input, out, ByteBufferOStream(), std::move(used));
     }
-    void moveBuffer() {
+    void moveBuffer() const {
         ByteBufferOStreambuf other, &itself = other;
         other.sputn("other", 5);
         other = std::move(*out.rdbuf());
