@@ -77,6 +77,7 @@ std::string show(stop_source const& source) {
                                                 : " broken";
 }
 std::string show(stop_token const& token) {
+    SAME(token == stop_token(), !token.stop_possible());
     return stateOf(token) + (token == running.get_token() ? " same" : "");
 }
 std::string handleOf(auto const& object) {
