@@ -342,8 +342,9 @@ struct Run {
         };
         auto const choose = [&](int i, auto make) { return has[i] ? make : decltype(make)(); };
         IDs const list(input.below(3), 8);
-        as(textOf("format", list.size(), 7, ' ', text(0), ' ', text(1), ' ', text(2)), "format", 7U,
-           list, choose(0, Serialiser::ViewFactory(factory)),
+        std::uint64_t const id = 6 + input.below(2);
+        as(textOf("format", list.size(), id, ' ', text(0), ' ', text(1), ' ', text(2)), "format",
+           id, list, choose(0, Serialiser::ViewFactory(factory)),
            choose(1, Serialiser::CancellableViewFactory(factory)),
            choose(2, Serialiser::PayloadFactory(factory)));
     }
@@ -351,7 +352,8 @@ struct Run {
         Maker<GenericDeserialiser> routine;
         make(routine);
         auto const& [object, text] = routine.made;
-        as(text == "empty" ? text : "format7 " + text, "format", 7U, *object);
+        std::uint64_t const id = 6 + input.below(2);
+        as(text == "empty" ? text : textOf("format", id, ' ', text), "format", id, *object);
     }
 
     template <class T> void step(std::string const& movedFrom) {
