@@ -2,15 +2,13 @@
 #ifndef COURIER_FUZZ_INPUT_H
 #define COURIER_FUZZ_INPUT_H
 
-#include <gtest/gtest.h>
+#include "../tests/Support.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <iterator>
-#include <string>
 #include <utility>
 
 namespace fuzz {
@@ -105,6 +103,25 @@ public:
             }
         };
         (act(actions), ...);
+    }
+
+    /// Acts. One time in four, each of the fault points fails first, one after the other: what
+    /// fails must change nothing that `check` sees.
+    void withFaults(auto const& act, auto const& check) {
+        constexpr std::size_t never = ~std::size_t{1};
+        for (std::size_t n = oneIn(4) ? 0 : never;; ++n) {
+            tests::failAfter(n);
+            try {
+                act();
+                SAME(tests::stopFailing(), false); // or it was swallowed
+                return;
+            } catch (...) {
+                if (!tests::stopFailing()) {
+                    throw;
+                }
+                check();
+            }
+        }
     }
 
     /// n bytes that are not taken from the input. They differ from earlier ones, so that misplaced

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // ByteBuffer, ByteBufferView and their iterators against a std::vector for each buffer.
-#include "../tests/Support.h"
 #include "Input.h"
 
 #include <array>
@@ -163,6 +162,9 @@ struct Run {
     std::vector<ByteBuffer> buffers = std::vector<ByteBuffer>(3);
     std::array<Model, 3> models{};
 
+    void withFaults(auto const& act) {
+        input.withFaults(act, [&] { check(); });
+    }
     // A deleter may use the buffers, of which none has the block any more.
     void release(std::byte* block, std::size_t size) {
         for (ByteBuffer& each : buffers) {
@@ -192,23 +194,34 @@ struct Run {
         Owner named{content, owners};
         auto shared = std::make_shared<Owner>(named);
         auto const never = [](void*) { std::abort(); };
-        model = {own};
-        auto const external = [&](ByteBuffer made, bool keepsDeleter = false) {
-            buffer = std::move(made);
-            model.block = std::make_shared<Count>(expectedOwners);
-            model.keepsDeleter = keepsDeleter;
+        Model next{own};
+        auto const fill = [&](auto made) {
+            auto const check = [&, count = owners.use_count()] { SAME(owners.use_count(), count); };
+            input.withFaults([&] { buffer = made(); }, check);
+        };
+        auto const external = [&](auto made) {
+            fill(made);
+            next.block = std::make_shared<Count>(expectedOwners);
         };
         input.oneOf(
-            DO(buffer = ByteBuffer(view)), DO(buffer = view.operator ByteBuffer()),
-            DO(own.reserve(n + 3), buffer = ByteBuffer(std::move(own)), model.bytes.reserve(n + 3)),
-            DO(buffer = ByteBuffer(own)), DO(buffer = ByteBuffer(std::move(own))),
-            DO(buffer = ByteBuffer(n), model = {Bytes(n)}),
-            DO(buffer = ByteBuffer({nullptr, never}, n), model = {}),
-            DO(buffer = ByteBuffer(ByteBuffer::Block(), n), model = {}),
-            DO(external(adoptBlock(own), true)), DO(external(adopt(Owner{content, owners}))),
-            DO(external(adopt(named))), DO(external(adopt(std::as_const(named)))),
-            DO(external(adopt(ByteBufferView(*shared), shared))),
-            DO(auto moved = shared; external(adopt(ByteBufferView(*shared), std::move(moved)))));
+            DO(fill([&] { return ByteBuffer(view); })),
+            DO(fill([&] { return view.operator ByteBuffer(); })),
+            DO(own.reserve(n + 3), buffer = ByteBuffer(std::move(own)), next.bytes.reserve(n + 3)),
+            DO(fill([&] { return ByteBuffer(own); })), DO(buffer = ByteBuffer(std::move(own))),
+            DO(fill([&] { return ByteBuffer(n); }), next = {Bytes(n)}),
+            DO(buffer = ByteBuffer({nullptr, never}, n), next = {}),
+            DO(buffer = ByteBuffer(ByteBuffer::Block(), n), next = {}),
+            DO(ByteBuffer block = adoptBlock(own); external([&] { return std::move(block); });
+               next.keepsDeleter = true),
+            DO(external([&] {
+                return adopt(Owner{content, owners});
+            })),
+            DO(external([&] { return adopt(named); })),
+            DO(external([&] { return adopt(std::as_const(named)); })),
+            DO(external([&] { return adopt(ByteBufferView(*shared), shared); })), DO(external([&] {
+                return adopt(ByteBufferView(*shared), std::shared_ptr<Owner>(shared));
+            })));
+        model = std::move(next);
         SAME(named == content && shared != nullptr, true); // an owner with a name is copied
         SAME_ERROR(std::invalid_argument, "ByteBuffer needs a deleter for its block",
                    ByteBuffer(ByteBuffer::Block(&named, nullptr), n));
@@ -245,14 +258,21 @@ struct Run {
         Bytes vector = fresh;
         ByteBuffer made;
         auto const add = [&](Bytes const& bytes, bool always, auto&& argument) {
+            auto const act = [&] {
+                auto&& appended = target.append(std::forward<decltype(argument)>(argument));
+                if constexpr (!std::is_same_v<decltype(appended), ByteBuffer&>) {
+                    made = std::move(appended);
+                } else {
+                    SAME(&appended, &target);
+                }
+            };
+            if constexpr (std::is_lvalue_reference_v<decltype(argument)>) {
+                withFaults(act);
+            } else {
+                act();
+            }
             if (always || !bytes.empty()) {
                 model.append(bytes);
-            }
-            auto&& appended = target.append(std::forward<decltype(argument)>(argument));
-            if constexpr (!std::is_same_v<decltype(appended), ByteBuffer&>) {
-                made = std::move(appended);
-            } else {
-                SAME(&appended, &target);
             }
         };
         std::vector<ByteBuffer> const nothing;
@@ -285,7 +305,8 @@ struct Run {
     void split(std::size_t i, std::size_t j, std::size_t n) {
         Model& model = models[i];
         std::size_t const size = model.bytes.size();
-        ByteBuffer front = buffers[i].splitFront(n);
+        ByteBuffer front;
+        withFaults([&] { front = buffers[i].splitFront(n); });
         Model frontModel;
         if (n == size) {
             std::swap(frontModel, n == 0 ? frontModel : model);
@@ -377,7 +398,7 @@ struct Run {
         std::string const tooMany = n > size ? "Requested to remove more bytes than exist" : none;
         // With an n that is too large, an operation throws this and changes nothing.
         auto const both = [&](std::string const& error, auto act) {
-            SAME(said([&] { act(buffer); }), error);
+            SAME(said([&] { withFaults([&] { act(buffer); }); }), error);
             error == none ? act(model) : void();
         };
         auto const reserve = [n](auto& it) { it.reserve(n); };
@@ -392,10 +413,11 @@ struct Run {
                     DO(isTried(n) ? both(refusal(std::max(n, size), false), reserve) : void()),
                     DO(isTried(n) ? both(refusal(n), resize) : void()),
                     DO(both(none, [](auto& it) { it.clear(); })),
-                    DO(buffer = other.clone(), model = {models[j].bytes}),
+                    DO(withFaults([&] { buffer = other.clone(); }); model = {models[j].bytes}),
                     DO(move(other, models[j], buffer, model)),
                     DO(std::swap(buffer, other), std::swap(model, models[j])),
-                    DO(model.push_back(b), buffer.push_back(b)),
+                    DO(auto const copy = b; withFaults([&] { buffer.push_back(b); });
+                       model.push_back(copy)),
                     DO(both(none, [](auto& it) { it.push_back(std::byte{}); })),
                     DO(append(buffer, model, j)),
                     DO(make(buffer, model, input.size()), check(), append(buffer, model, i)),

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The catalogue against a list of its records that is searched from the first one on.
-#include "../tests/Support.h"
 #include "Input.h"
 
 #include <bedrock/core/diag/terminate.h>
@@ -100,15 +99,26 @@ struct Run {
         auto const inAny = [&](auto has) {
             return [=](auto& e) { return has(e) && (format == "*" || e.format == format); };
         };
+        // The lengths of all lists, and what a failure leaves alone.
+        auto const state = [&] {
+            return std::tuple(catalogue.getSupportedWireFormats(id).size(),
+                              catalogue.getSupportedWireFormats(ids).size(),
+                              catalogue.getSupportedDeserialisationWireFormats(id).size());
+        };
+        auto const withFaults = [&](auto const& act) {
+            input.withFaults(act, [&, before = state()] { SAME(state(), before); });
+        };
         auto const addSerialiser = [&] {
-            catalogue.add(record(format, id, ids, std::to_string(++names)));
+            Serialiser const added = record(format, id, ids, std::to_string(++names));
+            withFaults([&] { catalogue.add(Serialiser(added)); });
             auto const same = inFormat([&](auto& e) { return e.id == id || hasList(e); });
             if (formats(serialisers, same).empty()) {
                 serialisers.push_back({format, id, ids, names});
             }
         };
         auto const addDeserialiser = [&] {
-            catalogue.add(reader(format, id, ++names));
+            Deserialiser const added = reader(format, id, ++names);
+            withFaults([&] { catalogue.add(Deserialiser(added)); });
             if (formats(deserialisers, inFormat(hasID(id))).empty()) {
                 deserialisers.push_back({format, id, ids, names});
             }
@@ -176,8 +186,20 @@ struct Run {
             SAME(catalogue.getDeserialiserFor(format, voidID)(unread).elementCount, 0U);
             SAME(unread.tellg(), 0);
         };
+        auto const lookWithFaults = [&] {
+            Entry const& last = serialisers.back();
+            withFaults([&] {
+                discard(state());
+                discard(catalogue.getSerialiserFor("*", last.id));
+                discard(catalogue.getSerialiserFor("*", payloadOf({last.id})));
+                discard(catalogue.getSerialiserFor(last.format, viewOf({last.id}, 0)));
+                discard(catalogue.getSerialiserFor("*", viewOf({last.id}, 0), stop_source()));
+                discard(catalogue.getDeserialiserFor(format, voidID));
+            });
+        };
         input.oneOf(DO(addSerialiser()), DO(addDeserialiser()), DO(lookForSerialiser()),
-                    DO(lookForDeserialiser()), DO(lookForVoid()));
+                    DO(lookForDeserialiser()), DO(lookForVoid()),
+                    DO(serialisers.empty() ? void() : lookWithFaults()));
     }
 };
 

@@ -2,7 +2,6 @@
 // Payloads, references, views, serialisers, deserialisers, records, stop sources and fan-outs: each
 // object shows a text, and whatever is copied, moved or assigned, it must show the model's. A "#"
 // and a number in a text is something that it keeps alive, and nothing else may.
-#include "../tests/Support.h"
 #include "Input.h"
 
 #include <cmath>
@@ -24,7 +23,9 @@ std::map<int, std::shared_ptr<Sentinel>> sentinels; // of the payloads that have
 // Something that is kept alive: an element, a handle, what a routine captures.
 struct Tracked {
     Tracked() : number(++numbers) { alive.insert(number); }
-    Tracked(Tracked const& other) : number(other.number) { alive.insert(number); }
+    Tracked(Tracked const& other) : number(other.number) {
+        alive.insert(isFault() ? throw std::domain_error("mine") : number);
+    }
     Tracked& operator=(Tracked const&) = delete;
     ~Tracked() {
         alive.erase(alive.find(number));
@@ -177,7 +178,8 @@ template <class T> struct Pool {
         };
         auto const copy = [&]([[maybe_unused]] auto act) {
             if constexpr (std::is_copy_assignable_v<T>) {
-                act(*other);
+                bool const isStrong = !std::is_same_v<T, Serialiser>; // which may lose its parts
+                input.withFaults([&] { act(*other); }, [&] { isStrong ? check() : void(); });
                 text = otherText;
             }
         };
@@ -214,10 +216,18 @@ struct Run {
 
     // A new object of the class, and its text. Each make() makes it in every way.
     template <class T> struct Maker {
-        typename Pool<T>::Made made;
-        void operator()(std::string text, auto&&... arguments) {
-            made = {std::make_unique<T>(std::forward<decltype(arguments)>(arguments)...),
-                    std::move(text)};
+        Input& input;
+        typename Pool<T>::Made made{};
+        template <class... Arguments> void operator()(std::string text, Arguments&&... arguments) {
+            if constexpr (std::is_constructible_v<T, Arguments&...>) {
+                auto const make = [&] { made.first = std::make_unique<T>(arguments...); };
+                auto const check = [before = alive] { SAME(alive, before); };
+                input.flag() ? input.withFaults(make, check) : void();
+            }
+            if (!made.first) {
+                made.first = std::make_unique<T>(std::forward<Arguments>(arguments)...);
+            }
+            made.second = std::move(text);
         }
     };
 
@@ -238,16 +248,20 @@ struct Run {
             discard(GenericPayload(std::move(payload))); // which keeps its count
         }
         std::size_t const count = input.below(4);
-        std::string text = textOf(count, 0);
+        std::string text = "00";
         for (std::size_t i = 0; i < count; ++i) {
             auto const shared = std::make_shared<Tracked>();
             std::string const bad = textOf("not ", i);
+            auto const add = [&](std::string const& shown, auto act) {
+                input.withFaults(act, [&] { SAME(show(payload), text + " no no"); });
+                text = textOf(i + 1, text.substr(1), ' ', shown);
+                SAME(payload.elementCount, i + 1);
+            };
             input.oneOf(
-                DO(SAME(&payload.emplace<int>(7) == &payload.get<int>(i), true);
-                   text += " 7 " + bad),
-                DO(payload.add(shared); text += textOf(' ', bad, ' ', *shared)),
-                DO(payload.add(std::shared_ptr<Tracked>()); text += textOf(' ', bad, ' ', bad)));
-            SAME(payload.elementCount, i + 1);
+                DO(add("7 " + bad,
+                       [&] { SAME(&payload.emplace<int>(7) == &payload.get<int>(i), true); })),
+                DO(add(textOf(bad, ' ', *shared), [&] { payload.add(shared); })),
+                DO(add(bad + ' ' + bad, [&] { payload.add(std::shared_ptr<Tracked>()); })));
         }
         payload.objects.push_back(std::make_shared<Tracked>());
         text += " no no" + tag(numbers);
@@ -257,7 +271,9 @@ struct Run {
         GenericPayload payload;
         int const number = payload.emplace<Tracked>().number;
         payload.emplace<int>(7);
-        auto shared = GenericPayloadWrapperPtr::make(std::move(payload));
+        GenericPayloadWrapperPtr shared;
+        input.withFaults([&] { shared = GenericPayloadWrapperPtr::make(std::move(payload)); },
+                         [&] { SAME(payload.values.size(), 2U); });
         sentinels.emplace(number, shared->getSentinel());
         std::string const text = tag(number);
         auto const adopt = [&] {
@@ -268,7 +284,7 @@ struct Run {
                     DO(as(text, shared.get())), DO(adopt()));
     }
     void make(Maker<GenericPayloadView>& as) {
-        Maker<GenericPayloadWrapperPtr> ofShared;
+        Maker<GenericPayloadWrapperPtr> ofShared{input};
         make(ofShared);
         auto const& [shared, text] = ofShared.made;
         std::size_t const index = input.length(2);
@@ -349,7 +365,7 @@ struct Run {
            choose(2, Serialiser::PayloadFactory(factory)));
     }
     void make(Maker<Deserialiser>& as) {
-        Maker<GenericDeserialiser> routine;
+        Maker<GenericDeserialiser> routine{input};
         make(routine);
         auto const& [object, text] = routine.made;
         std::uint64_t const id = 6 + input.below(2);
@@ -359,7 +375,7 @@ struct Run {
     template <class T> void step(std::string const& movedFrom) {
         auto& pool = std::get<Pool<T>>(pools);
         auto const makeOne = [this] {
-            Maker<T> maker;
+            Maker<T> maker{input};
             make(maker);
             return std::move(maker.made);
         };
@@ -483,6 +499,12 @@ void Run::fanOut() {
                                                       isStoppable ? " stopped" : " never"));
         }
     }
+    input.withFaults(
+        [&] {
+            discard(createSerialisersFor(payloadOf(IDs(2, getTypeID<Tracked>())), formats, "write",
+                                         source));
+        },
+        [before = alive] { SAME(alive, before); });
     std::pair<std::vector<GenericSerialiser>, std::shared_ptr<Sentinel>> made;
     auto const create = [&](auto const&... stop) {
         auto make = [&](auto const& given) {

@@ -2,7 +2,6 @@
 // What is written through a ByteBufferOStream, a StoppableOStream and a ByteBufferOStreambuf, and
 // read through every stream buffer, stream and byte iterator, against the standard library's string
 // streams and plain positions.
-#include "../tests/Support.h"
 #include "Input.h"
 
 #include <courier/hub/serialisation/IOStreams.h>
@@ -190,12 +189,15 @@ struct Writer {
 
     void step() {
         std::size_t const n = input.size(out.prepare(0).size());
+        auto const makeRoom = [&] { discard(out.rdbuf()->prepare(n)); };
+        auto const check = [&] { SAME(out.size(), model.view().size()); };
         input.oneOf(DO(write(n)), DO(write(n)), DO(write(n)), DO(write(n)), DO(refuse()),
                     DO(moveOut()), DO(moveBuffer()), DO(stop()), DO(fail()),
+                    DO(input.withFaults(makeRoom, check)),
                     DO(SAME(text(out.release()), model.str()); model.str({})),
                     DO(SAME(text(out.rdbuf()->release()), model.str()); model.str({})));
         SAME(out.rdstate() | stoppable.rdstate() | nested.rdstate(), ios::goodbit);
-        SAME(out.size(), model.view().size());
+        check();
     }
 };
 
@@ -261,10 +263,18 @@ void read(Input& input, ByteBuffer const& content) {
         };
         ByteBuffer taken[3];
         std::string const error = isFew && !isFree ? tooFew : none;
-        SAME(said([&] { taken[0] = takeFrom(whole); }), error);
-        SAME(said([&] { taken[1] = takeFrom(borrowing); }), error);
-        SAME(said([&] { taken[2] = isFree ? take(ofViewer, n) : viewer.take(n); }), error);
         auto const state = model.rdstate();
+        auto const takeInto = [&](std::size_t i, auto from) {
+            auto const check = [&] {
+                in[i]->clear(state);
+                SAME(in[i]->rdbuf()->in_avail(), model.rdbuf()->in_avail());
+            };
+            auto const faulty = [&] { input.withFaults([&] { taken[i] = from(); }, check); };
+            SAME(said(faulty), error);
+        };
+        takeInto(0, [&] { return takeFrom(whole); });
+        takeInto(1, [&] { return takeFrom(borrowing); });
+        takeInto(2, [&] { return isFree ? take(ofViewer, n) : viewer.take(n); });
         std::string bytes(error == none ? std::min(n, unreadOfModel()) : 0, '\0');
         isFree ? void() : model.clear();
         model.read(bytes.data(), size(bytes));

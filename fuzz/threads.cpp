@@ -2,7 +2,6 @@
 // Two to four threads that do at random whatever the headers allow side by side, for
 // ThreadSanitizer: on one catalogue, one deserialiser, one serialiser to move from, one shared
 // payload and its sentinel, one stop state and the parts of one block.
-#include "../tests/Support.h"
 #include "Input.h"
 
 #include <bedrock/core/diag/terminate.h>
