@@ -25,6 +25,7 @@ struct Model {
         larger.insert(larger.end(), bytes.data(), bytes.data() + std::min(capacity, bytes.size()));
         bytes = std::move(larger);
         block = nullptr;
+        isShared = false;
         place = nullptr;
     }
     void makeRoom(std::size_t n) {
@@ -53,6 +54,7 @@ struct Model {
 
     Bytes bytes{};
     std::shared_ptr<void> block{};          // in external form: freed when the buffer's must be
+    bool isShared = false;                  // with other parts
     bool keepsDeleter = false;              // even after the block is gone
     std::byte const* place = nullptr;       // of these bytes after the last step
     std::byte const* bufferPlace = nullptr; // and of the buffer's
@@ -306,12 +308,19 @@ struct Run {
         Model& model = models[i];
         std::size_t const size = model.bytes.size();
         ByteBuffer front;
-        withFaults([&] { front = buffers[i].splitFront(n); });
+        std::size_t made = 0;
+        withFaults([&] {
+            std::size_t const before = allocations();
+            front = buffers[i].splitFront(n);
+            made = allocations() - before;
+        });
+        SAME(made, n == 0 || n == size || model.isShared ? 0U : 1U); // only the first one allocates
         Model frontModel;
         if (n == size) {
             std::swap(frontModel, n == 0 ? frontModel : model);
         } else if (n != 0) {
             model.block = model.isExternal() ? model.block : std::make_shared<int>();
+            model.isShared = true;
             model.keepsDeleter = false; // its owner does
             isSplit = true;
             frontModel = model;

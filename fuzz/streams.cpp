@@ -171,6 +171,16 @@ struct Writer {
         attempt(true, [&] { commit(stopped, 0); });
         attempt(false, [&] { stopped.throwIfStopped(); });
     }
+    // The very block that it wrote to.
+    void release(auto& from) {
+        std::byte const* const place = out.prepare(0).data() - out.size();
+        std::size_t const before = allocations();
+        ByteBuffer const released = from.release();
+        SAME(allocations(), before);
+        SAME(text(released), model.str());
+        SAME(released.empty() || released.data() == place, true);
+        model.str({});
+    }
     void moveOut() {
         ByteBufferOStream used;
         used << "used";
@@ -193,9 +203,8 @@ struct Writer {
         auto const check = [&] { SAME(out.size(), model.view().size()); };
         input.oneOf(DO(write(n)), DO(write(n)), DO(write(n)), DO(write(n)), DO(refuse()),
                     DO(moveOut()), DO(moveBuffer()), DO(stop()), DO(fail()),
-                    DO(input.withFaults(makeRoom, check)),
-                    DO(SAME(text(out.release()), model.str()); model.str({})),
-                    DO(SAME(text(out.rdbuf()->release()), model.str()); model.str({})));
+                    DO(input.withFaults(makeRoom, check)), DO(release(out)),
+                    DO(release(*out.rdbuf())));
         SAME(out.rdstate() | stoppable.rdstate() | nested.rdstate(), ios::goodbit);
         check();
     }

@@ -28,7 +28,10 @@ struct Shared {
     }
     // What a factory may do: look up here, and register records of the other kind.
     void callBack(std::size_t n) {
-        discard(catalogue.getSupportedWireFormats(elementID));
+        SAME(catalogue.getSupportedWireFormats(elementID), Formats{"write"});
+        SAME(catalogue.getSerialiserFor("*", IDs{elementID}).getWireFormat(), "write");
+        SAME(messageOf<LookUpError>([&] { discard(catalogue.getDeserialiserFor("none", n)); }),
+             "No deserialiser found for none");
         catalogue.add(reader(formatOf(n), n % 3, static_cast<int>(n % 3)));
         SAME(messageOf<std::logic_error>([&] { catalogue.add(record("never", 9, {9}, "")); }),
              "A factory cannot register in the catalogue that has called it");

@@ -68,18 +68,3 @@ TEST(ByteBufferView, IsMadeFromWhatHasBytes) {
     Blocks blocks; // an empty one has an address, a view of it has none
     EXPECT_EQ(ByteBufferView(blocks.adopt("")).data(), nullptr);
 }
-
-TEST(ByteBuffer, AllocatesOnlyForTheFirstSplit) {
-    for (MakeBuffer const make : kinds) {
-        Blocks blocks;
-        ByteBuffer whole = make(blocks, "abcdefgh");
-        std::size_t const before = allocations();
-        EXPECT_TRUE(whole.splitFront(0).empty());
-        whole = whole.splitFront(8);
-        EXPECT_EQ(allocations(), before);
-        ByteBuffer front = whole.splitFront(4);
-        std::size_t const shared = allocations();
-        EXPECT_EQ(text(front.splitFront(1)) + text(whole.splitFront(2)), "aef");
-        EXPECT_EQ(allocations(), shared);
-    }
-}

@@ -28,12 +28,3 @@ template <class Streambuf> constexpr bool readsTemporary =
 static_assert(!readsTemporary<ByteBufferIStreambuf>);
 static_assert(!readsTemporary<NonOwningByteBufferViewIStreambuf>);
 static_assert(std::ranges::input_range<ByteStream>);
-
-TEST(OStreambuf, HandsOutTheBlockThatItWroteTo) {
-    ByteBufferOStreambuf sink(5);
-    std::size_t const before = allocations();
-    sink.sputn("block", 5);
-    ByteBuffer const released = sink.release();
-    EXPECT_EQ(allocations(), before);
-    EXPECT_EQ(text(released), "block");
-}

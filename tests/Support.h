@@ -109,21 +109,6 @@ inline std::string contents(char const* file) {
     return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
 }
 
-/// The ways in which a buffer can hold bytes: a vector, without or with room for more, and a block.
-using MakeBuffer = ByteBuffer (*)(Blocks&, std::string_view content);
-inline constexpr MakeBuffer kinds[] = {
-    [](Blocks&, std::string_view content) { return ByteBuffer(bytes(content)); },
-    [](Blocks&, std::string_view content) {
-        ByteBuffer buffer(bytes(content));
-        buffer.reserve(1000);
-        return buffer;
-    },
-    [](Blocks& blocks, std::string_view content) {
-        ByteBuffer buffer = blocks.adopt("xyz" + std::string(content));
-        buffer.trimFront(3);
-        return buffer;
-    }};
-
 /// An element that counts its destruction.
 struct Element {
     Element(int v, std::atomic<int>& count) : value(v), destroyed(count) {}
