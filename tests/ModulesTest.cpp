@@ -6,6 +6,7 @@
 
 #include <link.h>
 
+#include <fstream>
 #include <map>
 #include <regex>
 

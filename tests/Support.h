@@ -11,7 +11,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <limits>
 #include <new>
@@ -104,10 +103,6 @@ struct Target : std::streambuf {
     int flushed = 0;
     std::ostream stream{this};
 };
-
-inline std::string contents(char const* file) {
-    return (std::ostringstream() << std::ifstream(file).rdbuf()).str();
-}
 
 /// An element that counts its destruction.
 struct Element {
