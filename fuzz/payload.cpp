@@ -261,7 +261,7 @@ struct Run {
                 DO(add("7 " + bad,
                        [&] { SAME(&payload.emplace<int>(7) == &payload.get<int>(i), true); })),
                 DO(add(textOf(bad, ' ', *shared), [&] { payload.add(shared); })),
-                DO(add(bad + ' ' + bad, [&] { payload.add(std::shared_ptr<Tracked>()); })));
+                DO(add(textOf(bad, ' ', bad), [&] { payload.add(std::shared_ptr<Tracked>()); })));
         }
         payload.objects.push_back(std::make_shared<Tracked>());
         text += " no no" + tag(numbers);
