@@ -5,7 +5,8 @@ need $to_build $to_sanitise
 minutes=${FUZZ_MINUTES:-1}
 targets=$(ls fuzz/corpus)
 build fuzz --target $(printf 'fuzz_%s ' $targets) >&2
-export ASAN_OPTIONS=allocator_may_return_null=1 # exhausted memory is an outcome
+# Exhausted memory is an outcome, and libFuzzer has an operator new of its own.
+export ASAN_OPTIONS=allocator_may_return_null=1:alloc_dealloc_mismatch=0
 runs=0
 for target in $targets; do
     work=build/fuzz/found/$target

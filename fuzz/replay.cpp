@@ -11,12 +11,24 @@
 #include <iterator>
 #include <random>
 #include <vector>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 namespace {
 
 void run(std::string const& name, std::vector<std::uint8_t> const& bytes) {
     fuzz::place = {name.c_str()};
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+}
+
+// Bytes of memory in use, as far as they can be told.
+std::size_t memoryInUse() {
+#ifdef __GLIBC__
+    return ::mallinfo2().uordblks;
+#else
+    return 0;
+#endif
 }
 
 } // namespace
@@ -41,12 +53,15 @@ int main(int argc, char** argv) {
         run(entry.path().filename().string(), {std::istreambuf_iterator<char>(in), {}});
         ++files;
     }
+    std::size_t const before = memoryInUse();
     for (unsigned seed = first; seed < first + inputs; ++seed) {
         std::mt19937 random(seed);
         std::vector<std::uint8_t> bytes(random() % 1000);
         std::ranges::generate(bytes, [&] { return static_cast<std::uint8_t>(random()); });
         run("seed " + std::to_string(seed), bytes);
     }
+    std::size_t const kept = 1 << 20;          // by malloc, of what was freed
+    SAME(memoryInUse() < before + kept, true); // or there is a leak
     std::cout << files << " kept inputs, " << inputs << " random ones\n";
     return files > 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
