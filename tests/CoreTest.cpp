@@ -14,6 +14,9 @@ struct Class {
     struct Nested;
     int member;
 };
+namespace n_V2 {
+class Class;
+}
 template <class> struct Of {
     struct Nested;
     template <class> struct NestedOf;

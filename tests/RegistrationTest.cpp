@@ -137,11 +137,14 @@ TEST_F(Registration, KeepsTheHandleUntilTheCodeThatNeedsItIsDestroyed) {
         std::make_unique<GenericSerialiser>(own->getSerialiserFor("text", viewWith(Price{1})));
     auto deserialiser =
         std::make_unique<GenericDeserialiser>(own->getDeserialiserFor("text", priceID));
-    EXPECT_EQ(serialiser->getHandle(), deserialiser->getHandle());
+    std::shared_ptr<void> handle = deserialiser->getHandle();
+    EXPECT_EQ(serialiser->getHandle(), handle);
     own.reset();
     deserialiser.reset();
     EXPECT_EQ(log, "r");
     serialiser.reset();
+    EXPECT_EQ(log, "rw");
+    handle.reset();
     EXPECT_EQ(log, "rwh");
 }
 
