@@ -359,8 +359,9 @@ struct Run {
         auto const choose = [&](int i, auto make) { return has[i] ? make : decltype(make)(); };
         IDs const list(input.below(3), 8);
         std::uint64_t const id = 6 + input.below(2);
-        as(textOf("format", list.size(), id, ' ', text(0), ' ', text(1), ' ', text(2)), "format",
-           id, list, choose(0, Serialiser::ViewFactory(factory)),
+        std::string const format = textOf("format ", numbers, ' ');
+        as(textOf(format, list.size(), id, ' ', text(0), ' ', text(1), ' ', text(2)), format, id,
+           list, choose(0, Serialiser::ViewFactory(factory)),
            choose(1, Serialiser::CancellableViewFactory(factory)),
            choose(2, Serialiser::PayloadFactory(factory)));
     }
@@ -369,7 +370,8 @@ struct Run {
         make(routine);
         auto const& [object, text] = routine.made;
         std::uint64_t const id = 6 + input.below(2);
-        as(text == "empty" ? text : textOf("format", id, ' ', text), "format", id, *object);
+        std::string const format = textOf("format ", numbers, ' ');
+        as(text == "empty" ? text : textOf(format, id, ' ', text), format, id, *object);
     }
 
     template <class T> void step(std::string const& movedFrom) {
