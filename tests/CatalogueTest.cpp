@@ -70,7 +70,7 @@ TEST(Catalogue, NamesNoElementForWhatAFactoryLooksUp) {
 
 TEST(Reentrant, LooksUpWhileARegistrationWaitsWhichEnds) {
     using std::chrono::milliseconds;
-    Catalogue catalogue;
+    Catalogue catalogue, other;
     // At least two threads for each stripe of the lock, so that one always holds it.
     std::vector<std::thread> threads(40);
     constexpr int most = 500; // look-ups of each, so that the test ends
@@ -79,6 +79,7 @@ TEST(Reentrant, LooksUpWhileARegistrationWaitsWhichEnds) {
     auto const slow = [&](auto&&) {
         ++calls;
         std::this_thread::sleep_for(milliseconds(1));
+        discard(other.getSupportedWireFormats(2));
         discard(catalogue.getSerialiserFor("slow", 2));
         return GenericSerialiser();
     };

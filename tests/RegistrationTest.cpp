@@ -127,10 +127,13 @@ TEST_F(Registration, KeepsTheHandleUntilTheCodeThatNeedsItIsDestroyed) {
     };
     auto const writer = [&] { return [code = logged('w')](Price const&, std::ostream&) {}; };
     auto const reader = [&] { return [code = logged('r')](std::istream&) { return Price{1}; }; };
-    addWriter<Price>(*std::make_unique<Catalogue>(), "text", writer(), logged('h')); // destroys it
-    addReader<Price>(*std::make_unique<Catalogue>(), "text", reader(), logged('h'));
-    EXPECT_EQ(log, "whrh");
     auto own = std::make_unique<Catalogue>();
+    addWriter<Price>(*own, "text", writer(), logged('h'));
+    own = std::make_unique<Catalogue>();
+    EXPECT_EQ(log, "wh");
+    addReader<Price>(*own, "text", reader(), logged('h'));
+    own = std::make_unique<Catalogue>();
+    EXPECT_EQ(log, "whrh");
     addFormat<Price>(*own, "text", writer(), reader(), logged('h'));
     log.clear();
     auto serialiser =
@@ -146,6 +149,24 @@ TEST_F(Registration, KeepsTheHandleUntilTheCodeThatNeedsItIsDestroyed) {
     EXPECT_EQ(log, "rw");
     handle.reset();
     EXPECT_EQ(log, "rwh");
+}
+
+TEST_F(Registration, KeepsTheWriterIfMemoryForTheReaderIsExhausted) {
+    std::size_t halves = 0;
+    bool failed = true;
+    for (std::size_t n = 0; failed; ++n) {
+        Catalogue own;
+        failAfter(n);
+        try {
+            addFormat<Price>(own, "text", writePrice, readPrice);
+        } catch (std::bad_alloc const&) {
+        }
+        failed = stopFailing();
+        bool const isWritten = !own.getSupportedWireFormats(priceID).empty();
+        EXPECT_GE(isWritten, own.hasDeserialiserFor("text", priceID)) << n;
+        halves += isWritten && failed ? 1 : 0;
+    }
+    EXPECT_GT(halves, 0U);
 }
 
 TEST_F(Registration, RefusesNamesThatNobodyCouldAskFor) {
