@@ -8,11 +8,12 @@
 
 #include <CLI/CLI.hpp>
 #include <nats/nats.h>
-#include <nlohmann/json.hpp>
 #include <zlib.h>
 
+#include <algorithm>
+#include <cctype>
+#include <charconv>
 #include <chrono>
-#include <cstdlib>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -21,18 +22,18 @@
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
 // The messages between a sender and the workers:
 //
 //     STREAM.RUN.I               element I, with its Label as a header
-//     STREAM-reports.RUN.WORKER  what became of some elements: a list of Results; not stored
+//     STREAM-reports.RUN.WORKER  what became of some elements: a Result in each line; not stored
 //
-// Anyone who may write can send anything. What is not well-formed throws std::exception when it is
-// read; whether the rest is true is up to the reader.
+// Anyone who may write can send anything. What is not well-formed throws std::runtime_error when it
+// is read; whether the rest is true is up to the reader.
 
 namespace courier::examples::nats {
 
@@ -44,45 +45,68 @@ template <auto destroy> struct Destroy {
 };
 template <class T, auto destroy> using Owner = std::unique_ptr<T, Destroy<destroy>>;
 using Message = Owner<natsMsg, natsMsg_Destroy>;
+using Subscription = Owner<natsSubscription, natsSubscription_Destroy>;
 using StreamInfo = Owner<jsStreamInfo, jsStreamInfo_Destroy>;
-using Json = nlohmann::json;
 
-/// Wire format, type, CRC-32.
-using Label = std::tuple<std::string, std::uint64_t, std::uint64_t>;
+struct Label {
+    std::uint64_t type = 0;
+    std::uint64_t crc = 0;
+    std::string format = {};
+};
 constexpr char labelKey[] = "Courier-Label";
 
-/// Element, bytes that were received, CRC-32 as in the label, how often it was delivered, time in
-/// nanoseconds, and why it cannot be read; empty if it was.
-using Result = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t,
-                          std::string>;
+struct Result {
+    std::uint64_t element;
+    std::uint64_t size; // of the bytes that were received
+    std::uint64_t crc;  // as in the label
+    std::uint64_t delivery;
+    std::uint64_t time; // nanoseconds
+    std::string why;    // it cannot be read; empty if it was
+};
 
-/// ASCII without control characters, whatever the text has.
-inline std::string ascii(Json const& value) {
-    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
+/// At most 500 bytes. Those that are not printable ASCII are written like \x1b.
+inline std::string printable(std::string_view text) {
+    std::string shown;
+    for (unsigned char const c : text.substr(0, 500)) {
+        bool const isPrintable = c >= ' ' && c <= '~';
+        shown += isPrintable ? std::string(1, char(c)) : "\\x" + hexadecimal(c).substr(16);
+    }
+    return shown;
 }
 
-/// The words of the subject: stream, run, element or worker.
-inline std::vector<std::string> wordsOf(natsMsg* message) {
-    auto words = split(natsMsg_GetSubject(message), '.');
-    if (words.size() != 3 || words[1].size() != 16 ||
-        words[1].find_first_not_of("0123456789abcdef") != std::string::npos) {
-        throw std::runtime_error("the subject is not that of a run");
+/// The parts of a text between separators.
+inline std::vector<std::string> partsOf(std::string_view text, char separator, std::size_t count) {
+    auto parts = split(text, separator);
+    if (parts.size() != count) {
+        throw std::runtime_error("it does not have " + std::to_string(count) + " parts");
     }
-    return words;
+    return parts;
+}
+
+inline std::uint64_t number(std::string const& text) {
+    std::uint64_t value = 0;
+    char const* const end = text.data() + text.size();
+    auto const [next, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || next != end) {
+        throw std::runtime_error("it has no number where one is required");
+    }
+    return value;
+}
+
+/// The parts of the subject: stream, run, element or worker.
+inline std::vector<std::string> subjectOf(natsMsg* message) {
+    auto parts = partsOf(natsMsg_GetSubject(message), '.', 3);
+    if (parts[1].size() != 16 ||
+        parts[1].find_first_not_of("0123456789abcdef") != std::string::npos) {
+        throw std::runtime_error("its subject is not that of a run");
+    }
+    return parts;
 }
 
 /// The line that names a message that is not well-formed.
 inline std::string ignored(std::size_t count, natsMsg* message, std::exception const& error) {
     return "ignored, message " + std::to_string(count) + ": " +
-           ascii({natsMsg_GetSubject(message), error.what()}).substr(0, 500);
-}
-
-/// How often a message of a queue was delivered, this time included; 0 if it is of no queue.
-inline std::uint64_t deliveries(natsMsg* message) {
-    jsMsgMetaData* data = nullptr;
-    natsMsg_GetMetaData(&data, message);
-    Owner<jsMsgMetaData, jsMsgMetaData_Destroy> const owner(data);
-    return data != nullptr ? data->NumDelivered : 0;
+           printable(natsMsg_GetSubject(message)) + ": " + error.what();
 }
 
 inline std::string_view textOf(natsMsg* message) {
@@ -101,32 +125,39 @@ inline Message makeElement(std::string const& subject, Label const& label,
     auto const* const data = reinterpret_cast<char const*>(bytes.data());
     natsMsg_Create(&message, subject.c_str(), nullptr, data, static_cast<int>(bytes.size()));
     Message owner(message);
-    if (natsMsgHeader_Set(message, labelKey, ascii(label).c_str()) != NATS_OK) {
+    auto const text =
+        join({std::to_string(label.type), std::to_string(label.crc), label.format}, " ");
+    if (natsMsgHeader_Set(message, labelKey, text.c_str()) != NATS_OK) {
         throw std::bad_alloc();
     }
     return owner;
 }
 
 inline Label labelOf(natsMsg* message) {
-    char const* label = nullptr;
-    if (natsMsgHeader_Get(message, labelKey, &label) != NATS_OK) {
+    char const* text = nullptr;
+    if (natsMsgHeader_Get(message, labelKey, &text) != NATS_OK) {
         throw std::runtime_error("there is no header " + std::string(labelKey));
     }
-    return Json::parse(label).get<Label>();
+    auto const parts = partsOf(text, ' ', 3);
+    return {number(parts[0]), number(parts[1]), parts[2]};
 }
 
-inline std::vector<Result> resultsOf(natsMsg* message) {
-    if (textOf(message).size() > std::size_t{1} << 20) {
-        throw std::runtime_error("it is too long for a report");
-    }
-    return Json::parse(textOf(message)).get<std::vector<Result>>();
+/// A line, without its end.
+inline std::string lineOf(Result const& result) {
+    return join({std::to_string(result.element), std::to_string(result.size),
+                 std::to_string(result.crc), std::to_string(result.delivery),
+                 std::to_string(result.time), result.why},
+                "\t");
+}
+
+inline Result resultOf(std::string const& line) {
+    auto const parts = partsOf(line, '\t', 6);
+    return {number(parts[0]), number(parts[1]), number(parts[2]),
+            number(parts[3]), number(parts[4]), parts[5]};
 }
 
 constexpr std::size_t overhead = 4096; // bytes of a message beside its data, at most
 constexpr auto pause = 100ms;          // between two attempts
-
-constexpr std::int64_t milliseconds(std::chrono::milliseconds time) { return time.count(); }
-constexpr std::int64_t nanoseconds(std::chrono::nanoseconds time) { return time.count(); }
 
 /// 16 random hexadecimal digits.
 inline std::string randomName() {
@@ -134,37 +165,34 @@ inline std::string randomName() {
     return hexadecimal((std::uint64_t{random()} << 32) | random()).substr(2);
 }
 
-/// Why it cannot be part of a subject, or an empty text. For options.
+/// Why it cannot be a part of a subject, or an empty text. For options.
 inline std::string requireWord(std::string const& text) {
-    bool const isWord = std::regex_match(text, std::regex("[A-Za-z0-9_-]+"));
+    bool const isWord = !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
+        return c < 128 && (std::isalnum(c) != 0 || c == '-' || c == '_');
+    });
     return isWord ? "" : "must be letters, digits, - and _";
 }
 
-/// The servers, how to log in, and the streams. NATS_PASSWORD and NATS_TOKEN are read from the
-/// environment, because every user of a machine can read command lines.
+/// The servers, how to log in, and the stream.
 struct Servers {
     std::vector<std::string> urls{"nats://localhost:4222"}; // several of one cluster
     std::string ca;
     std::string credentials;
-    std::string user;
     std::string stream = "elements";
     int replicas = 3;
     std::int64_t maxBytes = std::int64_t{1} << 30;
 
-    [[nodiscard]] std::string reports() const { return stream + "-reports"; }
-
     void addTo(CLI::App& app) {
-        app.add_option("--url", urls, "Servers of the cluster, or some: nats:// or tls:// URLs")
+        app.add_option("--url", urls,
+                       "Servers of the cluster, or some: nats://[USER:PASSWORD@ or TOKEN@]HOST, "
+                       "or tls://")
+            ->envname("NATS_URL") // every user of a machine can read command lines
             ->delimiter(',')
             ->allow_extra_args(false)
             ->capture_default_str();
         app.add_option("--ca", ca,
                        "A file of certificates that sign the servers', instead of the system's");
         app.add_option("--credentials", credentials, "A credentials file of NATS");
-        app.add_option("--user", user, "The user name; the password is read from NATS_PASSWORD");
-        app.add_option("--stream", stream, "The stream; it is made if it does not exist")
-            ->check(requireWord)
-            ->capture_default_str();
         app.add_option("--replicas", replicas, "Servers that hold each message of a new stream")
             ->check(CLI::Range(1, 5))
             ->capture_default_str();
@@ -204,8 +232,8 @@ inline std::string explain(natsStatus status, jsErrCode code = {}, char const* d
 ///
 /// Whatever fails is repeated for ever, unless the servers do not permit it, or the session cannot
 /// be set up for a reason that does not pass: that throws std::runtime_error, without passwords and
-/// tokens. publish() and note() are thread-safe; the others are for one thread. One session at a
-/// time in a process.
+/// tokens. publish() and requireRoom() are thread-safe; the others are for one thread. One session
+/// at a time in a process.
 class Session {
 public:
     /// Called with the reason before each repetition, and with an empty text when the servers
@@ -221,7 +249,7 @@ public:
         connect(servers);
         jsOptions settings;
         jsOptions_Init(&settings);
-        settings.Wait = milliseconds(2s);
+        settings.Wait = 2s / 1ms;
         settings.PublishAsync.AckHandler = handler;
         settings.PublishAsync.AckHandlerClosure = closure;
         jsCtx* jetStream = nullptr;
@@ -237,7 +265,14 @@ public:
         subscription_.reset();
         jetStream_.reset();
         connection_.reset();
-        nats_CloseAndWait(milliseconds(2s)); // no callback runs any more
+        nats_CloseAndWait(2s / 1ms); // no callback runs any more
+    }
+
+    [[nodiscard]] Subscription subscribe(std::string const& subject) const {
+        natsSubscription* subscription = nullptr;
+        natsConnection_SubscribeSync(&subscription, connection(), subject.c_str());
+        natsSubscription_SetPendingLimits(subscription, -1, -1);
+        return Subscription(subscription);
     }
 
     /// Takes elements from now on, together with all sessions that join a queue of this name. The
@@ -249,15 +284,12 @@ public:
         config.Durable = queue.c_str();
         config.DeliverPolicy = js_DeliverAll;
         config.AckPolicy = js_AckExplicit;
-        config.AckWait = nanoseconds(redeliverAfter);
+        config.AckWait = redeliverAfter / 1ns;
         config.MaxAckPending = 65536;
         attempt("make the queue " + queue, [&](jsErrCode& code) {
             return js_AddConsumer(nullptr, jetStream(), stream_.c_str(), &config, nullptr, &code);
         });
-        natsSubscription* subscription = nullptr;
-        natsConnection_SubscribeSync(&subscription, connection(), (inbox_ + ".fetch.*").c_str());
-        subscription_.reset(subscription);
-        natsSubscription_SetPendingLimits(subscription, -1, -1); // requests are the limit
+        subscription_ = subscribe(inbox_ + ".fetch.*");
         answered_ = Clock::now();
     }
 
@@ -265,31 +297,30 @@ public:
     ///
     /// By hand: the client's own function writes past the end of its list when the answers to an
     /// earlier request come late.
-    [[nodiscard]] std::vector<Message> fetch(std::size_t atMost, std::chrono::milliseconds time) {
+    [[nodiscard]] std::vector<std::shared_ptr<natsMsg>> fetch(std::size_t atMost,
+                                                              std::chrono::milliseconds time) {
         // Waits for one message, and takes what is there then. Only single messages may be longer
         // than a mebibyte.
-        Json request{{"no_wait", true}, {"expires", nanoseconds(time)}, {"batch", atMost}};
-        if (atMost > 1) {
-            request["max_bytes"] = 1 << 20;
-        }
+        auto const request = R"({"no_wait": true, "expires": )" + std::to_string(time / 1ns) +
+                             R"(, "batch": )" + std::to_string(atMost) +
+                             (atMost > 1 ? R"(, "max_bytes": 1048576})" : "}");
         auto const reply = inbox_ + ".fetch." + std::to_string(++requests_);
         auto const subject = "$JS.API.CONSUMER.MSG.NEXT." + stream_ + '.' + queue_;
         natsConnection_PublishRequestString(connection(), subject.c_str(), reply.c_str(),
-                                            request.dump().c_str());
-        std::vector<Message> messages;
+                                            request.c_str());
+        std::vector<std::shared_ptr<natsMsg>> messages;
         std::string end; // the status that ends the request
         while (messages.size() < atMost && end.empty()) {
             natsMsg* raw = nullptr;
             auto const patience = messages.empty() ? time + 200ms : 10ms; // others come later
-            if (natsSubscription_NextMsg(&raw, subscription_.get(), milliseconds(patience)) !=
-                NATS_OK) {
+            if (natsSubscription_NextMsg(&raw, subscription_.get(), patience / 1ms) != NATS_OK) {
                 break;
             }
             Message message(raw);
-            char const* status = nullptr;
             if (natsMsg_GetReply(raw) != nullptr) {
                 messages.push_back(std::move(message));
             } else if (natsMsg_GetSubject(raw) == reply) { // not of an earlier request
+                char const* status = nullptr;
                 natsMsgHeader_Get(raw, "Status", &status);
                 end = status != nullptr ? status : "unknown";
             }
@@ -340,25 +371,14 @@ public:
         }
     }
 
-    /// Notes what failed in another thread, for the next check().
-    void note(std::string const& why, bool isPermanent) {
-        std::lock_guard const lock(mutex_);
-        (isPermanent ? error_ : trouble_) = why;
-    }
-
     /// Throws if the servers have refused something for good.
     void check() {
         if (connection_ && natsConnection_IsClosed(connection())) {
             refused(connection(), nullptr, NATS_NOT_PERMITTED, this);
         }
-        std::unique_lock lock(mutex_);
-        if (!error_.empty()) {
-            throw std::runtime_error(error_);
-        }
-        auto const trouble = std::exchange(trouble_, {});
-        lock.unlock();
-        if (!trouble.empty()) {
-            waiting_(trouble);
+        std::lock_guard const lock(mutex_);
+        if (!refusal_.empty()) {
+            throw std::runtime_error(refusal_);
         }
     }
 
@@ -380,29 +400,22 @@ private:
             attempt(what, [&](jsErrCode&) { return function(made, values...); });
         };
         set(natsOptions_SetServers, urls.data(), static_cast<int>(urls.size()));
-        set(natsOptions_SetSecure,
-            !servers.ca.empty() || servers.urls.front().starts_with("tls://"));
+        set(natsOptions_SetSecure, servers.urls.front().starts_with("tls://"));
         if (!servers.ca.empty()) {
             set(natsOptions_LoadCATrustedCertificates, servers.ca.c_str());
         }
         if (!servers.credentials.empty()) {
             set(natsOptions_SetUserCredentialsFromFiles, servers.credentials.c_str(), nullptr);
         }
-        if (!servers.user.empty()) {
-            set(natsOptions_SetUserInfo, servers.user.c_str(), std::getenv("NATS_PASSWORD"));
-        }
-        if (char const* const token = std::getenv("NATS_TOKEN")) {
-            set(natsOptions_SetToken, token);
-        }
         set(natsOptions_SetCustomInboxPrefix, inbox_.c_str());
-        set(natsOptions_SetTimeout, milliseconds(2s));
+        set(natsOptions_SetTimeout, 2s / 1ms);
         set(natsOptions_SetErrorHandler, refused, this);
         // A server that takes no bytes is left after ten seconds, a silent one after fifteen.
-        set(natsOptions_SetPingInterval, milliseconds(5s));
+        set(natsOptions_SetPingInterval, 5s / 1ms);
         set(natsOptions_SetMaxPingsOut, 2);
-        set(natsOptions_SetWriteDeadline, milliseconds(10s));
+        set(natsOptions_SetWriteDeadline, 10s / 1ms);
         set(natsOptions_SetMaxReconnect, -1);
-        set(natsOptions_SetReconnectWait, milliseconds(pause));
+        set(natsOptions_SetReconnectWait, pause / 1ms);
         set(natsOptions_SetFailRequestsOnDisconnect, true);
         int hangUps = 0;
         attempt(what, [&](jsErrCode&) {
@@ -449,7 +462,7 @@ private:
                     return status;
                 });
         if (info->Config->Retention != js_WorkQueuePolicy) {
-            throw std::runtime_error(stream_ + " is not a work queue: choose another --stream");
+            throw std::runtime_error("the stream " + stream_ + " is not a work queue");
         }
         bool const isLimited = info->Config->MaxBytes > 0;
         limit_ = isLimited ? info->Config->MaxBytes / 2 : std::numeric_limits<std::int64_t>::max();
@@ -477,10 +490,10 @@ private:
     static void refused(natsConnection* connection, natsSubscription*, natsStatus status,
                         void* self) {
         if (status == NATS_NOT_PERMITTED) {
-            char const* text = nullptr;
+            char const* text = "";
             natsConnection_GetLastError(connection, &text);
-            static_cast<Session*>(self)->note(
-                std::string("the servers refuse: ") + (text != nullptr ? text : ""), true);
+            std::lock_guard const lock(static_cast<Session*>(self)->mutex_);
+            static_cast<Session*>(self)->refusal_ = "the servers refuse: " + redacted(text);
         }
     }
 
@@ -492,13 +505,12 @@ private:
     std::size_t requests_ = 0;
     Clock::time_point answered_;
 
-    std::mutex mutex_;    // guards what callbacks write:
-    std::string error_;   // permanent
-    std::string trouble_; // passing
+    std::mutex mutex_; // guards what a callback writes:
+    std::string refusal_;
 
     Owner<natsConnection, natsConnection_Destroy> connection_;
     Owner<jsCtx, jsCtx_Destroy> jetStream_;
-    Owner<natsSubscription, natsSubscription_Destroy> subscription_;
+    Subscription subscription_;
 };
 
 } // namespace courier::examples::nats

@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
         courier::hub::serialisation::ByteBufferView const bytes(data);
         for (int i = 0; i < count; ++i) {
             std::string const subject = "bare.run." + std::to_string(i);
-            natsMsg* message = makeElement(subject, {"raw", 1, 1}, bytes).release();
+            natsMsg* message = makeElement(subject, {1, 1, "raw"}, bytes).release();
             js_PublishMsgAsync(session.jetStream(), &message, nullptr);
         }
     });

@@ -32,15 +32,14 @@ struct Options : Sending {
 
 struct Stopped {}; // thrown after Control-C
 
-enum class State { waiting, failed, sent, reported };
+enum class State { waiting, failed, sent, stored, reported };
 
 struct Element {
     Label label = {};
     State state = State::waiting;
-    bool isStored = false;
     std::uint64_t size = 0;
-    ByteBuffer bytes = {};      // until there is a result
-    Clock::time_point due = {}; // when it is looked for, and perhaps sent again
+    ByteBuffer bytes = {};                            // until there is a result
+    Clock::time_point due = Clock::time_point::max(); // when it is late
 };
 
 // What a worker has decoded.
@@ -63,7 +62,7 @@ public:
             auto const& file = files[i % files.size()];
             each.push_back(formats[i % files.size()]);
             file.addTo(payload);
-            elements_.push_back({{each.back(), file.type().id, 0}});
+            elements_.push_back({{file.type().id, 0, each.back()}});
         }
         for (auto const& file : files) {
             names_.push_back(file.name);
@@ -75,7 +74,7 @@ public:
     Run(Run const&) = delete;
     Run& operator=(Run const&) = delete;
 
-    ~Run() { end(); }
+    ~Run() { stop_.request_stop(); } // then waits for the threads
 
     /// Sends, waits until workers have reported on everything that was sent, and prints it all.
     /// Returns the exit status.
@@ -85,37 +84,29 @@ public:
                 options_.nats, "sender", [this](auto const& why) { waitFor(why); }, acknowledged,
                 this);
             start_ = Clock::now();
-            natsSubscription* subscription = nullptr;
-            std::string const reports = options_.nats.reports() + '.' + run_ + ".*";
-            natsConnection_Subscribe(&subscription, session_->connection(), reports.c_str(),
-                                     received, this);
-            Owner<natsSubscription, natsSubscription_Destroy> const owner(subscription);
-            natsSubscription_SetPendingLimits(subscription, -1, -1);
-            look();
+            auto const subject = options_.nats.stream + "-reports." + run_ + ".*";
+            auto const reports = session_->subscribe(subject);
+            look(); // before there is something to send: finds out how much may be sent
             for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
                 threads_.emplace_back([this] { send(); });
             }
-            for (std::unique_lock lock(mutex_); left_ != 0; lock.lock()) {
-                changed_.wait_for(lock, 100ms, [this] { return left_ == 0; });
-                lock.unlock();
-                session_->check();
-                look();
-                bool const isIdle = Clock::now() - progress_.load() > 10s;
-                waitFor(isIdle ? "no worker has reported for 10 s" : "");
+            for (auto looked = start_; left_ != 0;) {
+                natsMsg* raw = nullptr;
+                if (natsSubscription_NextMsg(&raw, reports.get(), 100) == NATS_OK) {
+                    read(Message(raw));
+                }
+                if (Clock::now() - looked > 1s) {
+                    looked = Clock::now();
+                    session_->check();
+                    look();
+                }
             }
         } catch (Stopped const&) { // before there was a result for everything
         }
-        end();
         return conclude();
     }
 
 private:
-    void end() {
-        stop_.request_stop();
-        threads_.clear(); // waits for them
-        session_.reset(); // no callback runs any more
-    }
-
     // Writes and publishes one element after the other, together with other threads.
     void send() {
         for (std::size_t i = next_++; i < elements_.size(); i = next_++) {
@@ -136,8 +127,9 @@ private:
         session_->requireRoom(bytes.size());
         Element& element = elements_[i];
         element.size = bytes.size() + overhead;
-        std::get<2>(element.label) = crc32(bytes);
-        Message message = makeElement(subjectOf(i), element.label, bytes);
+        element.label.crc = crc32(bytes);
+        element.bytes = std::move(bytes);
+        Message message = makeMessage(i);
         std::unique_lock lock(mutex_);
         auto const isNext = [&] {
             return stop_.stop_requested() || unreported_ == 0 ||
@@ -149,7 +141,6 @@ private:
             throw std::system_error(std::make_error_code(std::errc::operation_canceled));
         }
         element.state = State::sent;
-        element.bytes = std::move(bytes);
         element.due = Clock::now() + 10s;
         unreported_ += element.size;
         lock.unlock();
@@ -159,7 +150,7 @@ private:
     void store(Message message) {
         jsPubOptions options;
         jsPubOptions_Init(&options);
-        options.MaxWait = milliseconds(10s);
+        options.MaxWait = 10s / 1ms;
         natsMsg* raw = message.release();
         jsPubAckErr error{};
         error.Err = js_PublishMsgAsync(session_->jetStream(), &raw, &options);
@@ -171,120 +162,130 @@ private:
     static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* self) {
         auto& run = *static_cast<Run*>(self);
         Message const message(raw);
-        Element& element = run.elements_[std::stoul(wordsOf(raw)[2])];
+        Element& element = run.elements_[number(subjectOf(raw)[2])];
         std::lock_guard const lock(run.mutex_);
+        if (element.state == State::reported) {
+            return;
+        }
         element.due = Clock::now() + (ack != nullptr ? 10s : 1s);
         if (ack == nullptr) {
-            run.session_->note("cannot store an element: " +
-                                   explain(error->Err, error->ErrCode, error->ErrText),
-                               false);
-        } else if (!std::exchange(element.isStored, true)) {
+            run.trouble_ =
+                "cannot store an element: " + explain(error->Err, error->ErrCode, error->ErrText);
+        } else if (element.state == State::sent) {
+            element.state = State::stored;
             run.progress_ = Clock::now();
         }
     }
 
-    static void received(natsConnection*, natsSubscription*, natsMsg* raw, void* self) {
-        auto& run = *static_cast<Run*>(self);
-        Message const message(raw);
+    // Counts what a report says. What cannot be true is named, and ends nothing.
+    void read(Message const& report) {
         try {
-            run.count(wordsOf(raw)[2], resultsOf(raw));
+            auto const worker = subjectOf(report.get())[2];
+            auto const lines = split(textOf(report.get()), '\n');
+            std::lock_guard const lock(mutex_);
+            for (auto const& line : lines) {
+                count(worker, resultOf(line));
+            }
+            changed_.notify_all();
         } catch (std::exception const& error) {
-            print(ignored(++run.ignored_, raw, error));
+            print(ignored(++ignored_, report.get(), error));
         }
     }
 
-    // Counts what a report says of elements that have no result yet. Throws std::runtime_error if
-    // it cannot be true.
-    void count(std::string const& worker, std::vector<Result> const& results) {
-        auto const most = std::chrono::nanoseconds(Clock::now() - start_).count();
-        bool const isWorker = requireWord(worker).empty();
-        std::lock_guard const lock(mutex_);
-        for (auto const& [i, size, crc, delivery, time, error] : results) {
-            if (!isWorker || i >= elements_.size() || elements_[i].state < State::sent) {
-                throw std::runtime_error("it is not on an element that was sent");
-            }
-            Element& element = elements_[i];
-            bool const isWhole = size + overhead == element.size || !error.empty();
-            if (crc != std::get<2>(element.label) || !isWhole || delivery == 0 ||
-                std::cmp_greater(time, most)) {
-                throw std::runtime_error("it cannot be true");
-            }
-            if (std::exchange(element.state, State::reported) == State::reported) {
-                continue;
-            }
-            element.bytes = {};
-            unreported_ -= element.size;
-            --left_;
-            progress_ = Clock::now();
-            if (error.empty()) {
-                Share& share = shares_[worker];
-                ++share.elements;
-                share.bytes += size;
-                share.time += std::chrono::nanoseconds(time);
-                repeated_ += delivery > 1 ? 1 : 0;
-            } else {
-                print(names_[i % names_.size()] + ": cannot be read by " + worker + ": " +
-                      ascii(error).substr(0, 500));
-            }
+    // Counts a result if it is the first one of its element. Throws std::runtime_error if it cannot
+    // be true. The mutex must be held.
+    void count(std::string const& worker, Result const& result) {
+        std::chrono::nanoseconds const sending = Clock::now() - start_;
+        if (!requireWord(worker).empty() || result.element >= elements_.size() ||
+            elements_[result.element].state < State::sent) {
+            throw std::runtime_error("it is not on an element that was sent");
         }
-        changed_.notify_all();
-    }
-
-    // Once a second: says how far it is, finds out whether the stream is full, and publishes again
-    // what the servers have refused or lost, even after they had acknowledged it: what has no
-    // result for some time and is not in the queue. After an outage they may also keep what they
-    // never deliver: if nothing has happened for a minute, then two, then four, publishes even what
-    // is in the queue. This waits for no answer of the client library, which gives none to what it
-    // had sent before an outage.
-    void look() {
-        auto const now = Clock::now();
-        if (now - looked_ < 1s) {
+        Element& element = elements_[result.element];
+        bool const isWhole = result.size + overhead == element.size || !result.why.empty();
+        if (result.crc != element.label.crc || !isWhole || result.delivery == 0 ||
+            std::cmp_greater(result.time, sending.count())) {
+            throw std::runtime_error("it cannot be true");
+        }
+        if (element.state == State::reported) {
             return;
         }
-        looked_ = now;
+        element.state = State::reported;
+        element.due = Clock::time_point::max();
+        element.bytes = {};
+        unreported_ -= element.size;
+        --left_;
+        progress_ = Clock::now();
+        if (result.why.empty()) {
+            Share& share = shares_[worker];
+            ++share.elements;
+            share.bytes += result.size;
+            share.time += std::chrono::nanoseconds(result.time);
+            repeated_ += result.delivery > 1 ? 1 : 0;
+        } else {
+            print(names_[result.element % names_.size()] + ": cannot be read by " + worker + ": " +
+                  printable(result.why));
+        }
+    }
+
+    // Once a second: says how far it is and why it waits, and publishes again what is late.
+    void look() {
+        auto const now = Clock::now();
         print(sent());
         if (sentinel_->isReleased() && !std::exchange(isReleased_, true)) {
             print("the payload's memory was released after " +
                   fixed(Seconds(now - start_).count(), 2) + " s");
         }
-        std::vector<std::size_t> late;
         std::unique_lock lock(mutex_);
-        for (std::size_t i = 0; i < elements_.size(); ++i) {
-            if (elements_[i].state == State::sent && now > elements_[i].due) {
-                elements_[i].due = now + 10s;
-                late.push_back(i);
-            }
-        }
+        bool const isLate = std::any_of(elements_.begin(), elements_.end(),
+                                        [now](auto const& element) { return element.due < now; });
         lock.unlock();
-        auto const info = session_->look(late.empty() ? "" : subjectOf("*"));
+        auto const info = session_->look(isLate ? subjects_ + '*' : "");
         if (!info) {
             return;
         }
-        std::set<std::string> queued;
-        auto const* const subjects = info->State.Subjects;
-        for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
-            queued.emplace(subjects->List[k].Subject);
-        }
-        bool const isStuck = !late.empty() && now - progress_.load() > stuck_;
-        stuck_ *= isStuck ? 2 : 1;
-        for (std::size_t const i : late) {
-            if (isStuck || !queued.contains(subjectOf(i))) {
-                lock.lock();
-                auto message = makeElement(subjectOf(i), elements_[i].label, elements_[i].bytes);
-                bool const isReported = elements_[i].state == State::reported;
-                lock.unlock();
-                if (!isReported) {
-                    store(std::move(message));
-                }
-            }
+        if (isLate) {
+            repeat(*info, now);
         }
         // Senders that do not know of each other must not fill the stream beyond its limit.
         bool const isFull = std::cmp_greater_equal(info->State.Bytes, session_->limit());
         lock.lock();
         window_ = isFull ? 0 : std::min(window, static_cast<std::size_t>(session_->limit() / 8));
-        changed_.notify_all();
+        auto why = std::exchange(trouble_, {});
         lock.unlock();
-        waitFor(isFull ? "the stream has reached its limit (--max-bytes)" : "");
+        changed_.notify_all();
+        if (isFull) {
+            why = "the stream has reached its limit (--max-bytes)";
+        } else if (why.empty() && now - progress_.load() > 10s) {
+            why = "no worker has reported for 10 s";
+        }
+        waitFor(why);
+    }
+
+    // Publishes again what the servers have refused or lost, even after they had acknowledged it:
+    // what has no result for some time and is not in the queue. After an outage they may also keep
+    // what they never deliver: if nothing has happened for a minute, then two, then four, publishes
+    // even what is in the queue. This waits for no answer of the client library, which gives none
+    // to what it had sent before an outage.
+    void repeat(jsStreamInfo const& info, Clock::time_point now) {
+        std::set<std::string_view> queued;
+        auto const* const subjects = info.State.Subjects;
+        for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
+            queued.emplace(subjects->List[k].Subject);
+        }
+        bool const isStuck = now - progress_.load() > stuck_;
+        stuck_ *= isStuck ? 2 : 1;
+        for (std::size_t i = 0; i < elements_.size(); ++i) {
+            std::unique_lock lock(mutex_);
+            if (elements_[i].due > now) {
+                continue;
+            }
+            elements_[i].due = now + 10s;
+            if (isStuck || !queued.contains(subjects_ + std::to_string(i))) {
+                Message message = makeMessage(i);
+                lock.unlock();
+                store(std::move(message));
+            }
+        }
     }
 
     // Called with the reason while servers or workers are away, or servers full. After Control-C,
@@ -310,6 +311,8 @@ private:
 
     // Prints the table of the workers. Returns the exit status.
     [[nodiscard]] int conclude() {
+        auto const state = sent();
+        std::lock_guard const lock(mutex_);
         Share all;
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
         auto const add = [&rows](std::string const& name, Share const& share) {
@@ -333,7 +336,7 @@ private:
         if (all.elements == elements_.size()) {
             return 0;
         }
-        print((isStopped_ ? "stopped when " : "") + sent());
+        print((isStopped_ ? "stopped when " : "") + state);
         return isStopped_ ? 130 : 1;
     }
 
@@ -347,17 +350,15 @@ private:
                reached(State::reported) + " reported";
     }
 
-    [[nodiscard]] std::string subjectOf(std::string const& element) const {
-        return options_.nats.stream + '.' + run_ + '.' + element;
-    }
-    [[nodiscard]] std::string subjectOf(std::size_t i) const {
-        return subjectOf(std::to_string(i));
+    [[nodiscard]] Message makeMessage(std::size_t i) const {
+        return makeElement(subjects_ + std::to_string(i), elements_[i].label, elements_[i].bytes);
     }
 
     static void print(std::string const& text) { std::cerr << "sender: " + text + '\n'; }
 
     Options const& options_;
     std::string const run_ = randomName();
+    std::string const subjects_ = options_.nats.stream + '.' + run_ + '.'; // of the elements
     stop_source stop_;
     Clock::time_point start_ = Clock::now(); // of sending
     std::vector<std::string> names_;         // of the files, which the elements repeat
@@ -372,15 +373,14 @@ private:
     std::vector<Element> elements_;
     std::size_t unreported_ = 0;          // bytes that were published
     std::size_t window_ = 0;              // the most of them
+    std::string trouble_;                 // why something could not be stored
     std::map<std::string, Share> shares_; // by worker
     std::size_t repeated_ = 0;
 
-    std::size_t ignored_ = 0; // used by the thread that receives reports only
-
     // Used by the main thread only.
+    std::size_t ignored_ = 0;
     bool isReleased_ = false;
     bool isStopped_ = false;
-    Clock::time_point looked_{};
     std::chrono::seconds stuck_{60};
     Clock::time_point complained_{};
 

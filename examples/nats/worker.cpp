@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Takes elements from a queue that it shares with other workers, and decodes each in place. Prints
-// a line for each: run, element, wire format, bytes, CRC-32, how often it was delivered.
+// a line for each: the run, and what is in a Result.
 
 #include "examples/modules/formats/ReadLimit.h"
 #include "examples/nats/Session.h"
@@ -54,7 +54,7 @@ public:
         while (!stop_.stop_requested()) {
             auto messages = session_.fetch(ahead, 500ms);
             auto const start = Clock::now();
-            work(std::move(messages));
+            work(messages);
             // None waits here for long while another worker is idle.
             ahead = Clock::now() - start < 200ms ? std::min<std::size_t>(2 * ahead, 256)
                                                  : (ahead + 1) / 2;
@@ -79,89 +79,90 @@ private:
     // Other threads decode, one after the other, while this one tells the servers that it is at
     // work on what it has taken. When a thread ends, its cache of memory is freed, so nothing that
     // it has allocated may outlive it in another cache.
-    void work(std::vector<Message> messages) {
-        std::vector<std::string> replies(messages.size());
-        std::transform(messages.begin(), messages.end(), replies.begin(),
-                       [](auto const& message) { return natsMsg_GetReply(message.get()); });
+    void work(std::vector<std::shared_ptr<natsMsg>>& messages) {
         auto const interval = std::chrono::milliseconds(options_.redeliverAfter * 1000 / 3);
         auto told = Clock::now();
-        for (std::size_t next = 0; next < messages.size() && !stop_.stop_requested();) {
+        for (auto first = messages.begin(); first != messages.end() && !stop_.stop_requested();) {
             auto const start = Clock::now();
-            auto part = std::async(std::launch::async, [&, first = next]() mutable {
+            auto part = std::async(std::launch::async, [&, next = first]() mutable {
                 isDecoding = true;
+                ::alarm(options_.patience + 5); // the system ends a process that hangs
                 do {
-                    handle(std::move(messages[first]), replies[first]);
-                } while (++first < messages.size() && Clock::now() - start < share);
-                isDecoding = false;
+                    handle(*next);
+                } while (++next != messages.end() && Clock::now() - start < share);
                 ::alarm(0);
+                isDecoding = false;
                 report();
-                return first;
+                std::for_each(first, next, [&](auto const& each) { answer(each, "+ACK"); });
+                return next;
             });
             while (part.wait_until(told + interval) != std::future_status::ready) {
-                for (std::size_t i = next; i < replies.size(); ++i) {
-                    session_.publish(replies[i], "+WPI");
-                }
+                std::for_each(first, messages.end(),
+                              [&](auto const& each) { answer(each, "+WPI"); });
                 told = Clock::now();
             }
-            next = part.get(); // the thread has ended
+            // Together, because the client library wakes a thread up that frees them.
+            auto const end = part.get();
+            std::fill(first, end, nullptr);
+            first = end;
             if (Clock::now() - start > 2 * share) {
                 ::malloc_trim(0); // so that it does not add to what the next one takes
             }
         }
     }
 
-    void handle(Message message, std::string const& reply) {
-        std::string run;
-        Label label;
-        Result result;
-        auto& [element, size, crc, delivery, time, why] = result;
-        try {
-            auto const words = wordsOf(message.get());
-            run = words[1];
-            element = Json::parse(words[2]).get<std::uint64_t>();
-            label = labelOf(message.get());
-        } catch (std::exception const& error) {
-            say(ignored(++ignored_, message.get(), error));
-            session_.publish(reply, "+ACK"); // nobody else can read it either
-            return;
-        }
-        ByteBufferView const bytes(textOf(message.get()));
-        size = bytes.size();
-        crc = std::get<2>(label);
-        delivery = deliveries(message.get());
-        auto const start = Clock::now();
-        try {
-            ByteBufferIStreambuf source(
-                std::make_unique<ByteBuffer>(adopt(bytes, std::move(message))));
-            if (crc32(bytes) != crc) {
-                throw std::runtime_error("the bytes are not those that were sent");
-            }
-            ::alarm(delivery == 1 ? options_.patience : 0); // the system ends a process that hangs
-            delivery == 1 ? read(label, source) : readInChild(label, source);
-        } catch (std::exception const& error) {
-            why = std::string(error.what()).substr(0, 500);
-            why += why.empty() ? "?" : "";
-        }
-        time = static_cast<std::uint64_t>(nanoseconds(Clock::now() - start));
-        std::cout << (why.empty() ? "decoded " : "failed ") + run + ' ' << element << ' '
-                  << ascii(std::get<0>(label)) << ' ' << size << ' ' << crc << ' ' << delivery
-                  << '\n';
-        auto& [answers, results] = done_[run];
-        answers.push_back(reply);
-        results.push_back(std::move(result));
+    void answer(std::shared_ptr<natsMsg> const& message, std::string const& text) const {
+        session_.publish(natsMsg_GetReply(message.get()), text);
     }
 
-    // Until its elements are acknowledged, another worker gets them if this one fails.
+    void handle(std::shared_ptr<natsMsg> const& message) {
+        std::string run;
+        Label label;
+        Result result{};
+        try {
+            auto const subject = subjectOf(message.get());
+            run = subject[1];
+            result.element = number(subject[2]);
+            label = labelOf(message.get());
+        } catch (std::exception const& error) { // nobody else can read it either
+            return say(ignored(++ignored_, message.get(), error));
+        }
+        ByteBufferView const bytes(textOf(message.get()));
+        result.size = bytes.size();
+        result.crc = label.crc;
+        result.delivery = deliveries(message.get());
+        auto const start = Clock::now();
+        try {
+            if (crc32(bytes) != label.crc) {
+                throw std::runtime_error("the bytes are not those that were sent");
+            }
+            ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(adopt(bytes, message)));
+            result.delivery == 1 ? read(label, source) : readInChild(label, source);
+        } catch (std::exception const& error) {
+            result.why = error.what() == std::string() ? "?" : printable(error.what());
+        }
+        result.time = static_cast<std::uint64_t>((Clock::now() - start) / 1ns);
+        auto const line = lineOf(result);
+        std::cout << run << '\t' << line << '\n';
+        auto& report = reports_[run];
+        report += (report.empty() ? "" : "\n") + line;
+    }
+
+    // How often a message was delivered, this time included.
+    static std::uint64_t deliveries(natsMsg* message) {
+        jsMsgMetaData* data = nullptr;
+        natsMsg_GetMetaData(&data, message);
+        Owner<jsMsgMetaData, jsMsgMetaData_Destroy> const owner(data);
+        return data != nullptr ? data->NumDelivered : 0;
+    }
+
+    // What is not acknowledged after it, because this worker fails, another worker gets.
     void report() {
         std::cout.flush();
-        for (auto const& [run, each] : done_) {
-            session_.publish(options_.nats.reports() + '.' + run + '.' + options_.name,
-                             ascii(each.second));
-            for (auto const& reply : each.first) {
-                session_.publish(reply, "+ACK");
-            }
+        for (auto const& [run, text] : reports_) {
+            session_.publish(options_.nats.stream + "-reports." + run + '.' + options_.name, text);
         }
-        done_.clear();
+        reports_.clear();
     }
 
     // An element that is delivered again may have crashed a worker. A child process decodes it, so
@@ -206,8 +207,8 @@ private:
     }
 
     void read(Label const& label, std::streambuf& source) const {
-        auto const& [wireFormat, type, sum] = label;
-        auto const payload = decode(catalogue_.getDeserialiserFor(wireFormat, type), source);
+        auto const payload =
+            decode(catalogue_.getDeserialiserFor(label.format, label.type), source);
         // Here a real worker would do its work with the payload.
     }
 
@@ -216,9 +217,8 @@ private:
     stop_token stop_;
     std::size_t ignored_ = 0;
     bool isWaiting_ = false;
-    // By run: the replies of elements that are done, and the results.
-    std::map<std::string, std::pair<std::vector<std::string>, std::vector<Result>>> done_;
-    Session session_; // its callbacks use what is above
+    std::map<std::string, std::string> reports_; // by run
+    Session session_;                            // its callbacks use what is above
 };
 
 } // namespace
