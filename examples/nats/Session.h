@@ -11,7 +11,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <chrono>
 #include <functional>
@@ -24,13 +23,18 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 // The messages between a sender and the workers:
 //
-//     STREAM.RUN.I               element I, with its Label as a header
-//     STREAM-reports.RUN.WORKER  what became of some elements: a Result in each line; not stored
+//     STREAM.RUN.I               element I; a header has its type, CRC-32 and format
+//     STREAM-reports.RUN.WORKER  a line for each of some elements: I, its bytes, CRC-32, how often
+//     it
+//                                was delivered, nanoseconds, and why it cannot be read; not stored
+//
+// Tabs separate the parts of headers and lines.
 //
 // Anyone who may write can send anything. What is not well-formed throws std::runtime_error when it
 // is read; whether the rest is true is up to the reader.
@@ -40,12 +44,11 @@ namespace courier::examples::nats {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-template <auto destroy> struct Destroy {
-    template <class T> void operator()(T* object) const noexcept { destroy(object); }
-};
-template <class T, auto destroy> using Owner = std::unique_ptr<T, Destroy<destroy>>;
+template <class T, auto destroy> using Owner =
+    std::unique_ptr<T, std::integral_constant<decltype(destroy), destroy>>;
 using Message = Owner<natsMsg, natsMsg_Destroy>;
 using Subscription = Owner<natsSubscription, natsSubscription_Destroy>;
+using Messages = std::vector<std::shared_ptr<natsMsg>>;
 using StreamInfo = Owner<jsStreamInfo, jsStreamInfo_Destroy>;
 
 struct Label {
@@ -54,15 +57,8 @@ struct Label {
     std::string format = {};
 };
 constexpr char labelKey[] = "Courier-Label";
-
-struct Result {
-    std::uint64_t element;
-    std::uint64_t size; // of the bytes that were received
-    std::uint64_t crc;  // as in the label
-    std::uint64_t delivery;
-    std::uint64_t time; // nanoseconds
-    std::string why;    // it cannot be read; empty if it was
-};
+constexpr std::size_t overhead = 4096; // bytes of a message beside its data, at most
+constexpr auto pause = 100ms;          // between two attempts
 
 /// At most 500 bytes. Those that are not printable ASCII are written like \x1b.
 inline std::string printable(std::string_view text) {
@@ -72,15 +68,6 @@ inline std::string printable(std::string_view text) {
         shown += isPrintable ? std::string(1, char(c)) : "\\x" + hexadecimal(c).substr(16);
     }
     return shown;
-}
-
-/// The parts of a text between separators.
-inline std::vector<std::string> partsOf(std::string_view text, char separator, std::size_t count) {
-    auto parts = split(text, separator);
-    if (parts.size() != count) {
-        throw std::runtime_error("it does not have " + std::to_string(count) + " parts");
-    }
-    return parts;
 }
 
 inline std::uint64_t number(std::string const& text) {
@@ -93,14 +80,14 @@ inline std::uint64_t number(std::string const& text) {
     return value;
 }
 
-/// The parts of the subject: stream, run, element or worker.
-inline std::vector<std::string> subjectOf(natsMsg* message) {
-    auto parts = partsOf(natsMsg_GetSubject(message), '.', 3);
-    if (parts[1].size() != 16 ||
-        parts[1].find_first_not_of("0123456789abcdef") != std::string::npos) {
+/// The run, and the element or worker.
+inline std::pair<std::string, std::string> subjectOf(natsMsg* message) {
+    auto parts = split(natsMsg_GetSubject(message), '.', 3);
+    auto const& run = parts[1];
+    if (run.size() != 16 || run.find_first_not_of("0123456789abcdef") != std::string::npos) {
         throw std::runtime_error("its subject is not that of a run");
     }
-    return parts;
+    return {run, parts[2]};
 }
 
 /// The line that names a message that is not well-formed.
@@ -114,8 +101,7 @@ inline std::string_view textOf(natsMsg* message) {
 }
 
 inline std::uint64_t crc32(hub::serialisation::ByteBufferView bytes) {
-    auto const* const data = reinterpret_cast<Bytef const*>(bytes.data());
-    return data == nullptr ? 0 : ::crc32_z(0, data, bytes.size());
+    return ::crc32_z(0, reinterpret_cast<Bytef const*>(bytes.data()), bytes.size());
 }
 
 /// Has a copy of the bytes.
@@ -125,9 +111,8 @@ inline Message makeElement(std::string const& subject, Label const& label,
     auto const* const data = reinterpret_cast<char const*>(bytes.data());
     natsMsg_Create(&message, subject.c_str(), nullptr, data, static_cast<int>(bytes.size()));
     Message owner(message);
-    auto const text =
-        join({std::to_string(label.type), std::to_string(label.crc), label.format}, " ");
-    if (natsMsgHeader_Set(message, labelKey, text.c_str()) != NATS_OK) {
+    auto const numbers = std::to_string(label.type) + '\t' + std::to_string(label.crc) + '\t';
+    if (natsMsgHeader_Set(message, labelKey, (numbers + label.format).c_str()) != NATS_OK) {
         throw std::bad_alloc();
     }
     return owner;
@@ -135,29 +120,10 @@ inline Message makeElement(std::string const& subject, Label const& label,
 
 inline Label labelOf(natsMsg* message) {
     char const* text = nullptr;
-    if (natsMsgHeader_Get(message, labelKey, &text) != NATS_OK) {
-        throw std::runtime_error("there is no header " + std::string(labelKey));
-    }
-    auto const parts = partsOf(text, ' ', 3);
+    natsMsgHeader_Get(message, labelKey, &text);
+    auto const parts = split(text != nullptr ? text : "", '\t', 3);
     return {number(parts[0]), number(parts[1]), parts[2]};
 }
-
-/// A line, without its end.
-inline std::string lineOf(Result const& result) {
-    return join({std::to_string(result.element), std::to_string(result.size),
-                 std::to_string(result.crc), std::to_string(result.delivery),
-                 std::to_string(result.time), result.why},
-                "\t");
-}
-
-inline Result resultOf(std::string const& line) {
-    auto const parts = partsOf(line, '\t', 6);
-    return {number(parts[0]), number(parts[1]), number(parts[2]),
-            number(parts[3]), number(parts[4]), parts[5]};
-}
-
-constexpr std::size_t overhead = 4096; // bytes of a message beside its data, at most
-constexpr auto pause = 100ms;          // between two attempts
 
 /// 16 random hexadecimal digits.
 inline std::string randomName() {
@@ -167,10 +133,8 @@ inline std::string randomName() {
 
 /// Why it cannot be a part of a subject, or an empty text. For options.
 inline std::string requireWord(std::string const& text) {
-    bool const isWord = !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return c < 128 && (std::isalnum(c) != 0 || c == '-' || c == '_');
-    });
-    return isWord ? "" : "must be letters, digits, - and _";
+    static std::regex const word("[A-Za-z0-9_-]+");
+    return std::regex_match(text, word) ? "" : "must be letters, digits, - and _";
 }
 
 /// The servers, how to log in, and the stream.
@@ -183,15 +147,12 @@ struct Servers {
     std::int64_t maxBytes = std::int64_t{1} << 30;
 
     void addTo(CLI::App& app) {
-        app.add_option("--url", urls,
-                       "Servers of the cluster, or some: nats://[USER:PASSWORD@ or TOKEN@]HOST, "
-                       "or tls://")
+        app.add_option("--url", urls, "Servers of the cluster: [USER:PASSWORD@]HOST, with commas")
             ->envname("NATS_URL") // every user of a machine can read command lines
             ->delimiter(',')
             ->allow_extra_args(false)
             ->capture_default_str();
-        app.add_option("--ca", ca,
-                       "A file of certificates that sign the servers', instead of the system's");
+        app.add_option("--ca", ca, "A file of certificates, instead of the system's, for tls://");
         app.add_option("--credentials", credentials, "A credentials file of NATS");
         app.add_option("--replicas", replicas, "Servers that hold each message of a new stream")
             ->check(CLI::Range(1, 5))
@@ -219,12 +180,14 @@ inline std::string redacted(std::string const& text) {
 }
 
 /// What the servers say, or else the client library.
-inline std::string explain(natsStatus status, jsErrCode code = {}, char const* detail = nullptr) {
+inline std::string explain(natsStatus status, char const* detail = nullptr) {
+    if (status == NATS_PROTOCOL_ERROR) {
+        return "the server hangs up, perhaps because it wants a client certificate";
+    }
     natsStatus last = status;
     detail = detail != nullptr ? detail : nats_GetLastError(&last);
     bool const isKnown = last == status && detail != nullptr && *detail != '\0';
-    return redacted(isKnown ? detail : natsStatus_GetText(status)) +
-           (code != 0 ? ", error " + std::to_string(code) : "");
+    return redacted(isKnown ? detail : natsStatus_GetText(status));
 }
 
 /// One connection to a cluster, and its stream of elements. It is a work queue: the servers remove
@@ -282,8 +245,6 @@ public:
         jsConsumerConfig config;
         jsConsumerConfig_Init(&config);
         config.Durable = queue.c_str();
-        config.DeliverPolicy = js_DeliverAll;
-        config.AckPolicy = js_AckExplicit;
         config.AckWait = redeliverAfter / 1ns;
         config.MaxAckPending = 65536;
         attempt("make the queue " + queue, [&](jsErrCode& code) {
@@ -297,8 +258,7 @@ public:
     ///
     /// By hand: the client's own function writes past the end of its list when the answers to an
     /// earlier request come late.
-    [[nodiscard]] std::vector<std::shared_ptr<natsMsg>> fetch(std::size_t atMost,
-                                                              std::chrono::milliseconds time) {
+    [[nodiscard]] Messages fetch(std::size_t atMost, std::chrono::milliseconds time) {
         // Waits for one message, and takes what is there then. Only single messages may be longer
         // than a mebibyte.
         auto const request = R"({"no_wait": true, "expires": )" + std::to_string(time / 1ns) +
@@ -308,7 +268,7 @@ public:
         auto const subject = "$JS.API.CONSUMER.MSG.NEXT." + stream_ + '.' + queue_;
         natsConnection_PublishRequestString(connection(), subject.c_str(), reply.c_str(),
                                             request.c_str());
-        std::vector<std::shared_ptr<natsMsg>> messages;
+        Messages messages;
         std::string end; // the status that ends the request
         while (messages.size() < atMost && end.empty()) {
             natsMsg* raw = nullptr;
@@ -345,18 +305,12 @@ public:
         natsConnection_PublishString(connection(), subject.c_str(), text.c_str());
     }
 
-    /// The state of the stream, with the subjects of `filter`, if it is not empty, that
-    /// have messages. Null if the servers do not answer.
-    [[nodiscard]] StreamInfo look(std::string const& filter) {
-        jsOptions options;
-        jsOptions_Init(&options);
-        options.Stream.Info.SubjectsFilter = filter.empty() ? nullptr : filter.c_str();
+    /// The state of the stream. Null if the servers do not answer.
+    [[nodiscard]] StreamInfo look() {
         jsStreamInfo* info = nullptr;
-        auto const status =
-            js_GetStreamInfo(&info, jetStream(), stream_.c_str(), &options, nullptr);
-        StreamInfo owner(info);
+        auto const status = js_GetStreamInfo(&info, jetStream(), stream_.c_str(), nullptr, nullptr);
         waiting_(status == NATS_OK ? "" : "cannot look at the stream: " + explain(status));
-        return owner;
+        return StreamInfo(info);
     }
 
     /// Throws std::length_error, which names the setting, if so many bytes are too long a message.
@@ -408,26 +362,18 @@ private:
             set(natsOptions_SetUserCredentialsFromFiles, servers.credentials.c_str(), nullptr);
         }
         set(natsOptions_SetCustomInboxPrefix, inbox_.c_str());
-        set(natsOptions_SetTimeout, 2s / 1ms);
         set(natsOptions_SetErrorHandler, refused, this);
         // A server that takes no bytes is left after ten seconds, a silent one after fifteen.
         set(natsOptions_SetPingInterval, 5s / 1ms);
-        set(natsOptions_SetMaxPingsOut, 2);
         set(natsOptions_SetWriteDeadline, 10s / 1ms);
         set(natsOptions_SetMaxReconnect, -1);
         set(natsOptions_SetReconnectWait, pause / 1ms);
-        set(natsOptions_SetFailRequestsOnDisconnect, true);
         int hangUps = 0;
         attempt(what, [&](jsErrCode&) {
             natsConnection* connection = nullptr;
             natsStatus const status = natsConnection_Connect(&connection, made);
             connection_.reset(connection);
-            if (status == NATS_PROTOCOL_ERROR && ++hangUps == 3) {
-                throw std::runtime_error("cannot " + what +
-                                         ": the server hangs up, perhaps "
-                                         "because it wants a client certificate");
-            }
-            return status == NATS_PROTOCOL_ERROR ? NATS_TIMEOUT : status;
+            return status == NATS_PROTOCOL_ERROR && ++hangUps < 3 ? NATS_TIMEOUT : status;
         });
     }
 
@@ -477,7 +423,7 @@ private:
             if (status == NATS_OK) {
                 return waiting_({});
             }
-            std::string const why = "cannot " + what + ": " + explain(status, code);
+            std::string const why = "cannot " + what + ": " + explain(status);
             if (!isPassing(status, code)) {
                 throw std::runtime_error(why);
             }

@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
     int count = 5000;
     CLI::App app("Measures what the client library can do.", "bare");
     servers.addTo(app);
-    app.add_option("--count", count, "Messages")->capture_default_str();
+    app.add_option("--copies", count, "Messages")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     Session session(servers, "bare", [](auto const&) {});
     session.join("takers", 10s);

@@ -9,12 +9,12 @@
 
 #include <courier/hub/serialisation/FanOut.h>
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <iostream>
 #include <map>
 #include <optional>
-#include <set>
 
 namespace {
 
@@ -32,7 +32,7 @@ struct Options : Sending {
 
 struct Stopped {}; // thrown after Control-C
 
-enum class State { waiting, failed, sent, stored, reported };
+enum class State { waiting, sent, stored, reported };
 
 struct Element {
     Label label = {};
@@ -116,8 +116,6 @@ private:
                 if (!wasStopped(error)) {
                     print(names_[i % names_.size()] + ": cannot be sent: " + error.what());
                 }
-                std::lock_guard const lock(mutex_);
-                elements_[i].state = State::failed;
                 --left_;
             }
         }
@@ -141,6 +139,7 @@ private:
             throw std::system_error(std::make_error_code(std::errc::operation_canceled));
         }
         element.state = State::sent;
+        ++sent_;
         element.due = Clock::now() + 10s;
         unreported_ += element.size;
         lock.unlock();
@@ -162,29 +161,27 @@ private:
     static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* self) {
         auto& run = *static_cast<Run*>(self);
         Message const message(raw);
-        Element& element = run.elements_[number(subjectOf(raw)[2])];
+        Element& element = run.elements_[number(subjectOf(raw).second)];
         std::lock_guard const lock(run.mutex_);
-        if (element.state == State::reported) {
-            return;
-        }
-        element.due = Clock::now() + (ack != nullptr ? 10s : 1s);
         if (ack == nullptr) {
-            run.trouble_ =
-                "cannot store an element: " + explain(error->Err, error->ErrCode, error->ErrText);
-        } else if (element.state == State::sent) {
-            element.state = State::stored;
-            run.progress_ = Clock::now();
+            run.trouble_ = "cannot store an element: " + explain(error->Err, error->ErrText);
+        }
+        if (element.state == State::sent) {
+            element.due = Clock::now() + (ack != nullptr ? 10s : 1s);
+            element.state = ack != nullptr ? State::stored : State::sent;
+            run.progress_ = ack != nullptr ? Clock::now() : run.progress_.load();
         }
     }
 
-    // Counts what a report says. What cannot be true is named, and ends nothing.
+    // Counts what a report says. What is not well-formed or cannot be true is named, and ends
+    // nothing.
     void read(Message const& report) {
         try {
-            auto const worker = subjectOf(report.get())[2];
+            auto const worker = subjectOf(report.get()).second;
             auto const lines = split(textOf(report.get()), '\n');
             std::lock_guard const lock(mutex_);
             for (auto const& line : lines) {
-                count(worker, resultOf(line));
+                count(worker, line);
             }
             changed_.notify_all();
         } catch (std::exception const& error) {
@@ -192,18 +189,20 @@ private:
         }
     }
 
-    // Counts a result if it is the first one of its element. Throws std::runtime_error if it cannot
-    // be true. The mutex must be held.
-    void count(std::string const& worker, Result const& result) {
-        std::chrono::nanoseconds const sending = Clock::now() - start_;
-        if (!requireWord(worker).empty() || result.element >= elements_.size() ||
-            elements_[result.element].state < State::sent) {
+    void count(std::string const& worker, std::string const& line) {
+        auto const parts = split(line, '\t', 6);
+        std::array<std::uint64_t, 5> numbers{};
+        std::transform(parts.begin(), parts.end() - 1, numbers.begin(), number);
+        auto const [i, size, crc, delivery, time] = numbers;
+        auto const& why = parts.back();
+        if (!requireWord(worker).empty() || i >= elements_.size() ||
+            elements_[i].state < State::sent) {
             throw std::runtime_error("it is not on an element that was sent");
         }
-        Element& element = elements_[result.element];
-        bool const isWhole = result.size + overhead == element.size || !result.why.empty();
-        if (result.crc != element.label.crc || !isWhole || result.delivery == 0 ||
-            std::cmp_greater(result.time, sending.count())) {
+        Element& element = elements_[i];
+        bool const isWhole = size + overhead == element.size || !why.empty();
+        if (crc != element.label.crc || !isWhole || delivery == 0 ||
+            std::cmp_greater(time, (Clock::now() - start_) / 1ns)) {
             throw std::runtime_error("it cannot be true");
         }
         if (element.state == State::reported) {
@@ -213,79 +212,62 @@ private:
         element.due = Clock::time_point::max();
         element.bytes = {};
         unreported_ -= element.size;
+        ++reported_;
         --left_;
         progress_ = Clock::now();
-        if (result.why.empty()) {
-            Share& share = shares_[worker];
-            ++share.elements;
-            share.bytes += result.size;
-            share.time += std::chrono::nanoseconds(result.time);
-            repeated_ += result.delivery > 1 ? 1 : 0;
-        } else {
-            print(names_[result.element % names_.size()] + ": cannot be read by " + worker + ": " +
-                  printable(result.why));
+        if (!why.empty()) {
+            return print(names_[i % names_.size()] + ": cannot be read by " + worker + ": " +
+                         printable(why));
+        }
+        repeated_ += delivery > 1 ? 1 : 0;
+        for (Share* const share : {&shares_[worker], &all_}) {
+            ++share->elements;
+            share->bytes += size;
+            share->time += std::chrono::nanoseconds(time);
         }
     }
 
-    // Once a second: says how far it is and why it waits, and publishes again what is late.
+    // Once a second: says how far it is and why it waits, and publishes again what is late: what
+    // the servers have refused, and, if there are no elements in the queue or with workers, what
+    // they had acknowledged. After an outage they may also keep what they never deliver: if nothing
+    // has happened for a minute, then two, then four, publishes that again as well.
     void look() {
-        auto const now = Clock::now();
         print(sent());
         if (sentinel_->isReleased() && !std::exchange(isReleased_, true)) {
             print("the payload's memory was released after " +
-                  fixed(Seconds(now - start_).count(), 2) + " s");
+                  fixed(Seconds(Clock::now() - start_).count(), 2) + " s");
         }
-        std::unique_lock lock(mutex_);
-        bool const isLate = std::any_of(elements_.begin(), elements_.end(),
-                                        [now](auto const& element) { return element.due < now; });
-        lock.unlock();
-        auto const info = session_->look(isLate ? subjects_ + '*' : "");
+        auto const info = session_->look();
         if (!info) {
             return;
         }
-        if (isLate) {
-            repeat(*info, now);
-        }
+        auto const now = Clock::now();
+        auto const quiet = now - progress_.load();
         // Senders that do not know of each other must not fill the stream beyond its limit.
         bool const isFull = std::cmp_greater_equal(info->State.Bytes, session_->limit());
-        lock.lock();
+        std::unique_lock lock(mutex_);
         window_ = isFull ? 0 : std::min(window, static_cast<std::size_t>(session_->limit() / 8));
-        auto why = std::exchange(trouble_, {});
-        lock.unlock();
         changed_.notify_all();
+        auto why = std::exchange(trouble_, {});
+        bool const isLost = info->State.Msgs == 0 || quiet > 60s;
+        std::vector<Message> again;
+        for (std::size_t i = 0; i < elements_.size(); ++i) {
+            Element& element = elements_[i];
+            if (element.due < now && (element.state == State::sent || isLost)) {
+                element.due =
+                    now +
+                    (element.state == State::sent ? 10s : std::max<Clock::duration>(quiet, 10s));
+                again.push_back(makeMessage(i));
+            }
+        }
+        lock.unlock();
+        std::for_each(again.begin(), again.end(), [this](auto& each) { store(std::move(each)); });
         if (isFull) {
             why = "the stream has reached its limit (--max-bytes)";
-        } else if (why.empty() && now - progress_.load() > 10s) {
+        } else if (why.empty() && quiet > 10s) {
             why = "no worker has reported for 10 s";
         }
         waitFor(why);
-    }
-
-    // Publishes again what the servers have refused or lost, even after they had acknowledged it:
-    // what has no result for some time and is not in the queue. After an outage they may also keep
-    // what they never deliver: if nothing has happened for a minute, then two, then four, publishes
-    // even what is in the queue. This waits for no answer of the client library, which gives none
-    // to what it had sent before an outage.
-    void repeat(jsStreamInfo const& info, Clock::time_point now) {
-        std::set<std::string_view> queued;
-        auto const* const subjects = info.State.Subjects;
-        for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
-            queued.emplace(subjects->List[k].Subject);
-        }
-        bool const isStuck = now - progress_.load() > stuck_;
-        stuck_ *= isStuck ? 2 : 1;
-        for (std::size_t i = 0; i < elements_.size(); ++i) {
-            std::unique_lock lock(mutex_);
-            if (elements_[i].due > now) {
-                continue;
-            }
-            elements_[i].due = now + 10s;
-            if (isStuck || !queued.contains(subjects_ + std::to_string(i))) {
-                Message message = makeMessage(i);
-                lock.unlock();
-                store(std::move(message));
-            }
-        }
     }
 
     // Called with the reason while servers or workers are away, or servers full. After Control-C,
@@ -311,43 +293,36 @@ private:
 
     // Prints the table of the workers. Returns the exit status.
     [[nodiscard]] int conclude() {
-        auto const state = sent();
-        std::lock_guard const lock(mutex_);
-        Share all;
+        std::unique_lock lock(mutex_);
+        Seconds const time = Clock::now() - start_;
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
-        auto const add = [&rows](std::string const& name, Share const& share) {
+        auto const add = [&rows](std::string const& name, Share const& share, Seconds seconds) {
             rows.push_back({name, grouped(share.elements), grouped(share.bytes),
-                            fixed(share.time.count(), 2), speed(share.bytes, share.time)});
+                            fixed(seconds.count(), 2), speed(share.bytes, seconds)});
         };
         for (auto const& [worker, share] : shares_) {
-            add(worker, share);
-            all.elements += share.elements;
-            all.bytes += share.bytes;
+            add(worker, share, share.time);
         }
-        all.time = Clock::now() - start_;
-        add("all, from start to end", all);
+        add("all, from start to end", all_, time);
         std::cout << '\n';
         printTable(std::cout, rows, "<>>>>");
-        double const rate = static_cast<double>(all.elements) / all.time.count();
+        auto const rate = static_cast<double>(all_.elements) / time.count();
         std::cout << '\n'
-                  << all.elements << " of " << counted(elements_.size(), "element") << " decoded, "
+                  << all_.elements << " of " << counted(elements_.size(), "element") << " decoded, "
                   << repeated_ << " of them delivered more than once, "
                   << grouped(static_cast<std::size_t>(rate)) << " a second\n";
-        if (all.elements == elements_.size()) {
+        lock.unlock();
+        if (all_.elements == elements_.size()) {
             return 0;
         }
-        print((isStopped_ ? "stopped when " : "") + state);
-        return isStopped_ ? 130 : 1;
+        print((stop_.stop_requested() ? "stopped when " : "") + sent());
+        return stop_.stop_requested() ? 130 : 1;
     }
 
     [[nodiscard]] std::string sent() {
         std::lock_guard const lock(mutex_);
-        auto const reached = [this](State state) {
-            auto const has = [state](Element const& element) { return element.state >= state; };
-            return std::to_string(std::count_if(elements_.begin(), elements_.end(), has));
-        };
-        return reached(State::sent) + " of " + counted(elements_.size(), "element") + " sent, " +
-               reached(State::reported) + " reported";
+        return std::to_string(sent_) + " of " + counted(elements_.size(), "element") + " sent, " +
+               std::to_string(reported_) + " reported";
     }
 
     [[nodiscard]] Message makeMessage(std::size_t i) const {
@@ -371,17 +346,19 @@ private:
     std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::vector<Element> elements_;
+    std::size_t sent_ = 0;
+    std::size_t reported_ = 0;
     std::size_t unreported_ = 0;          // bytes that were published
     std::size_t window_ = 0;              // the most of them
     std::string trouble_;                 // why something could not be stored
     std::map<std::string, Share> shares_; // by worker
+    Share all_;
     std::size_t repeated_ = 0;
 
     // Used by the main thread only.
     std::size_t ignored_ = 0;
     bool isReleased_ = false;
     bool isStopped_ = false;
-    std::chrono::seconds stuck_{60};
     Clock::time_point complained_{};
 
     std::optional<Session> session_; // its callbacks use what is above

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Takes elements from a queue that it shares with other workers, and decodes each in place. Prints
-// a line for each: the run, and what is in a Result.
+// a line for each: the run, and what it reports.
 
-#include "examples/modules/formats/ReadLimit.h"
 #include "examples/nats/Session.h"
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
@@ -14,10 +13,11 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <csignal>
-#include <future>
 #include <iostream>
 #include <map>
+#include <span>
 
 namespace {
 
@@ -27,15 +27,13 @@ using namespace courier::examples::nats;
 
 struct Options {
     Servers nats;
-    std::string name;
+    std::string name = "worker-" + randomName();
     std::uint64_t readLimit = defaultReadLimit;
     int redeliverAfter = 10; // seconds
     unsigned patience = 600; // seconds that decoding one element may take
 };
 
-struct Stopped {}; // thrown after Control-C, while servers are away
-
-std::atomic<bool> isDecoding = false; // in this process
+std::atomic<bool> isDone = false;
 
 class Worker {
 public:
@@ -43,27 +41,25 @@ public:
         : options_(options), catalogue_(catalogue), stop_(std::move(stop)),
           session_(options.nats, "worker", [this](auto const& why) { waitFor(why); }) {
         session_.join("workers", std::chrono::seconds(options.redeliverAfter));
-        // Runs before what was registered earlier: a decoder that calls exit() must not look like a
-        // worker that has done its work.
-        std::atexit([] { isDecoding ? ::_exit(1) : void(); });
     }
 
     void run() {
+        // A decoder that calls exit() must not look like a worker that has done its work.
+        std::atexit([] { isDone ? void() : ::_exit(1); });
         say("ready");
         std::size_t ahead = 1; // elements to take at once
         while (!stop_.stop_requested()) {
-            auto messages = session_.fetch(ahead, 500ms);
+            auto const messages = session_.fetch(ahead, 500ms);
             auto const start = Clock::now();
             work(messages);
             // None waits here for long while another worker is idle.
             ahead = Clock::now() - start < 200ms ? std::min<std::size_t>(2 * ahead, 256)
                                                  : (ahead + 1) / 2;
         }
+        isDone = true;
     }
 
 private:
-    static constexpr auto share = 10ms; // of work between two reports
-
     void say(std::string const& text) const { std::cerr << options_.name + ": " + text + '\n'; }
 
     void waitFor(std::string const& why) {
@@ -72,77 +68,75 @@ private:
         }
         isWaiting_ = !why.empty();
         if (isWaiting_ && stop_.stop_requested()) {
-            throw Stopped();
+            ::_exit(0); // what it has in hand goes to other workers
         }
     }
 
-    // Other threads decode, one after the other, while this one tells the servers that it is at
-    // work on what it has taken. When a thread ends, its cache of memory is freed, so nothing that
-    // it has allocated may outlive it in another cache.
-    void work(std::vector<std::shared_ptr<natsMsg>>& messages) {
+    // While this thread decodes, another one tells the servers that this worker has not forgotten
+    // what it has taken. The messages live until all are done: the client library frees them in a
+    // thread, and waking that up for each takes long.
+    void work(Messages const& messages) {
         auto const interval = std::chrono::milliseconds(options_.redeliverAfter * 1000 / 3);
-        auto told = Clock::now();
+        std::condition_variable_any timer;
+        std::jthread const teller([&](std::stop_token const& end) {
+            std::mutex mutex;
+            std::unique_lock lock(mutex);
+            auto const isEnd = [&end] { return end.stop_requested(); };
+            while (!timer.wait_for(lock, end, interval, isEnd)) {
+                answer(messages, "+WPI");
+            }
+        });
         for (auto first = messages.begin(); first != messages.end() && !stop_.stop_requested();) {
             auto const start = Clock::now();
-            auto part = std::async(std::launch::async, [&, next = first]() mutable {
-                isDecoding = true;
-                ::alarm(options_.patience + 5); // the system ends a process that hangs
-                do {
-                    handle(*next);
-                } while (++next != messages.end() && Clock::now() - start < share);
-                ::alarm(0);
-                isDecoding = false;
-                report();
-                std::for_each(first, next, [&](auto const& each) { answer(each, "+ACK"); });
-                return next;
-            });
-            while (part.wait_until(told + interval) != std::future_status::ready) {
-                std::for_each(first, messages.end(),
-                              [&](auto const& each) { answer(each, "+WPI"); });
-                told = Clock::now();
-            }
-            // Together, because the client library wakes a thread up that frees them.
-            auto const end = part.get();
-            std::fill(first, end, nullptr);
-            first = end;
-            if (Clock::now() - start > 2 * share) {
+            auto next = first;
+            ::alarm(options_.patience + 5); // the system ends a process that hangs
+            do {
+                handle(*next);
+            } while (++next != messages.end() && Clock::now() - start < 10ms);
+            ::alarm(0);
+            report();
+            answer({first, next}, "+ACK");
+            first = next;
+            if (Clock::now() - start > 20ms) {
                 ::malloc_trim(0); // so that it does not add to what the next one takes
             }
         }
     }
 
-    void answer(std::shared_ptr<natsMsg> const& message, std::string const& text) const {
-        session_.publish(natsMsg_GetReply(message.get()), text);
+    void answer(std::span<std::shared_ptr<natsMsg> const> messages, std::string const& text) const {
+        for (auto const& message : messages) {
+            session_.publish(natsMsg_GetReply(message.get()), text);
+        }
     }
 
     void handle(std::shared_ptr<natsMsg> const& message) {
         std::string run;
+        std::string element;
         Label label;
-        Result result{};
         try {
-            auto const subject = subjectOf(message.get());
-            run = subject[1];
-            result.element = number(subject[2]);
+            std::tie(run, element) = subjectOf(message.get());
+            std::ignore = number(element);
             label = labelOf(message.get());
         } catch (std::exception const& error) { // nobody else can read it either
             return say(ignored(++ignored_, message.get(), error));
         }
         ByteBufferView const bytes(textOf(message.get()));
-        result.size = bytes.size();
-        result.crc = label.crc;
-        result.delivery = deliveries(message.get());
+        auto const delivery = deliveries(message.get());
+        std::string why;
         auto const start = Clock::now();
         try {
             if (crc32(bytes) != label.crc) {
                 throw std::runtime_error("the bytes are not those that were sent");
             }
             ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(adopt(bytes, message)));
-            result.delivery == 1 ? read(label, source) : readInChild(label, source);
+            delivery == 1 ? read(label, source) : readInChild(label, source);
         } catch (std::exception const& error) {
-            result.why = error.what() == std::string() ? "?" : printable(error.what());
+            why = error.what() == std::string() ? "?" : printable(error.what());
         }
-        result.time = static_cast<std::uint64_t>((Clock::now() - start) / 1ns);
-        auto const line = lineOf(result);
+        auto const time = (Clock::now() - start) / 1ns;
+        auto const line = join({element, std::to_string(bytes.size()), std::to_string(label.crc),
+                                std::to_string(delivery), std::to_string(time), why},
+                               "\t");
         std::cout << run << '\t' << line << '\n';
         auto& report = reports_[run];
         report += (report.empty() ? "" : "\n") + line;
@@ -194,15 +188,14 @@ private:
         if (size > 1) {
             throw std::runtime_error(said.data() + 1);
         }
-        int const number = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-        if (number == SIGALRM) {
+        int const signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        if (signal == SIGALRM) {
             throw std::runtime_error("decoding it took longer than " +
                                      std::to_string(options_.patience) + " s");
         }
         if (size < 1) {
-            throw std::runtime_error(
-                "decoding it ended the process" +
-                (number != 0 ? " with signal " + std::to_string(number) : std::string()));
+            auto const how = signal != 0 ? "signal " + std::to_string(signal) : "no result";
+            throw std::runtime_error("decoding it ended the process with " + how);
         }
     }
 
@@ -225,7 +218,6 @@ private:
 
 int main(int argc, char** argv) {
     Options options;
-    options.name = "worker-" + randomName();
     ::mallopt(M_MMAP_THRESHOLD, 1 << 16); // large blocks return to the system at once
     CLI::App app("Decodes the elements that senders put into a stream, together with all other "
                  "workers of it, until Control-C.",
@@ -244,10 +236,7 @@ int main(int argc, char** argv) {
     addReadLimit(app, options.readLimit);
     return run(app, argc, argv, options.name, options.readLimit,
                [&](auto const& catalogue, stop_source const& stop) {
-                   try {
-                       Worker(options, catalogue, stop.get_token()).run();
-                   } catch (Stopped const&) { // what it has in hand goes to other workers
-                   }
+                   Worker(options, catalogue, stop.get_token()).run();
                    return 0;
                });
 }
