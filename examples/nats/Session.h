@@ -8,15 +8,16 @@
 
 #include <CLI/CLI.hpp>
 #include <nats/nats.h>
+#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <functional>
+#include <iostream>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <regex>
 #include <stdexcept>
@@ -30,12 +31,10 @@
 // The messages between a sender and the workers:
 //
 //     STREAM.RUN.I               element I; a header has its type, CRC-32 and format
-//     STREAM-reports.RUN.WORKER  a line for each of some elements: I, its bytes, CRC-32, how often
-//     it
-//                                was delivered, nanoseconds, and why it cannot be read; not stored
+//     STREAM-reports.RUN.WORKER  lines, each with the number of an element, its bytes, CRC-32, how
+//                                often it was delivered, nanoseconds, and why it cannot be read
 //
-// Tabs separate the parts of headers and lines.
-//
+// Tabs separate the parts of headers and lines. The servers do not store reports.
 // Anyone who may write can send anything. What is not well-formed throws std::runtime_error when it
 // is read; whether the rest is true is up to the reader.
 
@@ -140,7 +139,6 @@ inline std::string requireWord(std::string const& text) {
 /// The servers, how to log in, and the stream.
 struct Servers {
     std::vector<std::string> urls{"nats://localhost:4222"}; // several of one cluster
-    std::string ca;
     std::string credentials;
     std::string stream = "elements";
     int replicas = 3;
@@ -152,7 +150,6 @@ struct Servers {
             ->delimiter(',')
             ->allow_extra_args(false)
             ->capture_default_str();
-        app.add_option("--ca", ca, "A file of certificates, instead of the system's, for tls://");
         app.add_option("--credentials", credentials, "A credentials file of NATS");
         app.add_option("--replicas", replicas, "Servers that hold each message of a new stream")
             ->check(CLI::Range(1, 5))
@@ -193,10 +190,10 @@ inline std::string explain(natsStatus status, char const* detail = nullptr) {
 /// One connection to a cluster, and its stream of elements. It is a work queue: the servers remove
 /// what was acknowledged.
 ///
-/// Whatever fails is repeated for ever, unless the servers do not permit it, or the session cannot
-/// be set up for a reason that does not pass: that throws std::runtime_error, without passwords and
-/// tokens. publish() and requireRoom() are thread-safe; the others are for one thread. One session
-/// at a time in a process.
+/// Whatever fails is repeated for ever, unless the session cannot be set up for a reason that does
+/// not pass: that throws std::runtime_error, without passwords and tokens. What the servers do not
+/// permit ends the process. requireRoom() and the accessors are thread-safe; the others are for one
+/// thread. One session at a time in a process.
 class Session {
 public:
     /// Called with the reason before each repetition, and with an empty text when the servers
@@ -220,8 +217,6 @@ public:
         jetStream_.reset(jetStream);
         makeStream(servers);
     }
-    Session(Session const&) = delete;
-    Session& operator=(Session const&) = delete;
 
     ~Session() {
         natsConnection_Close(connection_.get());
@@ -288,28 +283,20 @@ public:
         if (end == "409" && messages.empty() && atMost > 1) { // the next message is long
             return fetch(1, time);
         }
-        check();
         if (!messages.empty() || end == "408") { // 408: none came in time, or others get them
             answered_ = Clock::now();
-            waiting_({});
+            waitFor({});
         } else if (Clock::now() - answered_ > 2s) {
-            waiting_("cannot take messages: " + (end.empty() ? "no answer" : "status " + end));
-            std::this_thread::sleep_for(pause);
+            waitFor("cannot take messages: " + (end.empty() ? "no answer" : "status " + end));
         }
         return messages;
-    }
-
-    /// Publishes a report, or an answer to a message: "+ACK" means done, "+WPI" still at work. If
-    /// it is lost, the message comes again.
-    void publish(std::string const& subject, std::string const& text) const {
-        natsConnection_PublishString(connection(), subject.c_str(), text.c_str());
     }
 
     /// The state of the stream. Null if the servers do not answer.
     [[nodiscard]] StreamInfo look() {
         jsStreamInfo* info = nullptr;
         auto const status = js_GetStreamInfo(&info, jetStream(), stream_.c_str(), nullptr, nullptr);
-        waiting_(status == NATS_OK ? "" : "cannot look at the stream: " + explain(status));
+        waitFor(status == NATS_OK ? "" : "cannot look at the stream: " + explain(status));
         return StreamInfo(info);
     }
 
@@ -322,17 +309,6 @@ public:
             throw std::length_error("its " + std::to_string(bytes) + " bytes exceed " + name +
                                     ", " + std::to_string(limit) +
                                     ": raise that, or split the data into several elements");
-        }
-    }
-
-    /// Throws if the servers have refused something for good.
-    void check() {
-        if (connection_ && natsConnection_IsClosed(connection())) {
-            refused(connection(), nullptr, NATS_NOT_PERMITTED, this);
-        }
-        std::lock_guard const lock(mutex_);
-        if (!refusal_.empty()) {
-            throw std::runtime_error(refusal_);
         }
     }
 
@@ -355,14 +331,11 @@ private:
         };
         set(natsOptions_SetServers, urls.data(), static_cast<int>(urls.size()));
         set(natsOptions_SetSecure, servers.urls.front().starts_with("tls://"));
-        if (!servers.ca.empty()) {
-            set(natsOptions_LoadCATrustedCertificates, servers.ca.c_str());
-        }
         if (!servers.credentials.empty()) {
             set(natsOptions_SetUserCredentialsFromFiles, servers.credentials.c_str(), nullptr);
         }
         set(natsOptions_SetCustomInboxPrefix, inbox_.c_str());
-        set(natsOptions_SetErrorHandler, refused, this);
+        set(natsOptions_SetErrorHandler, refused, nullptr);
         // A server that takes no bytes is left after ten seconds, a silent one after fifteen.
         set(natsOptions_SetPingInterval, 5s / 1ms);
         set(natsOptions_SetWriteDeadline, 10s / 1ms);
@@ -407,39 +380,41 @@ private:
                     }
                     return status;
                 });
-        if (info->Config->Retention != js_WorkQueuePolicy) {
-            throw std::runtime_error("the stream " + stream_ + " is not a work queue");
+        if (info->Config->Retention != js_WorkQueuePolicy || info->Config->MaxBytes < 1) {
+            throw std::runtime_error(stream_ + " is not a work queue with a limit of bytes");
         }
-        bool const isLimited = info->Config->MaxBytes > 0;
-        limit_ = isLimited ? info->Config->MaxBytes / 2 : std::numeric_limits<std::int64_t>::max();
+        limit_ = info->Config->MaxBytes / 2;
     }
 
-    // The only way to fail: waits, or throws.
+    // Repeats the call while it fails for a reason that passes.
     template <class Call> void attempt(std::string const& what, Call const& call) {
-        for (;;) {
+        std::string why;
+        do {
             jsErrCode code{};
             natsStatus const status = call(code);
-            check();
-            if (status == NATS_OK) {
-                return waiting_({});
-            }
-            std::string const why = "cannot " + what + ": " + explain(status);
-            if (!isPassing(status, code)) {
+            why = status == NATS_OK ? "" : "cannot " + what + ": " + explain(status);
+            if (!why.empty() && !isPassing(status, code)) {
                 throw std::runtime_error(why);
             }
-            waiting_(why);
-            std::this_thread::sleep_for(pause);
+            waitFor(why);
+        } while (!why.empty());
+    }
+
+    void waitFor(std::string const& why) {
+        if (connection_ && natsConnection_IsClosed(connection())) {
+            refused(connection(), nullptr, NATS_NOT_PERMITTED, nullptr);
         }
+        waiting_(why);
+        std::this_thread::sleep_for(why.empty() ? 0ms : pause);
     }
 
     // The client calls it for each error; most pass.
-    static void refused(natsConnection* connection, natsSubscription*, natsStatus status,
-                        void* self) {
+    static void refused(natsConnection* connection, natsSubscription*, natsStatus status, void*) {
         if (status == NATS_NOT_PERMITTED) {
             char const* text = "";
             natsConnection_GetLastError(connection, &text);
-            std::lock_guard const lock(static_cast<Session*>(self)->mutex_);
-            static_cast<Session*>(self)->refusal_ = "the servers refuse: " + redacted(text);
+            std::cerr << "the servers refuse: " + redacted(text) + '\n';
+            ::_exit(1);
         }
     }
 
@@ -450,9 +425,6 @@ private:
     std::string queue_;
     std::size_t requests_ = 0;
     Clock::time_point answered_;
-
-    std::mutex mutex_; // guards what a callback writes:
-    std::string refusal_;
 
     Owner<natsConnection, natsConnection_Destroy> connection_;
     Owner<jsCtx, jsCtx_Destroy> jetStream_;

@@ -30,7 +30,8 @@ int main(int argc, char** argv) {
     });
     for (int taken = 0; taken < count;) {
         for (auto const& message : session.fetch(256, 100ms)) {
-            session.publish(natsMsg_GetReply(message.get()), "+ACK");
+            natsConnection_PublishString(session.connection(), natsMsg_GetReply(message.get()),
+                                         "+ACK");
             ++taken;
         }
     }

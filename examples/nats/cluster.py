@@ -9,7 +9,6 @@ import shutil
 import socket
 import subprocess
 import threading
-import time
 
 PORTS = itertools.count(10000 + os.getpid() % 40 * 500)  # below those of outgoing connections
 PROGRAMS = pathlib.Path("build/release/examples/nats").resolve()
@@ -32,32 +31,29 @@ def stop(processes):
     """Terminates them, and kills those that do not end within ten seconds."""
     for process in processes:
         process.terminate()
-    deadline = time.monotonic() + 10
     for process in processes:
-        try:
-            process.wait(max(0.1, deadline - time.monotonic()))
-        except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            process.wait(10)
+        process.kill()
+        process.wait()
 
 
 @contextlib.contextmanager
 def workers(directory, arguments, count=2, programs=PROGRAMS):
-    """A list of workers, each of which is started again when it ends. Their logs are in the
-    directory."""
+    """A list of workers, each of which is started again when it ends. Logs are in the directory."""
+
+    def launch(i):
+        command = [programs / "worker", "--name", f"w{i}", *arguments]
+        return start(command, directory / f"w{i}.log")
 
     def supervise(i):
-        command = [programs / "worker", "--name", f"w{i}", *arguments]
-        while not ended.is_set():
-            running[i] = start(command, directory / f"w{i}.log")
-            running[i].wait()
+        while running[i].wait() is not None and not ended.is_set():
+            running[i] = launch(i)
 
-    ended, running = threading.Event(), [None] * count
+    running, ended = [launch(i) for i in range(count)], threading.Event()
     threads = [threading.Thread(target=supervise, args=[i]) for i in range(count)]
     for thread in threads:
         thread.start()
-    while None in running:
-        time.sleep(0.01)
     try:
         yield running
     finally:
@@ -89,17 +85,15 @@ class Cluster:
         shutil.rmtree(self.directory / "store", ignore_errors=True)
 
     def start_server(self, i):
-        store = f"store_dir: {self.directory}/store/{i}"
         routes = ", ".join(f"nats://127.0.0.1:{port}" for port in self.routes)
         route = f"cluster {{ name: c, listen: 127.0.0.1:{self.routes[i]}, routes: [{routes}] }}"
+        settings = [
+            f"server_name: s{i}, listen: 127.0.0.1:{self.ports[i]}, max_payload: 32MB",
+            self.jetstream.format(store=f"store_dir: {self.directory}/store/{i}"),
+            route if len(self.ports) > 1 else "",
+            self.extra,
+        ]
         file = self.directory / f"server-{i}.conf"
-        file.write_text(
-            f"server_name: s{i}, listen: 127.0.0.1:{self.ports[i]}, max_payload: 32MB\n"
-            + self.jetstream.format(store=store)
-            + "\n"
-            + (route if len(self.ports) > 1 else "")
-            + "\n"
-            + self.extra
-        )
+        file.write_text("\n".join(settings))
         server = shutil.which("nats-server") or "/usr/sbin/nats-server"
         self.servers[i] = start([server, "-c", file], self.directory / f"server-{i}.log")

@@ -71,8 +71,6 @@ public:
         std::tie(serialisers_, sentinel_) =
             createSerialisersFor(std::move(payload), catalogue, each, stop_);
     }
-    Run(Run const&) = delete;
-    Run& operator=(Run const&) = delete;
 
     ~Run() { stop_.request_stop(); } // then waits for the threads
 
@@ -97,7 +95,6 @@ public:
                 }
                 if (Clock::now() - looked > 1s) {
                     looked = Clock::now();
-                    session_->check();
                     look();
                 }
             }
@@ -220,11 +217,10 @@ private:
                          printable(why));
         }
         repeated_ += delivery > 1 ? 1 : 0;
-        for (Share* const share : {&shares_[worker], &all_}) {
-            ++share->elements;
-            share->bytes += size;
-            share->time += std::chrono::nanoseconds(time);
-        }
+        Share& share = shares_[worker];
+        ++share.elements;
+        share.bytes += size;
+        share.time += std::chrono::nanoseconds(time);
     }
 
     // Once a second: says how far it is and why it waits, and publishes again what is late: what
@@ -295,24 +291,24 @@ private:
     [[nodiscard]] int conclude() {
         std::unique_lock lock(mutex_);
         Seconds const time = Clock::now() - start_;
+        Share all;
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
-        auto const add = [&rows](std::string const& name, Share const& share, Seconds seconds) {
-            rows.push_back({name, grouped(share.elements), grouped(share.bytes),
-                            fixed(seconds.count(), 2), speed(share.bytes, seconds)});
-        };
         for (auto const& [worker, share] : shares_) {
-            add(worker, share, share.time);
+            rows.push_back({worker, grouped(share.elements), grouped(share.bytes),
+                            fixed(share.time.count(), 2), speed(share.bytes, share.time)});
+            all.elements += share.elements;
+            all.bytes += share.bytes;
         }
-        add("all, from start to end", all_, time);
+        lock.unlock();
         std::cout << '\n';
         printTable(std::cout, rows, "<>>>>");
-        auto const rate = static_cast<double>(all_.elements) / time.count();
+        auto const rate = static_cast<double>(all.elements) / time.count();
         std::cout << '\n'
-                  << all_.elements << " of " << counted(elements_.size(), "element") << " decoded, "
+                  << all.elements << " of " << counted(elements_.size(), "element") << " decoded, "
                   << repeated_ << " of them delivered more than once, "
-                  << grouped(static_cast<std::size_t>(rate)) << " a second\n";
-        lock.unlock();
-        if (all_.elements == elements_.size()) {
+                  << grouped(static_cast<std::size_t>(rate)) << " a second, "
+                  << speed(all.bytes, time) << " MB/s\n";
+        if (all.elements == elements_.size()) {
             return 0;
         }
         print((stop_.stop_requested() ? "stopped when " : "") + sent());
@@ -352,7 +348,6 @@ private:
     std::size_t window_ = 0;              // the most of them
     std::string trouble_;                 // why something could not be stored
     std::map<std::string, Share> shares_; // by worker
-    Share all_;
     std::size_t repeated_ = 0;
 
     // Used by the main thread only.

@@ -103,9 +103,13 @@ private:
         }
     }
 
+    void publish(std::string const& subject, std::string const& text) const {
+        natsConnection_PublishString(session_.connection(), subject.c_str(), text.c_str());
+    }
+
     void answer(std::span<std::shared_ptr<natsMsg> const> messages, std::string const& text) const {
         for (auto const& message : messages) {
-            session_.publish(natsMsg_GetReply(message.get()), text);
+            publish(natsMsg_GetReply(message.get()), text);
         }
     }
 
@@ -121,88 +125,77 @@ private:
             return say(ignored(++ignored_, message.get(), error));
         }
         ByteBufferView const bytes(textOf(message.get()));
-        auto const delivery = deliveries(message.get());
-        std::string why;
+        jsMsgMetaData* data = nullptr;
+        natsMsg_GetMetaData(&data, message.get());
+        Owner<jsMsgMetaData, jsMsgMetaData_Destroy> const owner(data);
+        auto const delivery = data != nullptr ? data->NumDelivered : 0;
         auto const start = Clock::now();
-        try {
-            if (crc32(bytes) != label.crc) {
-                throw std::runtime_error("the bytes are not those that were sent");
-            }
-            ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(adopt(bytes, message)));
-            delivery == 1 ? read(label, source) : readInChild(label, source);
-        } catch (std::exception const& error) {
-            why = error.what() == std::string() ? "?" : printable(error.what());
-        }
+        auto const why =
+            delivery == 1 ? read(label, bytes, message) : readInChild(label, bytes, message);
         auto const time = (Clock::now() - start) / 1ns;
         auto const line = join({element, std::to_string(bytes.size()), std::to_string(label.crc),
-                                std::to_string(delivery), std::to_string(time), why},
+                                std::to_string(delivery), std::to_string(time), printable(why)},
                                "\t");
         std::cout << run << '\t' << line << '\n';
         auto& report = reports_[run];
         report += (report.empty() ? "" : "\n") + line;
     }
 
-    // How often a message was delivered, this time included.
-    static std::uint64_t deliveries(natsMsg* message) {
-        jsMsgMetaData* data = nullptr;
-        natsMsg_GetMetaData(&data, message);
-        Owner<jsMsgMetaData, jsMsgMetaData_Destroy> const owner(data);
-        return data != nullptr ? data->NumDelivered : 0;
+    // Returns why it cannot be read, or an empty text.
+    std::string read(Label const& label, ByteBufferView bytes,
+                     std::shared_ptr<natsMsg> message) const {
+        try {
+            if (crc32(bytes) != label.crc) {
+                return "the bytes are not those that were sent";
+            }
+            auto const deserialise = catalogue_.getDeserialiserFor(label.format, label.type);
+            ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(adopt(bytes, message)));
+            auto const payload = decode(deserialise, source);
+            // Here a real worker would do its work with the payload.
+            return "";
+        } catch (std::exception const& error) {
+            return error.what() + std::string(*error.what() == '\0' ? "?" : "");
+        }
+    }
+
+    // An element that is delivered again may have crashed a worker. A child process reads it, so
+    // that it crashes no other worker, and the elements taken with it are not delivered again. The
+    // child has a result only if it says so, whatever its status.
+    std::string readInChild(Label const& label, ByteBufferView bytes,
+                            std::shared_ptr<natsMsg> const& message) const {
+        std::array<int, 2> ends{};
+        ::pid_t const child = ::pipe(ends.data()) == 0 ? ::fork() : -1;
+        if (child < 0) {
+            return "it was delivered before, and no process can be started";
+        }
+        if (child == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            ::alarm(options_.patience);
+            auto const why = '=' + read(label, bytes, message);
+            ::_exit(::write(ends[1], why.data(), why.size()) > 0 ? 0 : 1);
+        }
+        ::close(ends[1]);
+        std::array<char, 1000> why{}; // as much as is printed, and more
+        ::ssize_t const size = ::read(ends[0], why.data(), why.size() - 1);
+        ::close(ends[0]);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        if (size > 0) {
+            return why.data() + 1;
+        }
+        int const signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        return signal == SIGALRM
+                   ? "decoding it took longer than " + std::to_string(options_.patience) + " s"
+                   : "decoding it ended the process with signal " + std::to_string(signal);
     }
 
     // What is not acknowledged after it, because this worker fails, another worker gets.
     void report() {
         std::cout.flush();
         for (auto const& [run, text] : reports_) {
-            session_.publish(options_.nats.stream + "-reports." + run + '.' + options_.name, text);
+            publish(options_.nats.stream + "-reports." + run + '.' + options_.name, text);
         }
         reports_.clear();
-    }
-
-    // An element that is delivered again may have crashed a worker. A child process decodes it, so
-    // that it crashes no other worker, and the elements taken with it are not delivered again. The
-    // child has a result only if it says so, whatever its status.
-    void readInChild(Label const& label, std::streambuf& source) const {
-        std::array<int, 2> ends{};
-        ::pid_t const child = ::pipe(ends.data()) == 0 ? ::fork() : -1;
-        if (child < 0) {
-            throw std::runtime_error("it was delivered before, and no process can be started");
-        }
-        if (child == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            ::alarm(options_.patience);
-            std::string said = "=";
-            try {
-                read(label, source);
-            } catch (std::exception const& error) {
-                said += error.what();
-            }
-            ::_exit(::write(ends[1], said.data(), said.size()) > 0 ? 0 : 1);
-        }
-        ::close(ends[1]);
-        std::array<char, 1000> said{}; // as much as is printed, and more
-        ::ssize_t const size = ::read(ends[0], said.data(), said.size() - 1);
-        ::close(ends[0]);
-        int status = 0;
-        ::waitpid(child, &status, 0);
-        if (size > 1) {
-            throw std::runtime_error(said.data() + 1);
-        }
-        int const signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-        if (signal == SIGALRM) {
-            throw std::runtime_error("decoding it took longer than " +
-                                     std::to_string(options_.patience) + " s");
-        }
-        if (size < 1) {
-            auto const how = signal != 0 ? "signal " + std::to_string(signal) : "no result";
-            throw std::runtime_error("decoding it ended the process with " + how);
-        }
-    }
-
-    void read(Label const& label, std::streambuf& source) const {
-        auto const payload =
-            decode(catalogue_.getDeserialiserFor(label.format, label.type), source);
-        // Here a real worker would do its work with the payload.
     }
 
     Options const& options_;
