@@ -175,6 +175,9 @@ private:
     void read(Message const& report) {
         try {
             auto const worker = subjectOf(report.get()).second;
+            if (textOf(report.get()).size() > std::size_t{1} << 20) {
+                throw std::runtime_error("it is too long for a report");
+            }
             auto const lines = split(textOf(report.get()), '\n');
             std::lock_guard const lock(mutex_);
             for (auto const& line : lines) {

@@ -13,8 +13,8 @@
 
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <csignal>
+#include <future>
 #include <iostream>
 #include <map>
 #include <span>
@@ -72,31 +72,30 @@ private:
         }
     }
 
-    // While this thread decodes, another one tells the servers that this worker has not forgotten
-    // what it has taken. The messages live until all are done: the client library frees them in a
-    // thread, and waking that up for each takes long.
+    // Other threads decode, one after the other, while this one tells the servers that it is at
+    // work on what it has taken. When a thread ends, its cache of memory is freed, so nothing that
+    // it has allocated may outlive it in another cache. The messages live until all are done: the
+    // client library frees them in a thread of its own, and waking that up for each takes long.
     void work(Messages const& messages) {
         auto const interval = std::chrono::milliseconds(options_.redeliverAfter * 1000 / 3);
-        std::condition_variable_any timer;
-        std::jthread const teller([&](std::stop_token const& end) {
-            std::mutex mutex;
-            std::unique_lock lock(mutex);
-            auto const isEnd = [&end] { return end.stop_requested(); };
-            while (!timer.wait_for(lock, end, interval, isEnd)) {
-                answer(messages, "+WPI");
-            }
-        });
+        auto told = Clock::now();
         for (auto first = messages.begin(); first != messages.end() && !stop_.stop_requested();) {
             auto const start = Clock::now();
-            auto next = first;
-            ::alarm(options_.patience + 5); // the system ends a process that hangs
-            do {
-                handle(*next);
-            } while (++next != messages.end() && Clock::now() - start < 10ms);
-            ::alarm(0);
-            report();
-            answer({first, next}, "+ACK");
-            first = next;
+            auto part = std::async(std::launch::async, [&, next = first]() mutable {
+                ::alarm(options_.patience + 5); // the system ends a process that hangs
+                do {
+                    handle(*next);
+                } while (++next != messages.end() && Clock::now() - start < 10ms);
+                ::alarm(0);
+                report();
+                answer({first, next}, "+ACK");
+                return next;
+            });
+            while (part.wait_until(told + interval) != std::future_status::ready) {
+                answer({first, messages.end()}, "+WPI");
+                told = Clock::now();
+            }
+            first = part.get(); // the thread has ended
             if (Clock::now() - start > 20ms) {
                 ::malloc_trim(0); // so that it does not add to what the next one takes
             }

@@ -80,6 +80,9 @@ std::vector<std::string> split(std::string_view text, char separator, std::size_
     std::vector<std::string> texts{""};
     for (char const c : text) {
         c == separator ? void(texts.emplace_back()) : texts.back().push_back(c);
+        if (count != 0 && texts.size() > count) {
+            break; // whatever the text has, it does not take more memory
+        }
     }
     if (count != 0 && texts.size() != count) {
         throw std::runtime_error("it does not have " + std::to_string(count) + " parts");
