@@ -146,7 +146,9 @@ private:
     void store(Message message) {
         jsPubOptions options;
         jsPubOptions_Init(&options);
-        options.MaxWait = 10s / 1ms;
+        // Far longer than a write can take: then the client gives up a message even if another
+        // thread is still writing it.
+        options.MaxWait = 120s / 1ms;
         natsMsg* raw = message.release();
         jsPubAckErr error{};
         error.Err = js_PublishMsgAsync(session_->jetStream(), &raw, &options);
