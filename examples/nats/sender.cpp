@@ -294,7 +294,6 @@ private:
 
     // Prints the table of the workers. Returns the exit status.
     [[nodiscard]] int conclude() {
-        std::unique_lock lock(mutex_);
         Seconds const time = Clock::now() - start_;
         Share all;
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
@@ -304,7 +303,6 @@ private:
             all.elements += share.elements;
             all.bytes += share.bytes;
         }
-        lock.unlock();
         std::cout << '\n';
         printTable(std::cout, rows, "<>>>>");
         auto const rate = static_cast<double>(all.elements) / time.count();
@@ -349,13 +347,13 @@ private:
     std::vector<Element> elements_;
     std::size_t sent_ = 0;
     std::size_t reported_ = 0;
-    std::size_t unreported_ = 0;          // bytes that were published
-    std::size_t window_ = 0;              // the most of them
-    std::string trouble_;                 // why something could not be stored
-    std::map<std::string, Share> shares_; // by worker
-    std::size_t repeated_ = 0;
+    std::size_t unreported_ = 0; // bytes that were published
+    std::size_t window_ = 0;     // the most of them
+    std::string trouble_;        // why something could not be stored
 
     // Used by the main thread only.
+    std::map<std::string, Share> shares_; // by worker
+    std::size_t repeated_ = 0;
     std::size_t ignored_ = 0;
     bool isReleased_ = false;
     bool isStopped_ = false;
