@@ -62,9 +62,9 @@ constexpr auto pause = 100ms;          // between two attempts
 /// At most 500 bytes. Those that are not printable ASCII are written like \x1b.
 inline std::string printable(std::string_view text) {
     std::string shown;
-    for (unsigned char const c : text.substr(0, 500)) {
-        bool const isPrintable = c >= ' ' && c <= '~';
-        shown += isPrintable ? std::string(1, char(c)) : "\\x" + hexadecimal(c).substr(16);
+    for (char const c : text.substr(0, 500)) {
+        auto const code = hexadecimal(static_cast<unsigned char>(c)).substr(16);
+        shown += c >= ' ' && c <= '~' ? std::string(1, c) : "\\x" + code;
     }
     return shown;
 }
