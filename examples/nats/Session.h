@@ -16,7 +16,6 @@
 #include <chrono>
 #include <functional>
 #include <iostream>
-#include <limits>
 #include <memory>
 #include <random>
 #include <regex>

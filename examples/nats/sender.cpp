@@ -13,7 +13,9 @@
 #include <atomic>
 #include <condition_variable>
 #include <iostream>
+#include <limits>
 #include <map>
+#include <mutex>
 #include <optional>
 
 namespace {
