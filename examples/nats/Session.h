@@ -295,8 +295,9 @@ public:
     [[nodiscard]] StreamInfo look() {
         jsStreamInfo* info = nullptr;
         auto const status = js_GetStreamInfo(&info, jetStream(), stream_.c_str(), nullptr, nullptr);
+        StreamInfo owner(info);
         waitFor(status == NATS_OK ? "" : "cannot look at the stream: " + explain(status));
-        return StreamInfo(info);
+        return owner;
     }
 
     /// Throws std::length_error, which names the setting, if so many bytes are too long a message.
