@@ -8,81 +8,90 @@
 
 #include <CLI/CLI.hpp>
 #include <nats/nats.h>
-#include <nlohmann/json.hpp>
+#include <unistd.h>
 #include <zlib.h>
 
+#include <algorithm>
+#include <charconv>
 #include <chrono>
-#include <cstdlib>
 #include <functional>
-#include <limits>
+#include <iostream>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <regex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
-#include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
 // The messages between a sender and the workers:
 //
-//     STREAM.RUN.I               element I, with its Label as a header
-//     STREAM-reports.RUN.WORKER  what became of some elements: a list of Results; not stored
+//     STREAM.RUN.I               element I; a header has its type, CRC-32 and format
+//     STREAM-reports.RUN.WORKER  lines, each with the number of an element, its bytes, CRC-32, how
+//                                often it was delivered, nanoseconds, and why it cannot be read
 //
-// Anyone who may write can send anything. What is not well-formed throws std::exception when it is
-// read; whether the rest is true is up to the reader.
+// Tabs separate the parts of headers and lines. The servers do not store reports.
+// Anyone who may write can send anything. What is not well-formed throws std::runtime_error when it
+// is read; whether the rest is true is up to the reader.
 
 namespace courier::examples::nats {
 
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-template <auto destroy> struct Destroy {
-    template <class T> void operator()(T* object) const noexcept { destroy(object); }
-};
-template <class T, auto destroy> using Owner = std::unique_ptr<T, Destroy<destroy>>;
+template <class T, auto destroy> using Owner =
+    std::unique_ptr<T, std::integral_constant<decltype(destroy), destroy>>;
 using Message = Owner<natsMsg, natsMsg_Destroy>;
+using Subscription = Owner<natsSubscription, natsSubscription_Destroy>;
+using Messages = std::vector<std::shared_ptr<natsMsg>>;
 using StreamInfo = Owner<jsStreamInfo, jsStreamInfo_Destroy>;
-using Json = nlohmann::json;
 
-/// Wire format, type, CRC-32.
-using Label = std::tuple<std::string, std::uint64_t, std::uint64_t>;
+struct Label {
+    std::uint64_t type = 0;
+    std::uint64_t crc = 0;
+    std::string format = {};
+};
 constexpr char labelKey[] = "Courier-Label";
+constexpr std::size_t overhead = 4096; // bytes of a message beside its data, at most
+constexpr auto pause = 100ms;          // between two attempts
 
-/// Element, bytes that were received, CRC-32 as in the label, how often it was delivered, time in
-/// nanoseconds, and why it cannot be read; empty if it was.
-using Result = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t, std::uint64_t,
-                          std::string>;
-
-/// ASCII without control characters, whatever the text has.
-inline std::string ascii(Json const& value) {
-    return value.dump(-1, ' ', true, Json::error_handler_t::replace);
+/// At most 500 bytes. Those that are not printable ASCII are written like \x1b.
+inline std::string printable(std::string_view text) {
+    std::string shown;
+    for (char const c : text.substr(0, 500)) {
+        auto const code = hexadecimal(static_cast<unsigned char>(c)).substr(16);
+        shown += c >= ' ' && c <= '~' ? std::string(1, c) : "\\x" + code;
+    }
+    return shown;
 }
 
-/// The words of the subject: stream, run, element or worker.
-inline std::vector<std::string> wordsOf(natsMsg* message) {
-    auto words = split(natsMsg_GetSubject(message), '.');
-    if (words.size() != 3 || words[1].size() != 16 ||
-        words[1].find_first_not_of("0123456789abcdef") != std::string::npos) {
-        throw std::runtime_error("the subject is not that of a run");
+inline std::uint64_t number(std::string const& text) {
+    std::uint64_t value = 0;
+    char const* const end = text.data() + text.size();
+    auto const [next, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || next != end) {
+        throw std::runtime_error("it has no number where one is required");
     }
-    return words;
+    return value;
+}
+
+/// The run, and the element or worker.
+inline std::pair<std::string, std::string> subjectOf(natsMsg* message) {
+    auto parts = split(natsMsg_GetSubject(message), '.', 3);
+    auto const& run = parts[1];
+    if (run.size() != 16 || run.find_first_not_of("0123456789abcdef") != std::string::npos) {
+        throw std::runtime_error("its subject is not that of a run");
+    }
+    return {run, parts[2]};
 }
 
 /// The line that names a message that is not well-formed.
 inline std::string ignored(std::size_t count, natsMsg* message, std::exception const& error) {
     return "ignored, message " + std::to_string(count) + ": " +
-           ascii({natsMsg_GetSubject(message), error.what()}).substr(0, 500);
-}
-
-/// How often a message of a queue was delivered, this time included; 0 if it is of no queue.
-inline std::uint64_t deliveries(natsMsg* message) {
-    jsMsgMetaData* data = nullptr;
-    natsMsg_GetMetaData(&data, message);
-    Owner<jsMsgMetaData, jsMsgMetaData_Destroy> const owner(data);
-    return data != nullptr ? data->NumDelivered : 0;
+           printable(natsMsg_GetSubject(message)) + ": " + error.what();
 }
 
 inline std::string_view textOf(natsMsg* message) {
@@ -90,8 +99,7 @@ inline std::string_view textOf(natsMsg* message) {
 }
 
 inline std::uint64_t crc32(hub::serialisation::ByteBufferView bytes) {
-    auto const* const data = reinterpret_cast<Bytef const*>(bytes.data());
-    return data == nullptr ? 0 : ::crc32_z(0, data, bytes.size());
+    return ::crc32_z(0, reinterpret_cast<Bytef const*>(bytes.data()), bytes.size());
 }
 
 /// Has a copy of the bytes.
@@ -101,32 +109,19 @@ inline Message makeElement(std::string const& subject, Label const& label,
     auto const* const data = reinterpret_cast<char const*>(bytes.data());
     natsMsg_Create(&message, subject.c_str(), nullptr, data, static_cast<int>(bytes.size()));
     Message owner(message);
-    if (natsMsgHeader_Set(message, labelKey, ascii(label).c_str()) != NATS_OK) {
+    auto const numbers = std::to_string(label.type) + '\t' + std::to_string(label.crc) + '\t';
+    if (natsMsgHeader_Set(message, labelKey, (numbers + label.format).c_str()) != NATS_OK) {
         throw std::bad_alloc();
     }
     return owner;
 }
 
 inline Label labelOf(natsMsg* message) {
-    char const* label = nullptr;
-    if (natsMsgHeader_Get(message, labelKey, &label) != NATS_OK) {
-        throw std::runtime_error("there is no header " + std::string(labelKey));
-    }
-    return Json::parse(label).get<Label>();
+    char const* text = nullptr;
+    natsMsgHeader_Get(message, labelKey, &text);
+    auto const parts = split(text != nullptr ? text : "", '\t', 3);
+    return {number(parts[0]), number(parts[1]), parts[2]};
 }
-
-inline std::vector<Result> resultsOf(natsMsg* message) {
-    if (textOf(message).size() > std::size_t{1} << 20) {
-        throw std::runtime_error("it is too long for a report");
-    }
-    return Json::parse(textOf(message)).get<std::vector<Result>>();
-}
-
-constexpr std::size_t overhead = 4096; // bytes of a message beside its data, at most
-constexpr auto pause = 100ms;          // between two attempts
-
-constexpr std::int64_t milliseconds(std::chrono::milliseconds time) { return time.count(); }
-constexpr std::int64_t nanoseconds(std::chrono::nanoseconds time) { return time.count(); }
 
 /// 16 random hexadecimal digits.
 inline std::string randomName() {
@@ -134,37 +129,27 @@ inline std::string randomName() {
     return hexadecimal((std::uint64_t{random()} << 32) | random()).substr(2);
 }
 
-/// Why it cannot be part of a subject, or an empty text. For options.
+/// Why it cannot be a part of a subject, or an empty text. For options.
 inline std::string requireWord(std::string const& text) {
-    bool const isWord = std::regex_match(text, std::regex("[A-Za-z0-9_-]+"));
-    return isWord ? "" : "must be letters, digits, - and _";
+    static std::regex const word("[A-Za-z0-9_-]+");
+    return std::regex_match(text, word) ? "" : "must be letters, digits, - and _";
 }
 
-/// The servers, how to log in, and the streams. NATS_PASSWORD and NATS_TOKEN are read from the
-/// environment, because every user of a machine can read command lines.
+/// The servers, how to log in, and the stream.
 struct Servers {
     std::vector<std::string> urls{"nats://localhost:4222"}; // several of one cluster
-    std::string ca;
     std::string credentials;
-    std::string user;
     std::string stream = "elements";
     int replicas = 3;
     std::int64_t maxBytes = std::int64_t{1} << 30;
 
-    [[nodiscard]] std::string reports() const { return stream + "-reports"; }
-
     void addTo(CLI::App& app) {
-        app.add_option("--url", urls, "Servers of the cluster, or some: nats:// or tls:// URLs")
+        app.add_option("--url", urls, "Servers of the cluster: [USER:PASSWORD@]HOST, with commas")
+            ->envname("NATS_URL") // every user of a machine can read command lines
             ->delimiter(',')
             ->allow_extra_args(false)
             ->capture_default_str();
-        app.add_option("--ca", ca,
-                       "A file of certificates that sign the servers', instead of the system's");
         app.add_option("--credentials", credentials, "A credentials file of NATS");
-        app.add_option("--user", user, "The user name; the password is read from NATS_PASSWORD");
-        app.add_option("--stream", stream, "The stream; it is made if it does not exist")
-            ->check(requireWord)
-            ->capture_default_str();
         app.add_option("--replicas", replicas, "Servers that hold each message of a new stream")
             ->check(CLI::Range(1, 5))
             ->capture_default_str();
@@ -191,21 +176,23 @@ inline std::string redacted(std::string const& text) {
 }
 
 /// What the servers say, or else the client library.
-inline std::string explain(natsStatus status, jsErrCode code = {}, char const* detail = nullptr) {
+inline std::string explain(natsStatus status, char const* detail = nullptr) {
+    if (status == NATS_PROTOCOL_ERROR) {
+        return "the server hangs up, perhaps because it wants a client certificate";
+    }
     natsStatus last = status;
     detail = detail != nullptr ? detail : nats_GetLastError(&last);
     bool const isKnown = last == status && detail != nullptr && *detail != '\0';
-    return redacted(isKnown ? detail : natsStatus_GetText(status)) +
-           (code != 0 ? ", error " + std::to_string(code) : "");
+    return redacted(isKnown ? detail : natsStatus_GetText(status));
 }
 
 /// One connection to a cluster, and its stream of elements. It is a work queue: the servers remove
 /// what was acknowledged.
 ///
-/// Whatever fails is repeated for ever, unless the servers do not permit it, or the session cannot
-/// be set up for a reason that does not pass: that throws std::runtime_error, without passwords and
-/// tokens. publish() and note() are thread-safe; the others are for one thread. One session at a
-/// time in a process.
+/// Whatever fails is repeated for ever, unless the session cannot be set up for a reason that does
+/// not pass: that throws std::runtime_error, without passwords and tokens. What the servers do not
+/// permit ends the process. requireRoom() and the accessors are thread-safe; the others are for one
+/// thread. One session at a time in a process.
 class Session {
 public:
     /// Called with the reason before each repetition, and with an empty text when the servers
@@ -221,7 +208,7 @@ public:
         connect(servers);
         jsOptions settings;
         jsOptions_Init(&settings);
-        settings.Wait = milliseconds(2s);
+        settings.Wait = 2s / 1ms;
         settings.PublishAsync.AckHandler = handler;
         settings.PublishAsync.AckHandlerClosure = closure;
         jsCtx* jetStream = nullptr;
@@ -229,15 +216,20 @@ public:
         jetStream_.reset(jetStream);
         makeStream(servers);
     }
-    Session(Session const&) = delete;
-    Session& operator=(Session const&) = delete;
 
     ~Session() {
         natsConnection_Close(connection_.get());
         subscription_.reset();
         jetStream_.reset();
         connection_.reset();
-        nats_CloseAndWait(milliseconds(2s)); // no callback runs any more
+        nats_CloseAndWait(2s / 1ms); // no callback runs any more
+    }
+
+    [[nodiscard]] Subscription subscribe(std::string const& subject) const {
+        natsSubscription* subscription = nullptr;
+        natsConnection_SubscribeSync(&subscription, connection(), subject.c_str());
+        natsSubscription_SetPendingLimits(subscription, -1, -1);
+        return Subscription(subscription);
     }
 
     /// Takes elements from now on, together with all sessions that join a queue of this name. The
@@ -247,17 +239,12 @@ public:
         jsConsumerConfig config;
         jsConsumerConfig_Init(&config);
         config.Durable = queue.c_str();
-        config.DeliverPolicy = js_DeliverAll;
-        config.AckPolicy = js_AckExplicit;
-        config.AckWait = nanoseconds(redeliverAfter);
+        config.AckWait = redeliverAfter / 1ns;
         config.MaxAckPending = 65536;
         attempt("make the queue " + queue, [&](jsErrCode& code) {
             return js_AddConsumer(nullptr, jetStream(), stream_.c_str(), &config, nullptr, &code);
         });
-        natsSubscription* subscription = nullptr;
-        natsConnection_SubscribeSync(&subscription, connection(), (inbox_ + ".fetch.*").c_str());
-        subscription_.reset(subscription);
-        natsSubscription_SetPendingLimits(subscription, -1, -1); // requests are the limit
+        subscription_ = subscribe(inbox_ + ".fetch.*");
         answered_ = Clock::now();
     }
 
@@ -265,31 +252,29 @@ public:
     ///
     /// By hand: the client's own function writes past the end of its list when the answers to an
     /// earlier request come late.
-    [[nodiscard]] std::vector<Message> fetch(std::size_t atMost, std::chrono::milliseconds time) {
+    [[nodiscard]] Messages fetch(std::size_t atMost, std::chrono::milliseconds time) {
         // Waits for one message, and takes what is there then. Only single messages may be longer
         // than a mebibyte.
-        Json request{{"no_wait", true}, {"expires", nanoseconds(time)}, {"batch", atMost}};
-        if (atMost > 1) {
-            request["max_bytes"] = 1 << 20;
-        }
+        auto const request = R"({"no_wait": true, "expires": )" + std::to_string(time / 1ns) +
+                             R"(, "batch": )" + std::to_string(atMost) +
+                             (atMost > 1 ? R"(, "max_bytes": 1048576})" : "}");
         auto const reply = inbox_ + ".fetch." + std::to_string(++requests_);
         auto const subject = "$JS.API.CONSUMER.MSG.NEXT." + stream_ + '.' + queue_;
         natsConnection_PublishRequestString(connection(), subject.c_str(), reply.c_str(),
-                                            request.dump().c_str());
-        std::vector<Message> messages;
+                                            request.c_str());
+        Messages messages;
         std::string end; // the status that ends the request
         while (messages.size() < atMost && end.empty()) {
             natsMsg* raw = nullptr;
             auto const patience = messages.empty() ? time + 200ms : 10ms; // others come later
-            if (natsSubscription_NextMsg(&raw, subscription_.get(), milliseconds(patience)) !=
-                NATS_OK) {
+            if (natsSubscription_NextMsg(&raw, subscription_.get(), patience / 1ms) != NATS_OK) {
                 break;
             }
             Message message(raw);
-            char const* status = nullptr;
             if (natsMsg_GetReply(raw) != nullptr) {
                 messages.push_back(std::move(message));
             } else if (natsMsg_GetSubject(raw) == reply) { // not of an earlier request
+                char const* status = nullptr;
                 natsMsgHeader_Get(raw, "Status", &status);
                 end = status != nullptr ? status : "unknown";
             }
@@ -297,34 +282,21 @@ public:
         if (end == "409" && messages.empty() && atMost > 1) { // the next message is long
             return fetch(1, time);
         }
-        check();
         if (!messages.empty() || end == "408") { // 408: none came in time, or others get them
             answered_ = Clock::now();
-            waiting_({});
+            waitFor({});
         } else if (Clock::now() - answered_ > 2s) {
-            waiting_("cannot take messages: " + (end.empty() ? "no answer" : "status " + end));
-            std::this_thread::sleep_for(pause);
+            waitFor("cannot take messages: " + (end.empty() ? "no answer" : "status " + end));
         }
         return messages;
     }
 
-    /// Publishes a report, or an answer to a message: "+ACK" means done, "+WPI" still at work. If
-    /// it is lost, the message comes again.
-    void publish(std::string const& subject, std::string const& text) const {
-        natsConnection_PublishString(connection(), subject.c_str(), text.c_str());
-    }
-
-    /// The state of the stream, with the subjects of `filter`, if it is not empty, that
-    /// have messages. Null if the servers do not answer.
-    [[nodiscard]] StreamInfo look(std::string const& filter) {
-        jsOptions options;
-        jsOptions_Init(&options);
-        options.Stream.Info.SubjectsFilter = filter.empty() ? nullptr : filter.c_str();
+    /// The state of the stream. Null if the servers do not answer.
+    [[nodiscard]] StreamInfo look() {
         jsStreamInfo* info = nullptr;
-        auto const status =
-            js_GetStreamInfo(&info, jetStream(), stream_.c_str(), &options, nullptr);
+        auto const status = js_GetStreamInfo(&info, jetStream(), stream_.c_str(), nullptr, nullptr);
         StreamInfo owner(info);
-        waiting_(status == NATS_OK ? "" : "cannot look at the stream: " + explain(status));
+        waitFor(status == NATS_OK ? "" : "cannot look at the stream: " + explain(status));
         return owner;
     }
 
@@ -337,28 +309,6 @@ public:
             throw std::length_error("its " + std::to_string(bytes) + " bytes exceed " + name +
                                     ", " + std::to_string(limit) +
                                     ": raise that, or split the data into several elements");
-        }
-    }
-
-    /// Notes what failed in another thread, for the next check().
-    void note(std::string const& why, bool isPermanent) {
-        std::lock_guard const lock(mutex_);
-        (isPermanent ? error_ : trouble_) = why;
-    }
-
-    /// Throws if the servers have refused something for good.
-    void check() {
-        if (connection_ && natsConnection_IsClosed(connection())) {
-            refused(connection(), nullptr, NATS_NOT_PERMITTED, this);
-        }
-        std::unique_lock lock(mutex_);
-        if (!error_.empty()) {
-            throw std::runtime_error(error_);
-        }
-        auto const trouble = std::exchange(trouble_, {});
-        lock.unlock();
-        if (!trouble.empty()) {
-            waiting_(trouble);
         }
     }
 
@@ -380,41 +330,23 @@ private:
             attempt(what, [&](jsErrCode&) { return function(made, values...); });
         };
         set(natsOptions_SetServers, urls.data(), static_cast<int>(urls.size()));
-        set(natsOptions_SetSecure,
-            !servers.ca.empty() || servers.urls.front().starts_with("tls://"));
-        if (!servers.ca.empty()) {
-            set(natsOptions_LoadCATrustedCertificates, servers.ca.c_str());
-        }
+        set(natsOptions_SetSecure, servers.urls.front().starts_with("tls://"));
         if (!servers.credentials.empty()) {
             set(natsOptions_SetUserCredentialsFromFiles, servers.credentials.c_str(), nullptr);
         }
-        if (!servers.user.empty()) {
-            set(natsOptions_SetUserInfo, servers.user.c_str(), std::getenv("NATS_PASSWORD"));
-        }
-        if (char const* const token = std::getenv("NATS_TOKEN")) {
-            set(natsOptions_SetToken, token);
-        }
         set(natsOptions_SetCustomInboxPrefix, inbox_.c_str());
-        set(natsOptions_SetTimeout, milliseconds(2s));
-        set(natsOptions_SetErrorHandler, refused, this);
+        set(natsOptions_SetErrorHandler, refused, nullptr);
         // A server that takes no bytes is left after ten seconds, a silent one after fifteen.
-        set(natsOptions_SetPingInterval, milliseconds(5s));
-        set(natsOptions_SetMaxPingsOut, 2);
-        set(natsOptions_SetWriteDeadline, milliseconds(10s));
+        set(natsOptions_SetPingInterval, 5s / 1ms);
+        set(natsOptions_SetWriteDeadline, 10s / 1ms);
         set(natsOptions_SetMaxReconnect, -1);
-        set(natsOptions_SetReconnectWait, milliseconds(pause));
-        set(natsOptions_SetFailRequestsOnDisconnect, true);
+        set(natsOptions_SetReconnectWait, pause / 1ms);
         int hangUps = 0;
         attempt(what, [&](jsErrCode&) {
             natsConnection* connection = nullptr;
             natsStatus const status = natsConnection_Connect(&connection, made);
             connection_.reset(connection);
-            if (status == NATS_PROTOCOL_ERROR && ++hangUps == 3) {
-                throw std::runtime_error("cannot " + what +
-                                         ": the server hangs up, perhaps "
-                                         "because it wants a client certificate");
-            }
-            return status == NATS_PROTOCOL_ERROR ? NATS_TIMEOUT : status;
+            return status == NATS_PROTOCOL_ERROR && ++hangUps < 3 ? NATS_TIMEOUT : status;
         });
     }
 
@@ -448,39 +380,41 @@ private:
                     }
                     return status;
                 });
-        if (info->Config->Retention != js_WorkQueuePolicy) {
-            throw std::runtime_error(stream_ + " is not a work queue: choose another --stream");
+        if (info->Config->Retention != js_WorkQueuePolicy || info->Config->MaxBytes < 1) {
+            throw std::runtime_error(stream_ + " is not a work queue with a limit of bytes");
         }
-        bool const isLimited = info->Config->MaxBytes > 0;
-        limit_ = isLimited ? info->Config->MaxBytes / 2 : std::numeric_limits<std::int64_t>::max();
+        limit_ = info->Config->MaxBytes / 2;
     }
 
-    // The only way to fail: waits, or throws.
+    // Repeats the call while it fails for a reason that passes.
     template <class Call> void attempt(std::string const& what, Call const& call) {
-        for (;;) {
+        std::string why;
+        do {
             jsErrCode code{};
             natsStatus const status = call(code);
-            check();
-            if (status == NATS_OK) {
-                return waiting_({});
-            }
-            std::string const why = "cannot " + what + ": " + explain(status, code);
-            if (!isPassing(status, code)) {
+            why = status == NATS_OK ? "" : "cannot " + what + ": " + explain(status);
+            if (!why.empty() && !isPassing(status, code)) {
                 throw std::runtime_error(why);
             }
-            waiting_(why);
-            std::this_thread::sleep_for(pause);
+            waitFor(why);
+        } while (!why.empty());
+    }
+
+    void waitFor(std::string const& why) {
+        if (connection_ && natsConnection_IsClosed(connection())) {
+            refused(connection(), nullptr, NATS_NOT_PERMITTED, nullptr);
         }
+        waiting_(why);
+        std::this_thread::sleep_for(why.empty() ? 0ms : pause);
     }
 
     // The client calls it for each error; most pass.
-    static void refused(natsConnection* connection, natsSubscription*, natsStatus status,
-                        void* self) {
+    static void refused(natsConnection* connection, natsSubscription*, natsStatus status, void*) {
         if (status == NATS_NOT_PERMITTED) {
-            char const* text = nullptr;
+            char const* text = "";
             natsConnection_GetLastError(connection, &text);
-            static_cast<Session*>(self)->note(
-                std::string("the servers refuse: ") + (text != nullptr ? text : ""), true);
+            std::cerr << "the servers refuse: " + redacted(text) + '\n';
+            ::_exit(1);
         }
     }
 
@@ -492,13 +426,9 @@ private:
     std::size_t requests_ = 0;
     Clock::time_point answered_;
 
-    std::mutex mutex_;    // guards what callbacks write:
-    std::string error_;   // permanent
-    std::string trouble_; // passing
-
     Owner<natsConnection, natsConnection_Destroy> connection_;
     Owner<jsCtx, jsCtx_Destroy> jetStream_;
-    Owner<natsSubscription, natsSubscription_Destroy> subscription_;
+    Subscription subscription_;
 };
 
 } // namespace courier::examples::nats

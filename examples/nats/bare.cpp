@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
     int count = 5000;
     CLI::App app("Measures what the client library can do.", "bare");
     servers.addTo(app);
-    app.add_option("--count", count, "Messages")->capture_default_str();
+    app.add_option("--copies", count, "Messages")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     Session session(servers, "bare", [](auto const&) {});
     session.join("takers", 10s);
@@ -24,13 +24,14 @@ int main(int argc, char** argv) {
         courier::hub::serialisation::ByteBufferView const bytes(data);
         for (int i = 0; i < count; ++i) {
             std::string const subject = "bare.run." + std::to_string(i);
-            natsMsg* message = makeElement(subject, {"raw", 1, 1}, bytes).release();
+            natsMsg* message = makeElement(subject, {1, 1, "raw"}, bytes).release();
             js_PublishMsgAsync(session.jetStream(), &message, nullptr);
         }
     });
     for (int taken = 0; taken < count;) {
         for (auto const& message : session.fetch(256, 100ms)) {
-            session.publish(natsMsg_GetReply(message.get()), "+ACK");
+            natsConnection_PublishString(session.connection(), natsMsg_GetReply(message.get()),
+                                         "+ACK");
             ++taken;
         }
     }

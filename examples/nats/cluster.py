@@ -1,16 +1,17 @@
 # SPDX-License-Identifier: Apache-2.0
 """NATS servers on the loopback interface, and the programs that use them."""
 
+import contextlib
 import itertools
 import os
 import pathlib
 import shutil
 import socket
 import subprocess
-import time
+import threading
 
-NATS_SERVER = shutil.which("nats-server") or "/usr/sbin/nats-server"
 PORTS = itertools.count(10000 + os.getpid() % 40 * 500)  # below those of outgoing connections
+PROGRAMS = pathlib.Path("build/release/examples/nats").resolve()
 
 
 def is_used(port):
@@ -26,42 +27,57 @@ def start(command, log, **options):
         return subprocess.Popen(command, start_new_session=True, **options)
 
 
-def stop(processes, patience=10):
-    """Terminates them, and kills those that do not end in time."""
+def stop(processes):
+    """Terminates them, and kills those that do not end within ten seconds."""
     for process in processes:
         process.terminate()
-    deadline = time.monotonic() + patience
     for process in processes:
-        try:
-            process.wait(max(0.1, deadline - time.monotonic()))
-        except subprocess.TimeoutExpired:
-            process.kill()
-            process.wait()
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            process.wait(10)
+        process.kill()
+        process.wait()
+
+
+@contextlib.contextmanager
+def workers(directory, arguments, count=2, programs=PROGRAMS):
+    """A list of workers, each of which is started again when it ends. Logs are in the directory."""
+
+    def launch(i):
+        command = [programs / "worker", "--name", f"w{i}", *arguments]
+        return start(command, directory / f"w{i}.log")
+
+    def supervise(i):
+        while running[i].wait() is not None and not ended.is_set():
+            running[i] = launch(i)
+
+    running, ended = [launch(i) for i in range(count)], threading.Event()
+    threads = [threading.Thread(target=supervise, args=[i]) for i in range(count)]
+    for thread in threads:
+        thread.start()
+    try:
+        yield running
+    finally:
+        ended.set()
+        while any(thread.is_alive() for thread in threads):
+            stop(running)
 
 
 class Cluster:
     """Servers with JetStream, for messages of up to 32 MiB, and a directory of their own. `extra`
     is added to the configuration of each."""
 
-    def __init__(self, directory, size=3, extra="", jetstream="", scheme="nats://"):
-        self.directory = pathlib.Path(directory).resolve()
-        self.size, self.extra, self.jetstream = size, extra, jetstream
-        self.ports = list(itertools.islice(itertools.filterfalse(is_used, PORTS), 2 * size))
-        self.url = ",".join(f"{scheme}127.0.0.1:{port}" for port in self.ports[:size])
-        self.arguments = ["--url", self.url, "--replicas", str(size)]
+    def __init__(self, directory, size=3, extra="", jetstream="jetstream {{ {store} }}"):
+        self.directory, self.extra, self.jetstream = directory.resolve(), extra, jetstream
+        ports = list(itertools.islice(itertools.filterfalse(is_used, PORTS), 2 * size))
+        self.ports, self.routes = ports[:size], ports[size:]
+        self.url = ",".join(f"nats://127.0.0.1:{port}" for port in self.ports)
 
     def __enter__(self):
         shutil.rmtree(self.directory, ignore_errors=True)
         self.directory.mkdir(parents=True)
-        self.servers = [None] * self.size
-        for i in range(self.size):
+        self.servers = [None] * len(self.ports)
+        for i in range(len(self.ports)):
             self.start_server(i)
-        deadline = time.monotonic() + 30
-        while not all(map(is_used, self.ports[: self.size])):
-            if time.monotonic() > deadline:
-                stop(self.servers)
-                raise RuntimeError(f"nats-server does not start: see {self.directory}/*.log")
-            time.sleep(0.05)
         return self
 
     def __exit__(self, *_):
@@ -69,15 +85,15 @@ class Cluster:
         shutil.rmtree(self.directory / "store", ignore_errors=True)
 
     def start_server(self, i):
-        routes = [f"nats://127.0.0.1:{port}" for port in self.ports[self.size :]]
-        lines = [f"server_name: s{i}", f"listen: 127.0.0.1:{self.ports[i]}", "max_payload: 32MB"]
-        if self.jetstream is not None:
-            lines.append(
-                f"jetstream {{ store_dir: '{self.directory}/store/{i}', {self.jetstream} }}"
-            )
-        if self.size > 1:
-            listen = f"127.0.0.1:{self.ports[self.size + i]}"
-            lines.append(f"cluster {{ name: c, listen: {listen}, routes: {routes} }}")
+        routes = ", ".join(f"nats://127.0.0.1:{port}" for port in self.routes)
+        route = f"cluster {{ name: c, listen: 127.0.0.1:{self.routes[i]}, routes: [{routes}] }}"
+        settings = [
+            f"server_name: s{i}, listen: 127.0.0.1:{self.ports[i]}, max_payload: 32MB",
+            self.jetstream.format(store=f"store_dir: {self.directory}/store/{i}"),
+            route if len(self.ports) > 1 else "",
+            self.extra,
+        ]
         file = self.directory / f"server-{i}.conf"
-        file.write_text("\n".join([*lines, self.extra, ""]).replace("'", '"'))
-        self.servers[i] = start([NATS_SERVER, "-c", file], self.directory / f"server-{i}.log")
+        file.write_text("\n".join(settings))
+        server = shutil.which("nats-server") or "/usr/sbin/nats-server"
+        self.servers[i] = start([server, "-c", file], self.directory / f"server-{i}.log")

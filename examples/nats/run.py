@@ -20,18 +20,14 @@ parser = argparse.ArgumentParser(
 parser.add_argument("--url", help="use this cluster instead")
 parser.add_argument("--workers", type=int, default=2, help="on this machine (default: 2)")
 options, rest = parser.parse_known_args()
-programs = pathlib.Path("build/release/examples/nats").resolve()
-state = pathlib.Path("build/nats").resolve()
+state = pathlib.Path("build/nats")
 state.mkdir(parents=True, exist_ok=True)
 
 with contextlib.ExitStack() as stack:
     url = options.url or stack.enter_context(cluster.Cluster(state / "cluster")).url
-    for i in range(1, options.workers + 1):
-        log = state / f"worker-{i}.log"
-        log.unlink(missing_ok=True)
-        worker = cluster.start([programs / "worker", "--url", url, "--name", f"worker-{i}"], log)
-        stack.callback(cluster.stop, [worker])
-    sender = subprocess.Popen([programs / "sender", "--url", url, *(rest or ["--copies", "30"])])
+    stack.enter_context(cluster.workers(state, ["--url", url], options.workers))
+    command = [cluster.PROGRAMS / "sender", "--url", url, *(rest or ["--copies", "30"])]
+    sender = subprocess.Popen(command)
     while sender.poll() is None:
         with contextlib.suppress(KeyboardInterrupt):  # the sender got it as well
             sender.wait()

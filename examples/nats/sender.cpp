@@ -9,12 +9,14 @@
 
 #include <courier/hub/serialisation/FanOut.h>
 
+#include <array>
 #include <atomic>
 #include <condition_variable>
 #include <iostream>
+#include <limits>
 #include <map>
+#include <mutex>
 #include <optional>
-#include <set>
 
 namespace {
 
@@ -32,15 +34,14 @@ struct Options : Sending {
 
 struct Stopped {}; // thrown after Control-C
 
-enum class State { waiting, failed, sent, reported };
+enum class State { waiting, sent, stored, reported };
 
 struct Element {
     Label label = {};
     State state = State::waiting;
-    bool isStored = false;
     std::uint64_t size = 0;
-    ByteBuffer bytes = {};      // until there is a result
-    Clock::time_point due = {}; // when it is looked for, and perhaps sent again
+    ByteBuffer bytes = {};                            // until there is a result
+    Clock::time_point due = Clock::time_point::max(); // when it is late
 };
 
 // What a worker has decoded.
@@ -63,7 +64,7 @@ public:
             auto const& file = files[i % files.size()];
             each.push_back(formats[i % files.size()]);
             file.addTo(payload);
-            elements_.push_back({{each.back(), file.type().id, 0}});
+            elements_.push_back({{file.type().id, 0, each.back()}});
         }
         for (auto const& file : files) {
             names_.push_back(file.name);
@@ -72,10 +73,8 @@ public:
         std::tie(serialisers_, sentinel_) =
             createSerialisersFor(std::move(payload), catalogue, each, stop_);
     }
-    Run(Run const&) = delete;
-    Run& operator=(Run const&) = delete;
 
-    ~Run() { end(); }
+    ~Run() { stop_.request_stop(); } // then waits for the threads
 
     /// Sends, waits until workers have reported on everything that was sent, and prints it all.
     /// Returns the exit status.
@@ -85,37 +84,28 @@ public:
                 options_.nats, "sender", [this](auto const& why) { waitFor(why); }, acknowledged,
                 this);
             start_ = Clock::now();
-            natsSubscription* subscription = nullptr;
-            std::string const reports = options_.nats.reports() + '.' + run_ + ".*";
-            natsConnection_Subscribe(&subscription, session_->connection(), reports.c_str(),
-                                     received, this);
-            Owner<natsSubscription, natsSubscription_Destroy> const owner(subscription);
-            natsSubscription_SetPendingLimits(subscription, -1, -1);
-            look();
+            auto const subject = options_.nats.stream + "-reports." + run_ + ".*";
+            auto const reports = session_->subscribe(subject);
+            look(); // before there is something to send: finds out how much may be sent
             for (std::size_t i = 0; i < std::min(options_.threads, elements_.size()); ++i) {
                 threads_.emplace_back([this] { send(); });
             }
-            for (std::unique_lock lock(mutex_); left_ != 0; lock.lock()) {
-                changed_.wait_for(lock, 100ms, [this] { return left_ == 0; });
-                lock.unlock();
-                session_->check();
-                look();
-                bool const isIdle = Clock::now() - progress_.load() > 10s;
-                waitFor(isIdle ? "no worker has reported for 10 s" : "");
+            for (auto looked = start_; left_ != 0;) {
+                natsMsg* raw = nullptr;
+                if (natsSubscription_NextMsg(&raw, reports.get(), 100) == NATS_OK) {
+                    read(Message(raw));
+                }
+                if (Clock::now() - looked > 1s) {
+                    looked = Clock::now();
+                    look();
+                }
             }
         } catch (Stopped const&) { // before there was a result for everything
         }
-        end();
         return conclude();
     }
 
 private:
-    void end() {
-        stop_.request_stop();
-        threads_.clear(); // waits for them
-        session_.reset(); // no callback runs any more
-    }
-
     // Writes and publishes one element after the other, together with other threads.
     void send() {
         for (std::size_t i = next_++; i < elements_.size(); i = next_++) {
@@ -125,8 +115,6 @@ private:
                 if (!wasStopped(error)) {
                     print(names_[i % names_.size()] + ": cannot be sent: " + error.what());
                 }
-                std::lock_guard const lock(mutex_);
-                elements_[i].state = State::failed;
                 --left_;
             }
         }
@@ -136,8 +124,9 @@ private:
         session_->requireRoom(bytes.size());
         Element& element = elements_[i];
         element.size = bytes.size() + overhead;
-        std::get<2>(element.label) = crc32(bytes);
-        Message message = makeElement(subjectOf(i), element.label, bytes);
+        element.label.crc = crc32(bytes);
+        element.bytes = std::move(bytes);
+        Message message = makeMessage(i);
         std::unique_lock lock(mutex_);
         auto const isNext = [&] {
             return stop_.stop_requested() || unreported_ == 0 ||
@@ -149,7 +138,7 @@ private:
             throw std::system_error(std::make_error_code(std::errc::operation_canceled));
         }
         element.state = State::sent;
-        element.bytes = std::move(bytes);
+        ++sent_;
         element.due = Clock::now() + 10s;
         unreported_ += element.size;
         lock.unlock();
@@ -159,7 +148,9 @@ private:
     void store(Message message) {
         jsPubOptions options;
         jsPubOptions_Init(&options);
-        options.MaxWait = milliseconds(10s);
+        // Far longer than a write can take: then the client gives up a message even if another
+        // thread is still writing it.
+        options.MaxWait = 120s / 1ms;
         natsMsg* raw = message.release();
         jsPubAckErr error{};
         error.Err = js_PublishMsgAsync(session_->jetStream(), &raw, &options);
@@ -171,120 +162,115 @@ private:
     static void acknowledged(jsCtx*, natsMsg* raw, jsPubAck* ack, jsPubAckErr* error, void* self) {
         auto& run = *static_cast<Run*>(self);
         Message const message(raw);
-        Element& element = run.elements_[std::stoul(wordsOf(raw)[2])];
+        Element& element = run.elements_[number(subjectOf(raw).second)];
         std::lock_guard const lock(run.mutex_);
-        element.due = Clock::now() + (ack != nullptr ? 10s : 1s);
         if (ack == nullptr) {
-            run.session_->note("cannot store an element: " +
-                                   explain(error->Err, error->ErrCode, error->ErrText),
-                               false);
-        } else if (!std::exchange(element.isStored, true)) {
-            run.progress_ = Clock::now();
+            run.trouble_ = "cannot store an element: " + explain(error->Err, error->ErrText);
+        }
+        if (element.state == State::sent) {
+            element.due = Clock::now() + (ack != nullptr ? 10s : 1s);
+            element.state = ack != nullptr ? State::stored : State::sent;
+            run.progress_ = ack != nullptr ? Clock::now() : run.progress_.load();
         }
     }
 
-    static void received(natsConnection*, natsSubscription*, natsMsg* raw, void* self) {
-        auto& run = *static_cast<Run*>(self);
-        Message const message(raw);
+    // Counts what a report says. What is not well-formed or cannot be true is named, and ends
+    // nothing.
+    void read(Message const& report) {
         try {
-            run.count(wordsOf(raw)[2], resultsOf(raw));
+            auto const worker = subjectOf(report.get()).second;
+            if (textOf(report.get()).size() > std::size_t{1} << 20) {
+                throw std::runtime_error("it is too long for a report");
+            }
+            auto const lines = split(textOf(report.get()), '\n');
+            std::lock_guard const lock(mutex_);
+            for (auto const& line : lines) {
+                count(worker, line);
+            }
+            changed_.notify_all();
         } catch (std::exception const& error) {
-            print(ignored(++run.ignored_, raw, error));
+            print(ignored(++ignored_, report.get(), error));
         }
     }
 
-    // Counts what a report says of elements that have no result yet. Throws std::runtime_error if
-    // it cannot be true.
-    void count(std::string const& worker, std::vector<Result> const& results) {
-        auto const most = std::chrono::nanoseconds(Clock::now() - start_).count();
-        bool const isWorker = requireWord(worker).empty();
-        std::lock_guard const lock(mutex_);
-        for (auto const& [i, size, crc, delivery, time, error] : results) {
-            if (!isWorker || i >= elements_.size() || elements_[i].state < State::sent) {
-                throw std::runtime_error("it is not on an element that was sent");
-            }
-            Element& element = elements_[i];
-            bool const isWhole = size + overhead == element.size || !error.empty();
-            if (crc != std::get<2>(element.label) || !isWhole || delivery == 0 ||
-                std::cmp_greater(time, most)) {
-                throw std::runtime_error("it cannot be true");
-            }
-            if (std::exchange(element.state, State::reported) == State::reported) {
-                continue;
-            }
-            element.bytes = {};
-            unreported_ -= element.size;
-            --left_;
-            progress_ = Clock::now();
-            if (error.empty()) {
-                Share& share = shares_[worker];
-                ++share.elements;
-                share.bytes += size;
-                share.time += std::chrono::nanoseconds(time);
-                repeated_ += delivery > 1 ? 1 : 0;
-            } else {
-                print(names_[i % names_.size()] + ": cannot be read by " + worker + ": " +
-                      ascii(error).substr(0, 500));
-            }
+    void count(std::string const& worker, std::string const& line) {
+        auto const parts = split(line, '\t', 6);
+        std::array<std::uint64_t, 5> numbers{};
+        std::transform(parts.begin(), parts.end() - 1, numbers.begin(), number);
+        auto const [i, size, crc, delivery, time] = numbers;
+        auto const& why = parts.back();
+        if (!requireWord(worker).empty() || i >= elements_.size() ||
+            elements_[i].state < State::sent) {
+            throw std::runtime_error("it is not on an element that was sent");
         }
-        changed_.notify_all();
-    }
-
-    // Once a second: says how far it is, finds out whether the stream is full, and publishes again
-    // what the servers have refused or lost, even after they had acknowledged it: what has no
-    // result for some time and is not in the queue. After an outage they may also keep what they
-    // never deliver: if nothing has happened for a minute, then two, then four, publishes even what
-    // is in the queue. This waits for no answer of the client library, which gives none to what it
-    // had sent before an outage.
-    void look() {
-        auto const now = Clock::now();
-        if (now - looked_ < 1s) {
+        Element& element = elements_[i];
+        bool const isWhole = size + overhead == element.size || !why.empty();
+        if (crc != element.label.crc || !isWhole || delivery == 0 ||
+            std::cmp_greater(time, (Clock::now() - start_) / 1ns)) {
+            throw std::runtime_error("it cannot be true");
+        }
+        if (element.state == State::reported) {
             return;
         }
-        looked_ = now;
+        element.state = State::reported;
+        element.due = Clock::time_point::max();
+        element.bytes = {};
+        unreported_ -= element.size;
+        ++reported_;
+        --left_;
+        progress_ = Clock::now();
+        if (!why.empty()) {
+            return print(names_[i % names_.size()] + ": cannot be read by " + worker + ": " +
+                         printable(why));
+        }
+        repeated_ += delivery > 1 ? 1 : 0;
+        Share& share = shares_[worker];
+        ++share.elements;
+        share.bytes += size;
+        share.time += std::chrono::nanoseconds(time);
+    }
+
+    // Once a second: says how far it is and why it waits, and publishes again what is late: what
+    // the servers have refused, and, if there are no elements in the queue or with workers, what
+    // they had acknowledged. After an outage they may also keep what they never deliver: if nothing
+    // has happened for a minute, then two, then four, publishes that again as well.
+    void look() {
         print(sent());
         if (sentinel_->isReleased() && !std::exchange(isReleased_, true)) {
             print("the payload's memory was released after " +
-                  fixed(Seconds(now - start_).count(), 2) + " s");
+                  fixed(Seconds(Clock::now() - start_).count(), 2) + " s");
         }
-        std::vector<std::size_t> late;
-        std::unique_lock lock(mutex_);
-        for (std::size_t i = 0; i < elements_.size(); ++i) {
-            if (elements_[i].state == State::sent && now > elements_[i].due) {
-                elements_[i].due = now + 10s;
-                late.push_back(i);
-            }
-        }
-        lock.unlock();
-        auto const info = session_->look(late.empty() ? "" : subjectOf("*"));
+        auto const info = session_->look();
         if (!info) {
             return;
         }
-        std::set<std::string> queued;
-        auto const* const subjects = info->State.Subjects;
-        for (int k = 0; subjects != nullptr && k < subjects->Count; ++k) {
-            queued.emplace(subjects->List[k].Subject);
-        }
-        bool const isStuck = !late.empty() && now - progress_.load() > stuck_;
-        stuck_ *= isStuck ? 2 : 1;
-        for (std::size_t const i : late) {
-            if (isStuck || !queued.contains(subjectOf(i))) {
-                lock.lock();
-                auto message = makeElement(subjectOf(i), elements_[i].label, elements_[i].bytes);
-                bool const isReported = elements_[i].state == State::reported;
-                lock.unlock();
-                if (!isReported) {
-                    store(std::move(message));
-                }
-            }
-        }
+        auto const now = Clock::now();
+        auto const quiet = now - progress_.load();
         // Senders that do not know of each other must not fill the stream beyond its limit.
         bool const isFull = std::cmp_greater_equal(info->State.Bytes, session_->limit());
-        lock.lock();
+        std::unique_lock lock(mutex_);
         window_ = isFull ? 0 : std::min(window, static_cast<std::size_t>(session_->limit() / 8));
         changed_.notify_all();
+        auto why = std::exchange(trouble_, {});
+        bool const isLost = info->State.Msgs == 0 || quiet > 60s;
+        std::vector<Message> again;
+        for (std::size_t i = 0; i < elements_.size(); ++i) {
+            Element& element = elements_[i];
+            if (element.due < now && (element.state == State::sent || isLost)) {
+                element.due =
+                    now +
+                    (element.state == State::sent ? 10s : std::max<Clock::duration>(quiet, 10s));
+                again.push_back(makeMessage(i));
+            }
+        }
         lock.unlock();
-        waitFor(isFull ? "the stream has reached its limit (--max-bytes)" : "");
+        std::for_each(again.begin(), again.end(), [this](auto& each) { store(std::move(each)); });
+        if (isFull) {
+            why = "the stream has reached its limit (--max-bytes)";
+        } else if (why.empty() && quiet > 10s) {
+            why = "no worker has reported for 10 s";
+        }
+        waitFor(why);
     }
 
     // Called with the reason while servers or workers are away, or servers full. After Control-C,
@@ -310,54 +296,45 @@ private:
 
     // Prints the table of the workers. Returns the exit status.
     [[nodiscard]] int conclude() {
+        Seconds const time = Clock::now() - start_;
         Share all;
         std::vector<Row> rows{{"worker", "elements", "bytes", "seconds", "MB/s"}};
-        auto const add = [&rows](std::string const& name, Share const& share) {
-            rows.push_back({name, grouped(share.elements), grouped(share.bytes),
-                            fixed(share.time.count(), 2), speed(share.bytes, share.time)});
-        };
         for (auto const& [worker, share] : shares_) {
-            add(worker, share);
+            rows.push_back({worker, grouped(share.elements), grouped(share.bytes),
+                            fixed(share.time.count(), 2), speed(share.bytes, share.time)});
             all.elements += share.elements;
             all.bytes += share.bytes;
         }
-        all.time = Clock::now() - start_;
-        add("all, from start to end", all);
         std::cout << '\n';
         printTable(std::cout, rows, "<>>>>");
-        double const rate = static_cast<double>(all.elements) / all.time.count();
+        auto const rate = static_cast<double>(all.elements) / time.count();
         std::cout << '\n'
                   << all.elements << " of " << counted(elements_.size(), "element") << " decoded, "
                   << repeated_ << " of them delivered more than once, "
-                  << grouped(static_cast<std::size_t>(rate)) << " a second\n";
+                  << grouped(static_cast<std::size_t>(rate)) << " a second, "
+                  << speed(all.bytes, time) << " MB/s\n";
         if (all.elements == elements_.size()) {
             return 0;
         }
-        print((isStopped_ ? "stopped when " : "") + sent());
-        return isStopped_ ? 130 : 1;
+        print((stop_.stop_requested() ? "stopped when " : "") + sent());
+        return stop_.stop_requested() ? 130 : 1;
     }
 
     [[nodiscard]] std::string sent() {
         std::lock_guard const lock(mutex_);
-        auto const reached = [this](State state) {
-            auto const has = [state](Element const& element) { return element.state >= state; };
-            return std::to_string(std::count_if(elements_.begin(), elements_.end(), has));
-        };
-        return reached(State::sent) + " of " + counted(elements_.size(), "element") + " sent, " +
-               reached(State::reported) + " reported";
+        return std::to_string(sent_) + " of " + counted(elements_.size(), "element") + " sent, " +
+               std::to_string(reported_) + " reported";
     }
 
-    [[nodiscard]] std::string subjectOf(std::string const& element) const {
-        return options_.nats.stream + '.' + run_ + '.' + element;
-    }
-    [[nodiscard]] std::string subjectOf(std::size_t i) const {
-        return subjectOf(std::to_string(i));
+    [[nodiscard]] Message makeMessage(std::size_t i) const {
+        return makeElement(subjects_ + std::to_string(i), elements_[i].label, elements_[i].bytes);
     }
 
     static void print(std::string const& text) { std::cerr << "sender: " + text + '\n'; }
 
     Options const& options_;
     std::string const run_ = randomName();
+    std::string const subjects_ = options_.nats.stream + '.' + run_ + '.'; // of the elements
     stop_source stop_;
     Clock::time_point start_ = Clock::now(); // of sending
     std::vector<std::string> names_;         // of the files, which the elements repeat
@@ -370,18 +347,18 @@ private:
     std::mutex mutex_; // guards what follows
     std::condition_variable changed_;
     std::vector<Element> elements_;
-    std::size_t unreported_ = 0;          // bytes that were published
-    std::size_t window_ = 0;              // the most of them
-    std::map<std::string, Share> shares_; // by worker
-    std::size_t repeated_ = 0;
-
-    std::size_t ignored_ = 0; // used by the thread that receives reports only
+    std::size_t sent_ = 0;
+    std::size_t reported_ = 0;
+    std::size_t unreported_ = 0; // bytes that were published
+    std::size_t window_ = 0;     // the most of them
+    std::string trouble_;        // why something could not be stored
 
     // Used by the main thread only.
+    std::map<std::string, Share> shares_; // by worker
+    std::size_t repeated_ = 0;
+    std::size_t ignored_ = 0;
     bool isReleased_ = false;
     bool isStopped_ = false;
-    Clock::time_point looked_{};
-    std::chrono::seconds stuck_{60};
     Clock::time_point complained_{};
 
     std::optional<Session> session_; // its callbacks use what is above

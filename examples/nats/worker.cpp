@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Takes elements from a queue that it shares with other workers, and decodes each in place. Prints
-// a line for each: run, element, wire format, bytes, CRC-32, how often it was delivered.
+// a line for each: the run, and what it reports.
 
-#include "examples/modules/formats/ReadLimit.h"
 #include "examples/nats/Session.h"
 #include "examples/program/Coding.h"
 #include "examples/program/Run.h"
@@ -18,6 +17,7 @@
 #include <future>
 #include <iostream>
 #include <map>
+#include <span>
 
 namespace {
 
@@ -27,15 +27,13 @@ using namespace courier::examples::nats;
 
 struct Options {
     Servers nats;
-    std::string name;
+    std::string name = "worker-" + randomName();
     std::uint64_t readLimit = defaultReadLimit;
     int redeliverAfter = 10; // seconds
     unsigned patience = 600; // seconds that decoding one element may take
 };
 
-struct Stopped {}; // thrown after Control-C, while servers are away
-
-std::atomic<bool> isDecoding = false; // in this process
+std::atomic<bool> isDone = false;
 
 class Worker {
 public:
@@ -43,27 +41,25 @@ public:
         : options_(options), catalogue_(catalogue), stop_(std::move(stop)),
           session_(options.nats, "worker", [this](auto const& why) { waitFor(why); }) {
         session_.join("workers", std::chrono::seconds(options.redeliverAfter));
-        // Runs before what was registered earlier: a decoder that calls exit() must not look like a
-        // worker that has done its work.
-        std::atexit([] { isDecoding ? ::_exit(1) : void(); });
     }
 
     void run() {
+        // A decoder that calls exit() must not look like a worker that has done its work.
+        std::atexit([] { isDone ? void() : ::_exit(1); });
         say("ready");
         std::size_t ahead = 1; // elements to take at once
         while (!stop_.stop_requested()) {
-            auto messages = session_.fetch(ahead, 500ms);
+            auto const messages = session_.fetch(ahead, 500ms);
             auto const start = Clock::now();
-            work(std::move(messages));
+            work(messages);
             // None waits here for long while another worker is idle.
             ahead = Clock::now() - start < 200ms ? std::min<std::size_t>(2 * ahead, 256)
                                                  : (ahead + 1) / 2;
         }
+        isDone = true;
     }
 
 private:
-    static constexpr auto share = 10ms; // of work between two reports
-
     void say(std::string const& text) const { std::cerr << options_.name + ": " + text + '\n'; }
 
     void waitFor(std::string const& why) {
@@ -72,143 +68,133 @@ private:
         }
         isWaiting_ = !why.empty();
         if (isWaiting_ && stop_.stop_requested()) {
-            throw Stopped();
+            ::_exit(0); // what it has in hand goes to other workers
         }
     }
 
     // Other threads decode, one after the other, while this one tells the servers that it is at
     // work on what it has taken. When a thread ends, its cache of memory is freed, so nothing that
-    // it has allocated may outlive it in another cache.
-    void work(std::vector<Message> messages) {
-        std::vector<std::string> replies(messages.size());
-        std::transform(messages.begin(), messages.end(), replies.begin(),
-                       [](auto const& message) { return natsMsg_GetReply(message.get()); });
+    // it has allocated may outlive it in another cache. The messages live until all are done: the
+    // client library frees them in a thread of its own, and waking that up for each takes long.
+    void work(Messages const& messages) {
         auto const interval = std::chrono::milliseconds(options_.redeliverAfter * 1000 / 3);
         auto told = Clock::now();
-        for (std::size_t next = 0; next < messages.size() && !stop_.stop_requested();) {
+        for (auto first = messages.begin(); first != messages.end() && !stop_.stop_requested();) {
             auto const start = Clock::now();
-            auto part = std::async(std::launch::async, [&, first = next]() mutable {
-                isDecoding = true;
+            auto part = std::async(std::launch::async, [&, next = first]() mutable {
+                ::alarm(options_.patience + 5); // the system ends a process that hangs
                 do {
-                    handle(std::move(messages[first]), replies[first]);
-                } while (++first < messages.size() && Clock::now() - start < share);
-                isDecoding = false;
+                    handle(*next);
+                } while (++next != messages.end() && Clock::now() - start < 10ms);
                 ::alarm(0);
                 report();
-                return first;
+                answer({first, next}, "+ACK");
+                return next;
             });
             while (part.wait_until(told + interval) != std::future_status::ready) {
-                for (std::size_t i = next; i < replies.size(); ++i) {
-                    session_.publish(replies[i], "+WPI");
-                }
+                answer({first, messages.end()}, "+WPI");
                 told = Clock::now();
             }
-            next = part.get(); // the thread has ended
-            if (Clock::now() - start > 2 * share) {
+            first = part.get(); // the thread has ended
+            if (Clock::now() - start > 20ms) {
                 ::malloc_trim(0); // so that it does not add to what the next one takes
             }
         }
     }
 
-    void handle(Message message, std::string const& reply) {
+    void publish(std::string const& subject, std::string const& text) const {
+        natsConnection_PublishString(session_.connection(), subject.c_str(), text.c_str());
+    }
+
+    void answer(std::span<std::shared_ptr<natsMsg> const> messages, std::string const& text) const {
+        for (auto const& message : messages) {
+            publish(natsMsg_GetReply(message.get()), text);
+        }
+    }
+
+    void handle(std::shared_ptr<natsMsg> const& message) {
         std::string run;
+        std::string element;
         Label label;
-        Result result;
-        auto& [element, size, crc, delivery, time, why] = result;
         try {
-            auto const words = wordsOf(message.get());
-            run = words[1];
-            element = Json::parse(words[2]).get<std::uint64_t>();
+            std::tie(run, element) = subjectOf(message.get());
+            std::ignore = number(element);
             label = labelOf(message.get());
-        } catch (std::exception const& error) {
-            say(ignored(++ignored_, message.get(), error));
-            session_.publish(reply, "+ACK"); // nobody else can read it either
-            return;
+        } catch (std::exception const& error) { // nobody else can read it either
+            return say(ignored(++ignored_, message.get(), error));
         }
         ByteBufferView const bytes(textOf(message.get()));
-        size = bytes.size();
-        crc = std::get<2>(label);
-        delivery = deliveries(message.get());
+        jsMsgMetaData* data = nullptr;
+        natsMsg_GetMetaData(&data, message.get());
+        Owner<jsMsgMetaData, jsMsgMetaData_Destroy> const owner(data);
+        auto const delivery = data != nullptr ? data->NumDelivered : 0;
         auto const start = Clock::now();
+        auto const why =
+            delivery == 1 ? read(label, bytes, message) : readInChild(label, bytes, message);
+        auto const time = (Clock::now() - start) / 1ns;
+        auto const line = join({element, std::to_string(bytes.size()), std::to_string(label.crc),
+                                std::to_string(delivery), std::to_string(time), printable(why)},
+                               "\t");
+        std::cout << run << '\t' << line << '\n';
+        auto& report = reports_[run];
+        report += (report.empty() ? "" : "\n") + line;
+    }
+
+    // Returns why it cannot be read, or an empty text.
+    std::string read(Label const& label, ByteBufferView bytes,
+                     std::shared_ptr<natsMsg> message) const {
         try {
-            ByteBufferIStreambuf source(
-                std::make_unique<ByteBuffer>(adopt(bytes, std::move(message))));
-            if (crc32(bytes) != crc) {
-                throw std::runtime_error("the bytes are not those that were sent");
+            if (crc32(bytes) != label.crc) {
+                return "the bytes are not those that were sent";
             }
-            ::alarm(delivery == 1 ? options_.patience : 0); // the system ends a process that hangs
-            delivery == 1 ? read(label, source) : readInChild(label, source);
+            auto const deserialise = catalogue_.getDeserialiserFor(label.format, label.type);
+            ByteBufferIStreambuf source(std::make_unique<ByteBuffer>(adopt(bytes, message)));
+            auto const payload = decode(deserialise, source);
+            // Here a real worker would do its work with the payload.
+            return "";
         } catch (std::exception const& error) {
-            why = std::string(error.what()).substr(0, 500);
-            why += why.empty() ? "?" : "";
+            return error.what() + std::string(*error.what() == '\0' ? "?" : "");
         }
-        time = static_cast<std::uint64_t>(nanoseconds(Clock::now() - start));
-        std::cout << (why.empty() ? "decoded " : "failed ") + run + ' ' << element << ' '
-                  << ascii(std::get<0>(label)) << ' ' << size << ' ' << crc << ' ' << delivery
-                  << '\n';
-        auto& [answers, results] = done_[run];
-        answers.push_back(reply);
-        results.push_back(std::move(result));
     }
 
-    // Until its elements are acknowledged, another worker gets them if this one fails.
-    void report() {
-        std::cout.flush();
-        for (auto const& [run, each] : done_) {
-            session_.publish(options_.nats.reports() + '.' + run + '.' + options_.name,
-                             ascii(each.second));
-            for (auto const& reply : each.first) {
-                session_.publish(reply, "+ACK");
-            }
-        }
-        done_.clear();
-    }
-
-    // An element that is delivered again may have crashed a worker. A child process decodes it, so
+    // An element that is delivered again may have crashed a worker. A child process reads it, so
     // that it crashes no other worker, and the elements taken with it are not delivered again. The
     // child has a result only if it says so, whatever its status.
-    void readInChild(Label const& label, std::streambuf& source) const {
+    std::string readInChild(Label const& label, ByteBufferView bytes,
+                            std::shared_ptr<natsMsg> const& message) const {
         std::array<int, 2> ends{};
         ::pid_t const child = ::pipe(ends.data()) == 0 ? ::fork() : -1;
         if (child < 0) {
-            throw std::runtime_error("it was delivered before, and no process can be started");
+            return "it was delivered before, and no process can be started";
         }
         if (child == 0) {
             ::prctl(PR_SET_PDEATHSIG, SIGKILL);
             ::alarm(options_.patience);
-            std::string said = "=";
-            try {
-                read(label, source);
-            } catch (std::exception const& error) {
-                said += error.what();
-            }
-            ::_exit(::write(ends[1], said.data(), said.size()) > 0 ? 0 : 1);
+            auto const why = '=' + read(label, bytes, message);
+            ::_exit(::write(ends[1], why.data(), why.size()) > 0 ? 0 : 1);
         }
         ::close(ends[1]);
-        std::array<char, 1000> said{}; // as much as is printed, and more
-        ::ssize_t const size = ::read(ends[0], said.data(), said.size() - 1);
+        std::array<char, 1000> why{}; // as much as is printed, and more
+        ::ssize_t const size = ::read(ends[0], why.data(), why.size() - 1);
         ::close(ends[0]);
         int status = 0;
         ::waitpid(child, &status, 0);
-        if (size > 1) {
-            throw std::runtime_error(said.data() + 1);
+        if (size > 0) {
+            return why.data() + 1;
         }
-        int const number = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
-        if (number == SIGALRM) {
-            throw std::runtime_error("decoding it took longer than " +
-                                     std::to_string(options_.patience) + " s");
-        }
-        if (size < 1) {
-            throw std::runtime_error(
-                "decoding it ended the process" +
-                (number != 0 ? " with signal " + std::to_string(number) : std::string()));
-        }
+        int const signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
+        return signal == SIGALRM
+                   ? "decoding it took longer than " + std::to_string(options_.patience) + " s"
+                   : "decoding it ended the process with signal " + std::to_string(signal);
     }
 
-    void read(Label const& label, std::streambuf& source) const {
-        auto const& [wireFormat, type, sum] = label;
-        auto const payload = decode(catalogue_.getDeserialiserFor(wireFormat, type), source);
-        // Here a real worker would do its work with the payload.
+    // What is not acknowledged after it, because this worker fails, another worker gets.
+    void report() {
+        std::cout.flush();
+        for (auto const& [run, text] : reports_) {
+            publish(options_.nats.stream + "-reports." + run + '.' + options_.name, text);
+        }
+        reports_.clear();
     }
 
     Options const& options_;
@@ -216,16 +202,14 @@ private:
     stop_token stop_;
     std::size_t ignored_ = 0;
     bool isWaiting_ = false;
-    // By run: the replies of elements that are done, and the results.
-    std::map<std::string, std::pair<std::vector<std::string>, std::vector<Result>>> done_;
-    Session session_; // its callbacks use what is above
+    std::map<std::string, std::string> reports_; // by run
+    Session session_;                            // its callbacks use what is above
 };
 
 } // namespace
 
 int main(int argc, char** argv) {
     Options options;
-    options.name = "worker-" + randomName();
     ::mallopt(M_MMAP_THRESHOLD, 1 << 16); // large blocks return to the system at once
     CLI::App app("Decodes the elements that senders put into a stream, together with all other "
                  "workers of it, until Control-C.",
@@ -244,10 +228,7 @@ int main(int argc, char** argv) {
     addReadLimit(app, options.readLimit);
     return run(app, argc, argv, options.name, options.readLimit,
                [&](auto const& catalogue, stop_source const& stop) {
-                   try {
-                       Worker(options, catalogue, stop.get_token()).run();
-                   } catch (Stopped const&) { // what it has in hand goes to other workers
-                   }
+                   Worker(options, catalogue, stop.get_token()).run();
                    return 0;
                });
 }

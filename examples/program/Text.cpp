@@ -5,6 +5,7 @@
 #include <iomanip>
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
 
 namespace courier::examples {
 
@@ -46,7 +47,7 @@ std::string fixed(double value, int decimals) {
 std::string grouped(std::size_t n) {
     std::string digits = std::to_string(n);
     for (std::size_t i = digits.size(); i > 3;) {
-        digits.insert(i -= 3, ",");
+        digits.insert(i -= 3, 1, ',');
     }
     return digits;
 }
@@ -75,10 +76,16 @@ std::string join(std::vector<std::string> const& texts, std::string_view separat
     return joined;
 }
 
-std::vector<std::string> split(std::string_view text, char separator) {
+std::vector<std::string> split(std::string_view text, char separator, std::size_t count) {
     std::vector<std::string> texts{""};
     for (char const c : text) {
         c == separator ? void(texts.emplace_back()) : texts.back().push_back(c);
+        if (count != 0 && texts.size() > count) {
+            break; // whatever the text has, it does not take more memory
+        }
+    }
+    if (count != 0 && texts.size() != count) {
+        throw std::runtime_error("it does not have " + std::to_string(count) + " parts");
     }
     return texts;
 }

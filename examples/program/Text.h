@@ -36,8 +36,10 @@ void printTable(std::ostream& out, std::vector<Row> const& rows, std::string_vie
 /// One after the other, with a separator in between.
 [[nodiscard]] std::string join(std::vector<std::string> const& texts, std::string_view separator);
 
-/// The texts between the separators: one more than there are separators.
-[[nodiscard]] std::vector<std::string> split(std::string_view text, char separator);
+/// The texts between the separators: one more than there are separators. Throws std::runtime_error
+/// unless there are `count`, if that is not 0.
+[[nodiscard]] std::vector<std::string> split(std::string_view text, char separator,
+                                             std::size_t count = 0);
 
 } // namespace courier::examples
 
